@@ -11,6 +11,7 @@
 #include "capture.hpp"
 #include "platform/bits.h"
 #include "vsan_bitset.h"
+#include "zfx_testing.h"
 
 namespace {
 
@@ -133,6 +134,15 @@ TEST(VsanBitset, LayoutAndElementaryOperations) {
     EXPECT_EQ(n->len, 7u);  // the copy leaves the length word alone
     EXPECT_EQ(vsan_bitset_equal(n, &s), 1);
     vsan_bitset_delete(n);
+
+    zfx_testing_fail_allocation(1);
+    EXPECT_EQ(vsan_bitset_new(), nullptr);
+    EXPECT_EQ(zfx_testing_allocation_count(), 1u);
+    zfx_testing_fail_allocation(1);
+    zfxtest::Capture out;
+    vsan_bitset_printf(&s);  // prints nothing when its work buffer cannot be had
+    zfx_testing_fail_allocation(0);
+    EXPECT_EQ(out.text(), "");
 }
 
 TEST(VsanBitset, RangeValueMatchesModelForEveryShortRun) {

@@ -1,11 +1,30 @@
 // The shared helpers of zfx_internal.hpp that are not inline.
 #include "zfx_internal.hpp"
 
+#include "zfx_testing.h"
+
 namespace zfx {
 
-void *mem_alloc(size_t size) { return std::malloc(size); }
+namespace {
 
-void *mem_zalloc(size_t size) { return std::calloc(1, size); }
+#ifdef ZFX_TESTING
+uint32_t g_fail_at;     // 0: never fail
+uint32_t g_attempts;    // since the last zfx_testing_fail_allocation
+
+// True when this allocation is the one a test asked to fail.
+bool injected_failure() {
+    ++g_attempts;
+    return g_fail_at != 0 && g_attempts == g_fail_at;
+}
+#else
+constexpr bool injected_failure() { return false; }
+#endif
+
+}  // namespace
+
+void *mem_alloc(size_t size) { return injected_failure() ? nullptr : std::malloc(size); }
+
+void *mem_zalloc(size_t size) { return injected_failure() ? nullptr : std::calloc(1, size); }
 
 size_t fmt_bounded(char *buf, size_t size, const char *fmt, ...) {
     if (buf == nullptr || size == 0) return 0;
@@ -21,3 +40,16 @@ size_t fmt_bounded(char *buf, size_t size, const char *fmt, ...) {
 }
 
 }  // namespace zfx
+
+#ifdef ZFX_TESTING
+extern "C" {
+
+void zfx_testing_fail_allocation(uint32_t nth) {
+    zfx::g_fail_at = nth;
+    zfx::g_attempts = 0;
+}
+
+uint32_t zfx_testing_allocation_count(void) { return zfx::g_attempts; }
+
+}  // extern "C"
+#endif

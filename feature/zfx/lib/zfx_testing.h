@@ -1,0 +1,25 @@
+/*
+ * zfx_testing.h - hooks that exist only in test builds of libzfx (CMake option ZFX_TESTING, on
+ * whenever the tests are built). A library built for installation leaves them out
+ * (-DZFX_BUILD_TESTS=OFF), so they are never part of its interface.
+ */
+#ifndef ZFX_TESTING_H
+#define ZFX_TESTING_H
+
+#include "zfx_common.h"
+
+ZFX_EXTERN_C_BEGIN
+
+#ifdef ZFX_TESTING
+/* From now on, the nth allocation that libzfx makes with the standard allocator (1 = the next one)
+ * fails as if memory were exhausted; the ones before and after it succeed. 0 turns failure off.
+ * Also resets the allocation counter. */
+ZFX_API void zfx_testing_fail_allocation(uint32_t nth);
+/* Allocations libzfx attempted with the standard allocator since the last
+ * zfx_testing_fail_allocation call (the failed one included). */
+ZFX_API uint32_t zfx_testing_allocation_count(void);
+#endif
+
+ZFX_EXTERN_C_END
+
+#endif /* ZFX_TESTING_H */
