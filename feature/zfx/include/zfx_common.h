@@ -114,6 +114,13 @@ ZFX_API extern int32_t debug_cli;
 /* The local switch's WWN, 8 bytes in printing order. */
 ZFX_API extern uint8_t local_switch_wwn[8];
 
+/* ---- tracked allocation counters -------------------------------------------------------------
+ * The store lists of the virtual-domain and persistent-FCID tables come from the platform's
+ * tracked allocator (owner 180). Plain process-wide counters, incremented without locking. */
+ZFX_API extern uint64_t zfx_num_mem_allocs; /* successful tracked allocations */
+ZFX_API extern uint64_t zfx_num_callocs;    /* of them, the zero-filled ones */
+ZFX_API extern uint64_t zfx_num_mem_frees;  /* tracked releases */
+
 /* ---- process-wide storage kept for the feature's service ------------------------------------
  * Zero at load. None of the library's own functions reads or writes these; the feature's
  * service owns their contents. Sizes are bytes.

@@ -5,26 +5,23 @@
 
 namespace zfx {
 
-namespace {
-
 #ifdef ZFX_TESTING
-uint32_t g_fail_at;     // 0: never fail
-uint32_t g_attempts;    // since the last zfx_testing_fail_allocation
+namespace {
+uint32_t g_fail_at;   // 0: never fail
+uint32_t g_attempts;  // since the last zfx_testing_fail_allocation
+}  // namespace
 
-// True when this allocation is the one a test asked to fail.
-bool injected_failure() {
+bool injected_alloc_failure() {
     ++g_attempts;
     return g_fail_at != 0 && g_attempts == g_fail_at;
 }
 #else
-constexpr bool injected_failure() { return false; }
+bool injected_alloc_failure() { return false; }
 #endif
 
-}  // namespace
+void *mem_alloc(size_t size) { return injected_alloc_failure() ? nullptr : std::malloc(size); }
 
-void *mem_alloc(size_t size) { return injected_failure() ? nullptr : std::malloc(size); }
-
-void *mem_zalloc(size_t size) { return injected_failure() ? nullptr : std::calloc(1, size); }
+void *mem_zalloc(size_t size) { return injected_alloc_failure() ? nullptr : std::calloc(1, size); }
 
 size_t fmt_bounded(char *buf, size_t size, const char *fmt, ...) {
     if (buf == nullptr || size == 0) return 0;

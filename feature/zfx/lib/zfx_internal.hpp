@@ -63,6 +63,10 @@ inline void swap16_at(void *p) { store(p, bswap(load<uint16_t>(p))); }
 void *mem_alloc(size_t size);
 void *mem_zalloc(size_t size);  // zero-filled
 
+// True when a test build was asked to fail this allocation; every allocating path of the library
+// (the standard allocator above and the tracked allocator) asks it once per allocation.
+bool injected_alloc_failure();
+
 // ---- status helpers -----------------------------------------------------------------------------
 
 // The code for a platform call that returned -1: errno's low 12 bits under the library's prefix.

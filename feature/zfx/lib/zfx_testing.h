@@ -11,12 +11,12 @@
 ZFX_EXTERN_C_BEGIN
 
 #ifdef ZFX_TESTING
-/* From now on, the nth allocation that libzfx makes with the standard allocator (1 = the next one)
- * fails as if memory were exhausted; the ones before and after it succeed. 0 turns failure off.
- * Also resets the allocation counter. */
+/* From now on, the nth allocation that libzfx makes (1 = the next one), with the standard
+ * allocator or the tracked allocator, fails as if memory were exhausted; the ones before and after
+ * it succeed. 0 turns failure off. Also resets the allocation counter. */
 ZFX_API void zfx_testing_fail_allocation(uint32_t nth);
-/* Allocations libzfx attempted with the standard allocator since the last
- * zfx_testing_fail_allocation call (the failed one included). */
+/* Allocations libzfx attempted since the last zfx_testing_fail_allocation call (the failed one
+ * included). */
 ZFX_API uint32_t zfx_testing_allocation_count(void);
 #endif
 
