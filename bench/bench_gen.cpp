@@ -1,0 +1,109 @@
+// Generation from an LMDB store against a bare LMDB cursor scan of the same records (the
+// reference: the least any reader of the table must do). Topology entries of 516-byte VSAN sets,
+// as the feature's service writes them.
+#include <benchmark/benchmark.h>
+#include <lmdb.h>
+#include <stdlib.h>
+
+#include <cstring>
+#include <filesystem>
+#include <string>
+
+#include "platform/kvdb.h"
+#include "platform/ptxt.h"
+#include "zfx_ascii_cfg.h"
+#include "zfx_fabric.h"
+
+namespace {
+
+// A store of n topology entries in a temporary directory, removed at exit.
+struct Store {
+    std::string dir;
+    explicit Store(int n) {
+        std::string tmpl = (std::filesystem::temp_directory_path() / "zfx-bench-XXXXXX").string();
+        dir = mkdtemp(tmpl.data());
+        const std::string loc = dir + "/zfx_startup_config";
+        kvdb_store *w = kvdb_create(loc.c_str(), nullptr);
+        kvdb_txn_begin(w);
+        for (int i = 0; i < n; ++i) {
+            uint8_t key[13] = {0x65, 1, uint8_t(i), uint8_t(i >> 8), 0x20, 0, 0, 0, 0, 0, uint8_t(i), 1, 3};
+            uint8_t set[516] = {0, 2, 0, 0};
+            for (int v = 1; v < 4096; v += 1 + (i + v) % 7) set[4 + v / 8] |= uint8_t(0x80 >> (v % 8));
+            kvdb_datum k{key, sizeof key}, val{set, sizeof set};
+            kvdb_put(w, &k, &val);
+        }
+        kvdb_txn_commit(w);
+        kvdb_close(w);
+    }
+    ~Store() { std::filesystem::remove_all(dir); }
+    std::string location() const { return dir + "/zfx_startup_config"; }
+};
+
+void BM_BareLmdbScan(benchmark::State &state) {
+    Store s(int(state.range(0)));
+    MDB_env *env;
+    mdb_env_create(&env);
+    mdb_env_set_mapsize(env, size_t(256) << 20);
+    mdb_env_open(env, s.location().c_str(), MDB_RDONLY | MDB_NOTLS, 0644);
+    MDB_txn *txn;
+    MDB_dbi dbi;
+    mdb_txn_begin(env, nullptr, MDB_RDONLY, &txn);
+    mdb_dbi_open(txn, nullptr, 0, &dbi);
+    for (auto _ : state) {
+        MDB_cursor *cur;
+        mdb_cursor_open(txn, dbi, &cur);
+        uint8_t start[2] = {0x65, 1};
+        MDB_val k{sizeof start, start}, v;
+        uint64_t sum = 0;
+        for (int rc = mdb_cursor_get(cur, &k, &v, MDB_SET_RANGE); rc == 0 && k.mv_size == 13 &&
+                                                                     static_cast<uint8_t *>(k.mv_data)[0] == 0x65;
+             rc = mdb_cursor_get(cur, &k, &v, MDB_NEXT))
+            sum += static_cast<uint8_t *>(v.mv_data)[100];
+        benchmark::DoNotOptimize(sum);
+        mdb_cursor_close(cur);
+    }
+    mdb_txn_abort(txn);
+    mdb_env_close(env);
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+
+// The topology list: a counting walk and a filling walk through the platform's cursor.
+void BM_TopologyList(benchmark::State &state) {
+    Store s(int(state.range(0)));
+    kvdb_store *store = kvdb_open(s.location().c_str(), nullptr);
+    for (auto _ : state) {
+        zfx_vsan_topo_list *list;
+        uint32_t size;
+        zfx_vsan_topo_config_get(store, ZFX_VT_TABLE, 3, &list, &size);
+        benchmark::DoNotOptimize(list);
+        free(list);
+    }
+    kvdb_close(store);
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+
+// The whole generation, rendered: the list, the range text and the lines.
+void BM_Generation(benchmark::State &state) {
+    Store s(int(state.range(0)));
+    kvdb_store *store = kvdb_open(s.location().c_str(), nullptr);
+    for (auto _ : state) {
+        uint32_t handle;
+        ptxt_hdl_init(&handle);
+        zfx_gen_request req{0, handle, ZFX_GEN_SELECT_GENERATE, 0};
+        zfx_ascii_cfg_generate(&req);
+        zfx_ascii_gen_from_kvdb(store);
+        char *text;
+        ptxt_render(handle, &text, nullptr);
+        benchmark::DoNotOptimize(text);
+        free(text);
+        ptxt_hdl_release(handle);
+    }
+    kvdb_close(store);
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+
+BENCHMARK(BM_BareLmdbScan)->Arg(2000);
+BENCHMARK(BM_TopologyList)->Arg(2000);
+BENCHMARK(BM_Generation)->Arg(2000);
+
+}  // namespace

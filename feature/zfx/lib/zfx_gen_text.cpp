@@ -1,0 +1,45 @@
+// Line emission and the text forms shared by the sections of the configuration text.
+#include "zfx_gen_text.hpp"
+
+namespace zfx {
+
+uint32_t gen_handle;
+
+int32_t emit(uint32_t handle, uint32_t element, int32_t level, char *buf, size_t size, const char *fmt, ...) {
+    if (buf == nullptr || size < 2) return ZFX_ERR_INVALID_ARG;
+    va_list ap;
+    va_start(ap, fmt);
+    const int n = std::vsnprintf(buf, size, fmt, ap);
+    va_end(ap);
+    if (n < 0) return ZFX_ERR_INVALID_ARG;
+    if (size_t(n) >= size) {
+        const size_t f = std::strlen(fmt);
+        if (f != 0 && fmt[f - 1] == '\n') buf[size - 2] = '\n';
+    }
+    return level < 0 ? ptxt_elem_str_add(handle, element, buf)
+                     : ptxt_elem_str_add_indent(handle, element, buf, uint32_t(level));
+}
+
+void wwn_text(char (&out)[kWwnTextSize], const uint8_t *wwn) {
+    static constexpr char hex[] = "0123456789abcdef";
+    char *p = out;
+    for (size_t i = 0; i < 8; ++i) {
+        *p++ = hex[wwn[i] >> 4];
+        *p++ = hex[wwn[i] & 0xF];
+        *p++ = i < 7 ? ':' : '\0';
+    }
+}
+
+size_t cut_ranges(char *text, size_t max) {
+    size_t len = std::strlen(text);
+    if (len <= max) return len;
+    // Runs are joined by ","; the cut falls on the last separator within the limit.
+    len = max;
+    while (len > 0 && text[len] != ',') --len;
+    text[len] = '\0';
+    return len;
+}
+
+void report_null_store(const char *message) { std::perror(message); }
+
+}  // namespace zfx

@@ -1,0 +1,51 @@
+// Store access shared by every reader of the generation path: see zfx_kvdb_walk.hpp.
+#include "zfx_kvdb_walk.hpp"
+
+namespace zfx {
+
+const kvdb_datum *fetch(kvdb_store *store, const void *key, uint32_t key_len, int32_t &status) {
+    kvdb_datum k{const_cast<void *>(key), key_len};
+    status = ZFX_ERR_KVDB;  // a store that answers without setting a status has failed
+    const kvdb_datum *v = kvdb_fetch(store, &k, &status);
+    return status == 0 ? v : nullptr;
+}
+
+size_t copy_value(void *dst, size_t size, const kvdb_datum *value) {
+    if (value == nullptr || value->data == nullptr) return 0;
+    const size_t n = value->len < size ? value->len : size;
+    std::memcpy(dst, value->data, n);
+    return n;
+}
+
+int32_t key_check(const kvdb_datum *key, const KeyShape &shape) {
+    if (key == nullptr) return shape.bad_key;
+    if (key->len != shape.length) return shape.bad_length;
+    const uint8_t *k = static_cast<const uint8_t *>(key->data);
+    if (k == nullptr || k[0] != shape.table) return shape.bad_key;
+    if (shape.kinds != 0 && (shape.length < 2 || (kind_bit(k[1]) & shape.kinds) == 0)) return shape.bad_key;
+    return 0;
+}
+
+int32_t build_list(kvdb_store *store, const TableWalk &walk, const ListShape &shape, int32_t count,
+                   ListAlloc alloc, FillEntry fill, const void *fill_arg, void **list, uint32_t *size) {
+    *list = nullptr;
+    *size = 0;
+    uint32_t capacity =
+        count >= 0 ? uint32_t(count) : walk_table(store, walk, UINT32_MAX, [](const kvdb_datum &, const kvdb_datum &) {});
+    // The size must fit 32 bits (and the address space) on the switch as well.
+    if (capacity > (UINT32_MAX - shape.header) / shape.entry) return ZFX_ERR_NO_MEMORY;
+    const uint32_t bytes = shape.header + shape.entry * capacity;
+    uint8_t *block = static_cast<uint8_t *>(alloc(bytes));
+    if (block == nullptr) return ZFX_ERR_NO_MEMORY;
+    uint8_t *entry = block + shape.header;
+    const uint32_t filled = walk_table(store, walk, capacity, [&](const kvdb_datum &key, const kvdb_datum &value) {
+        fill(entry, key, value, fill_arg);
+        entry += shape.entry;
+    });
+    store_be32(block, filled);
+    *list = block;
+    *size = bytes;
+    return 0;
+}
+
+}  // namespace zfx

@@ -1,0 +1,127 @@
+// zfx_kvdb_walk.hpp - how the library reads the feature's store: single-record lookups with
+// bounded copies, the key checks of every table, and the one table walk that every list reader
+// (topology, AFID table, service groups, virtual domains, persistent FCIDs) is built on.
+//
+// A table is described, not coded: a KeyShape says what its keys look like and which codes its
+// check answers; a TableWalk says where the walk starts and which entries it takes; a ListShape
+// and a fill function say how an entry of its flat list is laid out. build_list does the rest:
+// a counting walk, one allocation, a filling walk from the same start key.
+#pragma once
+
+#include "platform/kvdb.h"
+#include "zfx_internal.hpp"
+
+namespace zfx {
+
+// ---- single records ---------------------------------------------------------------------------
+
+// Looks key up. Sets status to the store's status and returns the store's descriptor of the
+// value: NULL when status is non-zero or the store gave none ("no value"); a descriptor with NULL
+// data or length 0 is a value with no data.
+const kvdb_datum *fetch(kvdb_store *store, const void *key, uint32_t key_len, int32_t &status);
+
+// Copies at most size bytes of the value into dst; returns the bytes copied (0 for NULL).
+size_t copy_value(void *dst, size_t size, const kvdb_datum *value);
+
+// True when the value holds at least len bytes (a shorter record counts as missing).
+inline bool holds(const kvdb_datum *value, uint32_t len) {
+    return value != nullptr && value->data != nullptr && value->len >= len;
+}
+
+// ---- key checks -----------------------------------------------------------------------------------
+
+// What the keys of one table look like. kinds is a bit mask of the accepted second bytes
+// (kind_bit(k)); 0 leaves the second byte unchecked.
+struct KeyShape {
+    uint8_t table;
+    uint32_t kinds;
+    uint32_t length;
+    int32_t bad_key;     // a NULL key, another table, an unaccepted kind
+    int32_t bad_length;  // a length other than length
+};
+
+constexpr uint32_t kind_bit(uint8_t kind) { return kind < 32 ? 1u << kind : 0; }
+
+// Tests a NULL key, then the length, then the table byte, then the kind; the first failing test
+// decides the code. 0 when the key belongs to the table.
+int32_t key_check(const kvdb_datum *key, const KeyShape &shape);
+
+// ---- table walks -----------------------------------------------------------------------------------
+
+struct TableWalk {
+    KeyShape shape;            // the walk ends at the first key that fails this check
+    const void *start;         // the key the walk positions on first
+    uint32_t start_len;
+    uint32_t value_min = 0;    // a value shorter than this counts as missing: the key is passed over
+    bool past_start = false;   // a key equal to start is passed over (walks resuming after a key)
+    // Which keys are taken (NULL: all that pass the check); arg is the walk's own.
+    bool (*select)(const kvdb_datum &key, const void *arg) = nullptr;
+    const void *arg = nullptr;
+};
+
+// Calls visit(key, value) for the entries of the walk, in key order, at most limit of them, with
+// a cursor of its own; returns how many it visited. key and value stay valid until the store is
+// closed.
+template <typename Visit>
+uint32_t walk_table(kvdb_store *store, const TableWalk &w, uint32_t limit, Visit &&visit) {
+    kvdb_cursor cursor{};
+    kvdb_datum start{const_cast<void *>(w.start), w.start_len};
+    const kvdb_datum *key = kvdb_move2key(store, &start, &cursor);
+    if (key != nullptr && cursor.match == 0 && w.past_start) key = kvdb_move2location(store, KVDB_LOC_NEXT, &cursor);
+    uint32_t visited = 0;
+    for (; key != nullptr && visited < limit && key_check(key, w.shape) == 0;
+         key = kvdb_move2location(store, KVDB_LOC_NEXT, &cursor)) {
+        if (w.select != nullptr && !w.select(*key, w.arg)) continue;
+        const kvdb_datum *value = kvdb_getvalue(store, &cursor);
+        const kvdb_datum v = value != nullptr ? *value : kvdb_datum{nullptr, 0};
+        if (w.value_min != 0 && !holds(&v, w.value_min)) continue;
+        visit(*key, v);
+        ++visited;
+    }
+    return visited;
+}
+
+// ---- flat lists -------------------------------------------------------------------------------------
+
+// A list: header bytes (the first 4 the entry count, network order), then entries.
+struct ListShape {
+    uint32_t header;
+    uint32_t entry;
+};
+
+using ListAlloc = void *(*)(size_t size);  // a zero-filled block, or NULL
+// Fills one zeroed entry from a key that passed the walk's check and its value, which holds at
+// least the walk's value_min bytes (with value_min 0 it may hold none: bound the copy by it).
+using FillEntry = void (*)(uint8_t *entry, const kvdb_datum &key, const kvdb_datum &value, const void *arg);
+
+// Builds a table's list: count < 0 sizes it by a counting walk, otherwise count is its capacity.
+// Allocates header + entry x capacity bytes through alloc, fills at most capacity entries with a
+// second walk, and writes the number filled into the count word (the two walks can differ when
+// the store fails between them; the list never claims more than it holds). On success *list and
+// *size (the allocated size) are set and 0 returned; ZFX_ERR_NO_MEMORY leaves them NULL and 0.
+int32_t build_list(kvdb_store *store, const TableWalk &walk, const ListShape &shape, int32_t count,
+                   ListAlloc alloc, FillEntry fill, const void *fill_arg, void **list, uint32_t *size);
+
+// The standard allocator's zero-filled block, for lists the caller releases with free.
+inline void *list_zalloc(size_t size) { return mem_zalloc(size); }
+
+// The frame of an exported list builder whose list (a count word, then List::entries) the caller
+// frees: *list and *size are cleared first, NULL arguments answer ZFX_ERR_INVALID_ARG, and the
+// list is built by a counting walk and a filling walk.
+template <typename List>
+int32_t get_list(kvdb_store *store, const TableWalk &walk, FillEntry fill, const void *fill_arg, List **list,
+                 uint32_t *size) {
+    if (list != nullptr) *list = nullptr;
+    if (size != nullptr) *size = 0;
+    if (store == nullptr || list == nullptr || size == nullptr) return ZFX_ERR_INVALID_ARG;
+    constexpr uint32_t entry = sizeof(static_cast<List *>(nullptr)->entries[0]);
+    void *block;
+    const int32_t status = build_list(store, walk, ListShape{4, entry}, -1, list_zalloc, fill, fill_arg, &block, size);
+    *list = static_cast<List *>(block);
+    return status;
+}
+
+// The entry count of a list (network order in its first word); 0 for NULL.
+inline uint32_t list_count(const void *list) { return list == nullptr ? 0 : load_be32(list); }
+
+}  // namespace zfx

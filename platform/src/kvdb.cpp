@@ -1,0 +1,578 @@
+// The persistent store: an LMDB backend (a directory) and an in-memory backend ("mem:") behind
+// one handle type. The cursor logic (exact-match word, re-finding a cursor that is not the one
+// the handle moved last) is written once here; a backend only seeks, steps and looks up.
+#include "platform/kvdb.h"
+
+#include <lmdb.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <string>
+#include <string_view>
+
+namespace {
+
+constexpr size_t kMapSize = size_t(256) << 20;  // fits the i386 address space comfortably
+
+std::mutex g_lock;  // guards both registries and the in-memory stores' shared state
+
+bool valid_key(const kvdb_datum *key) {
+    return key != nullptr && key->len >= 1 && key->len <= KVDB_KEY_MAX && key->data != nullptr;
+}
+
+std::string_view view(const kvdb_datum &d) {
+    return d.len == 0 ? std::string_view() : std::string_view(static_cast<const char *>(d.data), d.len);
+}
+
+kvdb_datum datum(std::string_view s) { return kvdb_datum{const_cast<char *>(s.data()), uint32_t(s.size())}; }
+
+bool is_mem(const char *location) {
+    return std::strncmp(location, KVDB_LOCATION_MEM_PREFIX, sizeof KVDB_LOCATION_MEM_PREFIX - 1) == 0;
+}
+
+enum class Seek { ge, first, last, next, prev };
+
+}  // namespace
+
+// A handle. Reading handles implement the four backend operations; writing handles the three
+// write operations. The base keeps what every reader shares: the descriptors handed out by
+// kvdb_fetch and the serial of the cursor whose position the backend holds.
+struct kvdb_store {
+    explicit kvdb_store(bool w) : writer(w) {}
+    virtual ~kvdb_store() = default;
+
+    const bool writer;
+    std::deque<kvdb_datum> fetched;  // deque: handed-out descriptors never move
+    uint32_t serials = 0;
+    uint32_t cached = 0;  // serial of the cursor the backend position belongs to; 0: none
+
+    // Reading. Keys and values point into storage that lives as long as the handle.
+    virtual int32_t get(std::string_view /*key*/, kvdb_datum & /*value*/) { return KVDB_ERR_INVALID; }
+    virtual bool seek(Seek /*how*/, std::string_view /*key*/, kvdb_datum & /*found*/) { return false; }
+    virtual int32_t current(kvdb_datum & /*value*/) { return KVDB_ERR_INVALID; }
+    virtual bool move_fails() { return false; }
+
+    // Writing. A NULL value deletes the key.
+    virtual int32_t put(std::string_view /*key*/, const std::string_view * /*value*/) { return KVDB_ERR_INVALID; }
+    virtual int32_t begin() { return KVDB_ERR_INVALID; }
+    virtual int32_t end(bool /*commit*/) { return KVDB_ERR_INVALID; }
+};
+
+namespace {
+
+// ---- in-memory backend ------------------------------------------------------------------------
+
+using Map = std::map<std::string, std::string, std::less<>>;
+
+struct MemStore {
+    std::shared_ptr<Map> data = std::make_shared<Map>();  // committed contents
+    std::shared_ptr<Map> pending;                          // an open transaction's contents
+    int32_t open_status = 0;
+    int32_t key_status = 0;
+    std::string fault_key;
+    uint32_t cursor_fail_at = 0;
+};
+
+std::map<std::string, std::shared_ptr<MemStore>, std::less<>> g_mem;
+
+std::shared_ptr<MemStore> mem_find(const char *location, bool create) {
+    auto it = g_mem.find(std::string_view(location));
+    if (it != g_mem.end()) return it->second;
+    if (!create) return nullptr;
+    auto s = std::make_shared<MemStore>();
+    g_mem.emplace(location, s);
+    return s;
+}
+
+struct MemReader final : kvdb_store {
+    MemReader(std::shared_ptr<MemStore> s, std::shared_ptr<const Map> snap)
+        : kvdb_store(false), store(std::move(s)), map(std::move(snap)), pos(map->end()) {}
+
+    std::shared_ptr<MemStore> store;
+    std::shared_ptr<const Map> map;  // the snapshot this handle sees
+    Map::const_iterator pos;
+    uint32_t moves = 0;
+
+    int32_t injected(std::string_view key) {
+        std::lock_guard<std::mutex> g(g_lock);
+        return store->key_status != 0 && key == store->fault_key ? store->key_status : 0;
+    }
+    int32_t get(std::string_view key, kvdb_datum &value) override {
+        if (int32_t st = injected(key)) return st;
+        auto it = map->find(key);
+        if (it == map->end()) return KVDB_NOT_FOUND;
+        value = datum(it->second);
+        return 0;
+    }
+    bool seek(Seek how, std::string_view key, kvdb_datum &found) override {
+        switch (how) {
+        case Seek::ge: pos = map->lower_bound(key); break;
+        case Seek::first: pos = map->begin(); break;
+        case Seek::last: pos = map->empty() ? map->end() : std::prev(map->end()); break;
+        case Seek::next: pos = pos == map->end() ? pos : std::next(pos); break;
+        case Seek::prev: pos = pos == map->begin() || pos == map->end() ? map->end() : std::prev(pos); break;
+        }
+        if (pos == map->end()) return false;
+        found = datum(pos->first);
+        return true;
+    }
+    int32_t current(kvdb_datum &value) override {
+        if (pos == map->end()) return KVDB_NOT_FOUND;
+        if (int32_t st = injected(pos->first)) return st;
+        value = datum(pos->second);
+        return 0;
+    }
+    bool move_fails() override {
+        std::lock_guard<std::mutex> g(g_lock);
+        ++moves;
+        return store->cursor_fail_at != 0 && moves >= store->cursor_fail_at;
+    }
+};
+
+struct MemWriter final : kvdb_store {
+    explicit MemWriter(std::shared_ptr<MemStore> s) : kvdb_store(true), store(std::move(s)) {}
+    ~MemWriter() override {
+        if (in_txn) end(false);
+    }
+    std::shared_ptr<MemStore> store;
+    bool in_txn = false;
+
+    int32_t put(std::string_view key, const std::string_view *value) override {
+        std::lock_guard<std::mutex> g(g_lock);
+        if (!in_txn && store->pending) return KVDB_ERR_TXN;
+        std::shared_ptr<Map> &target = in_txn ? store->pending : store->data;
+        // Readers hold the committed map: copy it before changing it under them.
+        if (!in_txn && target.use_count() > 1) target = std::make_shared<Map>(*target);
+        if (value == nullptr) {
+            auto it = target->find(key);
+            if (it == target->end()) return KVDB_NOT_FOUND;
+            target->erase(it);
+            return 0;
+        }
+        target->insert_or_assign(std::string(key), std::string(*value));
+        return 0;
+    }
+    int32_t begin() override {
+        std::lock_guard<std::mutex> g(g_lock);
+        if (store->pending) return KVDB_ERR_TXN;
+        store->pending = std::make_shared<Map>(*store->data);
+        in_txn = true;
+        return 0;
+    }
+    int32_t end(bool commit) override {
+        std::lock_guard<std::mutex> g(g_lock);
+        if (!in_txn) return KVDB_ERR_TXN;
+        if (commit) store->data = std::move(store->pending);
+        store->pending.reset();
+        in_txn = false;
+        return 0;
+    }
+};
+
+// ---- LMDB backend -------------------------------------------------------------------------------
+// LMDB forbids opening one environment twice in a process (its locks are per process), so every
+// handle on a directory shares one environment, found by the directory's device and inode.
+
+struct Env {
+    MDB_env *env = nullptr;
+    MDB_dbi dbi = 0;
+    dev_t dev = 0;
+    ino_t ino = 0;
+    int refs = 0;
+    bool txn_open = false;  // a write transaction of this process is under way
+};
+
+std::map<std::pair<dev_t, ino_t>, Env *> g_envs;
+
+int32_t lmdb_status(int rc) {
+    if (rc == 0) return 0;
+    if (rc == MDB_NOTFOUND) return KVDB_NOT_FOUND;
+    if (rc == MDB_MAP_FULL) return KVDB_ERR_FULL;
+    if (rc == ENOMEM) return KVDB_ERR_NO_MEMORY;
+    return KVDB_ERR_IO;
+}
+
+// Takes a reference on the environment of the directory at path (opening it when needed).
+int32_t env_acquire(const char *path, Env *&out) {
+    struct stat st;
+    if (stat(path, &st) != 0 || !S_ISDIR(st.st_mode)) return KVDB_ERR_OPEN;
+    std::lock_guard<std::mutex> g(g_lock);
+    auto it = g_envs.find({st.st_dev, st.st_ino});
+    if (it != g_envs.end()) {
+        ++it->second->refs;
+        out = it->second;
+        return 0;
+    }
+    auto *e = new Env;
+    e->dev = st.st_dev;
+    e->ino = st.st_ino;
+    int rc = mdb_env_create(&e->env);
+    if (rc == 0) rc = mdb_env_set_mapsize(e->env, kMapSize);
+    // NOTLS: several read transactions (handles) may live in one thread.
+    if (rc == 0) {
+        rc = mdb_env_open(e->env, path, MDB_NOTLS, 0644);
+        if (rc == EACCES || rc == EROFS) rc = mdb_env_open(e->env, path, MDB_NOTLS | MDB_RDONLY, 0644);
+    }
+    MDB_txn *txn = nullptr;
+    if (rc == 0) rc = mdb_txn_begin(e->env, nullptr, MDB_RDONLY, &txn);
+    if (rc == 0) rc = mdb_dbi_open(txn, nullptr, 0, &e->dbi);
+    if (txn != nullptr) mdb_txn_abort(txn);
+    if (rc != 0) {
+        if (e->env != nullptr) mdb_env_close(e->env);
+        delete e;
+        return rc == ENOMEM ? KVDB_ERR_NO_MEMORY : KVDB_ERR_OPEN;
+    }
+    e->refs = 1;
+    g_envs[{e->dev, e->ino}] = e;
+    out = e;
+    return 0;
+}
+
+void env_release(Env *e) {
+    std::lock_guard<std::mutex> g(g_lock);
+    if (--e->refs > 0) return;
+    g_envs.erase({e->dev, e->ino});
+    mdb_env_close(e->env);
+    delete e;
+}
+
+MDB_val mval(std::string_view s) { return MDB_val{s.size(), const_cast<char *>(s.data())}; }
+kvdb_datum datum(const MDB_val &v) { return kvdb_datum{v.mv_data, uint32_t(v.mv_size)}; }
+
+// A read handle keeps one read transaction for its whole life: that is what keeps every value it
+// handed out valid until it is closed.
+struct LmdbReader final : kvdb_store {
+    LmdbReader() : kvdb_store(false) {}
+    ~LmdbReader() override {
+        if (cur != nullptr) mdb_cursor_close(cur);
+        if (txn != nullptr) mdb_txn_abort(txn);
+        if (env != nullptr) env_release(env);
+    }
+    Env *env = nullptr;
+    MDB_txn *txn = nullptr;
+    MDB_cursor *cur = nullptr;
+
+    int32_t get(std::string_view key, kvdb_datum &value) override {
+        MDB_val k = mval(key), v;
+        int32_t st = lmdb_status(mdb_get(txn, env->dbi, &k, &v));
+        if (st == 0) value = datum(v);
+        return st;
+    }
+    // A step brings the value along with the key: it is kept for kvdb_getvalue, which a walk
+    // calls for nearly every key.
+    bool seek(Seek how, std::string_view key, kvdb_datum &found) override {
+        static constexpr MDB_cursor_op ops[] = {MDB_SET_RANGE, MDB_FIRST, MDB_LAST, MDB_NEXT, MDB_PREV};
+        MDB_val k = mval(key);
+        if (mdb_cursor_get(cur, &k, &at, ops[int(how)]) != 0) return false;
+        found = datum(k);
+        return true;
+    }
+    int32_t current(kvdb_datum &value) override {
+        value = datum(at);
+        return 0;
+    }
+    MDB_val at{};  // the value under the backend's position
+};
+
+struct LmdbWriter final : kvdb_store {
+    LmdbWriter() : kvdb_store(true) {}
+    ~LmdbWriter() override {
+        if (txn != nullptr) end(false);
+        if (env != nullptr) env_release(env);
+    }
+    Env *env = nullptr;
+    MDB_txn *txn = nullptr;
+
+    int32_t put(std::string_view key, const std::string_view *value) override {
+        const bool own = txn == nullptr;
+        if (own) {
+            if (int32_t st = begin()) return st;
+        }
+        MDB_val k = mval(key);
+        int rc;
+        if (value == nullptr) {
+            rc = mdb_del(txn, env->dbi, &k, nullptr);
+        } else {
+            MDB_val v = mval(*value);
+            rc = mdb_put(txn, env->dbi, &k, &v, 0);
+        }
+        int32_t st = lmdb_status(rc);
+        if (own) {
+            int32_t end_st = end(st == 0);
+            if (st == 0) st = end_st;
+        }
+        return st;
+    }
+    int32_t begin() override {
+        {
+            std::lock_guard<std::mutex> g(g_lock);
+            if (env->txn_open) return KVDB_ERR_TXN;  // a second writer would wait for ever
+            env->txn_open = true;
+        }
+        int rc = mdb_txn_begin(env->env, nullptr, 0, &txn);
+        if (rc != 0) {
+            txn = nullptr;
+            std::lock_guard<std::mutex> g(g_lock);
+            env->txn_open = false;
+        }
+        return lmdb_status(rc);
+    }
+    int32_t end(bool commit) override {
+        if (txn == nullptr) return KVDB_ERR_TXN;
+        int rc = 0;
+        if (commit) rc = mdb_txn_commit(txn);
+        else mdb_txn_abort(txn);
+        txn = nullptr;
+        std::lock_guard<std::mutex> g(g_lock);
+        env->txn_open = false;
+        return lmdb_status(rc);
+    }
+};
+
+std::string data_file(const char *dir) { return std::string(dir) + "/data.mdb"; }
+
+kvdb_store *open_lmdb(const char *location, bool writer, int32_t &st) {
+    struct stat sb;
+    if (writer) {
+        if (mkdir(location, 0755) != 0 && errno != EEXIST) {
+            st = KVDB_ERR_OPEN;
+            return nullptr;
+        }
+    } else if (stat(data_file(location).c_str(), &sb) != 0) {
+        st = KVDB_ERR_OPEN;  // a reader never creates a store
+        return nullptr;
+    }
+    Env *env = nullptr;
+    if ((st = env_acquire(location, env)) != 0) return nullptr;
+    if (writer) {
+        auto *w = new LmdbWriter;
+        w->env = env;
+        return w;
+    }
+    auto *r = new LmdbReader;
+    r->env = env;
+    int rc = mdb_txn_begin(env->env, nullptr, MDB_RDONLY, &r->txn);
+    if (rc == 0) rc = mdb_cursor_open(r->txn, env->dbi, &r->cur);
+    if (rc != 0) {
+        st = rc == ENOMEM ? KVDB_ERR_NO_MEMORY : KVDB_ERR_OPEN;
+        delete r;  // releases whatever of the transaction and the environment it holds
+        return nullptr;
+    }
+    return r;
+}
+
+kvdb_store *open_any(const char *location, bool writer, int32_t *status) {
+    int32_t st = 0;
+    kvdb_store *s = nullptr;
+    try {
+        if (location == nullptr) {
+            st = KVDB_ERR_INVALID;
+        } else if (is_mem(location)) {
+            std::lock_guard<std::mutex> g(g_lock);
+            auto m = mem_find(location, writer);
+            if (m == nullptr) st = KVDB_ERR_OPEN;
+            else if (writer) s = new MemWriter(m);
+            else if (m->open_status != 0) st = m->open_status;
+            else s = new MemReader(m, m->data);
+        } else {
+            s = open_lmdb(location, writer, st);
+        }
+    } catch (const std::bad_alloc &) {
+        delete s;
+        s = nullptr;
+        st = KVDB_ERR_NO_MEMORY;
+    }
+    if (status != nullptr) *status = st;
+    return s;
+}
+
+kvdb_store *reader(kvdb_store *s) { return s != nullptr && !s->writer ? s : nullptr; }
+kvdb_store *writer(kvdb_store *s) { return s != nullptr && s->writer ? s : nullptr; }
+
+kvdb_datum *fetch(kvdb_store *store, const kvdb_datum *key, int32_t *status) {
+    int32_t st = KVDB_ERR_INVALID;
+    kvdb_datum *out = nullptr;
+    if (reader(store) != nullptr && valid_key(key)) {
+        kvdb_datum v{};
+        st = store->get(view(*key), v);
+        if (st == 0) {
+            try {
+                out = &store->fetched.emplace_back(v);
+            } catch (const std::bad_alloc &) {
+                st = KVDB_ERR_NO_MEMORY;
+            }
+        }
+    }
+    if (status != nullptr) *status = st;
+    return out;
+}
+
+// Places cursor on what the backend found (or leaves it unpositioned) and returns its key.
+kvdb_datum *land(kvdb_store *store, kvdb_cursor *cursor, bool found, const kvdb_datum &key, uint32_t match) {
+    cursor->match = match;
+    cursor->value = kvdb_datum{nullptr, 0};
+    cursor->store = store;
+    if (!found) {
+        cursor->serial = 0;
+        cursor->key = kvdb_datum{nullptr, 0};
+        store->cached = 0;
+        return nullptr;
+    }
+    if (++store->serials == 0) store->serials = 1;
+    cursor->serial = store->cached = store->serials;
+    cursor->key = key;
+    return &cursor->key;
+}
+
+bool owns_position(const kvdb_store *store, const kvdb_cursor *cursor) {
+    return cursor->store == store && cursor->serial != 0 && cursor->serial == store->cached;
+}
+
+}  // namespace
+
+extern "C" {
+
+kvdb_store *kvdb_open(const char *location, int32_t *status) { return open_any(location, false, status); }
+
+kvdb_store *kvdb_create(const char *location, int32_t *status) { return open_any(location, true, status); }
+
+int32_t kvdb_close(kvdb_store *store) {
+    delete store;
+    return 0;
+}
+
+kvdb_datum *kvdb_fetch(kvdb_store *store, const kvdb_datum *key, int32_t *status) {
+    return fetch(store, key, status);
+}
+
+kvdb_datum *kvdb2_fetch(kvdb_store *store, const kvdb_datum *key, int32_t *status) {
+    return fetch(store, key, status);
+}
+
+kvdb_datum *kvdb_move2key(kvdb_store *store, const kvdb_datum *key, kvdb_cursor *cursor) {
+    if (reader(store) == nullptr || cursor == nullptr) return nullptr;
+    kvdb_datum found{};
+    if (!valid_key(key) || store->move_fails()) return land(store, cursor, false, found, 1);
+    bool ok = store->seek(Seek::ge, view(*key), found);
+    bool exact = ok && view(found) == view(*key);
+    return land(store, cursor, ok, found, exact ? 0 : 1);
+}
+
+kvdb_datum *kvdb_move2location(kvdb_store *store, uint32_t location, kvdb_cursor *cursor) {
+    if (reader(store) == nullptr || cursor == nullptr) return nullptr;
+    kvdb_datum found{};
+    if (location < KVDB_LOC_FIRST || location > KVDB_LOC_PREV) return nullptr;
+    const bool relative = location == KVDB_LOC_NEXT || location == KVDB_LOC_PREV;
+    if (relative && cursor->key.data == nullptr) return nullptr;
+    if (store->move_fails()) return land(store, cursor, false, found, 0);
+    bool ok;
+    if (location == KVDB_LOC_FIRST) {
+        ok = store->seek(Seek::first, {}, found);
+    } else if (location == KVDB_LOC_LAST) {
+        ok = store->seek(Seek::last, {}, found);
+    } else if (owns_position(store, cursor)) {
+        ok = store->seek(location == KVDB_LOC_NEXT ? Seek::next : Seek::prev, {}, found);
+    } else {
+        // Not the cursor the backend moved last: find its key again, then step from there. A key
+        // this handle no longer holds (a cursor of another handle) counts from where it would be.
+        const std::string_view at = view(cursor->key);
+        ok = store->seek(Seek::ge, at, found);
+        if (location == KVDB_LOC_NEXT) {
+            if (ok && view(found) == at) ok = store->seek(Seek::next, {}, found);
+        } else {
+            ok = ok ? store->seek(Seek::prev, {}, found) : store->seek(Seek::last, {}, found);
+        }
+    }
+    return land(store, cursor, ok, found, 0);
+}
+
+kvdb_datum *kvdb_getvalue(kvdb_store *store, kvdb_cursor *cursor) {
+    if (reader(store) == nullptr || cursor == nullptr || cursor->key.data == nullptr) return nullptr;
+    kvdb_datum v{};
+    int32_t st = owns_position(store, cursor) ? store->current(v) : store->get(view(cursor->key), v);
+    if (st != 0) return nullptr;
+    cursor->value = v;
+    return &cursor->value;
+}
+
+int32_t kvdb_put(kvdb_store *store, const kvdb_datum *key, const kvdb_datum *value) {
+    if (writer(store) == nullptr || !valid_key(key)) return KVDB_ERR_INVALID;
+    if (value != nullptr && value->len != 0 && value->data == nullptr) return KVDB_ERR_INVALID;
+    const std::string_view v = value == nullptr ? std::string_view() : view(*value);
+    try {
+        return store->put(view(*key), &v);
+    } catch (const std::bad_alloc &) {
+        return KVDB_ERR_NO_MEMORY;
+    }
+}
+
+int32_t kvdb_delete(kvdb_store *store, const kvdb_datum *key) {
+    if (writer(store) == nullptr || !valid_key(key)) return KVDB_ERR_INVALID;
+    try {
+        return store->put(view(*key), nullptr);
+    } catch (const std::bad_alloc &) {
+        return KVDB_ERR_NO_MEMORY;
+    }
+}
+
+int32_t kvdb_txn_begin(kvdb_store *store) {
+    if (writer(store) == nullptr) return KVDB_ERR_INVALID;
+    try {
+        return store->begin();
+    } catch (const std::bad_alloc &) {
+        return KVDB_ERR_NO_MEMORY;
+    }
+}
+
+int32_t kvdb_txn_commit(kvdb_store *store) { return writer(store) ? store->end(true) : KVDB_ERR_INVALID; }
+
+int32_t kvdb_txn_abort(kvdb_store *store) { return writer(store) ? store->end(false) : KVDB_ERR_INVALID; }
+
+int32_t kvdb_destroy(const char *location) {
+    if (location == nullptr) return KVDB_ERR_INVALID;
+    std::lock_guard<std::mutex> g(g_lock);
+    if (is_mem(location)) {
+        auto it = g_mem.find(std::string_view(location));
+        if (it == g_mem.end()) return KVDB_ERR_OPEN;
+        g_mem.erase(it);
+        return 0;
+    }
+    struct stat st;
+    if (stat(location, &st) != 0 || !S_ISDIR(st.st_mode)) return KVDB_ERR_OPEN;
+    if (g_envs.count({st.st_dev, st.st_ino}) != 0) return KVDB_ERR_TXN;
+    const std::string dir(location);
+    int removed = 0;
+    for (const char *f : {"/data.mdb", "/lock.mdb"}) removed += unlink((dir + f).c_str()) == 0;
+    if (removed == 0) return KVDB_ERR_OPEN;
+    rmdir(location);  // only when empty: the caller's own files stay
+    return 0;
+}
+
+int32_t kvdb_mem_inject(const char *location, const kvdb_mem_faults *faults) {
+    if (location == nullptr || !is_mem(location)) return KVDB_ERR_INVALID;
+    if (faults != nullptr && faults->key_status != 0 &&
+        (faults->key_len > KVDB_KEY_MAX || (faults->key == nullptr && faults->key_len != 0)))
+        return KVDB_ERR_INVALID;
+    try {
+        std::lock_guard<std::mutex> g(g_lock);
+        auto m = mem_find(location, true);
+        static const kvdb_mem_faults none{};
+        const kvdb_mem_faults &f = faults != nullptr ? *faults : none;
+        m->open_status = f.open_status;
+        m->key_status = f.key_status;
+        m->fault_key.assign(static_cast<const char *>(f.key), f.key == nullptr ? 0 : f.key_len);
+        m->cursor_fail_at = f.cursor_fail_at;
+        return 0;
+    } catch (const std::bad_alloc &) {
+        return KVDB_ERR_NO_MEMORY;
+    }
+}
+
+}  // extern "C"

@@ -1,0 +1,118 @@
+#include "store.hpp"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+
+#include "platform/ptxt.h"
+#include "zfx_ascii_cfg.h"
+
+namespace zfxtest {
+
+Bytes cat(std::initializer_list<Bytes> parts) {
+    Bytes out;
+    for (const Bytes &p : parts) out.insert(out.end(), p.begin(), p.end());
+    return out;
+}
+
+Bytes le16(uint16_t v) { return {uint8_t(v), uint8_t(v >> 8)}; }
+Bytes le32(uint32_t v) { return {uint8_t(v), uint8_t(v >> 8), uint8_t(v >> 16), uint8_t(v >> 24)}; }
+Bytes be32(uint32_t v) { return {uint8_t(v >> 24), uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)}; }
+
+Bytes vsans_of(const std::vector<int> &members) {
+    Bytes out = cat({le32(512), Bytes(512, 0)});
+    for (int v : members) out[4 + v / 8] |= uint8_t(0x80 >> (v % 8));
+    return out;
+}
+
+Bytes vsans(std::initializer_list<int> members) { return vsans_of(members); }
+
+Record flags_rec(uint32_t flags) { return {{0x75, 0x01}, le32(flags)}; }
+Record nat_rec(uint8_t on) { return {{0x70, 0x00}, {on}}; }
+Record aam_rec(uint8_t on) { return {{0x7A, 0x00}, {on}}; }
+Record distribute_rec(uint32_t value) { return {{0x6E, 0x00}, be32(value)}; }
+Record topo_rec(uint16_t afid, const Bytes &wwn, uint8_t membership, const Bytes &set) {
+    return {cat({{0x65, 0x01}, le16(afid), wwn, {membership}}), set};
+}
+Record topo_mode_rec(uint32_t mode) { return {{0x65, 0x02}, cat({le32(0xA1B2C3D4), be32(mode), Bytes(16, 0)})}; }
+Record afid_rec(bool is_default, const Bytes &wwn, uint16_t afid, const Bytes &set) {
+    return {cat({{uint8_t(is_default ? 0x72 : 0x71), 0x01}, wwn, le16(afid)}), set};
+}
+Record sg_member_rec(bool cfg, uint32_t group, uint16_t afid, const Bytes &set) {
+    return {cat({{uint8_t(cfg ? 0x73 : 0x76), 0x02}, le32(group), le16(afid)}), set};
+}
+Record sg_name_rec(bool cfg, uint32_t group, const std::string &name) {
+    return {cat({{uint8_t(cfg ? 0x73 : 0x76), 0x01}, le32(group)}), Bytes(name.begin(), name.end())};
+}
+Record sg_policy_rec(uint32_t policy) { return {{0x76, 0x03}, le32(policy)}; }
+Record debug_level_rec(uint32_t valid, uint32_t level) { return {cat({le32(2), le32(0)}), cat({le32(valid), le32(level)})}; }
+
+Prefix::Prefix(Backend backend) : backend_(backend) {
+    static std::atomic<int> serial;
+    if (backend == Backend::mem) {
+        path_ = "mem:test-" + std::to_string(getpid()) + "-" + std::to_string(serial++);
+    } else {
+        std::string tmpl = (std::filesystem::temp_directory_path() / "zfx-test-XXXXXX").string();
+        EXPECT_NE(mkdtemp(tmpl.data()), nullptr);
+        path_ = tmpl;
+    }
+}
+
+Prefix::~Prefix() {
+    if (backend_ == Backend::mem) {
+        kvdb_destroy(config().c_str());
+        kvdb_destroy(debug().c_str());
+    } else {
+        std::error_code ec;
+        std::filesystem::remove_all(path_, ec);
+    }
+}
+
+void put(const std::string &location, const std::vector<Record> &records) {
+    int32_t status = -1;
+    kvdb_store *w = kvdb_create(location.c_str(), &status);
+    ASSERT_EQ(status, 0) << location;
+    for (const auto &[k, v] : records) {
+        kvdb_datum key{const_cast<uint8_t *>(k.data()), uint32_t(k.size())};
+        kvdb_datum value{const_cast<uint8_t *>(v.data()), uint32_t(v.size())};
+        EXPECT_EQ(kvdb_put(w, &key, &value), 0);
+    }
+    kvdb_close(w);
+}
+
+Reader::Reader(const std::string &location) {
+    int32_t status = -1;
+    store_ = kvdb_open(location.c_str(), &status);
+    EXPECT_EQ(status, 0) << location;
+}
+
+Reader::~Reader() { kvdb_close(store_); }
+
+std::string generate(std::initializer_list<std::pair<uint32_t, kvdb_store *>> stores) {
+    uint32_t handle = 0;
+    EXPECT_EQ(ptxt_hdl_init(&handle), 0);
+    const size_t bytes = sizeof(zfx_gen_request) + stores.size() * sizeof(zfx_gen_store_entry);
+    std::unique_ptr<uint8_t[]> block(new uint8_t[bytes]());
+    auto *req = reinterpret_cast<zfx_gen_request *>(block.get());
+    req->handle = handle;
+    req->selector = ZFX_GEN_SELECT_GENERATE;
+    for (const auto &[kind, store] : stores) req->entries[req->count++] = zfx_gen_store_entry{kind, store, 0};
+    EXPECT_EQ(zfx_ascii_cfg_generate(req), 0);
+    char *text = nullptr;
+    EXPECT_EQ(ptxt_render(handle, &text, nullptr), 0);
+    std::string out = text != nullptr ? text : "";
+    std::free(text);
+    ptxt_hdl_release(handle);
+    return out;
+}
+
+std::string generate_from(const std::string &location) {
+    Reader r(location);
+    return generate({{ZFX_GEN_STORE_CONFIG, r.get()}});
+}
+
+}  // namespace zfxtest

@@ -1,0 +1,80 @@
+// Stores built record by record through the platform's write calls, byte builders for keys and
+// values, and a generation run that returns the rendered configuration text.
+#pragma once
+
+#include <cstdint>
+#include <initializer_list>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/kvdb.h"
+
+namespace zfxtest {
+
+using Bytes = std::vector<uint8_t>;
+
+Bytes cat(std::initializer_list<Bytes> parts);
+Bytes le16(uint16_t v);
+Bytes le32(uint32_t v);
+Bytes be32(uint32_t v);
+// A stored VSAN set: length word 512, then the bits of the given VSANs.
+Bytes vsans(std::initializer_list<int> members);
+Bytes vsans_of(const std::vector<int> &members);
+
+// Records of the feature's configuration and debug stores, as its service writes them.
+using Record = std::pair<Bytes, Bytes>;
+Record flags_rec(uint32_t flags);
+Record nat_rec(uint8_t on);
+Record aam_rec(uint8_t on);
+Record distribute_rec(uint32_t value);
+Record topo_rec(uint16_t afid, const Bytes &wwn, uint8_t membership, const Bytes &set);
+Record topo_mode_rec(uint32_t mode);
+Record afid_rec(bool is_default, const Bytes &wwn, uint16_t afid, const Bytes &set);
+Record sg_member_rec(bool cfg, uint32_t group, uint16_t afid, const Bytes &set);
+Record sg_name_rec(bool cfg, uint32_t group, const std::string &name);
+Record sg_policy_rec(uint32_t policy);
+Record debug_level_rec(uint32_t valid, uint32_t level);
+
+enum class Backend { mem, lmdb };
+
+// A store location prefix of its own: "mem:<unique>" or a fresh temporary directory. The stores
+// under it are removed when it goes.
+class Prefix {
+public:
+    explicit Prefix(Backend backend = Backend::mem);
+    ~Prefix();
+    Prefix(const Prefix &) = delete;
+    Prefix &operator=(const Prefix &) = delete;
+    const std::string &path() const { return path_; }
+    std::string config() const { return path_ + "/zfx_startup_config"; }
+    std::string debug() const { return path_ + "/zfx_debug"; }
+
+private:
+    Backend backend_;
+    std::string path_;
+};
+
+// Writes records to the store at location (created when missing), each in its own transaction.
+void put(const std::string &location, const std::vector<Record> &records);
+
+// A read handle, closed when it goes.
+class Reader {
+public:
+    explicit Reader(const std::string &location);
+    ~Reader();
+    Reader(const Reader &) = delete;
+    Reader &operator=(const Reader &) = delete;
+    kvdb_store *get() const { return store_; }
+
+private:
+    kvdb_store *store_;
+};
+
+// Runs zfx_ascii_cfg_generate on the stores (kind, store) in a new generation and returns the
+// rendered text.
+std::string generate(std::initializer_list<std::pair<uint32_t, kvdb_store *>> stores);
+// Generates from the configuration store at location alone.
+std::string generate_from(const std::string &location);
+
+}  // namespace zfxtest

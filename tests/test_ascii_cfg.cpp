@@ -1,0 +1,245 @@
+// The generation driver: whole texts from stores built record by record, the commit rules, the
+// debug logging line, both entry points, and failures that must not stop the next section.
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "capture.hpp"
+#include "platform/ptxt.h"
+#include "store.hpp"
+#include "zfx_ascii_cfg.h"
+#include "zfx_fabric.h"
+#include "zfx_testing.h"
+
+namespace {
+
+using namespace zfxtest;
+
+const Bytes kWwn = {0x20, 0x00, 0x00, 0x11, 0x22, 0x33, 0x44, 0x55};
+
+struct TextCase {
+    const char *name;
+    std::vector<Record> records;
+    std::string expected;
+};
+
+TEST(AsciiCfg, StoresYieldTheirTextInElementOrderWithTheCommitRules) {
+    const TextCase cases[] = {
+        {"empty store", {}, "feature zfx\n"},
+        {"distribution alone needs no commit", {distribute_rec(1)}, "feature zfx\nzfx distribute\n"},
+        {"NAT never calls for the commit", {distribute_rec(1), nat_rec(1)}, "feature zfx\nzfx nat\nzfx distribute\n"},
+        {"AAM calls for it", {distribute_rec(1), aam_rec(1)},
+         "feature zfx\nzfx distribute\nzfx aam register\nzfx commit\n"},
+        {"no commit without distribution", {aam_rec(1), topo_mode_rec(ZFX_VT_MODE_AUTO)},
+         "feature zfx\nzfx aam register\nzfx vsan-topology auto\n"},
+        {"distribution 2 is off", {distribute_rec(2), aam_rec(1)}, "feature zfx\nzfx aam register\n"},
+        {"short distribution value is missing", {{{0x6E, 0x00}, {0, 0, 1}}, aam_rec(1)},
+         "feature zfx\nzfx aam register\n"},
+        {"flags off and zero", {nat_rec(0), aam_rec(0), flags_rec(ZFX_GFLAG_VDOM_FORCE)}, "feature zfx\n"},
+        {"a one-byte flags value", {{{0x75, 0x01}, {0x11}}},
+         "feature zfx\nzfx fcdomain check-ignore\nzfx share-hw-entries\n"},
+        {"global lines in their order, tables after them, commit last",
+         {sg_member_rec(false, 1, 1, vsans({1})), sg_name_rec(false, 1, "g"), afid_rec(false, kWwn, 3, vsans({2})),
+          topo_rec(5, kWwn, 3, vsans({7})), aam_rec(1), flags_rec(0x11), nat_rec(1), distribute_rec(1)},
+         "feature zfx\nzfx nat\nzfx distribute\nzfx fcdomain check-ignore\nzfx share-hw-entries\nzfx aam register\n"
+         "zfx vsan-topology database\n  autonomous-fabric-id    5 switch-wwn 20:00:00:11:22:33:44:55 vsan-ranges 7\n"
+         "zfx vsan-topology activate\n"
+         "autonomous-fabric-id database\n  switch-wwn 20:00:00:11:22:33:44:55 autonomous-fabric-id    3 vsan-ranges 2\n"
+         "zfx service-group name g\n  autonomous-fabric-id  1 vsan-ranges 1\nzfx service-group activate\n"
+         "no zfx service-group name g\n"
+         "zfx commit\n"},
+    };
+    for (const TextCase &c : cases) {
+        Prefix p;
+        put(p.config(), c.records);
+        EXPECT_EQ(generate_from(p.config()), c.expected) << c.name;
+    }
+}
+
+TEST(AsciiCfg, DebugLevelLineOnlyForAValidAudibleLevel) {
+    const std::pair<Record, std::string> cases[] = {
+        {debug_level_rec(1, 7), "logging level zfx 7\n"},
+        {debug_level_rec(1, 0), "logging level zfx 0\n"},
+        {debug_level_rec(1, 5), ""},
+        {debug_level_rec(0, 3), ""},
+        {debug_level_rec(1, 8), ""},
+        {{cat({le32(2), le32(0)}), le32(1)}, ""},          // 4 bytes: shorter than the record
+        {{cat({le32(2), le32(1)}), cat({le32(1), le32(3)})}, ""},  // another key
+    };
+    for (const auto &[record, line] : cases) {
+        Prefix p;
+        put(p.config(), {});
+        put(p.debug(), {record});
+        Reader cfg(p.config()), dbg(p.debug());
+        // Listed before the configuration store: the stores run in the order listed, and the
+        // logging line still renders after the feature's elements.
+        EXPECT_EQ(generate({{ZFX_GEN_STORE_DEBUG, dbg.get()}, {ZFX_GEN_STORE_CONFIG, cfg.get()}}), "feature zfx\n" + line);
+    }
+    EXPECT_EQ(zfx_debug_ascii_gen_from_kvdb(nullptr), 0);
+}
+
+TEST(AsciiCfg, RequestsRunTheirStoresInOrderAndOnlyWhenSelected) {
+    Prefix a, b;
+    put(a.config(), {nat_rec(1)});
+    put(b.config(), {aam_rec(1)});
+    Reader ra(a.config()), rb(b.config());
+    EXPECT_EQ(generate({{ZFX_GEN_STORE_CONFIG, rb.get()}, {99, ra.get()}, {ZFX_GEN_STORE_CONFIG, ra.get()}}),
+              "feature zfx\nfeature zfx\nzfx aam register\nzfx nat\n");  // each store adds its feature line
+
+    uint32_t handle;
+    ASSERT_EQ(ptxt_hdl_init(&handle), 0);
+    zfx_gen_request idle{0, handle, 0, 0};
+    EXPECT_EQ(zfx_ascii_cfg_generate(&idle), 0);
+    EXPECT_EQ(zfx_ascii_cfg_generate(nullptr), ZFX_ERR_INVALID_ARG);
+    char *text = nullptr;
+    ASSERT_EQ(ptxt_render(handle, &text, nullptr), 0);
+    EXPECT_STREQ(text, "");
+    std::free(text);
+    ptxt_hdl_release(handle);
+}
+
+struct Sink {
+    std::string text;
+    int calls = 0;
+    static int32_t take(void *arg, void *, const char *text, uint32_t len) {
+        auto *s = static_cast<Sink *>(arg);
+        s->text.assign(text, len);
+        ++s->calls;
+        return 7;
+    }
+};
+
+// The whole path on both backends: stores written through the platform, opened by location.
+TEST(AsciiCfg, GenFuncOpensTheStoresItselfAndResponds) {
+    for (Backend backend : {Backend::lmdb, Backend::mem}) {
+        Prefix p(backend);
+        put(p.config(), {distribute_rec(1), topo_rec(1, kWwn, 2, vsans({1, 2, 3, 7})), afid_rec(true, kWwn, 10, vsans({}))});
+        put(p.debug(), {debug_level_rec(1, 2)});
+        Sink sink;
+        ptxt_request req{p.path().c_str(), p.path().c_str(), Sink::take, &sink};
+        EXPECT_EQ(zfx_ptxt_gen_func(nullptr, &req), 7);
+        EXPECT_EQ(sink.text,
+                  "feature zfx\nzfx distribute\n"
+                  "zfx vsan-topology database\n  autonomous-fabric-id    1 switch-wwn 20:00:00:11:22:33:44:55 vsan-ranges 1-3,7\n"
+                  "autonomous-fabric-id database\n  switch-wwn 20:00:00:11:22:33:44:55 default-autonomous-fabric-id   10\n"
+                  "zfx commit\nlogging level zfx 2\n");
+    }
+}
+
+TEST(AsciiCfg, AStoreThatDoesNotOpenStillGetsAnAnswer) {
+    Prefix p;
+    put(p.debug(), {debug_level_rec(1, 7)});  // never read: the configuration store is missing
+    Sink sink;
+    ptxt_request req{p.path().c_str(), p.path().c_str(), Sink::take, &sink};
+    EXPECT_EQ(zfx_ptxt_gen_func(nullptr, &req), 7);
+    EXPECT_EQ(sink.text, "");
+
+    put(p.config(), {nat_rec(1)});
+    kvdb_mem_faults fail_open{int32_t(0x40480099)};
+    kvdb_mem_inject(p.debug().c_str(), &fail_open);
+    req.startup_debug_cfg_prefix = p.path().c_str();
+    EXPECT_EQ(zfx_ptxt_gen_func(nullptr, &req), 7);
+    EXPECT_EQ(sink.text, "feature zfx\nzfx nat\n");
+
+    req.startup_cfg_prefix = nullptr;
+    EXPECT_EQ(zfx_ptxt_gen_func(nullptr, &req), 7);
+    EXPECT_EQ(sink.text, "");
+    EXPECT_EQ(sink.calls, 3);
+}
+
+// Everything a store can hold, so that a failure shows as exactly the lines it removes.
+std::vector<Record> full_store() {
+    return {distribute_rec(1), nat_rec(1), aam_rec(1), flags_rec(0x10), topo_rec(1, kWwn, 1, vsans({4})),
+            topo_mode_rec(ZFX_VT_MODE_AUTO), afid_rec(true, kWwn, 2, vsans({})), afid_rec(false, kWwn, 3, vsans({5})),
+            sg_member_rec(false, 1, 1, vsans({6})), sg_member_rec(true, 1, 1, vsans({6, 8}))};
+}
+
+const std::string kTopoLines =
+    "zfx vsan-topology database\n  autonomous-fabric-id    1 switch-wwn 20:00:00:11:22:33:44:55 vsan-ranges 4\n"
+    "zfx vsan-topology activate\n  no autonomous-fabric-id    1 switch-wwn 20:00:00:11:22:33:44:55 vsan-ranges 4\n";
+const std::string kDefaultAfid =
+    "autonomous-fabric-id database\n  switch-wwn 20:00:00:11:22:33:44:55 default-autonomous-fabric-id    2\n";
+const std::string kAfid =
+    "autonomous-fabric-id database\n  switch-wwn 20:00:00:11:22:33:44:55 autonomous-fabric-id    3 vsan-ranges 5\n";
+const std::string kActiveSg = "  autonomous-fabric-id  1 vsan-ranges 6\nzfx service-group activate\n";
+const std::string kCfgSg = "  autonomous-fabric-id  1 vsan-ranges 6,8\n";
+
+std::string full_text(const std::string &tables, const std::string &global = "zfx nat\nzfx distribute\nzfx share-hw-entries\nzfx aam register\n") {
+    return "feature zfx\n" + global + tables + "zfx commit\n";
+}
+
+TEST(AsciiCfg, AFailingSectionNeverStopsTheNext) {
+    Prefix p;
+    put(p.config(), full_store());
+    const std::string all = kTopoLines + "zfx vsan-topology auto\n" + kDefaultAfid + kAfid + kActiveSg + kCfgSg;
+    EXPECT_EQ(generate_from(p.config()), full_text(all));
+
+    // Each list that cannot be allocated takes away its own table only.
+    const std::string without[] = {
+        "zfx vsan-topology auto\n" + kDefaultAfid + kAfid + kActiveSg + kCfgSg,
+        kTopoLines + "zfx vsan-topology auto\n" + kAfid + kActiveSg + kCfgSg,
+        kTopoLines + "zfx vsan-topology auto\n" + kDefaultAfid + kActiveSg + kCfgSg,
+        kTopoLines + "zfx vsan-topology auto\n" + kDefaultAfid + kAfid,  // no active list: no differences
+        kTopoLines + "zfx vsan-topology auto\n" + kDefaultAfid + kAfid + kActiveSg,
+    };
+    for (uint32_t nth = 1; nth <= 5; ++nth) {
+        Reader r(p.config());
+        zfx_testing_fail_allocation(nth);
+        const std::string text = generate({{ZFX_GEN_STORE_CONFIG, r.get()}});
+        zfx_testing_fail_allocation(0);
+        EXPECT_EQ(text, full_text(without[nth - 1])) << "allocation " << nth;
+    }
+
+    // A lookup that fails: the NAT line goes, and the topology section returns early without
+    // its auto line; everything after it still runs.
+    const uint8_t mode_key[] = {0x65, 0x02};
+    kvdb_mem_faults f{0, int32_t(0x40480077), mode_key, 2, 0};
+    kvdb_mem_inject(p.config().c_str(), &f);
+    EXPECT_EQ(generate_from(p.config()), full_text(kTopoLines + kDefaultAfid + kAfid + kActiveSg + kCfgSg));
+    // A cursor that fails at once: no table at all, the single records still read.
+    f = kvdb_mem_faults{0, 0, nullptr, 0, 1};
+    kvdb_mem_inject(p.config().c_str(), &f);
+    EXPECT_EQ(generate_from(p.config()), full_text("zfx vsan-topology auto\n"));
+    const uint8_t nat_key[] = {0x70, 0x00};
+    f = kvdb_mem_faults{0, int32_t(0x40480077), nat_key, 2, 0};
+    kvdb_mem_inject(p.config().c_str(), &f);
+    Reader r(p.config());
+    uint8_t flag = 9;
+    EXPECT_EQ(zfx2_get_fcid_nat_flag_from_kvdb(&flag, r.get()), 0x40480077);
+    EXPECT_EQ(flag, 0);
+}
+
+TEST(AsciiCfg, SectionsHandedNoStoreReportItAndWriteNothing) {
+    uint32_t handle;
+    ASSERT_EQ(ptxt_hdl_init(&handle), 0);
+    int32_t commit = 0;
+    Capture err(2);
+    EXPECT_EQ(zfx2_fcid_nat_generate_ascii_config(handle, nullptr), 0);
+    EXPECT_EQ(zfx2_aam_generate_ascii_config(handle, nullptr), 0);
+    EXPECT_EQ(zfx_vsan_topology_generate_ascii_config(handle, nullptr), 0);
+    EXPECT_EQ(zfx2_afid_table_generate_ascii_config(handle, nullptr, &commit), 0);
+    EXPECT_EQ(zfx2_sg_table_generate_ascii_config(handle, nullptr, &commit), 0);
+    const std::string text = err.text();
+    const std::string vt = "ZFX-VT-PTXT: kvdb service is null\n: ", sg = "ZFX-SG-PTXT: kvdb service is null\n: ";
+    size_t at = 0;
+    for (const std::string &m : {vt, vt, vt, vt, sg}) {
+        at = text.find(m, at);
+        ASSERT_NE(at, std::string::npos) << text;
+        at += m.size();
+    }
+    EXPECT_EQ(commit, 0);
+    EXPECT_EQ(zfx_global_flags_mode_generate_ascii_config(handle, nullptr), 0);
+    uint32_t flags = 5;
+    EXPECT_EQ(zfx_global_flags_kvdb_restore(nullptr, &flags), ZFX_ERR_INVALID_ARG);
+    EXPECT_EQ(flags, 0u);
+    EXPECT_EQ(zfx2_get_aam_flag_from_kvdb(nullptr, nullptr), ZFX_ERR_INVALID_ARG);
+    EXPECT_EQ(zfx_kvdb_restore_fabric_distribute(nullptr), 0);
+    char *out = nullptr;
+    ASSERT_EQ(ptxt_render(handle, &out, nullptr), 0);
+    EXPECT_STREQ(out, "");
+    std::free(out);
+    ptxt_hdl_release(handle);
+}
+
+}  // namespace

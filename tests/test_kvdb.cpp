@@ -1,0 +1,224 @@
+// The platform store on both backends: order, cursors and lookups checked against std::map after
+// random writes and transactions; snapshots; bad arguments; the in-memory store's faults.
+#include <cstring>
+#include <map>
+#include <random>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "platform/kvdb.h"
+#include "store.hpp"
+
+namespace {
+
+using zfxtest::Backend;
+using zfxtest::Prefix;
+
+kvdb_datum d(const std::string &s) { return kvdb_datum{const_cast<char *>(s.data()), uint32_t(s.size())}; }
+std::string str(const kvdb_datum *p) { return p == nullptr ? "<null>" : std::string(static_cast<char *>(p->data), p->len); }
+
+class StoreTest : public ::testing::TestWithParam<Backend> {
+protected:
+    Prefix prefix{GetParam()};
+    std::string loc = prefix.config();
+
+    kvdb_store *writer() {
+        int32_t st = -1;
+        kvdb_store *w = kvdb_create(loc.c_str(), &st);
+        EXPECT_EQ(st, 0);
+        return w;
+    }
+};
+
+TEST_P(StoreTest, MatchesAnOrderedMapAfterRandomWritesAndTransactions) {
+    std::map<std::string, std::string> model;
+    std::mt19937 rng(7);
+    const char alphabet[] = {'\0', '\x01', 'e', '\xff'};
+    auto random_key = [&] {
+        std::string k(1 + rng() % 4, '\0');
+        for (char &c : k) c = alphabet[rng() % 4];
+        return k;
+    };
+    kvdb_store *w = writer();
+    for (int round = 0; round < 12; ++round) {
+        const bool txn = round % 3 != 0, abort = round % 4 == 1;
+        std::map<std::string, std::string> next = model;
+        if (txn) {
+            ASSERT_EQ(kvdb_txn_begin(w), 0);
+        }
+        for (int i = 0; i < 30; ++i) {
+            std::string k = random_key(), v(rng() % 3, char('a' + i % 26));
+            kvdb_datum key = d(k), value = d(v);
+            if (rng() % 4 == 0) {
+                EXPECT_EQ(kvdb_delete(w, &key), next.erase(k) ? 0 : KVDB_NOT_FOUND);
+            } else {
+                ASSERT_EQ(kvdb_put(w, &key, &value), 0);
+                next[k] = v;
+            }
+        }
+        if (txn) {
+            ASSERT_EQ(abort ? kvdb_txn_abort(w) : kvdb_txn_commit(w), 0);
+        }
+        if (!(txn && abort)) model = next;
+    }
+    kvdb_close(w);
+
+    zfxtest::Reader r(loc);
+    kvdb_cursor c{};
+    std::string walked;
+    for (kvdb_datum *k = kvdb_move2location(r.get(), KVDB_LOC_FIRST, &c); k; k = kvdb_move2location(r.get(), KVDB_LOC_NEXT, &c))
+        walked += str(k) + "=" + str(kvdb_getvalue(r.get(), &c)) + ";";
+    std::string backward, expect, expect_back;
+    for (const auto &[k, v] : model) expect += k + "=" + v + ";";
+    for (kvdb_datum *k = kvdb_move2location(r.get(), KVDB_LOC_LAST, &c); k; k = kvdb_move2location(r.get(), KVDB_LOC_PREV, &c))
+        backward = str(k) + ";" + backward;
+    for (const auto &kv : model) expect_back += kv.first + ";";
+    EXPECT_EQ(walked, expect);
+    EXPECT_EQ(backward, expect_back);
+
+    for (int probe = 0; probe < 200; ++probe) {
+        const std::string k = random_key();
+        kvdb_datum key = d(k);
+        auto lb = model.lower_bound(k);
+        kvdb_cursor pc;
+        std::memset(&pc, 0xA5, sizeof pc);  // a cursor starts as any bytes
+        EXPECT_EQ(str(kvdb_move2key(r.get(), &key, &pc)), lb == model.end() ? "<null>" : lb->first);
+        EXPECT_EQ(pc.match, lb != model.end() && lb->first == k ? 0u : 1u);
+        int32_t st = -1;
+        kvdb_datum *v = kvdb_fetch(r.get(), &key, &st);
+        auto it = model.find(k);
+        EXPECT_EQ(st, it == model.end() ? KVDB_NOT_FOUND : 0);
+        EXPECT_EQ(str(v), it == model.end() ? "<null>" : it->second);
+    }
+}
+
+TEST_P(StoreTest, ReadHandleKeepsItsSnapshotAndValuesUntilClosed) {
+    zfxtest::put(loc, {{{'a'}, {'1'}}, {{'b'}, {'2'}}});
+    zfxtest::Reader before(loc);
+    int32_t st;
+    std::string a = "a", b = "b";
+    kvdb_datum ka = d(a), kb = d(b);
+    kvdb_datum *va = kvdb_fetch(before.get(), &ka, &st);
+    kvdb_store *w = writer();
+    const std::string nine_text = "9";
+    kvdb_datum nine = d(nine_text);
+    ASSERT_EQ(kvdb_put(w, &ka, &nine), 0);
+    ASSERT_EQ(kvdb_delete(w, &kb), 0);
+    kvdb_close(w);
+    kvdb_datum *vb = kvdb2_fetch(before.get(), &kb, &st);
+    EXPECT_EQ(str(va), "1");
+    EXPECT_EQ(str(vb), "2");
+    zfxtest::Reader after(loc);
+    EXPECT_EQ(str(kvdb_fetch(after.get(), &ka, &st)), "9");
+    EXPECT_EQ(kvdb_fetch(after.get(), &kb, &st), nullptr);
+    EXPECT_EQ(st, KVDB_NOT_FOUND);
+}
+
+TEST_P(StoreTest, InterleavedCursorsEachWalkTheWholeStore) {
+    std::vector<zfxtest::Record> recs;
+    for (uint8_t i = 0; i < 20; ++i) recs.push_back({{0x65, i}, {i}});
+    zfxtest::put(loc, recs);
+    zfxtest::Reader r(loc);
+    kvdb_cursor c1{}, c2{};
+    std::string s1 = "\x65", s2 = "\x65\x05";
+    kvdb_datum k1 = d(s1), k2 = d(s2);
+    kvdb_datum *p1 = kvdb_move2key(r.get(), &k1, &c1), *p2 = kvdb_move2key(r.get(), &k2, &c2);
+    EXPECT_EQ(c1.match, 1u);
+    EXPECT_EQ(c2.match, 0u);
+    int n1 = 0, n2 = 0;
+    while (p1 || p2) {
+        if (p1) {
+            EXPECT_EQ(static_cast<uint8_t *>(kvdb_getvalue(r.get(), &c1)->data)[0], n1++);
+            p1 = kvdb_move2location(r.get(), KVDB_LOC_NEXT, &c1);
+        }
+        if (p2) {
+            EXPECT_EQ(static_cast<uint8_t *>(kvdb_getvalue(r.get(), &c2)->data)[0], 5 + n2++);
+            p2 = kvdb_move2location(r.get(), KVDB_LOC_NEXT, &c2);
+        }
+    }
+    EXPECT_EQ(n1, 20);
+    EXPECT_EQ(n2, 15);
+}
+
+TEST_P(StoreTest, BadArgumentsAnswerStatusesNeverCrash) {
+    int32_t st = 0;
+    const std::string missing = prefix.path() + "/nothing-here";
+    EXPECT_EQ(kvdb_open(missing.c_str(), &st), nullptr);
+    EXPECT_EQ(st, KVDB_ERR_OPEN);
+    EXPECT_EQ(kvdb_open(nullptr, &st), nullptr);
+    EXPECT_EQ(st, KVDB_ERR_INVALID);
+
+    zfxtest::put(loc, {{{'k'}, {}}});
+    kvdb_store *w = writer();
+    zfxtest::Reader r(loc);
+    std::string k = "k", too_long(KVDB_KEY_MAX + 1, 'x');
+    kvdb_datum key = d(k), empty{nullptr, 0}, huge = d(too_long);
+    kvdb_cursor c{};
+    const kvdb_datum *bad_keys[] = {nullptr, &empty, &huge};
+    for (const kvdb_datum *bad : bad_keys) {
+        st = 0;
+        EXPECT_EQ(kvdb_fetch(r.get(), bad, &st), nullptr);
+        EXPECT_EQ(st, KVDB_ERR_INVALID);
+        EXPECT_EQ(kvdb_put(w, bad, &key), KVDB_ERR_INVALID);
+        EXPECT_EQ(kvdb_move2key(r.get(), bad, &c), nullptr);
+    }
+    EXPECT_EQ(kvdb_fetch(w, &key, &st), nullptr);  // a write handle does not read
+    EXPECT_EQ(kvdb_put(r.get(), &key, &key), KVDB_ERR_INVALID);
+    EXPECT_EQ(kvdb_fetch(nullptr, &key, nullptr), nullptr);
+    EXPECT_EQ(kvdb_move2key(r.get(), &key, nullptr), nullptr);
+    kvdb_cursor unpositioned{};
+    EXPECT_EQ(kvdb_move2location(r.get(), KVDB_LOC_NEXT, &unpositioned), nullptr);
+    EXPECT_EQ(kvdb_getvalue(r.get(), &unpositioned), nullptr);
+    EXPECT_EQ(kvdb_move2location(r.get(), 9, &c), nullptr);
+    // An empty value is a value with no data.
+    kvdb_datum *v = kvdb_fetch(r.get(), &key, &st);
+    ASSERT_NE(v, nullptr);
+    EXPECT_EQ(v->len, 0u);
+    // One write transaction per location.
+    kvdb_store *w2 = writer();
+    EXPECT_EQ(kvdb_txn_commit(w), KVDB_ERR_TXN);
+    EXPECT_EQ(kvdb_txn_begin(w), 0);
+    EXPECT_EQ(kvdb_txn_begin(w2), KVDB_ERR_TXN);
+    EXPECT_EQ(kvdb_put(w2, &key, &key), KVDB_ERR_TXN);
+    kvdb_close(w);  // aborts
+    EXPECT_EQ(kvdb_put(w2, &key, &key), 0);
+    kvdb_close(w2);
+    EXPECT_EQ(kvdb_close(nullptr), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Backends, StoreTest, ::testing::Values(Backend::mem, Backend::lmdb),
+                         [](const auto &param) { return param.param == Backend::mem ? "mem" : "lmdb"; });
+
+TEST(MemStoreFaults, OpenKeyAndCursorFaultsApplyAsInjected) {
+    Prefix prefix;
+    const std::string loc = prefix.config();
+    zfxtest::put(loc, {{{'a'}, {'1'}}, {{'b'}, {'2'}}, {{'c'}, {'3'}}});
+    const char bad = 'b';
+    kvdb_mem_faults f{0x1234, 0x5678, &bad, 1, 0};
+    ASSERT_EQ(kvdb_mem_inject(loc.c_str(), &f), 0);
+    int32_t st = 0;
+    EXPECT_EQ(kvdb_open(loc.c_str(), &st), nullptr);
+    EXPECT_EQ(st, 0x1234);
+
+    f.open_status = 0;
+    f.cursor_fail_at = 3;
+    ASSERT_EQ(kvdb_mem_inject(loc.c_str(), &f), 0);
+    zfxtest::Reader r(loc);
+    std::string b = "b", a = "a";
+    kvdb_datum kb = d(b), ka = d(a);
+    EXPECT_EQ(kvdb_fetch(r.get(), &kb, &st), nullptr);
+    EXPECT_EQ(st, 0x5678);
+    kvdb_cursor c{};
+    EXPECT_EQ(str(kvdb_move2key(r.get(), &ka, &c)), "a");                     // move 1
+    EXPECT_EQ(str(kvdb_move2location(r.get(), KVDB_LOC_NEXT, &c)), "b");      // move 2
+    EXPECT_EQ(kvdb_getvalue(r.get(), &c), nullptr);                           // the faulty key
+    EXPECT_EQ(kvdb_move2location(r.get(), KVDB_LOC_NEXT, &c), nullptr);       // move 3 fails
+    EXPECT_EQ(kvdb_move2key(r.get(), &ka, &c), nullptr);
+
+    ASSERT_EQ(kvdb_mem_inject(loc.c_str(), nullptr), 0);
+    EXPECT_EQ(str(kvdb_fetch(r.get(), &kb, &st)), "2");
+    EXPECT_EQ(kvdb_mem_inject("/not/mem", nullptr), KVDB_ERR_INVALID);
+}
+
+}  // namespace
