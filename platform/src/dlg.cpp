@@ -1,0 +1,105 @@
+// The request/response channel: requests travel through the endpoint's transport unchanged.
+#include "platform/dlg.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "endpoint_impl.hpp"
+
+namespace {
+
+// The waited request of dlg_req_resp and dlg_remote_req_resp.
+int32_t request_and_wait(plat_op op, uint32_t msg_type, uint32_t opcode, const void *request,
+                         void **reply, uint32_t *length, const char *opt_a, uint32_t opt_b,
+                         uint32_t sap, uint32_t node, plat_endpoint *ep, uint32_t timeout) {
+    if (reply != nullptr) *reply = nullptr;
+    if (ep == nullptr || length == nullptr || (request == nullptr && *length != 0)) {
+        errno = EINVAL;
+        return -1;
+    }
+    plat_call call{};
+    call.op = op;
+    call.msg_type = msg_type;
+    call.opcode = opcode;
+    call.node = node;
+    call.sap = sap;
+    call.opt_a = opt_a;
+    call.opt_b = opt_b;
+    call.timeout = timeout;
+    call.want_reply = reply != nullptr;
+    call.payload = *length != 0 ? request : nullptr;
+    call.length = *length;
+    plat_answer answer;
+    const int32_t r = plat::endpoint_call(ep, call, answer);
+    if (r == -1) return -1;
+    const uint32_t reply_length = answer.reply != nullptr ? answer.reply_length : 0;
+    if (reply != nullptr && answer.reply != nullptr) {
+        // At least one byte, so that an empty reply is still a reply the caller can free.
+        void *copy = std::malloc(reply_length != 0 ? reply_length : 1);
+        if (copy == nullptr) {
+            errno = ENOMEM;
+            return -1;
+        }
+        if (reply_length != 0) std::memcpy(copy, answer.reply, reply_length);
+        *reply = copy;
+    }
+    if (r == 0) *length = reply_length;
+    return r;
+}
+
+}  // namespace
+
+extern "C" {
+
+int32_t dlg_req_resp(uint32_t msg_type, uint32_t opcode, const void *request, void **reply,
+                     uint32_t *length, const char *opt_a, uint32_t opt_b, uint32_t sap,
+                     plat_endpoint *ep, uint32_t timeout) {
+    return request_and_wait(PLAT_OP_REQ_RESP, msg_type, opcode, request, reply, length, opt_a,
+                            opt_b, sap, 0, ep, timeout);
+}
+
+int32_t dlg_remote_req_resp(uint32_t msg_type, uint32_t opcode, const void *request, void **reply,
+                            uint32_t *length, const char *opt_a, uint32_t opt_b, uint32_t sap,
+                            uint32_t node, plat_endpoint *ep, uint32_t timeout) {
+    return request_and_wait(PLAT_OP_REMOTE, msg_type, opcode, request, reply, length, opt_a, opt_b,
+                            sap, node, ep, timeout);
+}
+
+int32_t dlg_send_request(uint32_t msg_type, uint32_t opcode, const void *request, uint32_t length,
+                         const char *opt_a, uint32_t opt_b, uint32_t node, uint32_t sap,
+                         plat_endpoint *ep, uint32_t tag) {
+    if (ep == nullptr || (request == nullptr && length != 0)) {
+        errno = EINVAL;
+        return -1;
+    }
+    plat_call call{};
+    call.op = PLAT_OP_SEND_REQUEST;
+    call.msg_type = msg_type;
+    call.opcode = opcode;
+    call.node = node;
+    call.sap = sap;
+    call.opt_a = opt_a;
+    call.opt_b = opt_b;
+    call.tag = tag;
+    call.payload = length != 0 ? request : nullptr;
+    call.length = length;
+    plat_answer answer;
+    return plat::endpoint_call(ep, call, answer);
+}
+
+int32_t dlg_parse_response(plat_msg *msg, void **payload, uint32_t *length) {
+    const plat_msg_info *info = plat_msg_info_get(msg);
+    if (info == nullptr) {
+        errno = EINVAL;
+        return -1;
+    }
+    if (info->status != 0) return info->status;
+    uint32_t n;
+    void *p = plat_msg_payload(msg, &n);
+    if (payload != nullptr) *payload = p;
+    if (length != nullptr) *length = n;
+    return 0;
+}
+
+}  // extern "C"

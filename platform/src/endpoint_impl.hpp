@@ -1,0 +1,15 @@
+// What the platform's own layers (the channel, and the raw message transport to come) need of an
+// endpoint beyond its public interface. Not exported.
+#pragma once
+
+#include "platform/endpoint.h"
+
+namespace plat {
+
+// Carries one operation through the endpoint's transport. Sends that expect a later reply
+// (PLAT_OP_SEND_REQUEST, PLAT_OP_RAW_SEND) get a fresh reply token in call.token first, and an
+// answer with reply bytes and result 0 is queued on the endpoint as the reply message. When the
+// answer's result is -1, errno is set to its err. Returns the answer's result.
+int32_t endpoint_call(plat_endpoint *ep, plat_call &call, plat_answer &answer);
+
+}  // namespace plat

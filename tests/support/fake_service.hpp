@@ -1,0 +1,107 @@
+// FakeService: the far side of a platform endpoint as the tests play it, built once on the
+// platform's in-process transport (platform/endpoint.h) for every suite that talks to a service.
+//
+// It records every operation the code under test makes through its endpoint (channel requests,
+// remote requests, asynchronous sends, and later raw transport sends) with every field and the
+// exact payload bytes, and answers each with the next scripted Answer, in order; when the script
+// is used up it answers result 0 with no reply. Receives on the endpoint (plat_endpoint_recv) are
+// not recorded; they succeed unless a failure was scripted for them with fail_recv.
+//
+//     FakeService svc;
+//     svc.answer(Answer::reply(be32(1)));                  // result 0, four reply bytes
+//     svc.answer(Answer::failure(ENOENT));                 // result -1, errno ENOENT
+//     svc.answer(Answer::status(0x409A0006));              // result = a status
+//     zfx_something(svc.ep(), ...);
+//     EXPECT_EQ(svc.sent()[0].payload, (Bytes{...}));
+//
+// The answer to an asynchronous send that carries reply bytes is queued on the endpoint as a
+// reply message (with reply_status as its status), which the test takes with
+// plat_endpoint_recv(svc.ep(), 0, &msg).
+//
+// Byte helpers build the expected bytes; tlv()/tlv_array() lay out TLV arrays independently of
+// the platform's TLV library (4-byte padded elements), for replies and for comparisons.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/endpoint.h"
+
+namespace zfxtest {
+
+using Bytes = std::vector<uint8_t>;
+
+// One operation as the transport saw it.
+struct Sent {
+    plat_op op;
+    uint32_t msg_type;
+    uint32_t opcode;
+    uint32_t node;
+    uint32_t sap;
+    std::optional<std::string> opt_a;  // nullopt for NULL
+    uint32_t opt_b;
+    uint32_t tag;
+    uint32_t timeout;
+    uint32_t token;
+    bool want_reply;
+    Bytes payload;
+};
+
+struct Answer {
+    int32_t result = 0;
+    int err = 0;
+    std::optional<Bytes> reply;  // nullopt: no reply at all; an empty Bytes: an empty reply
+    int32_t reply_status = 0;    // asynchronous sends: the status of the queued reply message
+
+    static Answer reply_with(Bytes bytes, int32_t result = 0) { return {result, 0, std::move(bytes), 0}; }
+    static Answer failure(int err) { return {-1, err, std::nullopt, 0}; }
+    static Answer status(int32_t s) { return {s, 0, std::nullopt, 0}; }
+    static Answer none() { return {}; }
+};
+
+class FakeService {
+public:
+    FakeService();
+    ~FakeService();
+    FakeService(const FakeService &) = delete;
+    FakeService &operator=(const FakeService &) = delete;
+
+    plat_endpoint *ep() const { return ep_; }
+    void answer(Answer a) { script_.push_back(std::move(a)); }
+    // The next receive on the endpoint returns result (-1 sets errno err).
+    void fail_recv(int32_t result, int err) { recv_faults_.push_back({result, err, std::nullopt, 0}); }
+    const std::vector<Sent> &sent() const { return sent_; }
+    const Sent &last() const { return sent_.back(); }
+    size_t unanswered() const { return script_.size() - next_; }
+
+private:
+    static void handle(void *ctx, const plat_call *call, plat_answer *answer);
+
+    plat_endpoint *ep_;
+    std::vector<Sent> sent_;
+    std::vector<Answer> script_;
+    size_t next_ = 0;
+    std::vector<Answer> recv_faults_;
+    size_t next_fault_ = 0;
+    Answer current_;  // keeps the reply bytes alive until the transport is next called
+};
+
+// ---- bytes ------------------------------------------------------------------------------------
+
+Bytes be32(uint32_t v);
+Bytes le32(uint32_t v);
+Bytes le16(uint16_t v);
+Bytes zeros(size_t n);
+Bytes str0(const std::string &s);  // the characters and a terminator
+Bytes cat(std::initializer_list<Bytes> parts);
+Bytes bytes_of(const void *p, size_t n);
+// One TLV element: u16 type, u16 length (host order), the value, zero padding to 4 bytes.
+Bytes tlv(uint16_t type, const Bytes &value);
+// A TLV array: the count word (host order), then the elements.
+Bytes tlv_array(std::initializer_list<Bytes> elements);
+// "01 02 ff" for readable failure messages.
+std::string hex(const Bytes &b);
+
+}  // namespace zfxtest

@@ -1,0 +1,130 @@
+// The platform's TLV arrays and bounded copy: arrays built element by element must match an
+// independent model of the layout byte for byte and walk back to what was added, with either
+// walker, for arrays small and large (the cursor's long form); refused adds leave the array alone.
+#include <cstring>
+#include <random>
+
+#include <gtest/gtest.h>
+
+#include "fake_service.hpp"
+#include "platform/fmt.h"
+#include "platform/tlvbuf.h"
+
+namespace {
+
+using zfxtest::Bytes;
+
+struct Elem {
+    uint16_t type;
+    Bytes value;
+};
+
+Bytes model(const std::vector<Elem> &elems) {
+    Bytes out = zfxtest::le32(uint32_t(elems.size()));
+    for (const Elem &e : elems) {
+        Bytes t = zfxtest::tlv(e.type, e.value);
+        out.insert(out.end(), t.begin(), t.end());
+    }
+    return out;
+}
+
+// Builds with tlvbuf_add_tlv at exactly the model's size, checks the bytes, walks them back.
+void round_trip(const std::vector<Elem> &elems) {
+    const Bytes expected = model(elems);
+    Bytes array(expected.size() + 4, 0xEE);  // a guard word past the capacity
+    std::memset(array.data(), 0, 4);
+    const uint32_t capacity = uint32_t(expected.size());
+    for (const Elem &e : elems)
+        ASSERT_EQ(tlvbuf_add_tlv(array.data(), capacity, e.type, uint16_t(e.value.size()), e.value.data(), 0), 0);
+    ASSERT_EQ(Bytes(array.begin(), array.begin() + capacity), expected);
+    EXPECT_EQ(tlvbuf_get_num_tlvs(array.data(), 0), elems.size());
+    // Full: one more element, even an empty one, is refused and changes nothing.
+    const Bytes before = array;
+    EXPECT_NE(tlvbuf_add_tlv(array.data(), capacity, 1, 0, nullptr, 0), 0);
+    EXPECT_EQ(array, before);
+    for (auto walker : {tlvbuf_get_next_tlv, tlvbuf_aligned_get_next_tlv}) {
+        uint32_t cursor = 0;
+        for (const Elem &e : elems) {
+            uint16_t type = 0, len = 0;
+            void *value = &cursor;
+            ASSERT_EQ(walker(array.data(), &type, &len, &value, 0, &cursor), 0);
+            ASSERT_EQ(type, e.type);
+            ASSERT_EQ(len, e.value.size());
+            if (e.value.empty()) ASSERT_EQ(value, nullptr);
+            else ASSERT_EQ(0, std::memcmp(value, e.value.data(), e.value.size()));
+        }
+        EXPECT_NE(walker(array.data(), nullptr, nullptr, nullptr, 0, &cursor), 0);
+    }
+}
+
+TEST(Tlvbuf, SizeRule) {
+    const struct {
+        uint32_t n, size, size32;
+    } cases[] = {{0, 4, 8}, {1, 8, 12}, {4, 8, 12}, {5, 12, 16}, {68, 72, 76}, {260, 264, 268}, {1028, 1032, 1036},
+                 {0xFFFFFFFFu, 0xFFFFFFFFu, 0xFFFFFFFFu}};
+    for (const auto &c : cases) {
+        EXPECT_EQ(tlvbuf_size_get(c.n), c.size) << c.n;
+        EXPECT_EQ(tlvbuf32_size_get(c.n), c.size32) << c.n;
+    }
+}
+
+TEST(Tlvbuf, BuildMatchesLayoutAndWalksBack) {
+    std::mt19937 rng(7);
+    for (int round = 0; round < 200; ++round) {
+        std::vector<Elem> elems(rng() % 12);
+        for (Elem &e : elems) {
+            e.type = uint16_t(rng());
+            e.value.resize(rng() % 3 == 0 ? rng() % 4 : rng() % 300);
+            for (uint8_t &b : e.value) b = uint8_t(rng());
+        }
+        round_trip(elems);
+    }
+}
+
+TEST(Tlvbuf, LongWalksKeepTheirPlace) {
+    // Past the cursor's short form: more than 8191 elements, and more than 1 MiB of array.
+    round_trip(std::vector<Elem>(9000, Elem{3, {}}));
+    std::vector<Elem> big(18, Elem{9, Bytes(65535, 0x5A)});
+    big.push_back(Elem{10, {1, 2, 3}});
+    round_trip(big);
+}
+
+TEST(Tlvbuf, RefusalsChangeNothing) {
+    const uint8_t v[4] = {1, 2, 3, 4};
+    Bytes array = model({{1, {9, 9, 9, 9}}});
+    const Bytes before = array;
+    EXPECT_NE(tlvbuf_add_tlv(nullptr, 64, 1, 4, v, 0), 0);
+    EXPECT_NE(tlvbuf_add_tlv(array.data(), 3, 1, 0, v, 0), 0);
+    EXPECT_NE(tlvbuf_add_tlv(array.data(), 64, 1, 4, nullptr, 0), 0);
+    EXPECT_NE(tlvbuf_add_tlv(array.data(), 15, 1, 0, v, 0), 0);  // no room after the existing element
+    array[0] = 5;  // the count claims elements the capacity cannot hold
+    EXPECT_NE(tlvbuf_add_tlv(array.data(), uint32_t(array.size()), 1, 0, v, 0), 0);
+    array[0] = 1;
+    EXPECT_EQ(array, before);
+    uint32_t cursor = 0;
+    EXPECT_NE(tlvbuf_get_next_tlv(nullptr, nullptr, nullptr, nullptr, 0, &cursor), 0);
+    EXPECT_NE(tlvbuf_get_next_tlv(array.data(), nullptr, nullptr, nullptr, 0, nullptr), 0);
+    EXPECT_EQ(tlvbuf_get_num_tlvs(nullptr, 0), 0u);
+}
+
+TEST(Fmt, CopyStrToBuf) {
+    const struct {
+        uint32_t limit;
+        const char *src;
+        uint32_t copied;
+        const char *dst;
+    } cases[] = {{1, "abc", 0, ""}, {3, "abc", 2, "ab"}, {4, "abc", 3, "abc"}, {9, "abc", 3, "abc"}, {9, nullptr, 0, ""}};
+    for (const auto &c : cases) {
+        char buf[10];
+        std::memset(buf, 'x', sizeof buf);
+        EXPECT_EQ(copy_str_to_buf(c.limit, buf, c.src), c.copied);
+        EXPECT_STREQ(buf, c.dst);
+        EXPECT_EQ(buf[c.limit], 'x');  // nothing past the limit
+    }
+    char untouched = 'x';
+    EXPECT_EQ(copy_str_to_buf(0, &untouched, "abc"), 0u);
+    EXPECT_EQ(untouched, 'x');
+    EXPECT_EQ(copy_str_to_buf(5, nullptr, "abc"), 0u);
+}
+
+}  // namespace
