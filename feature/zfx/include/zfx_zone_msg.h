@@ -325,10 +325,12 @@ ZFX_API uint32_t zfx_dlg_config_zone_activation(plat_endpoint *ep, uint32_t opco
 /*
  * Message queries: a one-entry message with the name element (1 for zonesets, 6 for zones and
  * for the member's zone) when a name is given, the id(s) and the entry count in network order,
- * the flags in host order. On 0, *reply is the service's reply (service byte order), which the
- * caller frees; NULL when the service sent none. A reply that does not hold the kind's fixed
- * part and a well-formed TLV array is released and gives ZFX_ERR_INVALID_ARG with *reply NULL.
- * reply may be NULL (no reply wanted). With debug_cli set, print their requests.
+ * the flags in host order. *reply is the reply that came (service byte order; beside a nonzero
+ * result too), which the caller frees, or NULL when none came. On 0 a reply that does not hold
+ * the kind's fixed part and a well-formed TLV array is released and gives ZFX_ERR_INVALID_ARG
+ * with *reply NULL. reply may be NULL (no reply wanted). With debug_cli set they print their
+ * requests and the length after the call; the member query prints
+ * "Internal error due to fail in adding zone name to tlvs" whenever its name cannot be added.
  */
 ZFX_API uint32_t zfx_dlg_get_zoneset(plat_endpoint *ep, uint32_t opcode, const char *name,
                                      uint32_t id, zfx_zoneset_msg **reply, uint32_t count,

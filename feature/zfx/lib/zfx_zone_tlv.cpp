@@ -57,10 +57,21 @@ const ZoneKind kZonesetKind{ZFX_MSG_ZONESET, 28, 1, {24, 0},
                             kZonesetConv, uint8_t(std::size(kZonesetConv)),
                             kZonesetNeeds, uint8_t(std::size(kZonesetNeeds)), ZFX_TLV_ZONESET_NAME};
 
-uint32_t one_record_size(const ZoneKind &k) {
+namespace {
+
+uint32_t compute_record_size(const ZoneKind &k) {
     uint32_t size = fixed_size(k);
     for (uint8_t i = 0; i < k.n_reserved; ++i) size += zfx_tlv_size_get_for_type(k.reserved[i]);
     return size;
+}
+
+}  // namespace
+
+uint32_t one_record_size(const ZoneKind &k) {
+    // The size rule is the platform's and fixed for the life of the process: computed once.
+    static const uint32_t sizes[] = {compute_record_size(kMemberKind), compute_record_size(kZoneKind),
+                                     compute_record_size(kZonesetKind)};
+    return sizes[&k == &kMemberKind ? 0 : &k == &kZoneKind ? 1 : 2];
 }
 
 namespace {
