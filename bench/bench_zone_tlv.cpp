@@ -33,7 +33,8 @@ void BM_WalkPlatform(benchmark::State &state) {
         uint32_t cursor = 0, sum = 0;
         uint16_t type, len;
         void *value;
-        while (tlvbuf_get_next_tlv(a.data(), &type, &len, &value, 0, &cursor) == 0) sum += type + len;
+        while (tlvbuf_get_next_tlv(a.data(), &type, &len, &value, 0, &cursor) == 0)
+            sum += type + len;
         benchmark::DoNotOptimize(sum);
     }
     state.SetItemsProcessed(state.iterations() * state.range(0));

@@ -22,9 +22,10 @@ TEST(Channel, WaitedRequestsCarryEveryFieldAndCopyTheReply) {
         svc.answer(Answer::reply_with(answer));
         void *reply = nullptr;
         uint32_t len = uint32_t(request.size());
-        const int32_t r = remote ? dlg_remote_req_resp(8620, 2, request.data(), &reply, &len, "ZFX", 7, 110,
-                                                       0xFE000001u, svc.ep(), 1)
-                                 : dlg_req_resp(8605, 3, request.data(), &reply, &len, "ZFX", 7, 110, svc.ep(), 4);
+        const int32_t r = remote ? dlg_remote_req_resp(8620, 2, request.data(), &reply, &len, "ZFX",
+                                                       7, 110, 0xFE000001u, svc.ep(), 1)
+                                 : dlg_req_resp(8605, 3, request.data(), &reply, &len, "ZFX", 7,
+                                                110, svc.ep(), 4);
         ASSERT_EQ(r, 0);
         const Sent &s = svc.last();
         EXPECT_EQ(s.op, remote ? PLAT_OP_REMOTE : PLAT_OP_REQ_RESP);
@@ -54,12 +55,12 @@ TEST(Channel, ResultsAndReplyOwnership) {
         uint32_t len_after;
     };
     const Case cases[] = {
-        {Answer::none(), true, 0, 0, false, 0},                  // no reply: NULL, length 0
-        {Answer::reply_with({}), true, 0, 0, true, 0},           // an empty reply is still a reply
-        {Answer::reply_with({1, 2}), false, 0, 0, false, 2},     // not wanted: dropped, length kept
-        {Answer::failure(ENOENT), true, -1, ENOENT, false, 5},   // length left alone
+        {Answer::none(), true, 0, 0, false, 0},                 // no reply: NULL, length 0
+        {Answer::reply_with({}), true, 0, 0, true, 0},          // an empty reply is still a reply
+        {Answer::reply_with({1, 2}), false, 0, 0, false, 2},    // not wanted: dropped, length kept
+        {Answer::failure(ENOENT), true, -1, ENOENT, false, 5},  // length left alone
         {Answer::status(0x409A0006), true, 0x409A0006, 0, false, 5},
-        {Answer::reply_with({1}, 42), true, 42, 0, true, 5},     // a reply beside a status
+        {Answer::reply_with({1}, 42), true, 42, 0, true, 5},  // a reply beside a status
     };
     for (const Case &c : cases) {
         FakeService svc;
@@ -68,7 +69,9 @@ TEST(Channel, ResultsAndReplyOwnership) {
         uint32_t len = 5;
         errno = 0;
         const uint8_t req[5] = {};
-        EXPECT_EQ(dlg_req_resp(1, 1, req, c.want ? &reply : nullptr, &len, nullptr, 0, 110, svc.ep(), 10), c.result);
+        EXPECT_EQ(
+            dlg_req_resp(1, 1, req, c.want ? &reply : nullptr, &len, nullptr, 0, 110, svc.ep(), 10),
+            c.result);
         if (c.result == -1) {
             EXPECT_EQ(errno, c.err);
         }

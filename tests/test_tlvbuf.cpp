@@ -35,7 +35,9 @@ void round_trip(const std::vector<Elem> &elems) {
     std::memset(array.data(), 0, 4);
     const uint32_t capacity = uint32_t(expected.size());
     for (const Elem &e : elems)
-        ASSERT_EQ(tlvbuf_add_tlv(array.data(), capacity, e.type, uint16_t(e.value.size()), e.value.data(), 0), 0);
+        ASSERT_EQ(tlvbuf_add_tlv(array.data(), capacity, e.type, uint16_t(e.value.size()),
+                                 e.value.data(), 0),
+                  0);
     ASSERT_EQ(Bytes(array.begin(), array.begin() + capacity), expected);
     EXPECT_EQ(tlvbuf_get_num_tlvs(array.data(), 0), elems.size());
     // Full: one more element, even an empty one, is refused and changes nothing.
@@ -50,8 +52,10 @@ void round_trip(const std::vector<Elem> &elems) {
             ASSERT_EQ(walker(array.data(), &type, &len, &value, 0, &cursor), 0);
             ASSERT_EQ(type, e.type);
             ASSERT_EQ(len, e.value.size());
-            if (e.value.empty()) ASSERT_EQ(value, nullptr);
-            else ASSERT_EQ(0, std::memcmp(value, e.value.data(), e.value.size()));
+            if (e.value.empty())
+                ASSERT_EQ(value, nullptr);
+            else
+                ASSERT_EQ(0, std::memcmp(value, e.value.data(), e.value.size()));
         }
         EXPECT_NE(walker(array.data(), nullptr, nullptr, nullptr, 0, &cursor), 0);
     }
@@ -60,8 +64,9 @@ void round_trip(const std::vector<Elem> &elems) {
 TEST(Tlvbuf, SizeRule) {
     const struct {
         uint32_t n, size, size32;
-    } cases[] = {{0, 4, 8}, {1, 8, 12}, {4, 8, 12}, {5, 12, 16}, {68, 72, 76}, {260, 264, 268}, {1028, 1032, 1036},
-                 {0xFFFFFFFFu, 0xFFFFFFFFu, 0xFFFFFFFFu}};
+    } cases[] = {
+        {0, 4, 8},    {1, 8, 12},      {4, 8, 12},         {5, 12, 16},
+        {68, 72, 76}, {260, 264, 268}, {1028, 1032, 1036}, {0xFFFFFFFFu, 0xFFFFFFFFu, 0xFFFFFFFFu}};
     for (const auto &c : cases) {
         EXPECT_EQ(tlvbuf_size_get(c.n), c.size) << c.n;
         EXPECT_EQ(tlvbuf32_size_get(c.n), c.size32) << c.n;
@@ -96,7 +101,8 @@ TEST(Tlvbuf, RefusalsChangeNothing) {
     EXPECT_NE(tlvbuf_add_tlv(nullptr, 64, 1, 4, v, 0), 0);
     EXPECT_NE(tlvbuf_add_tlv(array.data(), 3, 1, 0, v, 0), 0);
     EXPECT_NE(tlvbuf_add_tlv(array.data(), 64, 1, 4, nullptr, 0), 0);
-    EXPECT_NE(tlvbuf_add_tlv(array.data(), 15, 1, 0, v, 0), 0);  // no room after the existing element
+    EXPECT_NE(tlvbuf_add_tlv(array.data(), 15, 1, 0, v, 0),
+              0);  // no room after the existing element
     array[0] = 5;  // the count claims elements the capacity cannot hold
     EXPECT_NE(tlvbuf_add_tlv(array.data(), uint32_t(array.size()), 1, 0, v, 0), 0);
     array[0] = 1;
@@ -113,7 +119,11 @@ TEST(Fmt, CopyStrToBuf) {
         const char *src;
         uint32_t copied;
         const char *dst;
-    } cases[] = {{1, "abc", 0, ""}, {3, "abc", 2, "ab"}, {4, "abc", 3, "abc"}, {9, "abc", 3, "abc"}, {9, nullptr, 0, ""}};
+    } cases[] = {{1, "abc", 0, ""},
+                 {3, "abc", 2, "ab"},
+                 {4, "abc", 3, "abc"},
+                 {9, "abc", 3, "abc"},
+                 {9, nullptr, 0, ""}};
     for (const auto &c : cases) {
         char buf[10];
         std::memset(buf, 'x', sizeof buf);

@@ -108,11 +108,21 @@ TEST(ZoneConfig, CallersMessagesTravelInNetworkOrderAndComeBack) {
         Bytes head;  // the first bytes on the wire
     };
     const Sender senders[] = {
-        {"member", [&](plat_endpoint *ep, uint32_t op) { return zfx_dlg_config_zone_member_tlv(ep, op, member, "opt", 6); },
-         member, 140, 8603, cat({be32(1), zeros(4), be32(4), be32(3), tlv_array({tlv(11, be32(10))})})},
-        {"zone", [&](plat_endpoint *ep, uint32_t op) { return zfx_dlg_config_zone_tlv(ep, op, zone, "opt", 6); },
+        {"member",
+         [&](plat_endpoint *ep, uint32_t op) {
+             return zfx_dlg_config_zone_member_tlv(ep, op, member, "opt", 6);
+         },
+         member, 140, 8603,
+         cat({be32(1), zeros(4), be32(4), be32(3), tlv_array({tlv(11, be32(10))})})},
+        {"zone",
+         [&](plat_endpoint *ep, uint32_t op) {
+             return zfx_dlg_config_zone_tlv(ep, op, zone, "opt", 6);
+         },
          zone, 380, 8602, cat({be32(1), zeros(4), be32(9), le32(0)})},
-        {"zoneset", [&](plat_endpoint *ep, uint32_t op) { return zfx_dlg_config_zoneset_tlv(ep, op, zoneset, "opt", 6); },
+        {"zoneset",
+         [&](plat_endpoint *ep, uint32_t op) {
+             return zfx_dlg_config_zoneset_tlv(ep, op, zoneset, "opt", 6);
+         },
          zoneset, 1244, 8601, cat({be32(1), zeros(20), be32(12), le32(0)})},
     };
     const uint32_t timeouts[] = {10, 10, 10, 23, 23, 10};  // operation codes 0 to 5
@@ -125,12 +135,14 @@ TEST(ZoneConfig, CallersMessagesTravelInNetworkOrderAndComeBack) {
         EXPECT_EQ(s.send(svc.ep(), 2), 0x409A0006u) << s.what;
         for (uint32_t op = 0; op < 6; ++op) EXPECT_EQ(s.send(svc.ep(), op), 0u);
         ASSERT_EQ(svc.sent().size(), 8u);
-        for (uint32_t op = 0; op < 6; ++op) EXPECT_EQ(svc.sent()[2 + op].timeout, timeouts[op]) << s.what << op;
+        for (uint32_t op = 0; op < 6; ++op)
+            EXPECT_EQ(svc.sent()[2 + op].timeout, timeouts[op]) << s.what << op;
         const Bytes &wire = svc.last().payload;
         ASSERT_EQ(wire.size(), s.size) << s.what;
         EXPECT_EQ(Bytes(wire.begin(), wire.begin() + long(s.head.size())), s.head) << s.what;
         EXPECT_EQ(svc.last().msg_type, s.msg_type);
-        EXPECT_EQ(bytes_of(s.msg, s.size), before) << s.what << ": the caller's message is host order again";
+        EXPECT_EQ(bytes_of(s.msg, s.size), before)
+            << s.what << ": the caller's message is host order again";
         // A malformed array is refused before anything is sent or converted.
         auto *count = static_cast<uint8_t *>(s.msg) + s.head.size() - (s.msg == member ? 12 : 4);
         count[1] = 0xFF;  // 65280 elements and more
@@ -139,7 +151,8 @@ TEST(ZoneConfig, CallersMessagesTravelInNetworkOrderAndComeBack) {
         EXPECT_EQ(bytes_of(s.msg, s.size), bad);
         EXPECT_EQ(svc.sent().size(), 8u);
     }
-    EXPECT_EQ(zfx_dlg_config_zone_tlv(nullptr, 1, nullptr, nullptr, 0), uint32_t(ZFX_ERR_INVALID_ARG));
+    EXPECT_EQ(zfx_dlg_config_zone_tlv(nullptr, 1, nullptr, nullptr, 0),
+              uint32_t(ZFX_ERR_INVALID_ARG));
     std::free(member);
     std::free(zone);
     std::free(zoneset);
@@ -148,10 +161,18 @@ TEST(ZoneConfig, CallersMessagesTravelInNetworkOrderAndComeBack) {
 TEST(ZoneConfig, FailurePathsReleaseEverything) {
     const std::string huge(65534, 'h');  // its element size wraps in 16 bits, so the add is refused
     const std::function<uint32_t(plat_endpoint *, const char *)> builders[] = {
-        [](plat_endpoint *ep, const char *n) { return zfx_dlg_config_zone_member(ep, 1, n, 1, 1, 0, kWwn, kLun, 1, 1, nullptr, 0); },
-        [](plat_endpoint *ep, const char *n) { return zfx_dlg_config_zone_attrib(ep, 1, n, "b", 0, 1, 1, nullptr, 0); },
-        [](plat_endpoint *ep, const char *n) { return zfx_dlg_config_zone(ep, 1, n, nullptr, nullptr, 0); },
-        [](plat_endpoint *ep, const char *n) { return zfx_dlg_config_zoneset_all_attrib(ep, 1, n, "b", 0, "z", nullptr, nullptr, 0); },
+        [](plat_endpoint *ep, const char *n) {
+            return zfx_dlg_config_zone_member(ep, 1, n, 1, 1, 0, kWwn, kLun, 1, 1, nullptr, 0);
+        },
+        [](plat_endpoint *ep, const char *n) {
+            return zfx_dlg_config_zone_attrib(ep, 1, n, "b", 0, 1, 1, nullptr, 0);
+        },
+        [](plat_endpoint *ep, const char *n) {
+            return zfx_dlg_config_zone(ep, 1, n, nullptr, nullptr, 0);
+        },
+        [](plat_endpoint *ep, const char *n) {
+            return zfx_dlg_config_zoneset_all_attrib(ep, 1, n, "b", 0, "z", nullptr, nullptr, 0);
+        },
     };
     for (const auto &build : builders) {
         FakeService svc;
@@ -181,16 +202,19 @@ TEST(ZoneConfig, MemberDebugLines) {
          "zfx_dlg_config_zone_member : id = 3, parent_id=4 zone name=(null) member type=2 vsan=10 "
          "autonomous-fabric-id=0\ninvalid member type: 2\n"},
         {240, kWwn, kLun,
-         "zfx_dlg_config_zone_member : id = 3, parent_id=4 zone name=(null) member type=240 vsan=10 "
+         "zfx_dlg_config_zone_member : id = 3, parent_id=4 zone name=(null) member type=240 "
+         "vsan=10 "
          "autonomous-fabric-id=0\n"
          "adding member type: 240\nadding pwwn: 0x1a04cff24000021\nadding lun: 0x 0 1 0 0 0 0 0 a\n"
-         "adding vsan: 10\nconverting member structure to network byte order..\nsending req to zfx..\n"
+         "adding vsan: 10\nconverting member structure to network byte order..\nsending req to "
+         "zfx..\n"
          "return code: 0x409a0006\n"},
         {1, "alias", nullptr,
          "zfx_dlg_config_zone_member : id = 3, parent_id=4 zone name=(null) member type=1 vsan=10 "
          "autonomous-fabric-id=0\n"
          "adding member type: 1\nadding device-alias: alias\nadding vsan: 10\n"
-         "converting member structure to network byte order..\nsending req to zfx..\nreturn code: 0x409a0006\n"},
+         "converting member structure to network byte order..\nsending req to zfx..\nreturn code: "
+         "0x409a0006\n"},
     };
     for (const DebugCase &c : cases) {
         FakeService svc;
@@ -198,7 +222,8 @@ TEST(ZoneConfig, MemberDebugLines) {
         debug_cli = 1;
         zfx_testing_fail_allocation(0);  // resets the count
         Capture out;
-        const uint32_t r = zfx_dlg_config_zone_member(svc.ep(), 1, nullptr, 3, 4, c.type, c.value, c.lun, 10, 0, nullptr, 0);
+        const uint32_t r = zfx_dlg_config_zone_member(svc.ep(), 1, nullptr, 3, 4, c.type, c.value,
+                                                      c.lun, 10, 0, nullptr, 0);
         debug_cli = 0;
         EXPECT_EQ(out.text(), c.out);
         if (c.type == 2) {

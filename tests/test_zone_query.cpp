@@ -53,12 +53,18 @@ TEST(ZoneQuery, DebugLines) {
     };
     const DebugCase cases[] = {
         {0, ""},
-        {1, "zfx_dlg_get_zone : msg_type = 2, num_zones = 1, id = 5, name = (null)\nPayload size = 6\n"
-            "zfx_dlg_get_zoneset : msg_type 1, num_zonesets 1, id 7, name s flag 128\nflag is 80 \nPayload size = 0\n"
-            "zfx_dlg_get_zone_member : msg_type = 3, num_zones = 2, id = 9, name = z\nPayload size = 28 \n"},
-        {2, "zfx_dlg_get_zone : msg_type = 2, num_zones = 1, id = 5, name = (null)\nPayload size = 6\n"
-            "zfx_dlg_get_zoneset : msg_type 1, num_zonesets 1, id 7, name s flag 128\nPayload size = 0\n"
-            "zfx_dlg_get_zone_member : msg_type = 3, num_zones = 2, id = 9, name = z\nPayload size = 28 \n"},
+        {1,
+         "zfx_dlg_get_zone : msg_type = 2, num_zones = 1, id = 5, name = (null)\nPayload size = 6\n"
+         "zfx_dlg_get_zoneset : msg_type 1, num_zonesets 1, id 7, name s flag 128\nflag is 80 "
+         "\nPayload size = 0\n"
+         "zfx_dlg_get_zone_member : msg_type = 3, num_zones = 2, id = 9, name = z\nPayload size = "
+         "28 \n"},
+        {2,
+         "zfx_dlg_get_zone : msg_type = 2, num_zones = 1, id = 5, name = (null)\nPayload size = 6\n"
+         "zfx_dlg_get_zoneset : msg_type 1, num_zonesets 1, id 7, name s flag 128\nPayload size = "
+         "0\n"
+         "zfx_dlg_get_zone_member : msg_type = 3, num_zones = 2, id = 9, name = z\nPayload size = "
+         "28 \n"},
     };
     for (const DebugCase &c : cases) {
         FakeService svc;
@@ -89,10 +95,12 @@ TEST(ZoneQuery, MessageQueryReplies) {
         {"well formed", Answer::reply_with(good), 0, true},
         {"status beside a reply", Answer::reply_with(good, 7), 7, true},
         {"channel failure", Answer::failure(EIO), 0xFFFFFFFFu, false},
-        {"shorter than the fixed part", Answer::reply_with(zeros(15)), uint32_t(ZFX_ERR_INVALID_ARG), false},
+        {"shorter than the fixed part", Answer::reply_with(zeros(15)),
+         uint32_t(ZFX_ERR_INVALID_ARG), false},
         {"count past the reply", Answer::reply_with(cat({zeros(12), le32(2), tlv(6, str0("z"))})),
          uint32_t(ZFX_ERR_INVALID_ARG), false},
-        {"element past the reply", Answer::reply_with(cat({zeros(12), le32(1), le16(6), le16(9), {'a'}})),
+        {"element past the reply",
+         Answer::reply_with(cat({zeros(12), le32(1), le16(6), le16(9), {'a'}})),
          uint32_t(ZFX_ERR_INVALID_ARG), false},
     };
     for (const ReplyCase &c : cases) {
@@ -113,8 +121,10 @@ TEST(ZoneQuery, MessageQueryReplies) {
     EXPECT_EQ(zfx_dlg_get_zoneset(svc.ep(), 1, "s", 1, nullptr, 1, 0), uint32_t(ZFX_ERR_NO_MEMORY));
     zfx_testing_fail_allocation(0);
     Capture out;
-    EXPECT_EQ(zfx_dlg_get_zone(svc.ep(), 1, huge.c_str(), 1, nullptr, 1, 0), uint32_t(ZFX_ERR_INVALID_ARG));
-    EXPECT_EQ(zfx_dlg_get_zone_member(svc.ep(), 1, huge.c_str(), 1, 1, nullptr, 1, 0), uint32_t(ZFX_ERR_INVALID_ARG));
+    EXPECT_EQ(zfx_dlg_get_zone(svc.ep(), 1, huge.c_str(), 1, nullptr, 1, 0),
+              uint32_t(ZFX_ERR_INVALID_ARG));
+    EXPECT_EQ(zfx_dlg_get_zone_member(svc.ep(), 1, huge.c_str(), 1, 1, nullptr, 1, 0),
+              uint32_t(ZFX_ERR_INVALID_ARG));
     EXPECT_EQ(out.text(), "Internal error due to fail in adding zone name to tlvs\n");
     EXPECT_TRUE(svc.sent().empty());
 }
@@ -128,13 +138,16 @@ std::string chars(size_t n) {
 TEST(ZoneQuery, DataQueriesFillTheirStructures) {
     const Bytes members = cat({le32(256), Bytes(256, 0x81)});
     const Bytes attr = {1, 2, 3, 4, 5, 6, 7, 8};
-    // Zone: a 70-character name keeps 64; read-only converted; QoS as received; unknown types passed over.
+    // Zone: a 70-character name keeps 64; read-only converted; QoS as received; unknown types
+    // passed over.
     {
         FakeService svc;
-        svc.answer(Answer::reply_with(cat({be32(1), zeros(4), be32(0x0102),
-                                           tlv_array({tlv(6, str0(chars(70))), tlv(7, members), tlv(9, attr),
-                                                      tlv(45, le32(3)), tlv(59, be32(1)), tlv(99, zeros(12))})})));
-        svc.answer(Answer::reply_with(cat({be32(1), zeros(4), be32(3), tlv_array({tlv(45, le32(0)), tlv(6, {'a', 'b'})})})));
+        svc.answer(Answer::reply_with(
+            cat({be32(1), zeros(4), be32(0x0102),
+                 tlv_array({tlv(6, str0(chars(70))), tlv(7, members), tlv(9, attr),
+                            tlv(45, le32(3)), tlv(59, be32(1)), tlv(99, zeros(12))})})));
+        svc.answer(Answer::reply_with(
+            cat({be32(1), zeros(4), be32(3), tlv_array({tlv(45, le32(0)), tlv(6, {'a', 'b'})})})));
         zfx_zone_info info;
         std::memset(&info, 0xCC, sizeof info);
         info.id = 0x0102;
@@ -156,9 +169,10 @@ TEST(ZoneQuery, DataQueriesFillTheirStructures) {
     // Zoneset: the later of the two names wins; short and long values stay within their fields.
     {
         FakeService svc;
-        svc.answer(Answer::reply_with(cat({be32(1), zeros(20), be32(6),
-                                           tlv_array({tlv(56, str0("second-long-name")), tlv(1, str0("first")),
-                                                      tlv(61, Bytes(2000, 0x42)), tlv(3, {9}), tlv(31, Bytes(20, 7))})})));
+        svc.answer(Answer::reply_with(
+            cat({be32(1), zeros(20), be32(6),
+                 tlv_array({tlv(56, str0("second-long-name")), tlv(1, str0("first")),
+                            tlv(61, Bytes(2000, 0x42)), tlv(3, {9}), tlv(31, Bytes(20, 7))})})));
         zfx_zoneset_info info{};
         info.id = 6;
         ASSERT_EQ(zfx_dlg_get_zoneset_data(svc.ep(), 1, &info, 0), 0u);
@@ -168,13 +182,15 @@ TEST(ZoneQuery, DataQueriesFillTheirStructures) {
         EXPECT_EQ(bytes_of(info.information, 20), Bytes(20, 7));
         EXPECT_EQ(svc.last().payload, cat({be32(1), zeros(20), be32(6), le32(0)}));
     }
-    // Member: both ids from the reply; fabric ID from the low 16 bits; a 70-character alias keeps 67.
+    // Member: both ids from the reply; fabric ID from the low 16 bits; a 70-character alias
+    // keeps 67.
     {
         FakeService svc;
         const Bytes wwn = {1, 2, 3, 4, 5, 6, 7, 8};
-        svc.answer(Answer::reply_with(cat({be32(1), zeros(4), be32(4), be32(3),
-                                           tlv_array({tlv(27, le32(241)), tlv(12, le32(0x00050007)), tlv(10, wwn),
-                                                      tlv(44, wwn), tlv(11, be32(10)), tlv(65, str0(chars(70)))})})));
+        svc.answer(Answer::reply_with(
+            cat({be32(1), zeros(4), be32(4), be32(3),
+                 tlv_array({tlv(27, le32(241)), tlv(12, le32(0x00050007)), tlv(10, wwn),
+                            tlv(44, wwn), tlv(11, be32(10)), tlv(65, str0(chars(70)))})})));
         zfx_zone_member_info info{};
         info.id = 3;
         info.zone_id = 4;
@@ -193,9 +209,11 @@ TEST(ZoneQuery, DataQueriesFillTheirStructures) {
 }
 
 TEST(ZoneQuery, FailedDataQueriesLeaveTheStructure) {
-    const Answer answers[] = {Answer::none(), Answer::failure(EIO), Answer::reply_with(zeros(40), 9),
+    const Answer answers[] = {Answer::none(), Answer::failure(EIO),
+                              Answer::reply_with(zeros(40), 9),
                               Answer::reply_with(cat({be32(1), zeros(8), le32(3)}))};
-    const uint32_t results[] = {uint32_t(ZFX_ERR_INVALID_ARG), 0xFFFFFFFFu, 9, uint32_t(ZFX_ERR_INVALID_ARG)};
+    const uint32_t results[] = {uint32_t(ZFX_ERR_INVALID_ARG), 0xFFFFFFFFu, 9,
+                                uint32_t(ZFX_ERR_INVALID_ARG)};
     for (size_t i = 0; i < 4; ++i) {
         FakeService svc;
         svc.answer(answers[i]);
@@ -220,19 +238,33 @@ TEST(ZoneQuery, ActiveZoneset) {
         Bytes zones;       // empty for untouched
     };
     const ActiveCase cases[] = {
-        {"name and bitmap", Answer::reply_with(cat({head, tlv_array({tlv(1, str0("active")), tlv(61, bitmap)})})), 0,
+        {"name and bitmap",
+         Answer::reply_with(cat({head, tlv_array({tlv(1, str0("active")), tlv(61, bitmap)})})), 0,
          "active", bitmap},
-        {"empty bitmap", Answer::reply_with(cat({head, tlv_array({tlv(56, str0("a")), tlv(61, {})})})), 0, "a",
+        {"empty bitmap",
+         Answer::reply_with(cat({head, tlv_array({tlv(56, str0("a")), tlv(61, {})})})), 0, "a",
          cat({le32(1024), zeros(1024)})},
-        {"short bitmap, long name", Answer::reply_with(cat({head, tlv_array({tlv(1, Bytes(80, 'n')), tlv(61, {1, 2})})})),
-         0, std::string(67, 'n'), cat({{1, 2}, zeros(1026)})},
+        {"short bitmap, long name",
+         Answer::reply_with(cat({head, tlv_array({tlv(1, Bytes(80, 'n')), tlv(61, {1, 2})})})), 0,
+         std::string(67, 'n'), cat({{1, 2}, zeros(1026)})},
         {"no reply", Answer::none(), 0, "~", {}},
         {"status", Answer::status(4), 4, "~", {}},
-        {"two entries", Answer::reply_with(cat({be32(2), zeros(24), tlv_array({tlv(1, str0("x")), tlv(61, bitmap)})})),
-         uint32_t(ZFX_ERR_INVALID_ARG), "~", {}},
-        {"name only", Answer::reply_with(cat({head, tlv_array({tlv(1, str0("only"))})})), uint32_t(ZFX_ERR_INVALID_ARG),
-         "only", {}},
-        {"malformed", Answer::reply_with(cat({head, le32(3), tlv(1, str0("x"))})), uint32_t(ZFX_ERR_INVALID_ARG), "~", {}},
+        {"two entries",
+         Answer::reply_with(
+             cat({be32(2), zeros(24), tlv_array({tlv(1, str0("x")), tlv(61, bitmap)})})),
+         uint32_t(ZFX_ERR_INVALID_ARG),
+         "~",
+         {}},
+        {"name only",
+         Answer::reply_with(cat({head, tlv_array({tlv(1, str0("only"))})})),
+         uint32_t(ZFX_ERR_INVALID_ARG),
+         "only",
+         {}},
+        {"malformed",
+         Answer::reply_with(cat({head, le32(3), tlv(1, str0("x"))})),
+         uint32_t(ZFX_ERR_INVALID_ARG),
+         "~",
+         {}},
     };
     for (const ActiveCase &c : cases) {
         FakeService svc;

@@ -53,7 +53,7 @@ int32_t endpoint_call(plat_endpoint *ep, plat_call &call, plat_answer &answer) {
         return -1;
     }
     if (awaits_reply && answer.result == 0 && answer.reply != nullptr) {
-        const plat_msg_info info{call.msg_type, call.opcode, call.node, call.sap,
+        const plat_msg_info info{call.msg_type, call.opcode, call.node,          call.sap,
                                  call.tag,      call.token,  answer.reply_status};
         plat_msg *msg = plat_msg_new(&info, answer.reply, answer.reply_length);
         if (msg == nullptr) {  // the reply is lost as if the service had never answered
@@ -129,8 +129,10 @@ int32_t plat_endpoint_post(plat_endpoint *ep, plat_msg *msg) {
         return -1;
     }
     msg->next = nullptr;
-    if (ep->tail != nullptr) ep->tail->next = msg;
-    else ep->head = msg;
+    if (ep->tail != nullptr)
+        ep->tail->next = msg;
+    else
+        ep->head = msg;
     ep->tail = msg;
     ++ep->pending;
     return 0;

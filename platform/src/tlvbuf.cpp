@@ -66,7 +66,9 @@ int32_t next_tlv(void *array, uint16_t *type, uint16_t *length, void **value, ui
 
 extern "C" {
 
-uint32_t tlvbuf_size_get(uint32_t n) { return n > 0xFFFFFFFFu - 7 ? 0xFFFFFFFFu : 4 + ((n + 3) & ~3u); }
+uint32_t tlvbuf_size_get(uint32_t n) {
+    return n > 0xFFFFFFFFu - 7 ? 0xFFFFFFFFu : 4 + ((n + 3) & ~3u);
+}
 
 uint32_t tlvbuf32_size_get(uint32_t n) {
     return n > 0xFFFFFFFFu - 11 ? 0xFFFFFFFFu : 8 + ((n + 3) & ~3u);

@@ -22,10 +22,11 @@ void FakeService::handle(void *ctx, const plat_call *call, plat_answer *answer) 
         return;
     }
     const auto *p = static_cast<const uint8_t *>(call->payload);
-    self->sent_.push_back(Sent{call->op, call->msg_type, call->opcode, call->node, call->sap,
-                               call->opt_a != nullptr ? std::optional<std::string>(call->opt_a) : std::nullopt,
-                               call->opt_b, call->tag, call->timeout, call->token, call->want_reply != 0,
-                               p != nullptr ? Bytes(p, p + call->length) : Bytes{}});
+    self->sent_.push_back(
+        Sent{call->op, call->msg_type, call->opcode, call->node, call->sap,
+             call->opt_a != nullptr ? std::optional<std::string>(call->opt_a) : std::nullopt,
+             call->opt_b, call->tag, call->timeout, call->token, call->want_reply != 0,
+             p != nullptr ? Bytes(p, p + call->length) : Bytes{}});
     self->current_ = self->next_ < self->script_.size() ? self->script_[self->next_++] : Answer{};
     const Answer &a = self->current_;
     answer->result = a.result;

@@ -55,7 +55,9 @@ struct Answer {
     std::optional<Bytes> reply;  // nullopt: no reply at all; an empty Bytes: an empty reply
     int32_t reply_status = 0;    // asynchronous sends: the status of the queued reply message
 
-    static Answer reply_with(Bytes bytes, int32_t result = 0) { return {result, 0, std::move(bytes), 0}; }
+    static Answer reply_with(Bytes bytes, int32_t result = 0) {
+        return {result, 0, std::move(bytes), 0};
+    }
     static Answer failure(int err) { return {-1, err, std::nullopt, 0}; }
     static Answer status(int32_t s) { return {s, 0, std::nullopt, 0}; }
     static Answer none() { return {}; }
@@ -71,7 +73,9 @@ public:
     plat_endpoint *ep() const { return ep_; }
     void answer(Answer a) { script_.push_back(std::move(a)); }
     // The next receive on the endpoint returns result (-1 sets errno err).
-    void fail_recv(int32_t result, int err) { recv_faults_.push_back({result, err, std::nullopt, 0}); }
+    void fail_recv(int32_t result, int err) {
+        recv_faults_.push_back({result, err, std::nullopt, 0});
+    }
     const std::vector<Sent> &sent() const { return sent_; }
     const Sent &last() const { return sent_.back(); }
     size_t unanswered() const { return script_.size() - next_; }

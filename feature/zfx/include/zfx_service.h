@@ -40,16 +40,16 @@ ZFX_EXTERN_C_BEGIN
 #define ZFX_STATUS_KIND_EXT 2u /* extended enabled status */
 
 typedef struct zfx_status_query {
-    vsan_bitset vsans;     /* length word (host order) and the VSAN bits */
-    uint8_t kind;          /* ZFX_STATUS_KIND_* */
-    uint8_t reserved[31];  /* zero */
+    vsan_bitset vsans;    /* length word (host order) and the VSAN bits */
+    uint8_t kind;         /* ZFX_STATUS_KIND_* */
+    uint8_t reserved[31]; /* zero */
 } zfx_status_query;
 
 ZFX_STATIC_ASSERT(sizeof(zfx_status_query) == 548, "zfx_status_query is 548 bytes");
 ZFX_STATIC_ASSERT(offsetof(zfx_status_query, kind) == 516, "kind follows the VSAN set");
 
 /* Status reply: the 13 bytes the library reads. A reply shorter than that is a failed request. */
-#define ZFX_STATUS_FLAG_NAT 0x01u           /* flags bit 0: NAT is enabled in the asked VSAN */
+#define ZFX_STATUS_FLAG_NAT 0x01u            /* flags bit 0: NAT is enabled in the asked VSAN */
 #define ZFX_STATUS_REPLY_SUBSTITUTE_SIZE 48u /* the all-zero reply given after a failure */
 
 typedef struct __attribute__((packed)) zfx_status_reply {
@@ -67,8 +67,8 @@ ZFX_STATIC_ASSERT(offsetof(zfx_status_reply, flags) == 12, "flags at byte 12");
 #define ZFX_INFO_KEY_ACTIVATE_TIME 18u /* its reply carries a time value instead of text */
 
 typedef struct zfx_info_record {
-    uint32_t key;                    /* network order on the wire */
-    char value[ZFX_INFO_TEXT_SIZE];  /* text, NUL-terminated; integers as "%d" */
+    uint32_t key;                   /* network order on the wire */
+    char value[ZFX_INFO_TEXT_SIZE]; /* text, NUL-terminated; integers as "%d" */
 } zfx_info_record;
 
 ZFX_STATIC_ASSERT(sizeof(zfx_info_record) == 260, "zfx_info_record is 260 bytes");
@@ -90,7 +90,8 @@ typedef struct zfx_selector {
 
 ZFX_STATIC_ASSERT(sizeof(zfx_selector) == 8, "zfx_selector is 8 bytes");
 
-/* ---- enabled status --------------------------------------------------------------------------- */
+/* ---- enabled status ---------------------------------------------------------------------------
+ */
 
 /*
  * Is the feature enabled? Sends the short-form query (zfx_is_zfx_enabled) or the VSAN form of
@@ -128,7 +129,8 @@ ZFX_API int32_t zfx_is_zfx_enabled_parse(plat_msg *msg, zfx_status_reply **reply
 ZFX_API int32_t zfx_is_zfx_nat_enabled_in_vsan_send(plat_endpoint *ep, int32_t vsan, uint32_t tag);
 ZFX_API int32_t zfx_is_zfx_nat_enabled_in_vsan_parse(plat_msg *msg, uint32_t *flag);
 
-/* ---- switches and named values ---------------------------------------------------------------- */
+/* ---- switches and named values ----------------------------------------------------------------
+ */
 
 /* Makes the service ignore its fcdomain check (ignore nonzero: operation 3) or stop ignoring it
  * (operation 4): the selector {1, 0} as ZFX_MSG_FCDOMAIN_CHECK_IGNORE, no reply, timeout 5.
@@ -167,7 +169,8 @@ ZFX_API void zfx_dlg_get_info_activate_time(plat_endpoint *ep, zfx_time_value *t
  * overwrites it: callers on several threads must serialise or copy at once. */
 ZFX_API char *zfx_dlg_get_info_char(plat_endpoint *ep, uint32_t key);
 
-/* ---- zoneset status --------------------------------------------------------------------------- */
+/* ---- zoneset status ---------------------------------------------------------------------------
+ */
 
 /* Asks the status of one zoneset (selector {1, id}) or of all (id ZFX_ZONESET_ID_ALL: selector
  * {0, 0xFFFFFFFF}) as ZFX_MSG_ZONESET_STATUS with the caller's operation code, timeout 10. The

@@ -33,7 +33,8 @@
 
 ZFX_EXTERN_C_BEGIN
 
-/* ---- TLV types (value size; byte order of the value on the wire) ------------------------------ */
+/* ---- TLV types (value size; byte order of the value on the wire) ------------------------------
+ */
 
 #define ZFX_TLV_ZONESET_NAME 1u         /* name, NUL-terminated, 68 reserved; as given */
 #define ZFX_TLV_ZONESET_ATTR 3u         /* 8-byte attribute block */
@@ -59,10 +60,10 @@ ZFX_EXTERN_C_BEGIN
 #define ZFX_TLV_MEMBER_DEVICE_ALIAS 65u /* device alias, NUL-terminated, 68 reserved */
 
 /* Member types (value of ZFX_TLV_MEMBER_TYPE); no other value is a member type. */
-#define ZFX_MEMBER_PWWN 0u                 /* identified by ZFX_TLV_MEMBER_PWWN */
-#define ZFX_MEMBER_DEVICE_ALIAS 1u         /* ZFX_TLV_MEMBER_DEVICE_ALIAS */
-#define ZFX_MEMBER_PWWN_LUN 240u           /* ZFX_TLV_MEMBER_PWWN and ZFX_TLV_MEMBER_LUN */
-#define ZFX_MEMBER_DEVICE_ALIAS_LUN 241u   /* ZFX_TLV_MEMBER_DEVICE_ALIAS and ZFX_TLV_MEMBER_LUN */
+#define ZFX_MEMBER_PWWN 0u               /* identified by ZFX_TLV_MEMBER_PWWN */
+#define ZFX_MEMBER_DEVICE_ALIAS 1u       /* ZFX_TLV_MEMBER_DEVICE_ALIAS */
+#define ZFX_MEMBER_PWWN_LUN 240u         /* ZFX_TLV_MEMBER_PWWN and ZFX_TLV_MEMBER_LUN */
+#define ZFX_MEMBER_DEVICE_ALIAS_LUN 241u /* ZFX_TLV_MEMBER_DEVICE_ALIAS and ZFX_TLV_MEMBER_LUN */
 
 /* QoS priority (value of ZFX_TLV_ZONE_QOS); 0 is none. */
 #define ZFX_ZONE_QOS_NONE 0u
@@ -83,7 +84,8 @@ ZFX_EXTERN_C_BEGIN
 /* Argument value meaning "leave the element out" (QoS, read-only). */
 #define ZFX_ATTR_NONE 0xFFFFFFFFu
 
-/* ---- records ---------------------------------------------------------------------------------- */
+/* ---- records ----------------------------------------------------------------------------------
+ */
 
 typedef struct zfx_tlv {
     uint16_t type;
@@ -146,7 +148,7 @@ typedef struct zfx_zone_activation_req {
     char name[ZFX_NAME_SIZE]; /* zoneset name, terminated; zero when none */
     uint32_t value_a;         /* host order, as given */
     uint32_t reserved1;
-    uint32_t value_b;         /* network order */
+    uint32_t value_b; /* network order */
     uint32_t reserved2;
 } zfx_zone_activation_req;
 
@@ -155,13 +157,13 @@ ZFX_STATIC_ASSERT(offsetof(zfx_zone_activation_req, value_b) == 76, "value B at 
 
 /* What the data queries fill; cleared first, ids in host order, other fields as received. */
 typedef struct zfx_zone_info {
-    uint32_t id;                        /* in: the zone to ask for */
-    char name[ZFX_NAME_SIZE];           /* type 6, at most 64 characters */
+    uint32_t id;                            /* in: the zone to ask for */
+    char name[ZFX_NAME_SIZE];               /* type 6, at most 64 characters */
     uint8_t members[ZFX_ZONE_MEMBERS_SIZE]; /* type 7 */
-    uint8_t attributes[ZFX_ATTR_SIZE];  /* type 9 */
-    uint32_t qos_set;                   /* 1 when type 45 came with a nonzero value */
-    uint32_t qos;                       /* type 45 */
-    uint32_t read_only;                 /* type 59, host order */
+    uint8_t attributes[ZFX_ATTR_SIZE];      /* type 9 */
+    uint32_t qos_set;                       /* 1 when type 45 came with a nonzero value */
+    uint32_t qos;                           /* type 45 */
+    uint32_t read_only;                     /* type 59, host order */
 } zfx_zone_info;
 
 ZFX_STATIC_ASSERT(sizeof(zfx_zone_info) == 352, "zfx_zone_info is 352 bytes");
@@ -170,10 +172,10 @@ ZFX_STATIC_ASSERT(offsetof(zfx_zone_info, qos_set) == 340, "qos_set at 340");
 ZFX_STATIC_ASSERT(offsetof(zfx_zone_info, read_only) == 348, "read_only at 348");
 
 typedef struct zfx_zoneset_info {
-    uint32_t id;                             /* in: the zoneset to ask for */
-    char name[ZFX_NAME_SIZE];                /* type 1 or 56 (the later wins), at most 64 */
-    uint8_t zones[ZFX_ZONESET_ZONES_SIZE];   /* type 61 */
-    uint8_t attributes[ZFX_ATTR_SIZE];       /* type 3 */
+    uint32_t id;                                /* in: the zoneset to ask for */
+    char name[ZFX_NAME_SIZE];                   /* type 1 or 56 (the later wins), at most 64 */
+    uint8_t zones[ZFX_ZONESET_ZONES_SIZE];      /* type 61 */
+    uint8_t attributes[ZFX_ATTR_SIZE];          /* type 3 */
     uint8_t information[ZFX_ZONESET_INFO_SIZE]; /* type 31 */
 } zfx_zoneset_info;
 
@@ -197,7 +199,8 @@ ZFX_STATIC_ASSERT(offsetof(zfx_zone_member_info, pwwn) == 14, "pwwn at 14");
 ZFX_STATIC_ASSERT(offsetof(zfx_zone_member_info, vsan) == 32, "vsan at 32");
 ZFX_STATIC_ASSERT(offsetof(zfx_zone_member_info, device_alias) == 36, "alias at 36");
 
-/* ---- TLV records ------------------------------------------------------------------------------ */
+/* ---- TLV records ------------------------------------------------------------------------------
+ */
 
 /* The element size of a type: tlvbuf_size_get of the room the type reserves (68 for names, 4 for
  * 32-bit values, 8 for WWNs, LUNs and attribute blocks, 260, 1028, 20), cut to 16 bits; 0 for a
@@ -221,7 +224,8 @@ ZFX_API zfx_zoneset_msg *zfx_dlg_malloc_one_zoneset_and_all_attribs(void);
  * a nonzero length; the array is then unchanged. */
 ZFX_API int32_t zfx_dlg_zone_member_add_tlv(void *entry, uint16_t type, uint16_t length,
                                             const void *value);
-ZFX_API int32_t zfx_dlg_zone_add_tlv(void *entry, uint16_t type, uint16_t length, const void *value);
+ZFX_API int32_t zfx_dlg_zone_add_tlv(void *entry, uint16_t type, uint16_t length,
+                                     const void *value);
 ZFX_API int32_t zfx_dlg_zoneset_add_tlv(void *entry, uint16_t type, uint16_t length,
                                         const void *value);
 
@@ -287,10 +291,10 @@ ZFX_API uint32_t zfx_dlg_config_zone_member(plat_endpoint *ep, uint32_t opcode,
 /* A zone: the name (6) when given, else the id in the entry; QoS (45, host order) and read-only
  * (59, network order) unless ZFX_ATTR_NONE; the second name (57) when given. Sent as
  * ZFX_MSG_ZONE (_all_attrib) or ZFX_MSG_ZONE_ATTRIB (_attrib). */
-ZFX_API uint32_t zfx_dlg_config_zone_all_attrib(plat_endpoint *ep, uint32_t opcode, const char *name,
-                                                const char *name2, uint32_t zone_id, uint32_t qos,
-                                                uint32_t read_only, const char *opt_a,
-                                                uint32_t opt_b);
+ZFX_API uint32_t zfx_dlg_config_zone_all_attrib(plat_endpoint *ep, uint32_t opcode,
+                                                const char *name, const char *name2,
+                                                uint32_t zone_id, uint32_t qos, uint32_t read_only,
+                                                const char *opt_a, uint32_t opt_b);
 ZFX_API uint32_t zfx_dlg_config_zone_attrib(plat_endpoint *ep, uint32_t opcode, const char *name,
                                             const char *name2, uint32_t zone_id, uint32_t qos,
                                             uint32_t read_only, const char *opt_a, uint32_t opt_b);
@@ -308,14 +312,15 @@ ZFX_API uint32_t zfx_dlg_config_zoneset_all_attrib(plat_endpoint *ep, uint32_t o
                                                    uint32_t opt_b);
 /* zfx_dlg_config_zoneset_all_attrib with id 0 and no bitmap. */
 ZFX_API uint32_t zfx_dlg_config_zoneset(plat_endpoint *ep, uint32_t opcode, const char *name,
-                                        const char *name2, const char *zone_name,
-                                        const char *opt_a, uint32_t opt_b);
+                                        const char *name2, const char *zone_name, const char *opt_a,
+                                        uint32_t opt_b);
 
 /* Activates a zoneset: zfx_zone_activation_req (name cut to 67 characters) as
  * ZFX_MSG_ZONE_ACTIVATION. A negative channel result becomes ZFX_ERR_ERRNO(errno). */
-ZFX_API uint32_t zfx_dlg_config_zone_activation(plat_endpoint *ep, uint32_t opcode, const char *name,
-                                                uint32_t value_a, uint32_t value_b,
-                                                const char *opt_a, uint32_t opt_b);
+ZFX_API uint32_t zfx_dlg_config_zone_activation(plat_endpoint *ep, uint32_t opcode,
+                                                const char *name, uint32_t value_a,
+                                                uint32_t value_b, const char *opt_a,
+                                                uint32_t opt_b);
 
 /* ---- queries ------------------------------------------------------------------------------------
  * Sent to ZFX_SAP with options 0 and 0, timeout 10. Results (u32): the channel's result
@@ -348,8 +353,8 @@ ZFX_API uint32_t zfx_dlg_get_zone_member(plat_endpoint *ep, uint32_t opcode, con
  * reply came, or when the reply is malformed; a nonzero channel result is returned unchanged.
  * On any failure info is left untouched.
  */
-ZFX_API uint32_t zfx_dlg_get_zoneset_data(plat_endpoint *ep, uint32_t opcode, zfx_zoneset_info *info,
-                                          uint16_t flags);
+ZFX_API uint32_t zfx_dlg_get_zoneset_data(plat_endpoint *ep, uint32_t opcode,
+                                          zfx_zoneset_info *info, uint16_t flags);
 ZFX_API uint32_t zfx_dlg_get_zone_data(plat_endpoint *ep, uint32_t opcode, zfx_zone_info *info,
                                        uint16_t flags);
 ZFX_API uint32_t zfx_dlg_get_zone_member_data(plat_endpoint *ep, uint32_t opcode,

@@ -42,8 +42,11 @@ int32_t enabled(plat_endpoint *ep, const void *query, uint32_t length, zfx_statu
     *out = nullptr;
     Block reply;
     int32_t r = exchange(ep,
-                         {.msg_type = ZFX_MSG_STATUS, .opcode = kOpGet, .request = query,
-                          .length = length, .timeout = kStatusTimeout,
+                         {.msg_type = ZFX_MSG_STATUS,
+                          .opcode = kOpGet,
+                          .request = query,
+                          .length = length,
+                          .timeout = kStatusTimeout,
                           .on_failure = OnFailure::errno_code},
                          &reply);
     if (r == 0) {
@@ -75,9 +78,13 @@ Block get_info(plat_endpoint *ep, uint32_t key, uint32_t timeout, uint32_t need)
     zfx_info_record req{};
     store_be32(&req.key, key);
     Block reply;
-    const int32_t r = exchange(
-        ep, {.msg_type = ZFX_MSG_INFO, .opcode = kOpGet, .request = &req, .length = sizeof req, .timeout = timeout},
-        &reply);
+    const int32_t r = exchange(ep,
+                               {.msg_type = ZFX_MSG_INFO,
+                                .opcode = kOpGet,
+                                .request = &req,
+                                .length = sizeof req,
+                                .timeout = timeout},
+                               &reply);
     if (r != 0 || !reply.holds(need)) reply.slot();
     return reply;
 }
@@ -85,10 +92,12 @@ Block get_info(plat_endpoint *ep, uint32_t key, uint32_t timeout, uint32_t need)
 // The text of an info reply, when it is terminated within the reply and the record.
 const char *info_text(const Block &reply) {
     if (!reply.holds(offsetof(zfx_info_record, value) + 1)) return nullptr;
-    const char *text = reinterpret_cast<const char *>(reply.bytes()) + offsetof(zfx_info_record, value);
+    const char *text =
+        reinterpret_cast<const char *>(reply.bytes()) + offsetof(zfx_info_record, value);
     const size_t room = reply.len - offsetof(zfx_info_record, value);
-    return std::memchr(text, '\0', room < ZFX_INFO_TEXT_SIZE ? room : ZFX_INFO_TEXT_SIZE) != nullptr ? text
-                                                                                               : nullptr;
+    return std::memchr(text, '\0', room < ZFX_INFO_TEXT_SIZE ? room : ZFX_INFO_TEXT_SIZE) != nullptr
+               ? text
+               : nullptr;
 }
 
 char g_info_text[ZFX_INFO_TEXT_SIZE];
@@ -140,7 +149,8 @@ int32_t zfx_is_zfx_nat_enabled_in_vsan_parse(plat_msg *msg, uint32_t *flag) {
     const int32_t r = parse_status(msg, &payload);
     if (r != 0) return r;
     if (flag != nullptr)
-        *flag = load_be32(payload) != 0 && (payload[offsetof(zfx_status_reply, flags)] & ZFX_STATUS_FLAG_NAT);
+        *flag = load_be32(payload) != 0 &&
+                (payload[offsetof(zfx_status_reply, flags)] & ZFX_STATUS_FLAG_NAT);
     return 0;
 }
 
@@ -170,7 +180,8 @@ int32_t zfx_dlg_set_info(plat_endpoint *ep, uint32_t key, int32_t value, const c
 }
 
 zfx_info_record *zfx_dlg_get_info_with_timeout(plat_endpoint *ep, uint32_t key, uint32_t timeout) {
-    return static_cast<zfx_info_record *>(get_info(ep, key, timeout, sizeof(zfx_info_record)).release());
+    return static_cast<zfx_info_record *>(
+        get_info(ep, key, timeout, sizeof(zfx_info_record)).release());
 }
 
 zfx_info_record *zfx_dlg_get_info(plat_endpoint *ep, uint32_t key) {
@@ -192,7 +203,8 @@ int32_t zfx_dlg_get_info_int(plat_endpoint *ep, uint32_t key) {
 
 void zfx_dlg_get_info_activate_time(plat_endpoint *ep, zfx_time_value *time) {
     if (time == nullptr) return;
-    const Block reply = get_info(ep, ZFX_INFO_KEY_ACTIVATE_TIME, kInfoDefaultTimeout, kActivateTimeBytes);
+    const Block reply =
+        get_info(ep, ZFX_INFO_KEY_ACTIVATE_TIME, kInfoDefaultTimeout, kActivateTimeBytes);
     if (!reply) return;
     time->word[0] = load_le32(reply.bytes() + 4);
     time->word[1] = load_le32(reply.bytes() + 8);
@@ -213,8 +225,11 @@ int32_t zfx_dlg_get_zoneset_status(plat_endpoint *ep, uint32_t opcode, uint32_t 
     // The reply goes to the caller as the channel gives it, beside whatever result.
     Block out;
     const int32_t r = exchange(ep,
-                               {.msg_type = ZFX_MSG_ZONESET_STATUS, .opcode = opcode, .request = &sel,
-                                .length = sizeof sel, .timeout = kZonesetStatusTimeout},
+                               {.msg_type = ZFX_MSG_ZONESET_STATUS,
+                                .opcode = opcode,
+                                .request = &sel,
+                                .length = sizeof sel,
+                                .timeout = kZonesetStatusTimeout},
                                reply != nullptr ? &out : nullptr);
     if (reply != nullptr) *reply = out.release();
     return r;

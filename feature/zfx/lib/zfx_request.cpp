@@ -6,17 +6,20 @@ namespace zfx {
 int32_t exchange(plat_endpoint *ep, const Exchange &x, Block *reply, uint32_t *length_after) {
     uint32_t length = x.length;
     void **slot = reply != nullptr ? reply->slot() : nullptr;
-    const int32_t r =
-        x.node != 0 ? dlg_remote_req_resp(x.msg_type, x.opcode, x.request, slot, &length, x.opt_a,
-                                          x.opt_b, ZFX_SAP, x.node, ep, x.timeout)
-                    : dlg_req_resp(x.msg_type, x.opcode, x.request, slot, &length, x.opt_a,
-                                   x.opt_b, ZFX_SAP, ep, x.timeout);
+    const int32_t r = x.node != 0
+                          ? dlg_remote_req_resp(x.msg_type, x.opcode, x.request, slot, &length,
+                                                x.opt_a, x.opt_b, ZFX_SAP, x.node, ep, x.timeout)
+                          : dlg_req_resp(x.msg_type, x.opcode, x.request, slot, &length, x.opt_a,
+                                         x.opt_b, ZFX_SAP, ep, x.timeout);
     if (reply != nullptr) reply->len = length;
     if (length_after != nullptr) *length_after = length;
     switch (x.on_failure) {
-    case OnFailure::keep: break;
-    case OnFailure::errno_code: return r == -1 ? errno_status() : r;
-    case OnFailure::errno_negative: return r < 0 ? errno_status() : r;
+        case OnFailure::keep:
+            break;
+        case OnFailure::errno_code:
+            return r == -1 ? errno_status() : r;
+        case OnFailure::errno_negative:
+            return r < 0 ? errno_status() : r;
     }
     return r;
 }

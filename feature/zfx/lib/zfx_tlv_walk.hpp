@@ -49,8 +49,9 @@ public:
     bool next(Tlv &e) {
         if (seen_ == count_) return false;
         void *value = nullptr;
-        const int32_t r = aligned_ ? tlvbuf_aligned_get_next_tlv(array_, &e.type, &e.len, &value, 0, &cursor_)
-                                   : tlvbuf_get_next_tlv(array_, &e.type, &e.len, &value, 0, &cursor_);
+        const int32_t r =
+            aligned_ ? tlvbuf_aligned_get_next_tlv(array_, &e.type, &e.len, &value, 0, &cursor_)
+                     : tlvbuf_get_next_tlv(array_, &e.type, &e.len, &value, 0, &cursor_);
         if (r != 0) return false;
         e.value = static_cast<uint8_t *>(value);
         ++seen_;

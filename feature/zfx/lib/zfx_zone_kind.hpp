@@ -29,16 +29,16 @@ struct CreateNeed {
 
 struct ZoneKind {
     uint32_t msg_type;
-    uint32_t array_off;       // where the TLV array's count word lies in the message
+    uint32_t array_off;  // where the TLV array's count word lies in the message
     uint8_t n_ids;
-    uint8_t id_off[2];        // the entry's 32-bit id fields
-    const uint16_t *reserved; // types the one-record size has room for
+    uint8_t id_off[2];         // the entry's 32-bit id fields
+    const uint16_t *reserved;  // types the one-record size has room for
     uint8_t n_reserved;
-    const ConvRule *conv;     // values converted between byte orders
+    const ConvRule *conv;  // values converted between byte orders
     uint8_t n_conv;
     const CreateNeed *needs;  // what a create message must carry
     uint8_t n_needs;
-    uint16_t name_type;       // the element naming the object in a query
+    uint16_t name_type;  // the element naming the object in a query
 };
 
 extern const ZoneKind kMemberKind;

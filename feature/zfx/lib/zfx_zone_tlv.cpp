@@ -10,20 +10,21 @@ namespace {
 
 // Room each type reserves in a one-record message (value bytes); 0 reserves none.
 constexpr uint16_t kValueSize[] = {
-    /*  0 */ 0, 68, 4, 8, 0, 68, 68, 260, 0, 8,
-    /* 10 */ 8, 4, 4, 4, 0, 4, 4, 1028, 8, 4,
-    /* 20 */ 4, 4, 4, 4, 4, 0, 0, 4, 0, 0,
-    /* 30 */ 0, 20, 0, 0, 0, 0, 0, 0, 0, 0,
-    /* 40 */ 0, 0, 0, 0, 8, 4, 0, 0, 0, 0,
-    /* 50 */ 0, 0, 0, 0, 0, 0, 68, 0, 0, 4,
+    /*  0 */ 0, 68,   4, 8, 0, 68, 68, 260,  0, 8,
+    /* 10 */ 8, 4,    4, 4, 0, 4,  4,  1028, 8, 4,
+    /* 20 */ 4, 4,    4, 4, 4, 0,  0,  4,    0, 0,
+    /* 30 */ 0, 20,   0, 0, 0, 0,  0,  0,    0, 0,
+    /* 40 */ 0, 0,    0, 0, 8, 4,  0,  0,    0, 0,
+    /* 50 */ 0, 0,    0, 0, 0, 0,  68, 0,    0, 4,
     /* 60 */ 0, 1028, 0, 0, 0, 68,
 };
 
 constexpr uint16_t kMemberReserved[] = {ZFX_TLV_MEMBER_PWWN, ZFX_TLV_MEMBER_VSAN,
                                         ZFX_TLV_MEMBER_AFID, ZFX_TLV_MEMBER_TYPE,
                                         ZFX_TLV_MEMBER_LUN,  ZFX_TLV_MEMBER_DEVICE_ALIAS};
-constexpr uint16_t kZoneReserved[] = {ZFX_TLV_ZONE_NAME, ZFX_TLV_ZONE_NAME2, ZFX_TLV_ZONE_MEMBERS,
-                                      ZFX_TLV_ZONE_ATTR, ZFX_TLV_ZONE_QOS,   ZFX_TLV_ZONE_READ_ONLY};
+constexpr uint16_t kZoneReserved[] = {ZFX_TLV_ZONE_NAME,    ZFX_TLV_ZONE_NAME2,
+                                      ZFX_TLV_ZONE_MEMBERS, ZFX_TLV_ZONE_ATTR,
+                                      ZFX_TLV_ZONE_QOS,     ZFX_TLV_ZONE_READ_ONLY};
 constexpr uint16_t kZonesetReserved[] = {ZFX_TLV_ZONESET_NAME, ZFX_TLV_ZONESET_NAME2,
                                          ZFX_TLV_ZONESET_ZONE_BITMAP, ZFX_TLV_ZONESET_ATTR,
                                          ZFX_TLV_ZONESET_INFO};
@@ -44,18 +45,39 @@ constexpr CreateNeed kZonesetNeeds[] = {{{ZFX_TLV_ZONESET_NAME, 0}, true}};
 
 }  // namespace
 
-const ZoneKind kMemberKind{ZFX_MSG_ZONE_MEMBER, 16, 2, {8, 12},
-                           kMemberReserved, uint8_t(std::size(kMemberReserved)),
-                           kMemberConv, uint8_t(std::size(kMemberConv)),
-                           kMemberNeeds, uint8_t(std::size(kMemberNeeds)), ZFX_TLV_ZONE_NAME};
-const ZoneKind kZoneKind{ZFX_MSG_ZONE, 12, 1, {8, 0},
-                         kZoneReserved, uint8_t(std::size(kZoneReserved)),
-                         kZoneConv, uint8_t(std::size(kZoneConv)),
-                         kZoneNeeds, uint8_t(std::size(kZoneNeeds)), ZFX_TLV_ZONE_NAME};
-const ZoneKind kZonesetKind{ZFX_MSG_ZONESET, 28, 1, {24, 0},
-                            kZonesetReserved, uint8_t(std::size(kZonesetReserved)),
-                            kZonesetConv, uint8_t(std::size(kZonesetConv)),
-                            kZonesetNeeds, uint8_t(std::size(kZonesetNeeds)), ZFX_TLV_ZONESET_NAME};
+const ZoneKind kMemberKind{ZFX_MSG_ZONE_MEMBER,
+                           16,
+                           2,
+                           {8, 12},
+                           kMemberReserved,
+                           uint8_t(std::size(kMemberReserved)),
+                           kMemberConv,
+                           uint8_t(std::size(kMemberConv)),
+                           kMemberNeeds,
+                           uint8_t(std::size(kMemberNeeds)),
+                           ZFX_TLV_ZONE_NAME};
+const ZoneKind kZoneKind{ZFX_MSG_ZONE,
+                         12,
+                         1,
+                         {8, 0},
+                         kZoneReserved,
+                         uint8_t(std::size(kZoneReserved)),
+                         kZoneConv,
+                         uint8_t(std::size(kZoneConv)),
+                         kZoneNeeds,
+                         uint8_t(std::size(kZoneNeeds)),
+                         ZFX_TLV_ZONE_NAME};
+const ZoneKind kZonesetKind{ZFX_MSG_ZONESET,
+                            28,
+                            1,
+                            {24, 0},
+                            kZonesetReserved,
+                            uint8_t(std::size(kZonesetReserved)),
+                            kZonesetConv,
+                            uint8_t(std::size(kZonesetConv)),
+                            kZonesetNeeds,
+                            uint8_t(std::size(kZonesetNeeds)),
+                            ZFX_TLV_ZONESET_NAME};
 
 namespace {
 
@@ -69,7 +91,8 @@ uint32_t compute_record_size(const ZoneKind &k) {
 
 uint32_t one_record_size(const ZoneKind &k) {
     // The size rule is the platform's and fixed for the life of the process: computed once.
-    static const uint32_t sizes[] = {compute_record_size(kMemberKind), compute_record_size(kZoneKind),
+    static const uint32_t sizes[] = {compute_record_size(kMemberKind),
+                                     compute_record_size(kZoneKind),
                                      compute_record_size(kZonesetKind)};
     return sizes[&k == &kMemberKind ? 0 : &k == &kZoneKind ? 1 : 2];
 }
@@ -78,11 +101,13 @@ namespace {
 
 void convert_value(ValueConv conv, uint8_t *value) {
     switch (conv) {
-    case ValueConv::swap32: swap32_at(value); break;
-    case ValueConv::attr_block:
-        // The word is reversed and only its low-order byte stored back: byte 0 takes byte 3.
-        value[0] = static_cast<uint8_t>(bswap(load_le32(value)));
-        break;
+        case ValueConv::swap32:
+            swap32_at(value);
+            break;
+        case ValueConv::attr_block:
+            // The word is reversed and only its low-order byte stored back: byte 0 takes byte 3.
+            value[0] = static_cast<uint8_t>(bswap(load_le32(value)));
+            break;
     }
 }
 
@@ -114,7 +139,8 @@ int32_t check_create(const ZoneKind &k, const void *msg, size_t avail) {
     for (Tlv e; walk.next(e);) {
         for (uint8_t i = 0; i < k.n_needs; ++i) {
             const CreateNeed &need = k.needs[i];
-            const bool type_matches = e.type == need.any_of[0] || (need.any_of[1] != 0 && e.type == need.any_of[1]);
+            const bool type_matches =
+                e.type == need.any_of[0] || (need.any_of[1] != 0 && e.type == need.any_of[1]);
             if (type_matches && (!need.needs_value || e.value != nullptr)) seen |= 1u << i;
         }
     }
@@ -188,7 +214,8 @@ zfx_zoneset_msg *zfx_dlg_malloc_one_zoneset_and_all_attribs(void) {
     return static_cast<zfx_zoneset_msg *>(zfx::malloc_one(kZonesetKind));
 }
 
-int32_t zfx_dlg_zone_member_add_tlv(void *entry, uint16_t type, uint16_t length, const void *value) {
+int32_t zfx_dlg_zone_member_add_tlv(void *entry, uint16_t type, uint16_t length,
+                                    const void *value) {
     return zfx::add_to_entry(kMemberKind, entry, type, length, value);
 }
 int32_t zfx_dlg_zone_add_tlv(void *entry, uint16_t type, uint16_t length, const void *value) {
@@ -213,7 +240,9 @@ void zfx_zone_member_tlv_hton(zfx_zone_member_msg *msg) {
     zfx::convert(kMemberKind, msg, zfx::one_record_size(kMemberKind));
 }
 void zfx_zone_member_tlv_ntoh(zfx_zone_member_msg *msg) { zfx_zone_member_tlv_hton(msg); }
-void zfx_zone_tlv_hton(zfx_zone_msg *msg) { zfx::convert(kZoneKind, msg, zfx::one_record_size(kZoneKind)); }
+void zfx_zone_tlv_hton(zfx_zone_msg *msg) {
+    zfx::convert(kZoneKind, msg, zfx::one_record_size(kZoneKind));
+}
 void zfx_zone_tlv_ntoh(zfx_zone_msg *msg) { zfx_zone_tlv_hton(msg); }
 void zfx_zoneset_tlv_hton(zfx_zoneset_msg *msg) {
     zfx::convert(kZonesetKind, msg, zfx::one_record_size(kZonesetKind));

@@ -31,16 +31,16 @@ PLAT_API int32_t dlg_req_resp(uint32_t msg_type, uint32_t opcode, const void *re
 /* dlg_req_resp to a given node address. */
 PLAT_API int32_t dlg_remote_req_resp(uint32_t msg_type, uint32_t opcode, const void *request,
                                      void **reply, uint32_t *length, const char *opt_a,
-                                     uint32_t opt_b, uint32_t sap, uint32_t node,
-                                     plat_endpoint *ep, uint32_t timeout);
+                                     uint32_t opt_b, uint32_t sap, uint32_t node, plat_endpoint *ep,
+                                     uint32_t timeout);
 
 /* Sends the request (length bytes) and returns at once. The reply, when the service gives one,
  * is queued on the endpoint as a message carrying the tag, the send's reply token and the
  * reply's status; the caller takes it with plat_endpoint_recv and reads it with
  * dlg_parse_response. */
 PLAT_API int32_t dlg_send_request(uint32_t msg_type, uint32_t opcode, const void *request,
-                                  uint32_t length, const char *opt_a, uint32_t opt_b,
-                                  uint32_t node, uint32_t sap, plat_endpoint *ep, uint32_t tag);
+                                  uint32_t length, const char *opt_a, uint32_t opt_b, uint32_t node,
+                                  uint32_t sap, plat_endpoint *ep, uint32_t tag);
 
 /* For a received reply message: a nonzero status of the reply is returned as it stands (payload
  * and length are not written); on 0 *payload points at the payload inside the message (NULL when

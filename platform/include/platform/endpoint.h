@@ -67,11 +67,11 @@ typedef struct plat_call {
 
 /* The transport's answer. The endpoint fills it with zeros before asking. */
 typedef struct plat_answer {
-    int32_t result;       /* what the operation returns: 0, -1 (then errno = err), or a status */
-    int32_t err;          /* errno to set when result is -1 */
-    const void *reply;    /* reply payload, or NULL for none; the bytes must stay valid until the
-                             transport is next called on this endpoint or the endpoint closes.
-                             An empty reply is any non-NULL pointer with reply_length 0 */
+    int32_t result;    /* what the operation returns: 0, -1 (then errno = err), or a status */
+    int32_t err;       /* errno to set when result is -1 */
+    const void *reply; /* reply payload, or NULL for none; the bytes must stay valid until the
+                          transport is next called on this endpoint or the endpoint closes.
+                          An empty reply is any non-NULL pointer with reply_length 0 */
     uint32_t reply_length;
     int32_t reply_status; /* sends: the status the queued reply message carries */
 } plat_answer;
@@ -103,7 +103,8 @@ PLAT_API plat_endpoint *plat_endpoint_open_inproc(plat_service_handler handler, 
  * does nothing. */
 PLAT_API void plat_endpoint_close(plat_endpoint *ep);
 
-/* ---- messages ---------------------------------------------------------------------------------- */
+/* ---- messages ----------------------------------------------------------------------------------
+ */
 
 /* What a message carries besides its payload. */
 typedef struct plat_msg_info {
@@ -111,9 +112,9 @@ typedef struct plat_msg_info {
     uint32_t opcode;
     uint32_t node;
     uint32_t sap;
-    uint32_t tag;      /* the tag of the send it answers */
-    uint32_t token;    /* the reply token of the send it answers; 0 when it answers none */
-    int32_t status;    /* the reply's status: 0, or what dlg_parse_response returns */
+    uint32_t tag;   /* the tag of the send it answers */
+    uint32_t token; /* the reply token of the send it answers; 0 when it answers none */
+    int32_t status; /* the reply's status: 0, or what dlg_parse_response returns */
 } plat_msg_info;
 
 /* A new message with a copy of the payload (length bytes; payload may be NULL when length is 0).
