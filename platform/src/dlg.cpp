@@ -9,6 +9,21 @@
 
 namespace {
 
+// What every channel operation tells the transport.
+plat_call channel_call(plat_op op, uint32_t msg_type, uint32_t opcode, const void *request,
+                       uint32_t length, const char *opt_a, uint32_t opt_b, uint32_t sap,
+                       uint32_t node) {
+    return plat_call{.op = op,
+                     .msg_type = msg_type,
+                     .opcode = opcode,
+                     .node = node,
+                     .sap = sap,
+                     .opt_a = opt_a,
+                     .opt_b = opt_b,
+                     .payload = length != 0 ? request : nullptr,
+                     .length = length};
+}
+
 // The waited request of dlg_req_resp and dlg_remote_req_resp.
 int32_t request_and_wait(plat_op op, uint32_t msg_type, uint32_t opcode, const void *request,
                          void **reply, uint32_t *length, const char *opt_a, uint32_t opt_b,
@@ -18,18 +33,9 @@ int32_t request_and_wait(plat_op op, uint32_t msg_type, uint32_t opcode, const v
         errno = EINVAL;
         return -1;
     }
-    plat_call call{};
-    call.op = op;
-    call.msg_type = msg_type;
-    call.opcode = opcode;
-    call.node = node;
-    call.sap = sap;
-    call.opt_a = opt_a;
-    call.opt_b = opt_b;
+    plat_call call = channel_call(op, msg_type, opcode, request, *length, opt_a, opt_b, sap, node);
     call.timeout = timeout;
     call.want_reply = reply != nullptr;
-    call.payload = *length != 0 ? request : nullptr;
-    call.length = *length;
     plat_answer answer;
     const int32_t r = plat::endpoint_call(ep, call, answer);
     if (r == -1) return -1;
@@ -73,17 +79,9 @@ int32_t dlg_send_request(uint32_t msg_type, uint32_t opcode, const void *request
         errno = EINVAL;
         return -1;
     }
-    plat_call call{};
-    call.op = PLAT_OP_SEND_REQUEST;
-    call.msg_type = msg_type;
-    call.opcode = opcode;
-    call.node = node;
-    call.sap = sap;
-    call.opt_a = opt_a;
-    call.opt_b = opt_b;
+    plat_call call = channel_call(PLAT_OP_SEND_REQUEST, msg_type, opcode, request, length, opt_a,
+                                  opt_b, sap, node);
     call.tag = tag;
-    call.payload = length != 0 ? request : nullptr;
-    call.length = length;
     plat_answer answer;
     return plat::endpoint_call(ep, call, answer);
 }
