@@ -16,10 +16,8 @@ namespace {
 
 using namespace zfxtest;
 
-Bytes vsan_form(uint8_t kind, int vsan_bit) {
-    Bytes b = cat({le32(512), zeros(512), {kind}, zeros(31)});
-    if (vsan_bit >= 0) b[4 + vsan_bit / 8] |= uint8_t(0x80 >> (vsan_bit % 8));
-    return b;
+Bytes vsan_form(uint8_t kind, std::initializer_list<int> vsan) {
+    return cat({vsans(vsan), {kind}, zeros(31)});
 }
 
 Bytes info_request(uint32_t key, const std::string &text = "") {
@@ -66,7 +64,7 @@ TEST(DlgStatus, RequestsOnTheWire) {
          true,
          {},
          0,
-         vsan_form(2, -1)},
+         vsan_form(2, {})},
         {"enabled send",
          [](plat_endpoint *ep) { zfx_is_zfx_enabled_send(ep, 77); },
          PLAT_OP_SEND_REQUEST,
@@ -90,7 +88,7 @@ TEST(DlgStatus, RequestsOnTheWire) {
          false,
          {},
          0,
-         vsan_form(1, -1)},
+         vsan_form(1, {})},
         {"nat vsan 10",
          [](plat_endpoint *ep) { zfx_is_zfx_nat_enabled_in_vsan_send(ep, 10, 5); },
          PLAT_OP_SEND_REQUEST,
@@ -102,7 +100,7 @@ TEST(DlgStatus, RequestsOnTheWire) {
          false,
          {},
          0,
-         vsan_form(1, 10)},
+         vsan_form(1, {10})},
         {"nat vsan 4095",
          [](plat_endpoint *ep) { zfx_is_zfx_nat_enabled_in_vsan_send(ep, 4095, 5); },
          PLAT_OP_SEND_REQUEST,
@@ -114,7 +112,7 @@ TEST(DlgStatus, RequestsOnTheWire) {
          false,
          {},
          0,
-         vsan_form(1, 4095)},
+         vsan_form(1, {4095})},
         {"check ignore on",
          [](plat_endpoint *ep) { zfx_set_fcdomain_check_ignore(ep, 9); },
          PLAT_OP_REQ_RESP,

@@ -1,6 +1,5 @@
 #include "fake_service.hpp"
 
-#include <cstdio>
 #include <stdexcept>
 
 namespace zfxtest {
@@ -37,45 +36,6 @@ void FakeService::handle(void *ctx, const plat_call *call, plat_answer *answer) 
         answer->reply = a.reply->empty() ? &empty : a.reply->data();
         answer->reply_length = uint32_t(a.reply->size());
     }
-}
-
-Bytes be32(uint32_t v) { return {uint8_t(v >> 24), uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)}; }
-Bytes le32(uint32_t v) { return {uint8_t(v), uint8_t(v >> 8), uint8_t(v >> 16), uint8_t(v >> 24)}; }
-Bytes le16(uint16_t v) { return {uint8_t(v), uint8_t(v >> 8)}; }
-Bytes zeros(size_t n) { return Bytes(n, 0); }
-Bytes str0(const std::string &s) { return Bytes(s.c_str(), s.c_str() + s.size() + 1); }
-
-Bytes cat(std::initializer_list<Bytes> parts) {
-    Bytes out;
-    for (const Bytes &b : parts) out.insert(out.end(), b.begin(), b.end());
-    return out;
-}
-
-Bytes bytes_of(const void *p, size_t n) {
-    const auto *b = static_cast<const uint8_t *>(p);
-    return n != 0 ? Bytes(b, b + n) : Bytes{};
-}
-
-Bytes tlv(uint16_t type, const Bytes &value) {
-    Bytes out = cat({le16(type), le16(uint16_t(value.size())), value});
-    out.resize(out.size() + (4 - value.size() % 4) % 4, 0);
-    return out;
-}
-
-Bytes tlv_array(std::initializer_list<Bytes> elements) {
-    Bytes out = le32(uint32_t(elements.size()));
-    for (const Bytes &e : elements) out.insert(out.end(), e.begin(), e.end());
-    return out;
-}
-
-std::string hex(const Bytes &b) {
-    std::string s;
-    char buf[4];
-    for (uint8_t c : b) {
-        std::snprintf(buf, sizeof buf, "%02x ", c);
-        s += buf;
-    }
-    return s;
 }
 
 }  // namespace zfxtest

@@ -8,7 +8,7 @@
 // not recorded; they succeed unless a failure was scripted for them with fail_recv.
 //
 //     FakeService svc;
-//     svc.answer(Answer::reply(be32(1)));                  // result 0, four reply bytes
+//     svc.answer(Answer::reply_with(be32(1)));             // result 0, four reply bytes
 //     svc.answer(Answer::failure(ENOENT));                 // result -1, errno ENOENT
 //     svc.answer(Answer::status(0x409A0006));              // result = a status
 //     zfx_something(svc.ep(), ...);
@@ -18,8 +18,8 @@
 // reply message (with reply_status as its status), which the test takes with
 // plat_endpoint_recv(svc.ep(), 0, &msg).
 //
-// Byte helpers build the expected bytes; tlv()/tlv_array() lay out TLV arrays independently of
-// the platform's TLV library (4-byte padded elements), for replies and for comparisons.
+// The byte builders of bytes.hpp (be32, tlv, tlv_array, ...) write the expected bytes and the
+// scripted replies.
 #pragma once
 
 #include <cstdint>
@@ -27,11 +27,10 @@
 #include <string>
 #include <vector>
 
+#include "bytes.hpp"
 #include "platform/endpoint.h"
 
 namespace zfxtest {
-
-using Bytes = std::vector<uint8_t>;
 
 // One operation as the transport saw it.
 struct Sent {
@@ -91,21 +90,5 @@ private:
     size_t next_fault_ = 0;
     Answer current_;  // keeps the reply bytes alive until the transport is next called
 };
-
-// ---- bytes ------------------------------------------------------------------------------------
-
-Bytes be32(uint32_t v);
-Bytes le32(uint32_t v);
-Bytes le16(uint16_t v);
-Bytes zeros(size_t n);
-Bytes str0(const std::string &s);  // the characters and a terminator
-Bytes cat(std::initializer_list<Bytes> parts);
-Bytes bytes_of(const void *p, size_t n);
-// One TLV element: u16 type, u16 length (host order), the value, zero padding to 4 bytes.
-Bytes tlv(uint16_t type, const Bytes &value);
-// A TLV array: the count word (host order), then the elements.
-Bytes tlv_array(std::initializer_list<Bytes> elements);
-// "01 02 ff" for readable failure messages.
-std::string hex(const Bytes &b);
 
 }  // namespace zfxtest

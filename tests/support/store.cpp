@@ -13,24 +13,6 @@
 
 namespace zfxtest {
 
-Bytes cat(std::initializer_list<Bytes> parts) {
-    Bytes out;
-    for (const Bytes &p : parts) out.insert(out.end(), p.begin(), p.end());
-    return out;
-}
-
-Bytes le16(uint16_t v) { return {uint8_t(v), uint8_t(v >> 8)}; }
-Bytes le32(uint32_t v) { return {uint8_t(v), uint8_t(v >> 8), uint8_t(v >> 16), uint8_t(v >> 24)}; }
-Bytes be32(uint32_t v) { return {uint8_t(v >> 24), uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)}; }
-
-Bytes vsans_of(const std::vector<int> &members) {
-    Bytes out = cat({le32(512), Bytes(512, 0)});
-    for (int v : members) out[4 + v / 8] |= uint8_t(0x80 >> (v % 8));
-    return out;
-}
-
-Bytes vsans(std::initializer_list<int> members) { return vsans_of(members); }
-
 Record flags_rec(uint32_t flags) { return {{0x75, 0x01}, le32(flags)}; }
 Record nat_rec(uint8_t on) { return {{0x70, 0x00}, {on}}; }
 Record aam_rec(uint8_t on) { return {{0x7A, 0x00}, {on}}; }

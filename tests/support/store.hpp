@@ -8,19 +8,10 @@
 #include <utility>
 #include <vector>
 
+#include "bytes.hpp"
 #include "platform/kvdb.h"
 
 namespace zfxtest {
-
-using Bytes = std::vector<uint8_t>;
-
-Bytes cat(std::initializer_list<Bytes> parts);
-Bytes le16(uint16_t v);
-Bytes le32(uint32_t v);
-Bytes be32(uint32_t v);
-// A stored VSAN set: length word 512, then the bits of the given VSANs.
-Bytes vsans(std::initializer_list<int> members);
-Bytes vsans_of(const std::vector<int> &members);
 
 // Records of the feature's configuration and debug stores, as its service writes them.
 using Record = std::pair<Bytes, Bytes>;

@@ -1,0 +1,54 @@
+#include "bytes.hpp"
+
+#include <cstdio>
+
+namespace zfxtest {
+
+Bytes cat(std::initializer_list<Bytes> parts) {
+    Bytes out;
+    for (const Bytes &p : parts) out.insert(out.end(), p.begin(), p.end());
+    return out;
+}
+
+Bytes le16(uint16_t v) { return {uint8_t(v), uint8_t(v >> 8)}; }
+Bytes le32(uint32_t v) { return {uint8_t(v), uint8_t(v >> 8), uint8_t(v >> 16), uint8_t(v >> 24)}; }
+Bytes be32(uint32_t v) { return {uint8_t(v >> 24), uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)}; }
+Bytes zeros(size_t n) { return Bytes(n, 0); }
+Bytes str0(const std::string &s) { return Bytes(s.c_str(), s.c_str() + s.size() + 1); }
+
+Bytes bytes_of(const void *p, size_t n) {
+    const auto *b = static_cast<const uint8_t *>(p);
+    return n != 0 ? Bytes(b, b + n) : Bytes{};
+}
+
+Bytes vsans_of(const std::vector<int> &members) {
+    Bytes out = cat({le32(512), Bytes(512, 0)});
+    for (int v : members) out[4 + v / 8] |= uint8_t(0x80 >> (v % 8));
+    return out;
+}
+
+Bytes vsans(std::initializer_list<int> members) { return vsans_of(members); }
+
+Bytes tlv(uint16_t type, const Bytes &value) {
+    Bytes out = cat({le16(type), le16(uint16_t(value.size())), value});
+    out.resize(out.size() + (4 - value.size() % 4) % 4, 0);
+    return out;
+}
+
+Bytes tlv_array(std::initializer_list<Bytes> elements) {
+    Bytes out = le32(uint32_t(elements.size()));
+    for (const Bytes &e : elements) out.insert(out.end(), e.begin(), e.end());
+    return out;
+}
+
+std::string hex(const Bytes &b) {
+    std::string s;
+    char buf[4];
+    for (uint8_t c : b) {
+        std::snprintf(buf, sizeof buf, "%02x ", c);
+        s += buf;
+    }
+    return s;
+}
+
+}  // namespace zfxtest

@@ -1,0 +1,32 @@
+// Byte builders for expected requests, replies, keys and records: every suite writes the bytes
+// it expects with these, independently of the library's own encoders.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <initializer_list>
+#include <string>
+#include <vector>
+
+namespace zfxtest {
+
+using Bytes = std::vector<uint8_t>;
+
+Bytes cat(std::initializer_list<Bytes> parts);
+Bytes le16(uint16_t v);
+Bytes le32(uint32_t v);
+Bytes be32(uint32_t v);
+Bytes zeros(size_t n);
+Bytes str0(const std::string &s);  // the characters and a terminator
+Bytes bytes_of(const void *p, size_t n);
+// A VSAN set as stored and sent: length word 512 (host order), then the bits of the VSANs.
+Bytes vsans(std::initializer_list<int> members);
+Bytes vsans_of(const std::vector<int> &members);
+// One TLV element: u16 type, u16 length (host order), the value, zero padding to 4 bytes.
+Bytes tlv(uint16_t type, const Bytes &value);
+// A TLV array: the count word (host order), then the elements.
+Bytes tlv_array(std::initializer_list<Bytes> elements);
+// "01 02 ff " for readable failure messages.
+std::string hex(const Bytes &b);
+
+}  // namespace zfxtest
