@@ -30,6 +30,23 @@ struct Tlv {
     uint8_t *value;  // inside the array; NULL for an empty value
 };
 
+// Copies the element's value into dst, at most n bytes and never past the value's length;
+// returns the bytes copied.
+inline size_t tlv_copy(void *dst, const Tlv &e, size_t n) {
+    const size_t len = e.len < n ? e.len : n;
+    if (e.value != nullptr && len != 0) std::memcpy(dst, e.value, len);
+    return e.value != nullptr ? len : 0;
+}
+
+// Copies a string value into dst: its characters up to the terminator, at most max of them and
+// never past the value's length, then a terminator (dst holds max + 1 bytes).
+inline void tlv_copy_text(char *dst, const Tlv &e, size_t max) {
+    const size_t room = e.len < max ? e.len : max;
+    const size_t n = e.value != nullptr ? strnlen(reinterpret_cast<const char *>(e.value), room) : 0;
+    if (n != 0) std::memcpy(dst, e.value, n);
+    dst[n] = '\0';
+}
+
 // True when the array's count word and every element it counts lie within avail bytes from the
 // array's start: each header whole, each value whole (the last element's padding may be absent).
 bool tlv_array_valid(const void *array, size_t avail);

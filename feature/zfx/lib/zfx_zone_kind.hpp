@@ -66,11 +66,14 @@ struct Elem {
 
 class ElemList {
 public:
-    void add(uint16_t type, uint16_t len, const void *value) { e_[n_++] = Elem{type, len, value}; }
+    void add(uint16_t type, uint16_t len, const void *value) {
+        if (n_ < kMax) e_[n_++] = Elem{type, len, value};
+    }
     void add_str(uint16_t type, const char *s) { add(type, tlv_str_len(s), s); }
     const Elem *begin() const { return e_; }
     const Elem *end() const { return e_ + n_; }
-    // The bytes the elements take in an array (each cut to 16 bits, as the Part's sums are).
+    // The bytes the elements take in an array, each element's size cut to 16 bits as every size
+    // of the zone messages is.
     uint32_t bytes() const {
         uint32_t sum = 0;
         for (const Elem &e : *this) sum += tlv_size(e.len);
@@ -78,7 +81,8 @@ public:
     }
 
 private:
-    Elem e_[8];
+    static constexpr uint8_t kMax = 8;  // more than any message carries
+    Elem e_[kMax];
     uint8_t n_ = 0;
 };
 

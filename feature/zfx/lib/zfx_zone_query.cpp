@@ -151,36 +151,28 @@ const InfoLayout kMemberInfo{
     kMemberRules,
     uint8_t(std::size(kMemberRules))};
 
-// The element's value, bounded by its length and by n.
-void copy_bounded(uint8_t *dst, const Tlv &e, size_t n) {
-    if (e.value != nullptr) std::memcpy(dst, e.value, e.len < n ? e.len : n);
-}
-
 void fill_field(uint8_t *info, const FieldRule &f, const Tlv &e) {
     uint8_t *field = info + f.off;
     // A later element of the same type replaces an earlier one whole.
     std::memset(field, 0, f.size);
     switch (f.fill) {
         case Fill::bytes:
-            copy_bounded(field, e, f.size);
+            tlv_copy(field, e, f.size);
             break;
         case Fill::text:
-            if (e.value != nullptr)
-                std::memcpy(field, e.value,
-                            strnlen(reinterpret_cast<const char *>(e.value),
-                                    e.len < f.aux ? e.len : f.aux));
+            tlv_copy_text(reinterpret_cast<char *>(field), e, f.aux);
             break;
         case Fill::u32_net:
-            copy_bounded(field, e, 4);
+            tlv_copy(field, e, 4);
             swap32_at(field);
             break;
         case Fill::qos:
-            copy_bounded(field, e, 4);
+            tlv_copy(field, e, 4);
             store_le32(info + f.aux, load_le32(field) != 0 ? 1 : 0);
             break;
         case Fill::afid: {
             uint8_t word[4] = {};
-            copy_bounded(word, e, 4);
+            tlv_copy(word, e, 4);
             store_le16(field, static_cast<uint16_t>(load_le32(word)));
             break;
         }
@@ -263,16 +255,11 @@ uint32_t zfx_get_active_zoneset(plat_endpoint *ep, char *name, uint8_t *zones) {
     TlvWalk walk(reply.bytes() + kZonesetKind.array_off, reply.len - kZonesetKind.array_off);
     Tlv e;
     if (!walk.next(e)) return uint32_t(ZFX_ERR_INVALID_ARG);
-    if (e.value != nullptr) {
-        const size_t n = strnlen(reinterpret_cast<const char *>(e.value),
-                                 e.len < ZFX_NAME_SIZE - 1 ? e.len : ZFX_NAME_SIZE - 1);
-        std::memcpy(name, e.value, n);
-        name[n] = '\0';
-    }
+    if (e.value != nullptr) tlv_copy_text(name, e, ZFX_NAME_SIZE - 1);
     if (!walk.next(e)) return uint32_t(ZFX_ERR_INVALID_ARG);
     std::memset(zones, 0, ZFX_ZONESET_ZONES_SIZE);
     if (e.value != nullptr)
-        copy_bounded(zones, e, ZFX_ZONESET_ZONES_SIZE);
+        tlv_copy(zones, e, ZFX_ZONESET_ZONES_SIZE);
     else
         store_le32(zones, ZFX_ZONESET_ZONES_SIZE - 4);
     return 0;
