@@ -1,9 +1,8 @@
 // The platform's endpoint and channel: every field and byte reaches the transport as passed,
-// replies come back as new allocations, failures carry their errno, and asynchronous replies are
-// queued on the endpoint and received by token.
+// replies come back as new allocations with the documented lengths, failures carry their errno,
+// and asynchronous replies are queued on the endpoint and received by token.
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 
 #include <gtest/gtest.h>
 
@@ -14,73 +13,48 @@ namespace {
 
 using namespace zfxtest;
 
-TEST(Channel, WaitedRequestsCarryEveryFieldAndCopyTheReply) {
-    FakeService svc;
-    const Bytes request = {1, 2, 3, 4, 5};
-    const Bytes answer = {9, 8, 7};
-    for (bool remote : {false, true}) {
-        svc.answer(Answer::reply_with(answer));
-        void *reply = nullptr;
-        uint32_t len = uint32_t(request.size());
-        const int32_t r = remote ? dlg_remote_req_resp(8620, 2, request.data(), &reply, &len, "ZFX",
-                                                       7, 110, 0xFE000001u, svc.ep(), 1)
-                                 : dlg_req_resp(8605, 3, request.data(), &reply, &len, "ZFX", 7,
-                                                110, svc.ep(), 4);
-        ASSERT_EQ(r, 0);
-        const Sent &s = svc.last();
-        EXPECT_EQ(s.op, remote ? PLAT_OP_REMOTE : PLAT_OP_REQ_RESP);
-        EXPECT_EQ(s.msg_type, remote ? 8620u : 8605u);
-        EXPECT_EQ(s.opcode, remote ? 2u : 3u);
-        EXPECT_EQ(s.node, remote ? 0xFE000001u : 0u);
-        EXPECT_EQ(s.sap, 110u);
-        EXPECT_EQ(s.opt_a, "ZFX");
-        EXPECT_EQ(s.opt_b, 7u);
-        EXPECT_EQ(s.timeout, remote ? 1u : 4u);
-        EXPECT_TRUE(s.want_reply);
-        EXPECT_EQ(s.payload, request);
-        ASSERT_NE(reply, nullptr);
-        EXPECT_EQ(len, 3u);
-        EXPECT_EQ(bytes_of(reply, len), answer);
-        std::free(reply);
-    }
-}
-
-TEST(Channel, ResultsAndReplyOwnership) {
-    struct Case {
+TEST(Channel, WaitedRequestsResultsAndReplies) {
+    const Bytes req = {1, 2, 3, 4, 5};
+    const struct {
         Answer answer;
         bool want;
         int32_t result;
-        int err;
-        bool reply;
+        Bytes reply;  // {} for none
         uint32_t len_after;
+    } cases[] = {
+        {Answer::reply_with({9, 8, 7}), true, 0, {9, 8, 7}, 3},
+        {Answer::none(), true, 0, {}, 0},
+        {Answer::reply_with({}), true, 0, {}, 0},          // an empty reply: a block of its own
+        {Answer::reply_with({1, 2}), false, 0, {}, 2},     // not wanted: dropped, length still told
+        {Answer::failure(ENOENT), true, -1, {}, 5},        // the length is left alone
+        {Answer::status(0x409A0006), true, 0x409A0006, {}, 5},
+        {Answer::reply_with({1}, 42), true, 42, {1}, 5},   // a reply beside a status is handed over
     };
-    const Case cases[] = {
-        {Answer::none(), true, 0, 0, false, 0},                 // no reply: NULL, length 0
-        {Answer::reply_with({}), true, 0, 0, true, 0},          // an empty reply is still a reply
-        {Answer::reply_with({1, 2}), false, 0, 0, false, 2},    // not wanted: dropped, length kept
-        {Answer::failure(ENOENT), true, -1, ENOENT, false, 5},  // length left alone
-        {Answer::status(0x409A0006), true, 0x409A0006, 0, false, 5},
-        {Answer::reply_with({1}, 42), true, 42, 0, true, 5},  // a reply beside a status
-    };
-    for (const Case &c : cases) {
-        FakeService svc;
-        svc.answer(c.answer);
-        void *reply = &svc;
-        uint32_t len = 5;
-        errno = 0;
-        const uint8_t req[5] = {};
-        EXPECT_EQ(
-            dlg_req_resp(1, 1, req, c.want ? &reply : nullptr, &len, nullptr, 0, 110, svc.ep(), 10),
-            c.result);
-        if (c.result == -1) {
-            EXPECT_EQ(errno, c.err);
+    for (const auto &c : cases) {
+        for (bool remote : {false, true}) {
+            FakeService svc;
+            svc.answer(c.answer);
+            void *reply = &svc;
+            uint32_t len = uint32_t(req.size());
+            errno = 0;
+            const int32_t r =
+                remote ? dlg_remote_req_resp(8620, 2, req.data(), c.want ? &reply : nullptr, &len, "ZFX", 7, 110,
+                                             0xFE000001u, svc.ep(), 1)
+                       : dlg_req_resp(8605, 2, req.data(), c.want ? &reply : nullptr, &len, nullptr, 0, 111,
+                                      svc.ep(), 4);
+            EXPECT_EQ(r, c.result);
+            EXPECT_EQ(errno, c.result == -1 ? ENOENT : 0);
+            EXPECT_EQ(svc.last().summary(), remote ? (c.want ? "remote 8620/2 @fe000001 t1 reply a=ZFX b7"
+                                                             : "remote 8620/2 @fe000001 t1 a=ZFX b7")
+                                                   : (c.want ? "req 8605/2 sap=111 t4 reply" : "req 8605/2 sap=111 t4"));
+            EXPECT_EQ(svc.last().payload, req);
+            EXPECT_EQ(len, c.len_after);
+            if (!c.want) continue;
+            const bool empty_reply = c.answer.reply && c.answer.reply->empty() && c.result == 0;
+            EXPECT_EQ(reply != nullptr, !c.reply.empty() || empty_reply);
+            EXPECT_EQ(reply != nullptr ? bytes_of(reply, c.reply.size()) : Bytes{}, c.reply);
+            std::free(reply);
         }
-        if (c.want) {
-            EXPECT_EQ(reply != nullptr, c.reply);
-        }
-        EXPECT_EQ(len, c.len_after);
-        EXPECT_FALSE(svc.last().opt_a.has_value());
-        if (c.want) std::free(reply);
     }
     void *reply = &reply;
     uint32_t len = 0;
@@ -98,25 +72,22 @@ TEST(Channel, AsynchronousRepliesAreQueuedAndReceivedByToken) {
     svc.answer(Answer{0, 0, Bytes{1, 2, 3}, 0});
     svc.answer(Answer{0, 0, Bytes{4}, 77});
     svc.answer(Answer::failure(EIO));
-    ASSERT_EQ(dlg_send_request(8626, 1, req, 4, nullptr, 0, 0xFE000000u, 110, svc.ep(), 31), 0);
-    ASSERT_EQ(dlg_send_request(8626, 1, req, 4, nullptr, 0, 0xFE000000u, 110, svc.ep(), 32), 0);
+    svc.answer(Answer{0, 0, Bytes{5}, 0});  // left queued: released with the endpoint
+    for (uint32_t tag : {31, 32}) ASSERT_EQ(dlg_send_request(8626, 1, req, 4, nullptr, 0, 0xFE000000u, 110, svc.ep(), tag), 0);
     EXPECT_EQ(dlg_send_request(8626, 1, req, 4, nullptr, 0, 0xFE000000u, 110, svc.ep(), 33), -1);
     EXPECT_EQ(errno, EIO);
-    ASSERT_EQ(svc.sent().size(), 3u);
-    const Sent &first = svc.sent()[0];
-    EXPECT_EQ(first.op, PLAT_OP_SEND_REQUEST);
-    EXPECT_EQ(first.node, 0xFE000000u);
-    EXPECT_EQ(first.tag, 31u);
-    EXPECT_EQ(first.payload, bytes_of(req, 4));
-    EXPECT_NE(first.token, svc.sent()[1].token);
+    EXPECT_EQ(svc.sent()[0].summary(), "send 8626/1 @fe000000 tag31");
+    EXPECT_EQ(svc.sent()[0].payload, bytes_of(req, 4));
+    const uint32_t first = svc.sent()[0].token, second = svc.sent()[1].token;
+    EXPECT_NE(first, second);
     EXPECT_EQ(plat_endpoint_pending(svc.ep()), 2u);
 
-    // The second reply first, selected by its token; an interrupted receive is reported as such.
+    // The second reply first, by its token; an interrupted receive is reported as such.
     plat_msg *msg = nullptr;
     svc.fail_recv(-1, EINTR);
-    EXPECT_EQ(plat_endpoint_recv(svc.ep(), svc.sent()[1].token, &msg), -1);
+    EXPECT_EQ(plat_endpoint_recv(svc.ep(), second, &msg), -1);
     EXPECT_EQ(errno, EINTR);
-    ASSERT_EQ(plat_endpoint_recv(svc.ep(), svc.sent()[1].token, &msg), 0);
+    ASSERT_EQ(plat_endpoint_recv(svc.ep(), second, &msg), 0);
     EXPECT_EQ(plat_msg_info_get(msg)->tag, 32u);
     void *payload = &msg;
     uint32_t len = 9;
@@ -125,20 +96,14 @@ TEST(Channel, AsynchronousRepliesAreQueuedAndReceivedByToken) {
     plat_msg_free(msg);
 
     ASSERT_EQ(plat_endpoint_recv(svc.ep(), 0, &msg), 0);
-    const plat_msg_info *info = plat_msg_info_get(msg);
-    EXPECT_EQ(info->msg_type, 8626u);
-    EXPECT_EQ(info->token, first.token);
+    EXPECT_EQ(plat_msg_info_get(msg)->token, first);
     ASSERT_EQ(dlg_parse_response(msg, &payload, &len), 0);
-    EXPECT_EQ(len, 3u);
     EXPECT_EQ(payload, plat_msg_payload(msg, nullptr));  // inside the message, not a copy
     EXPECT_EQ(bytes_of(payload, len), (Bytes{1, 2, 3}));
     plat_msg_free(msg);
-
     EXPECT_EQ(plat_endpoint_recv(svc.ep(), 0, &msg), -1);
     EXPECT_EQ(errno, EAGAIN);
     EXPECT_EQ(dlg_parse_response(nullptr, &payload, &len), -1);
-    // Messages left queued are released with the endpoint.
-    svc.answer(Answer{0, 0, Bytes{5}, 0});
     ASSERT_EQ(dlg_send_request(1, 1, nullptr, 0, nullptr, 0, 0, 110, svc.ep(), 0), 0);
 }
 

@@ -3,6 +3,7 @@
 // walker, for arrays small and large (the cursor's long form); refused adds leave the array alone.
 #include <cstring>
 #include <random>
+#include <string>
 
 #include <gtest/gtest.h>
 
@@ -62,15 +63,10 @@ void round_trip(const std::vector<Elem> &elems) {
 }
 
 TEST(Tlvbuf, SizeRule) {
-    const struct {
-        uint32_t n, size, size32;
-    } cases[] = {
-        {0, 4, 8},    {1, 8, 12},      {4, 8, 12},         {5, 12, 16},
-        {68, 72, 76}, {260, 264, 268}, {1028, 1032, 1036}, {0xFFFFFFFFu, 0xFFFFFFFFu, 0xFFFFFFFFu}};
-    for (const auto &c : cases) {
-        EXPECT_EQ(tlvbuf_size_get(c.n), c.size) << c.n;
-        EXPECT_EQ(tlvbuf32_size_get(c.n), c.size32) << c.n;
-    }
+    const uint32_t cases[][3] = {{0, 4, 8},       {1, 8, 12},        {4, 8, 12}, {5, 12, 16}, {68, 72, 76},
+                                 {260, 264, 268}, {1028, 1032, 1036}, {0xFFFFFFFFu, 0xFFFFFFFFu, 0xFFFFFFFFu}};
+    for (const auto &c : cases) EXPECT_EQ(tlvbuf_size_get(c[0]), c[1]) << c[0];
+    for (const auto &c : cases) EXPECT_EQ(tlvbuf32_size_get(c[0]), c[2]) << c[0];
 }
 
 TEST(Tlvbuf, BuildMatchesLayoutAndWalksBack) {
@@ -101,8 +97,7 @@ TEST(Tlvbuf, RefusalsChangeNothing) {
     EXPECT_NE(tlvbuf_add_tlv(nullptr, 64, 1, 4, v, 0), 0);
     EXPECT_NE(tlvbuf_add_tlv(array.data(), 3, 1, 0, v, 0), 0);
     EXPECT_NE(tlvbuf_add_tlv(array.data(), 64, 1, 4, nullptr, 0), 0);
-    EXPECT_NE(tlvbuf_add_tlv(array.data(), 15, 1, 0, v, 0),
-              0);  // no room after the existing element
+    EXPECT_NE(tlvbuf_add_tlv(array.data(), 15, 1, 0, v, 0), 0);  // no room after the element
     array[0] = 5;  // the count claims elements the capacity cannot hold
     EXPECT_NE(tlvbuf_add_tlv(array.data(), uint32_t(array.size()), 1, 0, v, 0), 0);
     array[0] = 1;
@@ -114,22 +109,16 @@ TEST(Tlvbuf, RefusalsChangeNothing) {
 }
 
 TEST(Fmt, CopyStrToBuf) {
-    const struct {
-        uint32_t limit;
-        const char *src;
-        uint32_t copied;
-        const char *dst;
-    } cases[] = {{1, "abc", 0, ""},
-                 {3, "abc", 2, "ab"},
-                 {4, "abc", 3, "abc"},
-                 {9, "abc", 3, "abc"},
-                 {9, nullptr, 0, ""}};
-    for (const auto &c : cases) {
-        char buf[10];
-        std::memset(buf, 'x', sizeof buf);
-        EXPECT_EQ(copy_str_to_buf(c.limit, buf, c.src), c.copied);
-        EXPECT_STREQ(buf, c.dst);
-        EXPECT_EQ(buf[c.limit], 'x');  // nothing past the limit
+    const std::pair<uint32_t, const char *> cases[] = {{1, ""}, {3, "ab"}, {4, "abc"}, {9, "abc"}};
+    for (const auto &[limit, expected] : cases) {
+        for (const char *src : {"abc", static_cast<const char *>(nullptr)}) {
+            char buf[10];
+            std::memset(buf, 'x', sizeof buf);
+            const std::string want = src != nullptr ? expected : "";
+            EXPECT_EQ(copy_str_to_buf(limit, buf, src), want.size());
+            EXPECT_EQ(std::string(buf), want);
+            EXPECT_EQ(buf[limit], 'x');  // nothing past the limit
+        }
     }
     char untouched = 'x';
     EXPECT_EQ(copy_str_to_buf(0, &untouched, "abc"), 0u);

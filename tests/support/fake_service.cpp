@@ -1,5 +1,7 @@
 #include "fake_service.hpp"
 
+#include <cstdio>
+
 #include <stdexcept>
 
 namespace zfxtest {
@@ -36,6 +38,22 @@ void FakeService::handle(void *ctx, const plat_call *call, plat_answer *answer) 
         answer->reply = a.reply->empty() ? &empty : a.reply->data();
         answer->reply_length = uint32_t(a.reply->size());
     }
+}
+
+std::string Sent::summary() const {
+    static const char *const kOps[] = {"?", "req", "remote", "send", "recv", "raw"};
+    std::string s = kOps[op >= PLAT_OP_REQ_RESP && op <= PLAT_OP_RAW_SEND ? op : 0];
+    char buf[64];
+    std::snprintf(buf, sizeof buf, " %u/%u", msg_type, opcode);
+    s += buf;
+    if (node != 0) std::snprintf(buf, sizeof buf, " @%x", node), s += buf;
+    if (sap != 110) std::snprintf(buf, sizeof buf, " sap=%u", sap), s += buf;
+    if (op == PLAT_OP_REQ_RESP || op == PLAT_OP_REMOTE) std::snprintf(buf, sizeof buf, " t%u", timeout), s += buf;
+    if (tag != 0) std::snprintf(buf, sizeof buf, " tag%u", tag), s += buf;
+    if (want_reply) s += " reply";
+    if (opt_a) s += " a=" + *opt_a;
+    if (opt_b != 0) std::snprintf(buf, sizeof buf, " b%u", opt_b), s += buf;
+    return s;
 }
 
 }  // namespace zfxtest

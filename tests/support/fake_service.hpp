@@ -12,7 +12,8 @@
 //     svc.answer(Answer::failure(ENOENT));                 // result -1, errno ENOENT
 //     svc.answer(Answer::status(0x409A0006));              // result = a status
 //     zfx_something(svc.ep(), ...);
-//     EXPECT_EQ(svc.sent()[0].payload, (Bytes{...}));
+//     EXPECT_EQ(svc.last().summary(), "req 8605/1 t4 reply");
+//     EXPECT_EQ(svc.last().payload, cat({be32(5), zeros(256)}));
 //
 // The answer to an asynchronous send that carries reply bytes is queued on the endpoint as a
 // reply message (with reply_status as its status), which the test takes with
@@ -46,6 +47,11 @@ struct Sent {
     uint32_t token;
     bool want_reply;
     Bytes payload;
+
+    // Every field but the payload and token in one line, defaults left out, for comparing with
+    // a table: "req 8626/1 t15 reply", "send 8626/1 @fe000000 tag77", "req 8605/3 t10 a=ZFX b9"
+    // (remote requests are "remote", receives never appear; sap is shown when it is not 110).
+    std::string summary() const;
 };
 
 struct Answer {
