@@ -1,6 +1,8 @@
 // Line emission and the text forms shared by the sections of the configuration text.
 #include "zfx_gen_text.hpp"
 
+#include "platform/fmt.h"
+
 namespace zfx {
 
 uint32_t gen_handle;
@@ -20,14 +22,12 @@ int32_t emit(uint32_t handle, uint32_t element, int32_t level, char *buf, size_t
                      : ptxt_elem_str_add_indent(handle, element, buf, uint32_t(level));
 }
 
+static_assert(kWwnTextSize == FMT_WWN_SIZE);
+
 void wwn_text(char (&out)[kWwnTextSize], const uint8_t *wwn) {
-    static constexpr char hex[] = "0123456789abcdef";
-    char *p = out;
-    for (size_t i = 0; i < 8; ++i) {
-        *p++ = hex[wwn[i] >> 4];
-        *p++ = hex[wwn[i] & 0xF];
-        *p++ = i < 7 ? ':' : '\0';
-    }
+    plat_wwn w;
+    std::memcpy(w.bytes, wwn, sizeof w.bytes);
+    fmt_wwn(out, w);
 }
 
 size_t cut_ranges(char *text, size_t max) {

@@ -26,7 +26,8 @@ constexpr size_t kRangeLineSize = VSAN_BITSET_TEXT_SIZE + 128;
 __attribute__((format(printf, 6, 7))) int32_t emit(uint32_t handle, uint32_t element, int32_t level, char *buf,
                                                    size_t size, const char *fmt, ...);
 
-// "xx:xx:xx:xx:xx:xx:xx:xx": a WWN's 8 bytes in stored order, lower-case hexadecimal.
+// "xx:xx:xx:xx:xx:xx:xx:xx": a WWN's 8 bytes in stored order, lower-case hexadecimal (the
+// platform's fmt_wwn, for WWNs that lie in a record).
 constexpr size_t kWwnTextSize = 24;
 void wwn_text(char (&out)[kWwnTextSize], const uint8_t *wwn);
 
