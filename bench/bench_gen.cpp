@@ -2,13 +2,13 @@
 // reference: the least any reader of the table must do). Topology entries of 516-byte VSAN sets,
 // as the feature's service writes them.
 #include <benchmark/benchmark.h>
-#include <lmdb.h>
 #include <stdlib.h>
 
 #include <cstring>
 #include <filesystem>
 #include <string>
 
+#include "lmdb_scan.hpp"
 #include "platform/kvdb.h"
 #include "platform/ptxt.h"
 #include "zfx_ascii_cfg.h"
@@ -41,29 +41,14 @@ struct Store {
 
 void BM_BareLmdbScan(benchmark::State &state) {
     Store s(int(state.range(0)));
-    MDB_env *env;
-    mdb_env_create(&env);
-    mdb_env_set_mapsize(env, size_t(256) << 20);
-    mdb_env_open(env, s.location().c_str(), MDB_RDONLY | MDB_NOTLS, 0644);
-    MDB_txn *txn;
-    MDB_dbi dbi;
-    mdb_txn_begin(env, nullptr, MDB_RDONLY, &txn);
-    mdb_dbi_open(txn, nullptr, 0, &dbi);
+    LmdbScan lmdb(s.location());
+    const uint8_t start[2] = {0x65, 1};
     for (auto _ : state) {
-        MDB_cursor *cur;
-        mdb_cursor_open(txn, dbi, &cur);
-        uint8_t start[2] = {0x65, 1};
-        MDB_val k{sizeof start, start}, v;
-        uint64_t sum = 0;
-        for (int rc = mdb_cursor_get(cur, &k, &v, MDB_SET_RANGE); rc == 0 && k.mv_size == 13 &&
-                                                                     static_cast<uint8_t *>(k.mv_data)[0] == 0x65;
-             rc = mdb_cursor_get(cur, &k, &v, MDB_NEXT))
-            sum += static_cast<uint8_t *>(v.mv_data)[100];
+        uint64_t sum = lmdb.scan(start, sizeof start, 100, [](const MDB_val &k) {
+            return k.mv_size == 13 && static_cast<const uint8_t *>(k.mv_data)[0] == 0x65;
+        });
         benchmark::DoNotOptimize(sum);
-        mdb_cursor_close(cur);
     }
-    mdb_txn_abort(txn);
-    mdb_env_close(env);
     state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 
