@@ -21,11 +21,13 @@ Bytes bytes_of(const void *p, size_t n) {
     return n != 0 ? Bytes(b, b + n) : Bytes{};
 }
 
-Bytes vsans_of(const std::vector<int> &members) {
-    Bytes out = cat({le32(512), Bytes(512, 0)});
-    for (int v : members) out[4 + v / 8] |= uint8_t(0x80 >> (v % 8));
+Bytes id_bits(size_t nbytes, const std::vector<int> &ids) {
+    Bytes out(nbytes, 0);
+    for (int n : ids) out[size_t(n) / 8] |= uint8_t(0x80 >> (n % 8));
     return out;
 }
+
+Bytes vsans_of(const std::vector<int> &members) { return cat({le32(512), id_bits(512, members)}); }
 
 Bytes vsans(std::initializer_list<int> members) { return vsans_of(members); }
 

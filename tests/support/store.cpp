@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <filesystem>
@@ -32,6 +33,45 @@ Record sg_name_rec(bool cfg, uint32_t group, const std::string &name) {
 }
 Record sg_policy_rec(uint32_t policy) { return {{0x76, 0x03}, le32(policy)}; }
 Record debug_level_rec(uint32_t valid, uint32_t level) { return {cat({le32(2), le32(0)}), cat({le32(valid), le32(level)})}; }
+
+Bytes name68(const std::string &name) {
+    Bytes out(name.begin(), name.end());
+    out.resize(68, 0);
+    return out;
+}
+
+namespace {
+Bytes key6(uint8_t table, uint16_t a, uint16_t b) { return cat({{table, 0}, le16(a), le16(b)}); }
+}  // namespace
+
+Record zone_db_header_rec(const std::vector<int> &zones, const std::vector<int> &zonesets, bool short_form) {
+    const Bytes full = id_bits(1024, short_form ? std::vector<int>{} : zones);
+    const Bytes short_bits = id_bits(256, short_form ? zones : std::vector<int>{});
+    return {{0x66, 0x00}, cat({zeros(4), id_bits(256, zonesets), zeros(4), Bytes(short_bits.begin(), short_bits.begin() + 251),
+                               zeros(5), le32(1024), full})};
+}
+Record zone_rec(uint16_t id, const std::string &name, const Bytes &array) {
+    return {key6(0x68, id, 0), cat({le16(id), zeros(2), name68(name), array})};
+}
+Record zoneset_rec(uint16_t id, const std::string &name, const Bytes &array) {
+    return {key6(0x67, id, 0), cat({le16(id), zeros(2), name68(name), array})};
+}
+Record member_rec(uint16_t zone_id, uint16_t member_id, uint8_t type, const Bytes &array) {
+    return {key6(0x69, member_id, zone_id), cat({le16(member_id), {type, 0}, array})};
+}
+Bytes members_tlv(const std::vector<int> &ids) { return tlv(7, cat({le32(256), id_bits(256, ids)})); }
+Bytes zones_tlv(uint16_t type, const std::vector<int> &ids) {
+    const size_t n = type == 4 ? 256 : 1024;
+    return tlv(type, cat({le32(uint32_t(n)), id_bits(n, ids)}));
+}
+Record zone_options_rec(uint32_t options) { return {{0x6B, 0x00}, be32(options)}; }
+std::vector<Record> active_chunks(const Bytes &data, size_t chunk, uint32_t total) {
+    std::vector<Record> out{{key6(0x6C, 0, 0), be32(total)}};
+    for (size_t off = 0, n = 1; off < data.size(); off += chunk, ++n)
+        out.push_back({key6(0x6C, 0, uint16_t(n)), Bytes(data.begin() + off, data.begin() + std::min(off + chunk, data.size()))});
+    return out;
+}
+std::vector<Record> active_chunks(const Bytes &data, size_t chunk) { return active_chunks(data, chunk, uint32_t(data.size())); }
 
 Prefix::Prefix(Backend backend) : backend_(backend) {
     static std::atomic<int> serial;

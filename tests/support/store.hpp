@@ -27,6 +27,22 @@ Record sg_name_rec(bool cfg, uint32_t group, const std::string &name);
 Record sg_policy_rec(uint32_t policy);
 Record debug_level_rec(uint32_t valid, uint32_t level);
 
+// The zone database, as the service stores it. name68 pads a name to its 68-byte field.
+Bytes name68(const std::string &name);
+// The header: zone ids in the full bitmap (or, with short_form, in the short one only).
+Record zone_db_header_rec(const std::vector<int> &zones, const std::vector<int> &zonesets, bool short_form = false);
+// A zone or zoneset record with the elements given (tlv_array of them).
+Record zone_rec(uint16_t id, const std::string &name, const Bytes &array);
+Record zoneset_rec(uint16_t id, const std::string &name, const Bytes &array);
+Record member_rec(uint16_t zone_id, uint16_t member_id, uint8_t type, const Bytes &array);
+// The member bitmap element (7) and the zoneset's zone bitmap elements (4: short, 60: full).
+Bytes members_tlv(const std::vector<int> &ids);
+Bytes zones_tlv(uint16_t type, const std::vector<int> &ids);
+Record zone_options_rec(uint32_t options);
+// The active zoneset data split into chunks of at most chunk bytes, with chunk 0 giving total.
+std::vector<Record> active_chunks(const Bytes &data, size_t chunk, uint32_t total);
+std::vector<Record> active_chunks(const Bytes &data, size_t chunk);
+
 enum class Backend { mem, lmdb };
 
 // A store location prefix of its own: "mem:<unique>" or a fresh temporary directory. The stores

@@ -188,6 +188,42 @@ ZFX_API int32_t zfx2_get_aam_flag_from_kvdb(uint8_t *flag, kvdb_store *store);
  * case, a NULL store included. */
 ZFX_API int32_t zfx_kvdb_restore_fabric_distribute(kvdb_store *store);
 
+/* ---- zones and zonesets -------------------------------------------------------------------------------
+ * Element 2 holds, from the zone database of the store (zfx_zone_db.h):
+ *   for each zone, in ascending id:      "zfx zone name <name>\n"
+ *                                          "attribute qos priority low|medium|high\n" (level 1)
+ *                                          "attribute read-only\n" (level 1, in the order of the
+ *                                          record's elements)
+ *                                          one line per member, in ascending member id, at level 1,
+ *                                          in three pieces: "member pwwn <wwn> " or
+ *                                          "member device-alias <alias padded to 15> " (none for
+ *                                          an unknown type), "lun <lun> " or 11 blanks, then
+ *                                          "vsan <v>\n" for fabric ID 1, otherwise
+ *                                          "vsan <v> autonomous-fabric-id <afid>\n"
+ *   for each zoneset, in ascending id:   "zfx zoneset name <name>\n", then "member <zone>\n"
+ *                                          (level 1) per member zone in ascending zone id
+ *   last, when there is active zoneset data: "zfx zoneset activate name <name>[ force]\n"
+ * Zones come from the header's full zone bitmap, or its short one when the full one is empty.
+ * WWNs are formatted with fmt_wwn into zfx_sp_wwn_str and LUNs with fmt_lun into lun_str.
+ */
+
+#define ZFX_SCRATCH_STR_SIZE 128u
+
+/* Scratch text of the last member WWN and LUN written; process-wide, unlocked. */
+ZFX_API extern char zfx_sp_wwn_str[ZFX_SCRATCH_STR_SIZE];
+ZFX_API extern char lun_str[ZFX_SCRATCH_STR_SIZE];
+
+/*
+ * Adds the zone section to element 2 of the generation in progress (its handle as set by the
+ * entry points) and sets commit_reqd for every zone and zoneset written. Returns 0 when the text
+ * is complete, when store is NULL, or when the store has no zone database header (nothing is
+ * written then). ZFX_ERR_KVDB as soon as a lookup fails (the header's other than not found; a
+ * zone, member, zoneset or member zone that is missing), a member record cannot be decoded, or
+ * a record is malformed (shorter than its fixed part, or its array not within its value); the
+ * lines already added stay and nothing more is written. A zone record with no data is skipped.
+ */
+ZFX_API int32_t zfx_zone_generate_ascii_config(kvdb_store *store);
+
 ZFX_EXTERN_C_END
 
 #endif /* ZFX_ASCII_CFG_H */

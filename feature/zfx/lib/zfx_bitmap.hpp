@@ -1,0 +1,38 @@
+// zfx_bitmap.hpp - id bitmaps as the feature stores them (zone members, zones of a zoneset, the
+// zone database header): id n is bit 0x80 >> (n % 8) of byte n / 8.
+#pragma once
+
+#include <bit>
+
+#include "zfx_internal.hpp"
+
+namespace zfx {
+
+inline bool bit_test(const uint8_t *bits, uint32_t n) { return (bits[n / 8] & (0x80u >> (n % 8))) != 0; }
+inline void bit_set(uint8_t *bits, uint32_t n) { bits[n / 8] |= uint8_t(0x80u >> (n % 8)); }
+
+// The first id at or after from that is set among the first nbits ids (nbits a multiple of 8),
+// or nbits when there is none. Zero bytes are crossed a byte at a time, so walking every set id
+// costs the bitmap's bytes plus one step per id.
+inline uint32_t bit_next(const uint8_t *bits, uint32_t nbits, uint32_t from) {
+    if (from >= nbits) return nbits;
+    uint32_t byte = from / 8;
+    uint32_t b = bits[byte] & (0xFFu >> (from % 8));
+    while (b == 0) {
+        if (++byte == nbits / 8) return nbits;
+        b = bits[byte];
+    }
+    return byte * 8 + uint32_t(std::countl_zero(uint8_t(b)));
+}
+
+// Calls visit(id) for every set id from 1 below nbits, in ascending order; stops early, with its
+// result, at the first call that returns nonzero. Returns 0 otherwise.
+template <typename Visit>
+int32_t for_each_id(const uint8_t *bits, uint32_t nbits, Visit &&visit) {
+    for (uint32_t id = bit_next(bits, nbits, 1); id < nbits; id = bit_next(bits, nbits, id + 1)) {
+        if (const int32_t r = visit(id)) return r;
+    }
+    return 0;
+}
+
+}  // namespace zfx

@@ -1,0 +1,191 @@
+// The zone section of the configuration text, from stores built record by record: every text
+// rule, and the stop at the first failed lookup or malformed record.
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "platform/ptxt.h"
+#include "store.hpp"
+#include "zfx_ascii_cfg.h"
+
+namespace {
+
+using namespace zfxtest;
+
+const Bytes kWwn = {0x20, 0x00, 0x00, 0x11, 0x22, 0x33, 0x44, 0x55};
+const Bytes kLun = {0x00, 0x01, 0, 0, 0, 0, 0, 0};
+const Bytes kAttr = zeros(8);
+
+struct Result {
+    int32_t status;
+    std::string text;
+    bool operator==(const Result &) const = default;
+};
+
+std::ostream &operator<<(std::ostream &os, const Result &r) { return os << r.status << " \"" << r.text << "\""; }
+
+// Runs the zone section alone on a store of the records, in a generation of its own.
+Result zone_section(const std::vector<Record> &records) {
+    Prefix p;
+    put(p.config(), records);
+    Reader r(p.config());
+    uint32_t handle = 0;
+    EXPECT_EQ(ptxt_hdl_init(&handle), 0);
+    zfx_gen_request take_handle{0, handle, 0, 0};
+    zfx_ascii_cfg_generate(&take_handle);  // makes it the generation in progress
+    ptxt_elem_add(handle, ZFX_PTXT_GROUP, ZFX_ELEM_ZONE, ZFX_PTXT_ELEM_KIND);
+    commit_reqd = 0;
+    Result out{zfx_zone_generate_ascii_config(r.get()), ""};
+    char *text = nullptr;
+    EXPECT_EQ(ptxt_render(handle, &text, nullptr), 0);
+    out.text = text;
+    std::free(text);
+    ptxt_hdl_release(handle);
+    return out;
+}
+
+// A zone's array: its member bitmap, its attribute block, then more elements.
+Bytes zone_array(const std::vector<int> &members, std::initializer_list<Bytes> more = {}) {
+    Bytes out = cat({le32(uint32_t(2 + more.size())), members_tlv(members), tlv(9, kAttr)});
+    for (const Bytes &e : more) out.insert(out.end(), e.begin(), e.end());
+    return out;
+}
+
+Record member(uint16_t zone, uint16_t id, uint8_t type, std::initializer_list<Bytes> elements) {
+    return member_rec(zone, id, type, tlv_array(elements));
+}
+
+Record pwwn_member(uint16_t zone, uint16_t id, uint32_t vsan, uint32_t afid) {
+    return member(zone, id, 0, {tlv(10, kWwn), tlv(11, le32(vsan)), tlv(12, le32(afid))});
+}
+
+Bytes active(const std::string &name) { return cat({le16(1), name68(name), le16(0)}); }
+
+std::vector<Record> with(std::vector<Record> base, std::initializer_list<Record> more) {
+    base.insert(base.end(), more.begin(), more.end());
+    return base;
+}
+
+TEST(ZoneText, EveryRuleOfTheZoneSection) {
+    const std::string wwn = "20:00:00:11:22:33:44:55";
+    const std::vector<Record> one_zone = {zone_db_header_rec({1}, {}), zone_rec(1, "z1", zone_array({}))};
+    const struct {
+        const char *name;
+        std::vector<Record> records;
+        Result expected;
+    } cases[] = {
+        {"no header: nothing, not even the activation", active_chunks(active("a"), 100), {0, ""}},
+        {"empty header", {zone_db_header_rec({}, {})}, {0, ""}},
+        {"short header marks zones 1 and 3",
+         {zone_db_header_rec({1, 3}, {}, true), zone_rec(1, "z1", zone_array({})), zone_rec(3, "z3", zone_array({}))},
+         {0, "zfx zone name z1\nzfx zone name z3\n"}},
+        {"both forms: the full one only",
+         {{{0x66, 0}, cat({zeros(264), id_bits(251, {5}), zeros(9), id_bits(1024, {2008})})},
+          zone_rec(2008, "z2008", zone_array({}))},
+         {0, "zfx zone name z2008\n"}},
+        {"attributes in the order of their elements, unknown QoS silent",
+         {zone_db_header_rec({1, 2}, {}),
+          zone_rec(1, "z1", zone_array({}, {tlv(59, be32(1)), tlv(45, le32(2))})),
+          zone_rec(2, "z2", zone_array({}, {tlv(45, le32(5)), tlv(59, le32(1)), tlv(45, le32(1)), tlv(45, {3})}))},
+         {0, "zfx zone name z1\n  attribute read-only\n  attribute qos priority medium\n"
+             "zfx zone name z2\n  attribute qos priority low\n"}},
+        {"member lines in member id order, three pieces each",
+         with(one_zone, {zone_rec(1, "z1", zone_array({1, 2, 3, 4, 5, 6, 2047})),
+                         pwwn_member(1, 1, 10, 1), pwwn_member(1, 2, 10, 5),
+                         member(1, 3, 0, {tlv(10, kWwn), tlv(11, le32(4094))}),
+                         member(1, 4, 1, {tlv(11, le32(3)), tlv(12, le32(1)), tlv(65, str0("short"))}),
+                         member(1, 5, 241, {tlv(11, le32(3)), tlv(12, le32(1)), tlv(44, kLun),
+                                            tlv(65, str0("an-alias-longer-than-15"))}),
+                         member(1, 6, 240, {tlv(10, kWwn), tlv(11, le32(3)), tlv(12, le32(2)), tlv(44, kLun)}),
+                         member(1, 2047, 9, {tlv(11, le32(8)), tlv(12, le32(1))})}),
+         {0, "zfx zone name z1\n"
+             "  member pwwn " + wwn + "            vsan 10\n"
+             "  member pwwn " + wwn + "            vsan 10 autonomous-fabric-id 5\n"
+             "  member pwwn " + wwn + "            vsan 4094 autonomous-fabric-id 0\n"
+             "  member device-alias short                      vsan 3\n"
+             "  member device-alias an-alias-longer-than-15 lun 0x0001 vsan 3\n"
+             "  member pwwn " + wwn + " lun 0x0001 vsan 3 autonomous-fabric-id 2\n"
+             "             vsan 8\n"}},
+        {"zonesets: the full bitmap wins, the short one otherwise, neither: the name alone",
+         {zone_db_header_rec({1, 3000}, {1, 2, 3}), zone_rec(1, "z1", zone_array({})),
+          zone_rec(3000, "z3000", zone_array({})), zone_rec(7, "never", zone_array({})),
+          zoneset_rec(1, "full", tlv_array({zones_tlv(4, {7}), zones_tlv(60, {1, 3000}), tlv(3, kAttr)})),
+          zoneset_rec(2, "short", tlv_array({zones_tlv(4, {1}), tlv(3, kAttr)})),
+          zoneset_rec(3, "none", tlv_array({tlv(3, kAttr)}))},
+         {0, "zfx zone name z1\nzfx zone name z3000\nzfx zoneset name full\n  member z1\n  member z3000\n"
+             "zfx zoneset name short\n  member z1\nzfx zoneset name none\n"}},
+        {"activation with force", with(with(one_zone, {zone_options_rec(0x80000000)}), {active_chunks(active("act"), 10)[0],
+                                          active_chunks(active("act"), 50)[1], active_chunks(active("act"), 50)[2]}),
+         {0, "zfx zone name z1\nzfx zoneset activate name act force\n"}},
+        {"activation without force, or without options",
+         {zone_db_header_rec({}, {}), zone_options_rec(0x7FFFFFFF), active_chunks(active("act"), 100)[0],
+          active_chunks(active("act"), 100)[1]},
+         {0, "zfx zoneset activate name act\n"}},
+        {"a zone record with no data is skipped, in a zoneset too",
+         {zone_db_header_rec({1, 2}, {1}), {{0x68, 0, 1, 0, 0, 0}, {}}, zone_rec(2, "z2", zone_array({})),
+          zoneset_rec(1, "zs", tlv_array({zones_tlv(4, {1, 2})}))},
+         {0, "zfx zone name z2\nzfx zoneset name zs\n  member z2\n"}},
+    };
+    for (const auto &c : cases) EXPECT_EQ(zone_section(c.records), c.expected) << c.name;
+}
+
+TEST(ZoneText, FirstFailureStopsTheSectionAndKeepsItsLines) {
+    const std::vector<Record> base = {zone_db_header_rec({1, 2}, {1}), zone_rec(1, "z1", zone_array({1})),
+                                      pwwn_member(1, 1, 10, 1), zone_rec(2, "z2", zone_array({})),
+                                      zoneset_rec(1, "zs", tlv_array({zones_tlv(4, {1, 2})})),
+                                      active_chunks(active("act"), 100)[0], active_chunks(active("act"), 100)[1]};
+    const std::string all = "zfx zone name z1\n  member pwwn 20:00:00:11:22:33:44:55            vsan 10\n"
+                            "zfx zone name z2\nzfx zoneset name zs\n  member z1\n  member z2\n"
+                            "zfx zoneset activate name act\n";
+    const std::string to_z1 = "zfx zone name z1\n";
+    const std::string to_zs = all.substr(0, all.find("zfx zoneset name"));
+    // Each case drops one key of the complete store and stores records over it (a later record
+    // replaces an earlier one of the same key).
+    const struct {
+        const char *name;
+        Bytes drop;
+        std::vector<Record> add;
+        std::string text;
+    } cases[] = {
+        {"complete", {}, {}, all},
+        {"member missing", {0x69, 0, 1, 0, 1, 0}, {}, to_z1},
+        {"member array claims more than it holds", {}, {member_rec(1, 1, 0, cat({le32(2), tlv(10, kWwn)}))}, to_z1},
+        {"member record shorter than its head", {}, {{{0x69, 0, 1, 0, 1, 0}, {1, 0, 0}}}, to_z1},
+        {"zone record shorter than its head", {}, {{{0x68, 0, 1, 0, 0, 0}, {1, 0, 0, 0, 'z'}}}, ""},
+        {"zone array claims more than it holds", {}, {zone_rec(1, "z1", cat({le32(3), members_tlv({1})}))}, ""},
+        {"zoneset record with no data", {}, {{{0x67, 0, 1, 0, 0, 0}, {}}}, to_zs},
+        {"zoneset names a zone without a record", {0x68, 0, 2, 0, 0, 0}, {zone_db_header_rec({1}, {1})},
+         all.substr(0, all.find("zfx zone name z2")) + "zfx zoneset name zs\n  member z1\n"},
+        {"active data shorter than its head", {}, {{{0x6C, 0, 0, 0, 0, 0}, be32(4)}},
+         all.substr(0, all.find("zfx zoneset activate"))},
+    };
+    for (const auto &c : cases) {
+        std::vector<Record> records;
+        for (const Record &r : base)
+            if (r.first != c.drop) records.push_back(r);
+        records.insert(records.end(), c.add.begin(), c.add.end());
+        const bool complete = c.drop.empty() && c.add.empty();
+        EXPECT_EQ(zone_section(records), (Result{complete ? 0 : ZFX_ERR_KVDB, c.text})) << c.name;
+    }
+    // The header's lookup failing otherwise than "not found".
+    Prefix p;
+    put(p.config(), base);
+    const uint8_t key[2] = {0x66, 0};
+    kvdb_mem_faults fault{0, int32_t(0x40480099), key, 2};
+    kvdb_mem_inject(p.config().c_str(), &fault);
+    Reader r(p.config());
+    EXPECT_EQ(zfx_zone_generate_ascii_config(r.get()), ZFX_ERR_KVDB);
+    EXPECT_EQ(zfx_zone_generate_ascii_config(nullptr), 0);
+}
+
+TEST(ZoneText, CommitFlagOnlyForZonesAndZonesets) {
+    Prefix p;
+    put(p.config(), {zone_db_header_rec({}, {}), distribute_rec(1), active_chunks(active("a"), 100)[0],
+                     active_chunks(active("a"), 100)[1]});
+    EXPECT_EQ(generate_from(p.config()), "feature zfx\nzfx distribute\nzfx zoneset activate name a\n");
+    put(p.config(), {zone_db_header_rec({}, {4}), zoneset_rec(4, "zs", tlv_array({}))});
+    EXPECT_EQ(generate_from(p.config()), "feature zfx\nzfx distribute\nzfx zoneset name zs\nzfx zoneset activate name a\nzfx commit\n");
+}
+
+}  // namespace

@@ -1,0 +1,366 @@
+// The persistent zone database: exact bytes of every record kind and of the active zoneset data,
+// the member decode, the restoring readers, and the round trip nodes -> encoders -> store -> text.
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "platform/tlvbuf.h"
+#include "store.hpp"
+#include "zfx_ascii_cfg.h"
+#include "zfx_testing.h"
+#include "zfx_zone_db.h"
+
+namespace {
+
+using namespace zfxtest;
+
+const Bytes kWwn = {0x20, 0x00, 0x00, 0x11, 0x22, 0x33, 0x44, 0x55};
+const Bytes kLun = {0x00, 0x07, 0, 0, 0, 0, 0, 0};
+
+int32_t by_id(const void *a, const void *b) {
+    const uint32_t x = *static_cast<const uint32_t *>(a), y = *static_cast<const uint32_t *>(b);
+    return x < y ? -1 : x > y;
+}
+
+// A zone database of nodes in trees, as the service keeps it.
+struct Db {
+    std::deque<zfx_zone_member_node> members;
+    std::deque<zfx_zone_node> zones;
+    std::vector<plat_tree *> trees;
+    ~Db() {
+        for (plat_tree *t : trees) tree_destroy(t);
+    }
+    plat_tree *tree() { return trees.emplace_back(tree_create(by_id)); }
+    zfx_zone_node &zone(uint32_t id, const std::string &name, uint32_t qos = 0, uint32_t ro = 0, bool has_tree = true) {
+        zfx_zone_node &z = zones.emplace_back();
+        z = zfx_zone_node{id, {}, has_tree ? tree() : nullptr, {}, {0xA1, 0, 0, 0, 0, 0, 0, 0xA8}, qos, ro};
+        std::snprintf(z.name, sizeof z.name, "%s", name.c_str());
+        store_count(z.member_bitmap, 256);
+        return z;
+    }
+    zfx_zone_member_node &member(zfx_zone_node &z, uint32_t id, uint32_t type, uint32_t vsan, uint16_t afid,
+                                 const std::string &alias = "") {
+        zfx_zone_member_node &m = members.emplace_back();
+        m = zfx_zone_member_node{id, type, vsan, afid, {}, {}, {}};
+        std::copy(kWwn.begin(), kWwn.end(), m.pwwn);
+        m.pwwn[7] = uint8_t(id);
+        std::copy(kLun.begin(), kLun.end(), m.lun);
+        std::snprintf(m.device_alias, sizeof m.device_alias, "%s", alias.c_str());
+        if (z.members != nullptr) {
+            EXPECT_EQ(tree_insert(z.members, &m), 0);
+        }
+        if (id < 2048) z.member_bitmap[4 + id / 8] |= uint8_t(0x80 >> (id % 8));
+        return m;
+    }
+    static void store_count(uint8_t *p, uint32_t n) { std::memcpy(p, &n, 4); }
+};
+
+zfx_zoneset_node zoneset_node(Db &db, uint32_t id, const std::string &name, std::initializer_list<zfx_zone_node *> zs) {
+    zfx_zoneset_node s{id, {}, db.tree(), {}, {0xB1, 0, 0, 0, 0, 0, 0, 0xB8}};
+    std::snprintf(s.name, sizeof s.name, "%s", name.c_str());
+    for (zfx_zone_node *z : zs) {
+        EXPECT_EQ(tree_insert(s.zones, z), 0);
+        if (z->id < 8192) s.zone_bitmap[z->id / 8] |= uint8_t(0x80 >> (z->id % 8));
+    }
+    return s;
+}
+
+// Takes a block the library allocated. len is read after the call that fills it has run, whatever
+// the order in which the arguments were evaluated.
+Bytes take(void *p, const uint32_t &len) {
+    Bytes b = p != nullptr ? bytes_of(p, len) : Bytes{};
+    std::free(p);
+    return b;
+}
+
+Bytes wwn_of(uint8_t last) {
+    Bytes w = kWwn;
+    w[7] = last;
+    return w;
+}
+
+TEST(ZoneDb, MemberRecordsCarryTheElementsOfTheirType) {
+    const struct {
+        uint32_t type;
+        Bytes array;
+    } cases[] = {
+        {0, tlv_array({tlv(10, wwn_of(9)), tlv(11, le32(10)), tlv(12, le32(5))})},
+        {1, tlv_array({tlv(11, le32(10)), tlv(12, le32(5)), tlv(65, str0("host-a"))})},
+        {240, tlv_array({tlv(10, wwn_of(9)), tlv(11, le32(10)), tlv(12, le32(5)), tlv(44, kLun)})},
+        {241, tlv_array({tlv(11, le32(10)), tlv(12, le32(5)), tlv(44, kLun), tlv(65, str0("host-a"))})},
+    };
+    Db db;
+    zfx_zone_node &z = db.zone(1, "z", 0, 0, false);
+    for (const auto &c : cases) {
+        zfx_zone_member_node &m = db.member(z, 0x10009, c.type, 10, 5, "host-a");  // id keeps its low 16 bits
+        uint32_t len = 0;
+        const Bytes rec = take(zfx_zone_encode_zone_member_to_kvdb(&m, &len), len);
+        EXPECT_EQ(rec, cat({le16(9), {uint8_t(c.type), 0}, c.array})) << c.type << ": " << hex(rec);
+
+        uint32_t size = 0;
+        EXPECT_EQ(zfx_zone_get_zone_member_attrib_tlvs_size(&m, 0, &size), 0);
+        EXPECT_EQ(size + 8, rec.size());
+        // With the type element: 27 first, then the same elements.
+        Bytes array(size + 12, 0);
+        EXPECT_EQ(zfx_zone_encode_zone_member_attrib_tlvs(array.data(), uint32_t(array.size()), &m, 1), 0);
+        EXPECT_EQ(array, cat({le32(tlvbuf_get_num_tlvs(c.array.data(), 0) + 1), tlv(27, le32(c.type)),
+                              Bytes(c.array.begin() + 4, c.array.end())}));
+    }
+    // A bad member type, missing arguments, a refused add, no memory.
+    zfx_zone_member_node &bad = db.member(z, 3, 7, 1, 1);
+    uint32_t len = 99, size = 99;
+    EXPECT_EQ(zfx_zone_encode_zone_member_to_kvdb(&bad, &len), nullptr);
+    EXPECT_EQ(zfx_zone_get_zone_member_attrib_tlvs_size(&bad, 0, &size), ZFX_ERR_BAD_MEMBER_TYPE);
+    EXPECT_EQ(size, 0u);
+    EXPECT_EQ(zfx_zone_get_zone_member_attrib_tlvs_size(nullptr, 0, &size), ZFX_ERR_INVALID_VALUE);
+    EXPECT_EQ(zfx_zone_get_zone_member_attrib_tlvs_size(&bad, 0, nullptr), ZFX_ERR_INVALID_VALUE);
+    EXPECT_EQ(zfx_zone_encode_zone_member_attrib_tlvs(nullptr, 64, &bad, 0), ZFX_ERR_INVALID_VALUE);
+    uint8_t small[16] = {};
+    EXPECT_EQ(zfx_zone_encode_zone_member_attrib_tlvs(small, sizeof small, &bad, 0), ZFX_ERR_BAD_MEMBER_TYPE);
+    EXPECT_EQ(zfx_zone_encode_zone_member_attrib_tlvs(small, sizeof small, &db.members[0], 0), -1);
+    EXPECT_EQ(tlvbuf_get_num_tlvs(small, 0), 1u);  // the port WWN fitted, the VSAN did not
+    zfx_testing_fail_allocation(1);
+    EXPECT_EQ(zfx_zone_encode_zone_member_to_kvdb(&db.members[0], &len), nullptr);
+    zfx_testing_fail_allocation(0);
+    EXPECT_EQ(len, 99u);
+}
+
+TEST(ZoneDb, DecodeFillsOnlyWhatTheRecordCarries) {
+    zfx_zone_member_node m{};
+    std::snprintf(m.device_alias, sizeof m.device_alias, "kept");
+    const Bytes rec = cat({le16(4), {0, 0}, tlv_array({tlv(11, le32(7)), tlv(99, le32(1)), tlv(12, be32(0x00030002))})});
+    ASSERT_EQ(zfx_zone_decode_member_from_kvdb_cfg(rec.data(), &m), 0);
+    EXPECT_EQ(m.vsan, 7u);
+    EXPECT_EQ(m.afid, 0x0300);  // the low 16 bits of the host-order word
+    EXPECT_STREQ(m.device_alias, "kept");
+    EXPECT_EQ(m.id, 0u);
+    EXPECT_EQ(zfx_zone_decode_member_from_kvdb_cfg(nullptr, &m), ZFX_ERR_INVALID_ARG);
+    EXPECT_EQ(zfx_zone_decode_member_from_kvdb_cfg(rec.data(), nullptr), ZFX_ERR_INVALID_ARG);
+}
+
+TEST(ZoneDb, ZoneAndZonesetRecords) {
+    Db db;
+    zfx_zone_node &plain = db.zone(0x12345, "plain");
+    db.member(plain, 3, 0, 1, 1);
+    zfx_zone_node &ro = db.zone(2, "read-only", 2, 1);
+    const Bytes attr = {0xA1, 0, 0, 0, 0, 0, 0, 0xA8};
+    uint32_t len = 0;
+    EXPECT_EQ(take(zfx_zone_encode_zone_to_kvdb(&plain, &len), len),
+              zone_rec(0x2345, "plain", tlv_array({members_tlv({3}), tlv(9, attr), tlv(45, le32(0))})).second);
+    EXPECT_EQ(take(zfx_zone_encode_zone_to_kvdb(&ro, &len), len),
+              zone_rec(2, "read-only", tlv_array({members_tlv({}), tlv(9, attr), tlv(45, le32(2)), tlv(59, be32(1))})).second);
+
+    // Zone ids below 2000 fit element 4 (its first 250 bytes); any later id adds element 60.
+    const Bytes zsattr = {0xB1, 0, 0, 0, 0, 0, 0, 0xB8};
+    for (const std::vector<int> &ids : {std::vector<int>{1, 1999}, {1, 2000}, {8191}}) {
+        Db d;
+        zfx_zoneset_node s = zoneset_node(d, 5, "zs", {});
+        for (int id : ids) s.zone_bitmap[id / 8] |= uint8_t(0x80 >> (id % 8));
+        std::vector<int> low;
+        for (int id : ids) {
+            if (id < 2000) low.push_back(id);
+        }
+        const Bytes array = ids.back() < 2000
+                                ? tlv_array({zones_tlv(4, low), tlv(3, zsattr)})
+                                : tlv_array({zones_tlv(4, low), zones_tlv(60, ids), tlv(3, zsattr)});
+        EXPECT_EQ(take(zfx_zone_encode_zoneset_to_kvdb(&s, &len), len), zoneset_rec(5, "zs", array).second) << ids.back();
+    }
+    // A name that fills its field without a terminator is cut to 67 characters.
+    std::memset(plain.name, 'n', sizeof plain.name);
+    const Bytes cut = take(zfx_zone_encode_zone_to_kvdb(&plain, &len), len);
+    EXPECT_EQ(Bytes(cut.begin() + 4, cut.begin() + 72), cat({Bytes(67, 'n'), {0}}));
+
+    EXPECT_EQ(zfx_zone_encode_zone_to_kvdb(nullptr, &len), nullptr);
+    EXPECT_EQ(zfx_zone_encode_zoneset_to_kvdb(nullptr, &len), nullptr);
+    EXPECT_EQ(zfx_zone_encode_zone_to_kvdb(&ro, nullptr), nullptr);
+    zfx_testing_fail_allocation(1);
+    EXPECT_EQ(zfx_zone_encode_zone_to_kvdb(&ro, &len), nullptr);
+    zfx_testing_fail_allocation(0);
+}
+
+// Expected bytes of the active zoneset data, written out piece by piece.
+Bytes entry(uint16_t id, const std::string &name, uint16_t count) { return cat({le16(id), name68(name), le16(count)}); }
+Bytes pwwn_entry(uint16_t id, uint32_t vsan, uint32_t afid) {
+    return cat({le16(id), {0, 0}, tlv_array({tlv(10, wwn_of(uint8_t(id))), tlv(11, le32(vsan)), tlv(12, le32(afid))})});
+}
+Bytes ext(uint32_t zone_id, std::initializer_list<Bytes> inner) {
+    const Bytes body = cat(inner);
+    return cat({le32(46), le32(uint32_t(8 + body.size())), le32(zone_id), le32(uint32_t(inner.size())), body});
+}
+Bytes ext_member(uint16_t id, uint8_t type, const Bytes &array) { return tlv(53, cat({le16(id), {type, 0}, array})); }
+
+TEST(ZoneDb, ActiveZonesetDataWithItsExtensionArea) {
+    Db db;
+    zfx_zone_node &z1 = db.zone(1, "z1");
+    db.member(z1, 7, 0, 10, 1);
+    db.member(z1, 3, 0, 10, 2);  // written in the tree's order: 3 before 7
+    zfx_zone_node &z2 = db.zone(0x10002, "z2", 2, 1);
+    db.member(z2, 5, 241, 20, 1, "alias-b");
+    db.member(z2, 4, 1, 20, 1, "alias-a");
+    db.member(z2, 6, 0, 20, 1);
+    db.member(z2, 9, 240, 20, 3);
+    db.member(z2, 8, 77, 20, 3);  // unknown type: left out
+    zfx_zone_node &z3 = db.zone(3, "no-tree", 1, 0, false);
+    zfx_zone_node &z4 = db.zone(4, "empty");
+    zfx_zoneset_node s = zoneset_node(db, 0x10009, "active", {&z3, &z1, &z4, &z2});
+
+    // Zones in the tree's order (by id): 1, 3, 4, 0x10002, whatever order the zoneset was built in.
+    const Bytes main = cat({entry(9, "active", 4), entry(1, "z1", 2), pwwn_entry(3, 10, 2), pwwn_entry(7, 10, 1),
+                            entry(3, "no-tree", 0), entry(4, "empty", 0), entry(2, "z2", 1), pwwn_entry(6, 20, 1)});
+    const Bytes area = cat({le32(2), ext(3, {tlv(45, le32(1))}),
+                            ext(0x10002, {tlv(45, le32(2)), tlv(59, be32(1)),
+                                          ext_member(4, 1, tlv_array({tlv(11, le32(20)), tlv(12, le32(1)), tlv(65, str0("alias-a"))})),
+                                          ext_member(5, 241, tlv_array({tlv(11, le32(20)), tlv(12, le32(1)), tlv(65, str0("alias-b")), tlv(44, kLun)})),
+                                          ext_member(9, 240, tlv_array({tlv(11, le32(20)), tlv(12, le32(3)), tlv(10, wwn_of(9)), tlv(44, kLun)}))})});
+    uint32_t ext_size = 0, len = 7;
+    EXPECT_EQ(zfx_zoneset_get_persistent_data_size(&s, &ext_size), main.size() + area.size());
+    EXPECT_EQ(ext_size, area.size());
+    const Bytes data = take(zfx_zone_zoneset_to_persistent_kvdb_data(&s, &len), len);
+    EXPECT_EQ(data, cat({main, area})) << hex(data);
+
+    // Only port-WWN members and no attributes: no extension area.
+    zfx_zoneset_node plain = zoneset_node(db, 1, "plain", {&z1, &z4});
+    EXPECT_EQ(zfx_zoneset_get_persistent_data_size(&plain, &ext_size), 72u + 72 + 2 * 36 + 72);
+    EXPECT_EQ(ext_size, 0u);
+    // No zone tree: the head alone.
+    zfx_zoneset_node bare{2, "bare", nullptr, {}, {}};
+    EXPECT_EQ(take(zfx_zone_zoneset_to_persistent_kvdb_data(&bare, &len), len), entry(2, "bare", 0));
+    EXPECT_EQ(zfx_zoneset_get_persistent_data_size(nullptr, &ext_size), 0u);
+    EXPECT_EQ(zfx_zoneset_get_persistent_data_size(&s, nullptr), uint32_t(ZFX_ERR_INVALID_ARG));
+    zfx_testing_fail_allocation(1);
+    EXPECT_EQ(zfx_zone_zoneset_to_persistent_kvdb_data(&s, &len), nullptr);
+    zfx_testing_fail_allocation(0);
+    EXPECT_EQ(len, 0u);
+}
+
+TEST(ZoneDb, ExtensionStepWritesOnlyWhatFits) {
+    Db db;
+    zfx_zone_node &z = db.zone(6, "z", 3);
+    db.member(z, 2, 1, 4, 1, "a");
+    const Bytes want = ext(6, {tlv(45, le32(3)), ext_member(2, 1, tlv_array({tlv(11, le32(4)), tlv(12, le32(1)), tlv(65, str0("a"))}))});
+    for (uint32_t room : {uint32_t(want.size()), uint32_t(want.size() - 1), 16u}) {
+        Bytes buf(want.size() + 4, 0);
+        uint32_t count = 5;
+        uint8_t *cursor = buf.data();
+        EXPECT_EQ(zfx_zone_ext_to_persistent_kvdb_data(&z, &count, room, &cursor), 0u);
+        const bool fits = room >= want.size();
+        EXPECT_EQ(count, fits ? 6u : 5u) << room;
+        EXPECT_EQ(cursor, buf.data() + (fits ? want.size() : 0)) << room;
+        EXPECT_EQ(buf, fits ? cat({want, zeros(4)}) : zeros(buf.size())) << room;
+    }
+    // A zone with nothing to record there writes nothing.
+    zfx_zone_node &nothing = db.zone(7, "nothing");
+    db.member(nothing, 1, 0, 1, 1);
+    uint8_t buf[64] = {}, *cursor = buf;
+    uint32_t count = 0;
+    zfx_zone_ext_to_persistent_kvdb_data(&nothing, &count, sizeof buf, &cursor);
+    EXPECT_EQ(cursor, buf);
+    EXPECT_EQ(count, 0u);
+}
+
+TEST(ZoneDb, ChunkedRestoreJoinsCompletesAndNeverOverruns) {
+    Bytes data(300);
+    for (size_t i = 0; i < data.size(); ++i) data[i] = uint8_t(i * 7 + 1);
+    std::vector<Record> surplus = active_chunks(cat({data, Bytes(150, 0xEE)}), 200, 300);
+    std::vector<Record> partial = active_chunks(data, 200);
+    partial.pop_back();
+    const struct {
+        const char *name;
+        std::vector<Record> records;
+        Bytes expected;  // empty: NULL
+    } cases[] = {
+        {"two chunks", active_chunks(data, 200), data},
+        {"one byte at a time", active_chunks(data, 1), data},
+        {"chunk 2 missing", partial, cat({Bytes(data.begin(), data.begin() + 200), zeros(100)})},
+        {"surplus not copied", surplus, data},
+        {"chunk 1 missing", {{{0x6C, 0, 0, 0, 0, 0}, be32(300)}}, zeros(300)},
+        {"total 0", active_chunks(data, 200, 0), {}},
+        {"total beyond what the data can take", active_chunks(data, 200, 0xFFFFFFFF), {}},
+        {"no header", {active_chunks(data, 200)[1]}, {}},
+        {"header too short", {{{0x6C, 0, 0, 0, 0, 0}, {0, 0, 1}}}, {}},
+    };
+    for (const auto &c : cases) {
+        Prefix p;
+        put(p.config(), c.records);
+        Reader r(p.config());
+        auto *got = static_cast<uint8_t *>(zfx_zone_restore_active_pzs_from_kvdb(r.get()));
+        EXPECT_EQ(take(got, uint32_t(c.expected.size())), c.expected) << c.name;
+        EXPECT_EQ(got == nullptr, c.expected.empty()) << c.name;
+    }
+    Prefix p;
+    put(p.config(), active_chunks(data, 100));
+    Reader r(p.config());
+    zfx_testing_fail_allocation(1);
+    EXPECT_EQ(zfx_zone_restore_active_pzs_from_kvdb(r.get()), nullptr);
+    zfx_testing_fail_allocation(0);
+    EXPECT_EQ(zfx_zone_restore_active_pzs_from_kvdb(nullptr), nullptr);
+}
+
+TEST(ZoneDb, OptionsWordCopiesAtMostFourBytes) {
+    const std::pair<std::vector<Record>, std::pair<int32_t, Bytes>> cases[] = {
+        {{zone_options_rec(0x80000001)}, {0, {0x80, 0, 0, 1, 0xEE}}},
+        {{{{0x6B, 0}, {1, 2, 3, 4, 5, 6}}}, {0, {1, 2, 3, 4, 0xEE}}},
+        {{{{0x6B, 0}, {9}}}, {0, {9, 0xEE, 0xEE, 0xEE, 0xEE}}},
+        {{{{0x6B, 0}, {}}}, {ZFX_ERR_KVDB, Bytes(5, 0xEE)}},
+        {{}, {ZFX_ERR_KVDB, Bytes(5, 0xEE)}},
+    };
+    for (const auto &[records, want] : cases) {
+        Prefix p;
+        put(p.config(), records);
+        Reader r(p.config());
+        Bytes dst(5, 0xEE);
+        EXPECT_EQ(zfx_zone_kvdb_restore_options_from_kvdb(r.get(), reinterpret_cast<uint32_t *>(dst.data())), want.first);
+        EXPECT_EQ(dst, want.second);
+        EXPECT_EQ(zfx_zone_kvdb_restore_options_from_kvdb(r.get(), nullptr), ZFX_ERR_INVALID_ARG);
+    }
+}
+
+// The service's whole path: nodes encoded by the library, written under their keys, the active
+// data in chunks; the text generated from that store alone.
+TEST(ZoneDb, StoreWrittenFromEncodedNodesRegeneratesTheZoneText) {
+    for (Backend backend : {Backend::mem, Backend::lmdb}) {
+        Db db;
+        zfx_zone_node &z1 = db.zone(1, "zone-one", 3, 1);
+        db.member(z1, 2, 0, 10, 1);
+        db.member(z1, 1, 241, 11, 1, "disk");
+        zfx_zone_node &z2 = db.zone(2500, "zone-two");
+        db.member(z2, 2047, 240, 12, 7);
+        zfx_zoneset_node s1 = zoneset_node(db, 3, "zs-a", {&z1, &z2});
+        zfx_zoneset_node s2 = zoneset_node(db, 1, "zs-b", {&z1});
+
+        std::vector<Record> records = {zone_db_header_rec({1, 2500}, {1, 3}), zone_options_rec(0x80000000)};
+        auto add = [&](Bytes key, void *value, const uint32_t &len) { records.push_back({std::move(key), take(value, len)}); };
+        uint32_t len = 0;
+        for (zfx_zone_node *z : {&z1, &z2}) {
+            add(cat({{0x68, 0}, le16(uint16_t(z->id)), le16(0)}), zfx_zone_encode_zone_to_kvdb(z, &len), len);
+            tree_walker w{0};
+            while (auto *m = static_cast<zfx_zone_member_node *>(tree_walk(z->members, &w)))
+                add(cat({{0x69, 0}, le16(uint16_t(m->id)), le16(uint16_t(z->id))}), zfx_zone_encode_zone_member_to_kvdb(m, &len), len);
+        }
+        for (zfx_zoneset_node *s : {&s1, &s2})
+            add(cat({{0x67, 0}, le16(uint16_t(s->id)), le16(0)}), zfx_zone_encode_zoneset_to_kvdb(s, &len), len);
+        const Bytes active = take(zfx_zone_zoneset_to_persistent_kvdb_data(&s1, &len), len);
+        for (Record &r : active_chunks(active, 64)) records.push_back(std::move(r));
+
+        Prefix p(backend);
+        put(p.config(), records);
+        EXPECT_EQ(generate_from(p.config()),
+                  "feature zfx\n"
+                  "zfx zone name zone-one\n"
+                  "  attribute qos priority high\n"
+                  "  attribute read-only\n"
+                  "  member device-alias disk            lun 0x0007 vsan 11\n"
+                  "  member pwwn 20:00:00:11:22:33:44:02            vsan 10\n"
+                  "zfx zone name zone-two\n"
+                  "  member pwwn 20:00:00:11:22:33:44:ff lun 0x0007 vsan 12 autonomous-fabric-id 7\n"
+                  "zfx zoneset name zs-b\n  member zone-one\n"
+                  "zfx zoneset name zs-a\n  member zone-one\n  member zone-two\n"
+                  "zfx zoneset activate name zs-a force\n");
+    }
+}
+
+}  // namespace
