@@ -88,6 +88,27 @@ TEST(Tlvbuf, LongWalksKeepTheirPlace) {
     std::vector<Elem> big(18, Elem{9, Bytes(65535, 0x5A)});
     big.push_back(Elem{10, {1, 2, 3}});
     round_trip(big);
+
+    // Two long walks taken in turns on one thread, each resumed from its own cursor, and one
+    // cursor used twice: every step lands where it should.
+    std::vector<Bytes> arrays;
+    for (uint16_t base : {0, 20000}) {
+        std::vector<Elem> elems;
+        for (uint16_t i = 0; i < 9000; ++i) elems.push_back(Elem{uint16_t(base + i), {}});
+        arrays.push_back(model(elems));
+    }
+    uint32_t cursors[2] = {0, 0};
+    for (uint32_t i = 0; i < 9000; ++i) {
+        for (int a = 0; a < 2; ++a) {
+            uint16_t type = 0;
+            uint32_t again = cursors[a];
+            ASSERT_EQ(tlvbuf_get_next_tlv(arrays[a].data(), &type, nullptr, nullptr, 0, &cursors[a]), 0);
+            ASSERT_EQ(type, (a ? 20000 : 0) + i);
+            if (i % 1000 != 999) continue;
+            ASSERT_EQ(tlvbuf_get_next_tlv(arrays[a].data(), &type, nullptr, nullptr, 0, &again), 0);
+            ASSERT_EQ(type, (a ? 20000 : 0) + i);
+        }
+    }
 }
 
 TEST(Tlvbuf, RefusalsChangeNothing) {

@@ -25,9 +25,20 @@ constexpr uint32_t kIndexShift = 18;
 constexpr uint32_t kOffsetMask = (1u << kIndexShift) - 1;
 constexpr uint32_t kShortIndexLimit = 1u << (31 - kIndexShift);
 
-uint32_t encode(uint32_t index, uint64_t offset) {
+// The last long-form cursor this thread handed out, with the offset it stands for: a walk that
+// goes on from it (the usual case) finds its place at once instead of re-walking the headers,
+// which would make a long walk quadratic.
+struct LongStep {
+    const unsigned char *array;
+    uint32_t index;
+    uint64_t offset;
+};
+thread_local LongStep t_last_long;
+
+uint32_t encode(const unsigned char *array, uint32_t index, uint64_t offset) {
     if (index < kShortIndexLimit && offset / 4 <= kOffsetMask)
         return (index << kIndexShift) | uint32_t(offset / 4);
+    t_last_long = LongStep{array, index, offset};
     return kLongForm | index;
 }
 
@@ -47,7 +58,8 @@ int32_t next_tlv(void *array, uint16_t *type, uint16_t *length, void **value, ui
         off = 4;
     } else if (*cursor & kLongForm) {
         index = *cursor & ~kLongForm;
-        off = offset_of(a, index);
+        const LongStep &last = t_last_long;
+        off = last.array == a && last.index == index ? last.offset : offset_of(a, index);
     } else {
         index = *cursor >> kIndexShift;
         off = uint64_t(*cursor & kOffsetMask) * 4;
@@ -58,7 +70,7 @@ int32_t next_tlv(void *array, uint16_t *type, uint16_t *length, void **value, ui
     if (type != nullptr) *type = t;
     if (length != nullptr) *length = n;
     if (value != nullptr) *value = n != 0 ? a + off + 4 : nullptr;
-    *cursor = encode(index + 1, off + tlvbuf_size_get(n));
+    *cursor = encode(a, index + 1, off + tlvbuf_size_get(n));
     return 0;
 }
 

@@ -17,7 +17,9 @@
  * Walking: the cursor is a u32 that the caller sets to 0 before the first call and otherwise
  * leaves to the walker; it is opaque (it encodes the position of the next element, so that each
  * step costs the same however far the walk has come, for arrays of up to 8191 elements within
- * 1 MiB; beyond that a step re-walks the headers from the start). The walkers trust the array:
+ * 1 MiB; beyond that the walker remembers, per thread, where the last step it took led, so that
+ * a walk that goes on from there costs the same too, and any other step re-walks the headers
+ * from the start). The walkers trust the array:
  * they have no length to check against and read every header up to the count. An array that
  * comes from outside the process must be validated against the bytes it has before it is walked.
  *
