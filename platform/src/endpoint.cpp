@@ -65,6 +65,31 @@ int32_t endpoint_call(plat_endpoint *ep, plat_call &call, plat_answer &answer) {
     return answer.result;
 }
 
+void msg_set_token(plat_msg *msg, uint32_t token) { msg->info.token = token; }
+
+int32_t endpoint_recv(plat_endpoint *ep, uint32_t token, uint32_t wait, plat_msg **out) {
+    if (ep == nullptr || out == nullptr) {
+        errno = EINVAL;
+        return -1;
+    }
+    plat_call call{.op = PLAT_OP_RECV, .timeout = wait, .token = token};
+    plat_answer answer;
+    const int32_t r = endpoint_call(ep, call, answer);
+    if (r != 0) return r;
+    plat_msg *prev = nullptr;
+    for (plat_msg *m = ep->head; m != nullptr; prev = m, m = m->next) {
+        if (token != 0 && m->info.token != token) continue;
+        (prev != nullptr ? prev->next : ep->head) = m->next;
+        if (ep->tail == m) ep->tail = prev;
+        --ep->pending;
+        m->next = nullptr;
+        *out = m;
+        return 0;
+    }
+    errno = EAGAIN;
+    return -1;
+}
+
 }  // namespace plat
 
 extern "C" {
@@ -139,28 +164,7 @@ int32_t plat_endpoint_post(plat_endpoint *ep, plat_msg *msg) {
 }
 
 int32_t plat_endpoint_recv(plat_endpoint *ep, uint32_t token, plat_msg **out) {
-    if (ep == nullptr || out == nullptr) {
-        errno = EINVAL;
-        return -1;
-    }
-    plat_call call{};
-    call.op = PLAT_OP_RECV;
-    call.token = token;
-    plat_answer answer;
-    const int32_t r = plat::endpoint_call(ep, call, answer);
-    if (r != 0) return r;
-    plat_msg *prev = nullptr;
-    for (plat_msg *m = ep->head; m != nullptr; prev = m, m = m->next) {
-        if (token != 0 && m->info.token != token) continue;
-        (prev != nullptr ? prev->next : ep->head) = m->next;
-        if (ep->tail == m) ep->tail = prev;
-        --ep->pending;
-        m->next = nullptr;
-        *out = m;
-        return 0;
-    }
-    errno = EAGAIN;
-    return -1;
+    return plat::endpoint_recv(ep, token, 0, out);
 }
 
 uint32_t plat_endpoint_pending(const plat_endpoint *ep) { return ep != nullptr ? ep->pending : 0; }

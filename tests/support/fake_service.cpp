@@ -14,7 +14,13 @@ FakeService::~FakeService() { plat_endpoint_close(ep_); }
 
 void FakeService::handle(void *ctx, const plat_call *call, plat_answer *answer) {
     auto *self = static_cast<FakeService *>(ctx);
+    const auto *p = static_cast<const uint8_t *>(call->payload);
+    Sent seen{call->op, call->msg_type, call->opcode, call->node, call->sap,
+              call->opt_a != nullptr ? std::optional<std::string>(call->opt_a) : std::nullopt,
+              call->opt_b, call->tag, call->timeout, call->token, call->want_reply != 0,
+              p != nullptr ? Bytes(p, p + call->length) : Bytes{}};
     if (call->op == PLAT_OP_RECV) {
+        self->receives_.push_back(std::move(seen));
         if (self->next_fault_ < self->recv_faults_.size()) {
             const Answer &f = self->recv_faults_[self->next_fault_++];
             answer->result = f.result;
@@ -22,12 +28,7 @@ void FakeService::handle(void *ctx, const plat_call *call, plat_answer *answer) 
         }
         return;
     }
-    const auto *p = static_cast<const uint8_t *>(call->payload);
-    self->sent_.push_back(
-        Sent{call->op, call->msg_type, call->opcode, call->node, call->sap,
-             call->opt_a != nullptr ? std::optional<std::string>(call->opt_a) : std::nullopt,
-             call->opt_b, call->tag, call->timeout, call->token, call->want_reply != 0,
-             p != nullptr ? Bytes(p, p + call->length) : Bytes{}});
+    self->sent_.push_back(std::move(seen));
     self->current_ = self->next_ < self->script_.size() ? self->script_[self->next_++] : Answer{};
     const Answer &a = self->current_;
     answer->result = a.result;

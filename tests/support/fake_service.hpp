@@ -4,8 +4,9 @@
 // It records every operation the code under test makes through its endpoint (channel requests,
 // remote requests, asynchronous sends, and later raw transport sends) with every field and the
 // exact payload bytes, and answers each with the next scripted Answer, in order; when the script
-// is used up it answers result 0 with no reply. Receives on the endpoint (plat_endpoint_recv) are
-// not recorded; they succeed unless a failure was scripted for them with fail_recv.
+// is used up it answers result 0 with no reply. Receives on the endpoint (plat_endpoint_recv,
+// xqb_recv) are kept apart, in receives() (token wanted, wait in timeout); they succeed unless a
+// failure was scripted for them with fail_recv.
 //
 //     FakeService svc;
 //     svc.answer(Answer::reply_with(be32(1)));             // result 0, four reply bytes
@@ -15,9 +16,9 @@
 //     EXPECT_EQ(svc.last().summary(), "req 8605/1 t4 reply");
 //     EXPECT_EQ(svc.last().payload, cat({be32(5), zeros(256)}));
 //
-// The answer to an asynchronous send that carries reply bytes is queued on the endpoint as a
-// reply message (with reply_status as its status), which the test takes with
-// plat_endpoint_recv(svc.ep(), 0, &msg).
+// The answer to an asynchronous or raw send that carries reply bytes is queued on the endpoint as
+// a reply message under the send's token (with reply_status as its status), which the test takes
+// with plat_endpoint_recv(svc.ep(), 0, &msg) or the code under test receives itself.
 //
 // The byte builders of bytes.hpp (be32, tlv, tlv_array, ...) write the expected bytes and the
 // scripted replies.
@@ -82,6 +83,7 @@ public:
         recv_faults_.push_back({result, err, std::nullopt, 0});
     }
     const std::vector<Sent> &sent() const { return sent_; }
+    const std::vector<Sent> &receives() const { return receives_; }
     const Sent &last() const { return sent_.back(); }
     size_t unanswered() const { return script_.size() - next_; }
 
@@ -90,6 +92,7 @@ private:
 
     plat_endpoint *ep_;
     std::vector<Sent> sent_;
+    std::vector<Sent> receives_;
     std::vector<Answer> script_;
     size_t next_ = 0;
     std::vector<Answer> recv_faults_;

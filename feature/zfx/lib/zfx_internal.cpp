@@ -23,6 +23,10 @@ void *mem_alloc(size_t size) { return injected_alloc_failure() ? nullptr : std::
 
 void *mem_zalloc(size_t size) { return injected_alloc_failure() ? nullptr : std::calloc(1, size); }
 
+void *mem_zalloc_array(size_t n, size_t size) {
+    return injected_alloc_failure() ? nullptr : std::calloc(n, size);
+}
+
 size_t fmt_bounded(char *buf, size_t size, const char *fmt, ...) {
     if (buf == nullptr || size == 0) return 0;
     va_list ap;

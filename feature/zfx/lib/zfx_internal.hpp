@@ -57,11 +57,13 @@ inline void swap32_at(void *p) { store(p, bswap(load<uint32_t>(p))); }
 inline void swap16_at(void *p) { store(p, bswap(load<uint16_t>(p))); }
 
 // ---- allocation -------------------------------------------------------------------------------
-// Every block the library allocates with the standard allocator goes through these two, so that
+// Every block the library allocates with the standard allocator goes through these, so that
 // a caller can free it with free() and so that allocation failure can be exercised in one place.
 
 void *mem_alloc(size_t size);
 void *mem_zalloc(size_t size);  // zero-filled
+// A zero-filled array of n elements of size bytes; NULL also when n x size does not fit size_t.
+void *mem_zalloc_array(size_t n, size_t size);
 
 // True when a test build was asked to fail this allocation; every allocating path of the library
 // (the standard allocator above and the tracked allocator) asks it once per allocation.

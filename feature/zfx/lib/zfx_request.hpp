@@ -52,10 +52,14 @@ private:
 
 // What becomes of a failed channel call (-1) in the function's result.
 enum class OnFailure : uint8_t {
-    keep,           // -1 stays -1
-    errno_code,     // -1 becomes ZFX_ERR_ERRNO(errno)
-    errno_negative  // every negative result becomes ZFX_ERR_ERRNO(errno)
+    keep,            // -1 stays -1
+    errno_code,      // -1 becomes ZFX_ERR_ERRNO(errno)
+    errno_negative,  // every negative result becomes ZFX_ERR_ERRNO(errno)
+    channel_code     // -1 becomes ZFX_ERR_CHANNEL
 };
+
+// A platform call's result as the function returns it.
+int32_t map_failure(int32_t r, OnFailure how);
 
 // One request of the frame.
 struct Exchange {
@@ -82,10 +86,12 @@ int32_t exchange(plat_endpoint *ep, const Exchange &x, Block *reply = nullptr,
 // Timeout of the configuration requests: the long wait of operation codes 3 and 4.
 inline uint32_t config_timeout(uint32_t opcode) { return opcode == 3 || opcode == 4 ? 23 : 10; }
 
-// The send step of a split request: dlg_send_request to ZFX_NODE_ASYNC and ZFX_SAP with options
-// 0 and 0 and the caller's tag. -1 becomes ZFX_ERR_CHANNEL; other results stay.
+// The send step of a split request: dlg_send_request to ZFX_NODE_ASYNC and ZFX_SAP with option A
+// opt_a, option B 0 and the caller's tag. -1 becomes ZFX_ERR_CHANNEL unless told otherwise; other
+// results stay.
 int32_t send_async(plat_endpoint *ep, uint32_t msg_type, uint32_t opcode, const void *request,
-                   uint32_t length, uint32_t tag);
+                   uint32_t length, uint32_t tag, const char *opt_a = nullptr,
+                   OnFailure on_failure = OnFailure::channel_code);
 
 // The parse step: dlg_parse_response on a received reply. -1 becomes ZFX_ERR_CHANNEL; other
 // nonzero results stay; on 0, *payload and *length describe the payload inside the message.

@@ -3,7 +3,7 @@
  * interface that carries its traffic.
  *
  * An endpoint is what a program holds to talk to the switch's services: every channel request
- * (dlg.h) and, later, every raw transport message goes out through the endpoint's transport, and
+ * (dlg.h) and every raw transport message (xqb.h) goes out through the endpoint's transport, and
  * every message that comes back for the program waits in the endpoint's receive queue until the
  * program takes it. The endpoint does not interpret any traffic; the transport is an interface
  * (plat_transport) so that the same endpoint can run over the in-process transport below, where
@@ -15,11 +15,14 @@
  *   PLAT_OP_REQ_RESP      dlg_req_resp: a request whose reply the caller waits for
  *   PLAT_OP_REMOTE        dlg_remote_req_resp: the same, to the node address given
  *   PLAT_OP_SEND_REQUEST  dlg_send_request: a request whose reply arrives later as a message
- *   PLAT_OP_RECV          a receive on the endpoint (plat_endpoint_recv): the transport may fail
- *                         it (-1 with errno EINTR, as a signal would) or deliver pending messages
- *                         with plat_endpoint_post before the queue is searched
- *   PLAT_OP_RAW_SEND      reserved for the raw message transport (a raw message with an opcode
- *                         and a reply token, no message type)
+ *   PLAT_OP_RECV          a receive on the endpoint (plat_endpoint_recv, xqb_recv): the
+ *                         transport may fail it (-1 with errno EINTR, as a signal would; or
+ *                         another negative result) or deliver pending messages with
+ *                         plat_endpoint_post before the queue is searched; timeout carries the
+ *                         receiver's longest wait in seconds (0: the transport's default)
+ *   PLAT_OP_RAW_SEND      xqb_send: a raw message with an opcode and a reply token, no message
+ *                         type; want_reply is the send options' request word, opt_b the send's
+ *                         flags argument
  *
  * Reply tokens. Every send that expects a later reply (PLAT_OP_SEND_REQUEST, PLAT_OP_RAW_SEND)
  * gets a fresh nonzero token from its endpoint, carried in plat_call.token; when the transport

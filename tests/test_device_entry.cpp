@@ -1,0 +1,303 @@
+// The walk of the service's device entries: cursor movement across batches, the two name-server
+// views with per-VSAN requests, asynchronous sends, and the TLV-encoded reply decoders with
+// malformed and truncated replies.
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstdlib>
+
+#include <gtest/gtest.h>
+
+#include "capture.hpp"
+#include "fake_service.hpp"
+#include "zfx_service.h"
+#include "zfx_testing.h"
+
+namespace {
+
+using namespace zfxtest;
+
+constexpr size_t kEntry = 5020, kHead = 4252, kBlock = 768;
+
+// A device entry: port WWN words, the VSAN value, the VSAN set, the flags, and bytes of the
+// service's own (a marker at 12 and 3000, the name-server block) filled with mark.
+Bytes device(uint32_t w0, uint32_t w1, uint32_t value, const std::vector<int> &vsan_list, uint8_t flags,
+             uint8_t mark) {
+    Bytes d = cat({le32(w0), le32(w1), le32(value)});
+    d.resize(kEntry, 0);
+    const Bytes set = vsans_of(vsan_list);
+    std::copy(set.begin(), set.end(), d.begin() + 20);
+    d[12] = d[3000] = mark;
+    d[2100] = flags;
+    std::fill(d.begin() + kHead, d.end(), mark);
+    return d;
+}
+
+Bytes head(const Bytes &d) { return Bytes(d.begin(), d.begin() + kHead); }
+Bytes block(const Bytes &d) { return Bytes(d.begin() + kHead, d.end()); }
+Bytes pair(uint32_t vsan, uint32_t value) { return cat({le32(vsan), le32(value)}); }
+
+Bytes tlv_reply(int32_t count, std::initializer_list<Bytes> elements) {
+    return cat({le32(uint32_t(count)), {0xEE, 0xEE, 0xEE, 0xEE}, tlv_array(elements)});
+}
+
+// A name-server entry up to its pair count, then its pairs.
+Bytes ns_view(const zfx_device_ns_entry &e) {
+    Bytes b = bytes_of(&e, offsetof(zfx_device_ns_entry, pairs));
+    for (uint32_t i = 0; i < e.pair_count; ++i) b = cat({b, bytes_of(&e.pairs[i], 8)});
+    return b;
+}
+
+void free_ns(zfx_device_ns_entry *entries, size_t n) {
+    for (size_t i = 0; i < n; ++i) std::free(entries[i].pairs);
+    std::free(entries);
+}
+
+TEST(DeviceEntry, CursorMovesAcrossBatches) {
+    const Bytes a = device(1, 0x10, 7, {1}, 0, 0xA1), b = device(2, 0x20, 7, {2}, 0, 0xB2),
+                c = device(3, 0x30, 7, {3}, 0, 0xC3), d = device(4, 0x40, 7, {4}, 0, 0xD4);
+    FakeService svc;
+    svc.answer(Answer::reply_with(cat({a, b, c, {1, 2, 3, 4}})));  // a partial tail is ignored
+    svc.answer(Answer::status(0x409A0018));
+    svc.answer(Answer::none());
+    svc.answer(Answer::reply_with(d));
+    svc.answer(Answer::failure(EIO));
+    zfx_device_entry *h = nullptr;
+    zfx_device_entry_handle_init_with_wwn(&h, 0x11223344, 0x55667788);
+    const Bytes start = cat({{0x44, 0x33, 0x22, 0x11, 0x88, 0x77, 0x66, 0x55}, zeros(kEntry - 8)});
+    ASSERT_EQ(bytes_of(h, kEntry), start);
+
+    // Each request carries the cursor as it stands; the answer and what the caller gets.
+    const struct {
+        Bytes request;
+        int32_t result;
+        Bytes entries;
+    } steps[] = {
+        {start, 0, cat({a, b, c})}, {c, 0x409A0018, {}}, {c, 0, {}}, {c, 0, d}, {d, -1, {}},
+    };
+    for (const auto &s : steps) {
+        zfx_device_entry *entries = h;
+        uint32_t count = 99;
+        EXPECT_EQ(zfx_device_entry_get_next(svc.ep(), h, &entries, &count), s.result);
+        EXPECT_EQ(svc.last().summary(), "req 8611/2 t50 reply a=ZFX");
+        EXPECT_EQ(svc.last().payload, s.request);
+        if (s.result != 0) {
+            EXPECT_EQ(entries, h) << "no output on failure";
+            continue;
+        }
+        EXPECT_EQ(count, s.entries.size() / kEntry);
+        EXPECT_EQ(entries != nullptr ? bytes_of(entries, s.entries.size()) : Bytes{}, s.entries);
+        std::free(entries);
+    }
+    zfx_device_entry *again = nullptr;
+    EXPECT_EQ(zfx_device_entry_handle_init(&again), 0);
+    EXPECT_EQ(again, h) << "one cursor per process";
+    EXPECT_EQ(bytes_of(h, kEntry), cat({zeros(8), Bytes(d.begin() + 8, d.end())})) << "only the WWN is reset";
+    uint32_t count;
+    EXPECT_EQ(zfx_device_entry_get_next(svc.ep(), nullptr, &again, &count), ZFX_ERR_INVALID_ARG);
+    EXPECT_EQ(zfx_device_entry_handle_init(nullptr), ZFX_ERR_INVALID_ARG);
+}
+
+TEST(DeviceEntry, NameServerViews) {
+    const Bytes plain = device(1, 2, 0xCAFE, {1, 5, 4095}, 0, 0x11);
+    const Bytes per_vsan = device(3, 4, 0xCAFE, {2, 3, 9}, ZFX_DEVICE_FLAG_PER_VSAN, 0x22);
+    const Bytes empty = device(5, 6, 0xCAFE, {}, ZFX_DEVICE_FLAG_PER_VSAN, 0x33);
+    const Bytes batch = cat({plain, per_vsan, empty});
+
+    FakeService first;
+    first.answer(Answer::reply_with(batch));
+    zfx_device_entry *h;
+    zfx_device_entry_handle_init(&h);
+    zfx_device_ns_entry *ns = nullptr;
+    uint32_t count = 0;
+    ASSERT_EQ(zfx_device_ns_entry_get_next(first.ep(), h, &ns, &count), 0);
+    ASSERT_EQ(count, 3u);
+    for (uint32_t i = 0; i < 3; ++i) {
+        const Bytes d(batch.begin() + i * kEntry, batch.begin() + (i + 1) * kEntry);
+        EXPECT_EQ(ns_view(ns[i]), cat({Bytes(d.begin() + 20, d.begin() + 536), block(d), zeros(4)}));
+        EXPECT_EQ(ns[i].pairs, nullptr);
+    }
+    free_ns(ns, count);
+
+    FakeService second;
+    second.answer(Answer::reply_with(batch));
+    second.answer(Answer::failure(ENOENT));                // VSAN 2: left out
+    second.answer(Answer::reply_with(cat({le32(0xBEEF), zeros(4)})));  // VSAN 3: first word, unchanged
+    second.answer(Answer::reply_with({1, 2, 3}));         // VSAN 9: too short, left out
+    ASSERT_EQ(zfx2_device_ns_entry_get_next(second.ep(), h, &ns, &count), 0);
+    ASSERT_EQ(count, 3u);
+    EXPECT_EQ(second.sent()[0].payload, empty) << "the first view moved the cursor";
+    const Bytes expected[] = {
+        cat({zeros(516), block(plain), le32(3), pair(1, 0xCAFE), pair(5, 0xCAFE), pair(4095, 0xCAFE)}),
+        cat({zeros(516), block(per_vsan), le32(1), pair(3, 0xBEEF)}),
+        cat({zeros(516), block(empty), zeros(4)}),
+    };
+    for (uint32_t i = 0; i < 3; ++i) EXPECT_EQ(ns_view(ns[i]), expected[i]) << i;
+    EXPECT_EQ(ns[2].pairs, nullptr);
+    free_ns(ns, count);
+    ASSERT_EQ(second.sent().size(), 4u);
+    for (uint32_t i = 1; i < 4; ++i) {
+        EXPECT_EQ(second.sent()[i].summary(), "req 8634/1 t0 reply");
+        EXPECT_EQ(second.sent()[i].payload, cat({le32(3), le32(4), be32(i == 1 ? 2 : i == 2 ? 3 : 9)}));
+    }
+}
+
+TEST(DeviceEntry, ViewsWithoutMemoryKeepTheCursor) {
+    const Bytes batch = cat({device(1, 2, 5, {1, 2}, 0, 1), device(3, 4, 5, {7}, 0, 2)});
+    for (uint32_t nth = 1; nth <= 3; ++nth) {
+        FakeService svc;
+        svc.answer(Answer::reply_with(batch));
+        svc.answer(Answer::reply_with(batch));
+        zfx_device_entry *h;
+        zfx_device_entry_handle_init_with_wwn(&h, 9, 9);
+        zfx_device_ns_entry *ns = nullptr;
+        uint32_t count = 0;
+        zfx_testing_fail_allocation(nth);
+        EXPECT_EQ(zfx2_device_ns_entry_get_next(svc.ep(), h, &ns, &count), ZFX_ERR_NO_MEMORY) << nth;
+        zfx_testing_fail_allocation(0);
+        EXPECT_EQ(ns, nullptr);
+        ASSERT_EQ(zfx2_device_ns_entry_get_next(svc.ep(), h, &ns, &count), 0);
+        EXPECT_EQ(svc.sent()[1].payload, svc.sent()[0].payload) << "the same batch is asked again";
+        free_ns(ns, count);
+    }
+}
+
+TEST(DeviceEntry, SendsAndPerVsanRequest) {
+    FakeService svc;
+    svc.answer(Answer::none());
+    svc.answer(Answer::failure(EIO));
+    svc.answer(Answer::none());
+    zfx_device_entry *h;
+    zfx_device_entry_handle_init_with_wwn(&h, 0xA, 0xB);
+    const Bytes cursor = bytes_of(h, kEntry);
+    EXPECT_EQ(zfx2_device_ns_entry_send_req(svc.ep(), h, 7), 0);
+    EXPECT_EQ(svc.last().summary(), "send 8497/1 @fe000000 tag7 a=ZFX");
+    EXPECT_EQ(svc.last().payload, cursor);
+    EXPECT_EQ(zfx2_device_ns_entry_send_req(svc.ep(), h, 7), -1) << "the send's result unchanged";
+    EXPECT_EQ(bytes_of(h, kEntry), cursor);
+
+    Bytes fcr = cat({le32(2), Bytes(24, 0x5A), {0xFF}});
+    EXPECT_EQ(zfx_fcr_query_entry_send(svc.ep(), reinterpret_cast<zfx_fcr_query *>(fcr.data()), 9), 0);
+    EXPECT_EQ(svc.last().summary(), "send 8496/1 @fe000000 tag9 a=ZFX");
+    EXPECT_EQ(svc.last().payload, Bytes(fcr.begin(), fcr.end() - 1)) << "4 + 12 x 2 bytes";
+    const zfx_fcr_query huge{0x20000000};
+    EXPECT_EQ(zfx_fcr_query_entry_send(svc.ep(), &huge, 9), ZFX_ERR_INVALID_VALUE);
+    EXPECT_EQ(zfx_fcr_query_entry_send(svc.ep(), nullptr, 9), ZFX_ERR_INVALID_ARG);
+    EXPECT_EQ(zfx2_device_ns_entry_send_req(svc.ep(), nullptr, 9), ZFX_ERR_INVALID_ARG);
+    EXPECT_EQ(svc.sent().size(), 3u);
+
+    const struct {
+        Answer answer;
+        int32_t result;
+    } cases[] = {
+        {Answer::reply_with({1, 2, 3, 4}), 0},
+        {Answer::failure(ENOENT), ZFX_ERR_ERRNO(ENOENT)},
+        {Answer::reply_with({9}, 5), 5},
+    };
+    for (const auto &c : cases) {
+        FakeService s;
+        s.answer(c.answer);
+        void *reply = &s;
+        EXPECT_EQ(zfx2_dlg_pv_vsan_entry_get(s.ep(), 0x01020304, 0x05060708, 10, &reply), c.result);
+        EXPECT_EQ(s.last().payload, cat({le32(0x01020304), le32(0x05060708), be32(10)}));
+        EXPECT_EQ(reply != nullptr ? bytes_of(reply, c.answer.reply->size()) : Bytes{},
+                  c.answer.reply.value_or(Bytes{}));
+        std::free(reply);
+    }
+}
+
+TEST(DeviceEntry, TlvRepliesDecoded) {
+    const Bytes d1 = device(1, 2, 3, {4}, 0, 0x61), d2 = device(5, 6, 7, {8}, 0, 0x62);
+    const Bytes reply = tlv_reply(3, {tlv(69, head(d1)), tlv(1, block(d1)), tlv(2, le32(2)), tlv(3, pair(4, 40)),
+                                      tlv(3, pair(5, 50)), tlv(70, {1}), tlv(69, head(d2)), tlv(1, block(d2)),
+                                      tlv(2, le32(uint32_t(-1)))});
+    zfx_device_entry *raw = nullptr;
+    int32_t count = 0;
+    Capture out;
+    ASSERT_EQ(zfx2_device_entry_parse(reply.data(), uint32_t(reply.size()), &raw, &count), 0);
+    EXPECT_EQ(out.text(), "ignoring unknown tlv type: 70\n");
+    ASSERT_EQ(count, 3);
+    EXPECT_EQ(bytes_of(raw, 3 * kEntry), cat({d1, zeros(kEntry), d2}));
+    std::free(raw);
+
+    zfx_device_ns_entry *ns = nullptr;
+    Capture out2;
+    ASSERT_EQ(zfx2_device_ns_entry_parse(reply.data(), uint32_t(reply.size()), &ns, &count), 0);
+    EXPECT_EQ(out2.text(), "ignoring unknown tlv type: 70\n");
+    ASSERT_EQ(count, 3);
+    EXPECT_EQ(ns[0].pair_count, 2u);
+    EXPECT_EQ(ns_view(ns[0]), cat({zeros(516), block(d1), le32(2), pair(4, 40), pair(5, 50)}));
+    EXPECT_EQ(ns_view(ns[1]), zeros(1288));
+    EXPECT_EQ(ns_view(ns[2]), cat({zeros(516), block(d2), zeros(4)}));
+    free_ns(ns, 3);
+
+    // Allocation failure at each step leaks nothing and prints nothing.
+    for (uint32_t nth = 1; nth <= 2; ++nth) {
+        Capture quiet;
+        zfx_testing_fail_allocation(nth);
+        EXPECT_EQ(zfx2_device_ns_entry_parse(reply.data(), uint32_t(reply.size()), &ns, &count), ZFX_ERR_NO_MEMORY);
+        zfx_testing_fail_allocation(0);
+        EXPECT_EQ(quiet.text(), "");
+        EXPECT_EQ(count, 0);
+    }
+}
+
+TEST(DeviceEntry, MalformedTlvRepliesRejected) {
+    const Bytes d = device(1, 2, 3, {4}, 0, 0x61);
+    const Bytes ok = tlv_reply(1, {tlv(69, head(d)), tlv(1, block(d)), tlv(2, le32(1)), tlv(3, pair(4, 40))});
+    Bytes overclaim = ok;
+    overclaim[8] = 9;  // the array claims more elements than its bytes hold
+    const struct {
+        Bytes reply;
+        int32_t result;
+        int32_t count;
+    } cases[] = {
+        {tlv_reply(0, {}), ZFX_ERR_NO_ENTRIES, 0},
+        {tlv_reply(-3, {}), ZFX_ERR_NO_ENTRIES, -3},
+        {le32(1), ZFX_ERR_INVALID_ARG, 0},
+        {overclaim, ZFX_ERR_INVALID_ARG, 0},
+        {tlv_reply(2, {tlv(69, head(d)), tlv(1, block(d)), tlv(2, le32(0))}), ZFX_ERR_INVALID_ARG, 0},
+        {tlv_reply(1, {tlv(69, head(d)), tlv(1, block(d)), tlv(2, le32(2)), tlv(3, pair(4, 40))}), ZFX_ERR_INVALID_ARG, 0},
+        {tlv_reply(1, {tlv(69, head(d)), tlv(1, block(d)), tlv(2, le32(4097))}), ZFX_ERR_INVALID_ARG, 0},
+        {tlv_reply(1, {tlv(69, zeros(kHead - 1)), tlv(1, block(d)), tlv(2, le32(0))}), ZFX_ERR_INVALID_ARG, 0},
+        {tlv_reply(1, {tlv(69, head(d)), tlv(1, zeros(kBlock - 1)), tlv(2, le32(0))}), ZFX_ERR_INVALID_ARG, 0},
+        {tlv_reply(1, {tlv(69, head(d)), tlv(1, block(d)), tlv(2, {0, 0, 0})}), ZFX_ERR_INVALID_ARG, 0},
+        {tlv_reply(1, {tlv(69, head(d)), tlv(1, block(d)), tlv(2, le32(1)), tlv(3, zeros(7))}), ZFX_ERR_INVALID_ARG, 0},
+        {tlv_reply(1, {tlv(69, head(d)), tlv(1, block(d)), tlv(2, le32(0)), tlv(3, pair(4, 40))}), 0, 1},  // extra: ignored
+    };
+    for (const auto &c : cases) {
+        for (bool as_ns : {false, true}) {
+            const Bytes copy = c.reply;  // exactly its size: a read past the reply is caught
+            int sentinel;
+            void *entries = &sentinel;
+            int32_t count = 77;
+            Capture quiet;
+            const int32_t r =
+                as_ns ? zfx2_device_ns_entry_parse(copy.data(), uint32_t(copy.size()),
+                                                   reinterpret_cast<zfx_device_ns_entry **>(&entries), &count)
+                      : zfx2_device_entry_parse(copy.data(), uint32_t(copy.size()),
+                                                reinterpret_cast<zfx_device_entry **>(&entries), &count);
+            EXPECT_EQ(r, c.result) << hex(Bytes(c.reply.begin(), c.reply.begin() + 12));
+            EXPECT_EQ(count, c.count);
+            EXPECT_EQ(quiet.text(), "");
+            if (r == 0) {
+                if (as_ns) free_ns(static_cast<zfx_device_ns_entry *>(entries), size_t(count));
+                else std::free(entries);
+            } else {
+                EXPECT_EQ(entries, &sentinel);
+            }
+        }
+    }
+    // Every truncation of a good reply is either whole or rejected, never read past.
+    for (size_t n = 0; n < ok.size(); n += (n < 16 || ok.size() - n < 16) ? 1 : 61) {
+        std::vector<uint8_t> cut(ok.begin(), ok.begin() + n);
+        zfx_device_ns_entry *ns = nullptr;
+        int32_t count;
+        EXPECT_EQ(zfx2_device_ns_entry_parse(n ? cut.data() : ok.data(), uint32_t(n), &ns, &count), ZFX_ERR_INVALID_ARG) << n;
+    }
+    int32_t count;
+    EXPECT_EQ(zfx2_device_entry_parse(nullptr, 8, nullptr, &count), ZFX_ERR_INVALID_ARG);
+    EXPECT_EQ(zfx2_device_entry_parse(ok.data(), uint32_t(ok.size()), nullptr, nullptr), ZFX_ERR_INVALID_ARG);
+}
+
+}  // namespace

@@ -1,0 +1,317 @@
+// Routing lookups. The forwarding driver is played by this executable: it defines open, ioctl
+// and close, answers them itself for "/dev/fcfwd" and its descriptors (real descriptors of
+// /dev/null, so that a close is a real close), and hands every other path and descriptor to the
+// C library's own functions.
+#undef _FORTIFY_SOURCE
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdarg>
+#include <cstddef>
+#include <cstring>
+#include <mutex>
+#include <set>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "fake_service.hpp"
+#include "platform/tcam.h"
+#include "platform/wwnsvc.h"
+#include "zfx_service.h"
+#include "zfx_testing.h"
+
+namespace {
+
+using namespace zfxtest;
+
+struct Ioctl {
+    int fd;
+    unsigned long request;
+    Bytes arg;
+};
+
+// The simulated driver, shared by the test thread and the threads that race for the first open.
+struct Driver {
+    std::mutex mu;
+    int opens = 0, last_flags = -1;
+    int fail_open = 0, fail_ioctl = 0;    // nonzero: the next open, or every control call, fails so
+    std::atomic<int> gate{0}, entered{0};  // opens wait (2 s at most) until gate of them have begun
+    std::set<int> fds, closed;             // descriptors handed out and still open; closed ones
+    std::vector<Ioctl> calls;
+    uint32_t answer = 0;  // what the driver writes into the block's out field
+
+    Ioctl last() {
+        std::lock_guard<std::mutex> g(mu);
+        return calls.back();
+    }
+    size_t ncalls() {
+        std::lock_guard<std::mutex> g(mu);
+        return calls.size();
+    }
+} g_drv;
+
+template <typename F>
+F libc(const char *name) {
+    return reinterpret_cast<F>(dlsym(RTLD_NEXT, name));
+}
+
+using OpenFn = int (*)(const char *, int, ...);
+
+int driver_open(const char *path, int flags, mode_t mode, const char *name) {
+    if (std::strcmp(path, ZFX_FCFWD_PATH) != 0) return libc<OpenFn>(name)(path, flags, mode);
+    {
+        std::lock_guard<std::mutex> g(g_drv.mu);
+        ++g_drv.opens;
+        g_drv.last_flags = flags;
+        if (g_drv.fail_open != 0) return errno = std::exchange(g_drv.fail_open, 0), -1;
+    }
+    ++g_drv.entered;
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    while (g_drv.entered < g_drv.gate && std::chrono::steady_clock::now() < until) std::this_thread::yield();
+    const int fd = libc<OpenFn>("open")("/dev/null", O_RDONLY);
+    std::lock_guard<std::mutex> g(g_drv.mu);
+    g_drv.fds.insert(fd);
+    return fd;
+}
+
+}  // namespace
+
+// Visible to the library, which calls them (the build hides what it does not mark). open64 is
+// what a build with 64-bit file offsets would call.
+#define DRIVER_API extern "C" __attribute__((visibility("default")))
+#define DRIVER_OPEN(name)                                                          \
+    DRIVER_API int name(const char *path, int flags, ...) {                        \
+        va_list ap;                                                                \
+        va_start(ap, flags);                                                       \
+        const mode_t mode = flags & (O_CREAT | O_TMPFILE) ? va_arg(ap, mode_t) : 0; \
+        va_end(ap);                                                                \
+        return driver_open(path, flags, mode, #name);                              \
+    }
+DRIVER_OPEN(open)
+DRIVER_OPEN(open64)
+
+DRIVER_API int ioctl(int fd, unsigned long request, ...) __THROW {
+    va_list ap;
+    va_start(ap, request);
+    auto *arg = va_arg(ap, uint8_t *);
+    va_end(ap);
+    std::unique_lock<std::mutex> g(g_drv.mu);
+    if (g_drv.fds.count(fd) == 0) {
+        g.unlock();
+        return libc<int (*)(int, unsigned long, ...)>("ioctl")(fd, request, arg);
+    }
+    const bool native = request == ZFX_FCFWD_IOC_NATIVE_VSAN;
+    if (!native && request != ZFX_FCFWD_IOC_NEXT_HOP) return errno = ENOTTY, -1;
+    g_drv.calls.push_back({fd, request, bytes_of(arg, native ? 20 : 36)});
+    if (g_drv.fail_ioctl != 0) return errno = g_drv.fail_ioctl, -1;
+    std::memcpy(arg + (native ? offsetof(zfx_fcfwd_native_vsan_arg, native_vsan)
+                              : offsetof(zfx_fcfwd_next_hop_arg, next_hop)),
+                &g_drv.answer, 4);
+    return 0;
+}
+
+DRIVER_API int close(int fd) {
+    {
+        std::lock_guard<std::mutex> g(g_drv.mu);
+        if (g_drv.fds.erase(fd) != 0) g_drv.closed.insert(fd);
+    }
+    return libc<int (*)(int)>("close")(fd);
+}
+
+namespace {
+
+// Runs first: the device is opened on first use, a failed open is tried again, and two threads
+// whose first calls race keep one descriptor.
+TEST(ForwardingDevice, OpenedOnceFirstFailureRetriedRaceKeepsOne) {
+    if (g_drv.opens != 0) GTEST_SKIP() << "the device was opened by an earlier test";
+    g_drv.fail_open = ENOENT;
+    uint32_t native = 0;
+    EXPECT_EQ(zfx_ioc_get_native_vsan(10, 1, 2, 3, &native), ZFX_ERR_ERRNO(ENOENT));
+    EXPECT_EQ(native, 10u);
+    EXPECT_EQ(g_drv.ncalls(), 0u);
+
+    g_drv.gate = 2;
+    g_drv.answer = 77;
+    uint32_t out[2] = {};
+    std::thread a([&] { zfx_ioc_get_native_vsan(1, 0, 0, 0, &out[0]); });
+    std::thread b([&] { zfx_ioc_get_next_hop_vsan(1, 0x0000EF00u, &out[1]); });
+    a.join();
+    b.join();
+    g_drv.gate = 0;
+    EXPECT_EQ(out[0], 77u);
+    EXPECT_EQ(out[1], 77u);
+    EXPECT_EQ(g_drv.opens, 3);
+    EXPECT_EQ(g_drv.last_flags, O_RDONLY);
+    ASSERT_EQ(g_drv.fds.size(), 1u) << "one descriptor kept";
+    EXPECT_EQ(g_drv.closed.size(), 1u) << "the other closed";
+    const int kept = *g_drv.fds.begin();
+    ASSERT_EQ(g_drv.ncalls(), 2u);
+    EXPECT_EQ(g_drv.calls[0].fd, kept);
+    EXPECT_EQ(g_drv.calls[1].fd, kept);
+
+    zfx_ioc_get_native_vsan(1, 0, 0, 0, &out[0]);
+    EXPECT_EQ(g_drv.opens, 3) << "never opened again";
+}
+
+TEST(ForwardingDevice, ControlBlocksAndResults) {
+    g_drv.answer = 0x0BADCAFE;
+    uint32_t v = 0;
+    ASSERT_EQ(zfx_ioc_get_native_vsan(0x0A, 0x00010203, 0x00040506, 0xBEEF, &v), 0);
+    EXPECT_EQ(v, 0x0BADCAFEu);
+    EXPECT_EQ(g_drv.last().request, 0x4625ul);
+    EXPECT_EQ(g_drv.last().arg, cat({le32(0x0A), le32(0x00010203), le32(0x00040506), le16(0xBEEF), zeros(6)}));
+    ASSERT_EQ(zfx_ioc_get_next_hop_vsan(0x0B, 0x00EF0102, &v), 0);
+    EXPECT_EQ(g_drv.last().request, 0x4624ul);
+    EXPECT_EQ(g_drv.last().arg, cat({le32(0x0B), le32(0x00EF0102), le32(0xFF00), le32(0), le32(0xFFFFFF00u), zeros(16)}));
+
+    // Domain above 239, or nowhere to answer: no control call, out untouched.
+    const size_t before = g_drv.ncalls();
+    v = 5;
+    EXPECT_EQ(zfx_ioc_get_next_hop_vsan(1, 0x0000F000, &v), ZFX_ERR_INVALID_VALUE);
+    EXPECT_EQ(zfx_ioc_get_next_hop_vsan(1, 0x0000EF00, nullptr), ZFX_ERR_INVALID_ARG);
+    EXPECT_EQ(zfx_ioc_get_native_vsan(1, 0, 0, 0, nullptr), ZFX_ERR_INVALID_ARG);
+    EXPECT_EQ(g_drv.ncalls(), before);
+    g_drv.fail_ioctl = EIO;
+    EXPECT_EQ(zfx_ioc_get_next_hop_vsan(12, 0, &v), ZFX_ERR_ERRNO(EIO));
+    EXPECT_EQ(v, 5u);
+    EXPECT_EQ(zfx_ioc_get_native_vsan(12, 0, 0, 0, &v), ZFX_ERR_ERRNO(EIO));
+    EXPECT_EQ(v, 12u) << "a failure leaves the flow's own VSAN";
+    g_drv.fail_ioctl = 0;
+}
+
+TEST(ForwardingDevice, InterVsanFlowByInterfaceFamily) {
+    tcam_table_clear();
+    tcam_interface_set(1, 1, 0);  // family A: asked for the next hop
+    tcam_interface_set(2, 0, 0);  // others: asked for the native VSAN
+    tcam_interface_set(3, 0, 0x1234);
+    const struct {
+        uint32_t ifindex, answer;
+        int fail;
+        int32_t result;
+        uint32_t flag;
+        unsigned long request;  // 0: no control call
+    } cases[] = {
+        {1, 10, 0, 0, 0, 0x4624}, {1, 20, 0, 0, 1, 0x4624},       {2, 10, 0, 0, 0, 0x4625},
+        {2, 20, 0, 0, 1, 0x4625}, {2, 20, EIO, ZFX_ERR_ERRNO(EIO), 0, 0x4625}, {3, 20, 0, 0x1234, 0, 0},
+        {4, 20, 0, TCAM_ERR_NO_INTERFACE, 0, 0},
+    };
+    for (const auto &c : cases) {
+        g_drv.answer = c.answer;
+        g_drv.fail_ioctl = c.fail;
+        const size_t before = g_drv.ncalls();
+        uint32_t flag = 9;
+        EXPECT_EQ(zfx_is_zfx_flow(10, 0x010203, 0x040506, c.ifindex, 7, &flag), c.result) << c.ifindex;
+        EXPECT_EQ(flag, c.flag) << c.ifindex << " " << c.answer;
+        EXPECT_EQ(g_drv.ncalls() - before, c.request != 0 ? 1u : 0u);
+        EXPECT_EQ(c.request != 0 ? g_drv.last().request : 0, c.request);
+    }
+    g_drv.fail_ioctl = 0;
+    EXPECT_EQ(zfx_is_zfx_flow(10, 0, 0, 1, 0, nullptr), ZFX_ERR_INVALID_VALUE);
+    tcam_table_clear();
+}
+
+TEST(Routing, NextHopAndNatRequests) {
+    // The service's next hop: its answer, or the asked VSAN whenever it has none.
+    for (const auto &[answer, expected] : {std::pair{Answer::reply_with(be32(30)), 30u}, {Answer::failure(EIO), 10u},
+                                           {Answer::status(3), 10u}, {Answer::none(), 10u},
+                                           {Answer::reply_with({0, 0, 0}), 10u}}) {
+        FakeService svc;
+        svc.answer(answer);
+        uint32_t v = 0;
+        EXPECT_EQ(zfx_get_next_hop_vsan(svc.ep(), 10, 0x00040506, &v), 0);
+        EXPECT_EQ(v, expected);
+        EXPECT_EQ(svc.last().summary(), "remote 8620/2 @fe000001 t1 reply a=ZFX");
+        EXPECT_EQ(svc.last().payload, cat({be32(10), le32(0x00040506)}));
+    }
+    // NAT: asked only when the driver's next hop is another VSAN no higher than 4096; the flow
+    // changes only with a whole reply.
+    const Bytes unchanged = cat({le32(10), le32(0x010203), le32(0x040506)});
+    const struct {
+        uint32_t driver;
+        int fail;
+        Answer answer;
+        bool asked;
+        Bytes after;  // vsan, sid, did
+    } nat[] = {
+        {20, 0, Answer::reply_with(cat({le32(0x0A0B0C), le32(0x0D0E0F)})), true, cat({le32(20), le32(0x0A0B0C), le32(0x0D0E0F)})},
+        {4096, 0, Answer::reply_with(cat({le32(1), le32(2)})), true, cat({le32(4096), le32(1), le32(2)})},
+        {20, 0, Answer::reply_with(zeros(7)), true, unchanged}, {20, 0, Answer::failure(EIO), true, unchanged},
+        {10, 0, Answer::none(), false, unchanged},              {4097, 0, Answer::none(), false, unchanged},
+        {20, EIO, Answer::none(), false, unchanged},
+    };
+    for (const auto &c : nat) {
+        g_drv.answer = c.driver;
+        g_drv.fail_ioctl = c.fail;
+        FakeService svc;
+        svc.answer(c.answer);
+        uint32_t flow[3] = {10, 0x010203, 0x040506};
+        EXPECT_EQ(zfx_nat_get_next_hop_info(svc.ep(), &flow[0], &flow[1], &flow[2]), 0);
+        EXPECT_EQ(bytes_of(flow, 12), c.after) << c.driver;
+        ASSERT_EQ(svc.sent().size(), c.asked ? 1u : 0u) << c.driver;
+        if (!c.asked) continue;
+        EXPECT_EQ(svc.last().summary(), "remote 8641/2 @fe000001 t1 reply a=ZFX");
+        EXPECT_EQ(svc.last().payload, cat({be32(10), be32(c.driver), le32(0x010203), le32(0x040506)}));
+    }
+    g_drv.fail_ioctl = 0;
+    FakeService svc;
+    uint32_t v = 1;
+    EXPECT_EQ(zfx_get_next_hop_vsan(svc.ep(), 1, 2, nullptr), ZFX_ERR_INVALID_ARG);
+    EXPECT_EQ(zfx_nat_get_next_hop_info(svc.ep(), &v, nullptr, &v), ZFX_ERR_INVALID_ARG);
+    EXPECT_TRUE(svc.sent().empty());
+}
+
+TEST(Routing, HashZoneNamesAndVsanWwn) {
+    const struct {
+        uint32_t vsan, sid, did, ignored;
+        uint8_t npaths, path;
+    } hashes[] = {
+        {10, 0x00010203, 0x00040506, 1, 4, 3},  {10, 0x00010203, 0x00040506, 9, 4, 3},
+        {0xFFFFFFFF, 0x12345678, 7, 0, 255, uint8_t((0xFFFFFFFFu ^ 0x12345678u ^ 7u) % 255)},
+        {1, 2, 3, 0, 1, 0},                     {1, 2, 3, 0, 0, 0},  // no paths: path 0
+    };
+    for (const auto &h : hashes) {
+        uint8_t path = 0xAA;
+        EXPECT_EQ(zfx2_software_load_balancing_vsan_sid_did_hash(h.vsan, h.sid, h.did, h.ignored, h.ignored, h.ignored,
+                                                                 h.npaths, &path), 0);
+        EXPECT_EQ(path, h.path);
+    }
+    EXPECT_EQ(zfx2_software_load_balancing_vsan_sid_did_hash(1, 2, 3, 0, 0, 0, 4, nullptr), ZFX_ERR_INVALID_ARG);
+    for (const char *yes : {"ZFXZ_abc", "ZFXZ_"}) EXPECT_EQ(zfx_is_zfx_zone(yes), 1) << yes;
+    for (const char *no : {"ZFXZ", "zfxz_abc", "", "ZFX_Z"}) EXPECT_EQ(zfx_is_zfx_zone(no), 0) << no;
+    EXPECT_EQ(zfx_is_zfx_zone(nullptr), 0);
+
+    const uint8_t sw[8] = {0x20, 0, 0, 0x11, 0x22, 0x33, 0x44, 0x55}, vw[8] = {0x21, 1, 2, 3, 4, 5, 6, 7};
+    wwnsvc_table_clear();
+    wwnsvc_table_set(sw, 4095, vw);
+    const struct {
+        uint32_t kind, vsan;
+        bool out;
+        uint32_t fail_alloc;
+        int32_t result;
+        Bytes wwn;
+    } cases[] = {
+        {1, 4095, true, 0, 0, bytes_of(vw, 8)},  {1, 12, true, 0, WWNSVC_ERR_NOT_FOUND, zeros(8)},
+        {1, 4096, true, 0, ZFX_ERR_INVALID_VALUE, zeros(8)},
+        {1, 4095, true, 1, 0, zeros(8)},  // no reply buffer: 0 with the WWN zero
+        {0, 4095, true, 0, ZFX_ERR_INVALID_ARG, Bytes(8, 0xCC)}, {1, 4095, false, 0, ZFX_ERR_INVALID_ARG, Bytes(8, 0xCC)},
+    };
+    for (const auto &c : cases) {
+        uint8_t wwn[8];
+        std::memset(wwn, 0xCC, 8);
+        zfx_testing_fail_allocation(c.fail_alloc);
+        EXPECT_EQ(zfx_get_vsan_wwn_from_switch_wwn(sw, c.kind, c.vsan, c.out ? wwn : nullptr), c.result);
+        zfx_testing_fail_allocation(0);
+        EXPECT_EQ(bytes_of(wwn, 8), c.wwn) << c.vsan;
+    }
+    wwnsvc_table_clear();
+}
+
+}  // namespace
