@@ -2,7 +2,7 @@
 // platform's in-process transport (platform/endpoint.h) for every suite that talks to a service.
 //
 // It records every operation the code under test makes through its endpoint (channel requests,
-// remote requests, asynchronous sends, and later raw transport sends) with every field and the
+// remote requests, asynchronous sends and raw transport sends) with every field and the
 // exact payload bytes, and answers each with the next scripted Answer, in order; when the script
 // is used up it answers result 0 with no reply. Receives on the endpoint (plat_endpoint_recv,
 // xqb_recv) are kept apart, in receives() (token wanted, wait in timeout); they succeed unless a
