@@ -45,7 +45,7 @@ void BM_DecodeChecked(benchmark::State &state) {
     for (auto _ : state) {
         zfx_device_ns_entry *e = nullptr;
         int32_t n = 0;
-        zfx2_device_ns_entry_parse(r.data(), uint32_t(r.size()), &e, &n);
+        zfx2_device_ns_entry_parse_checked(r.data(), uint32_t(r.size()), &e, &n);
         benchmark::DoNotOptimize(e);
         release(e, n);
     }

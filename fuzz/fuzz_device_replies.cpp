@@ -47,7 +47,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         case 0: {
             zfx_device_entry *e = nullptr;
             int32_t n = 0;
-            const int32_t r = zfx2_device_entry_parse(exact, len, &e, &n);
+            const int32_t r = zfx2_device_entry_parse_checked(exact, len, &e, &n);
             if ((r == 0) != (e != nullptr) || (r == 0 && n < 1)) finding("device entries and result disagree");
             std::free(e);
             break;
@@ -55,7 +55,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         case 1: {
             zfx_device_ns_entry *e = nullptr;
             int32_t n = 0;
-            const int32_t r = zfx2_device_ns_entry_parse(exact, len, &e, &n);
+            const int32_t r = zfx2_device_ns_entry_parse_checked(exact, len, &e, &n);
             if ((r == 0) != (e != nullptr) || (r == 0 && n < 1)) finding("name-server entries and result disagree");
             if (r == 0) release(e, uint32_t(n));
             break;

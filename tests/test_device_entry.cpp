@@ -214,15 +214,26 @@ TEST(DeviceEntry, TlvRepliesDecoded) {
     zfx_device_entry *raw = nullptr;
     int32_t count = 0;
     Capture out;
-    ASSERT_EQ(zfx2_device_entry_parse(reply.data(), uint32_t(reply.size()), &raw, &count), 0);
+    ASSERT_EQ(zfx2_device_entry_parse_checked(reply.data(), uint32_t(reply.size()), &raw, &count), 0);
     EXPECT_EQ(out.text(), "ignoring unknown tlv type: 70\n");
     ASSERT_EQ(count, 3);
     EXPECT_EQ(bytes_of(raw, 3 * kEntry), cat({d1, zeros(kEntry), d2}));
     std::free(raw);
+    {  // the forms without a length decode a well-formed payload alike
+        Capture quiet;
+        zfx_device_entry *again = nullptr;
+        ASSERT_EQ(zfx2_device_entry_parse(reply.data(), &again, &count), 0);
+        EXPECT_EQ(bytes_of(again, 3 * kEntry), cat({d1, zeros(kEntry), d2}));
+        std::free(again);
+        zfx_device_ns_entry *ns_again = nullptr;
+        ASSERT_EQ(zfx2_device_ns_entry_parse(reply.data(), &ns_again, &count), 0);
+        EXPECT_EQ(ns_again[0].pair_count, 2u);
+        free_ns(ns_again, 3);
+    }
 
     zfx_device_ns_entry *ns = nullptr;
     Capture out2;
-    ASSERT_EQ(zfx2_device_ns_entry_parse(reply.data(), uint32_t(reply.size()), &ns, &count), 0);
+    ASSERT_EQ(zfx2_device_ns_entry_parse_checked(reply.data(), uint32_t(reply.size()), &ns, &count), 0);
     EXPECT_EQ(out2.text(), "ignoring unknown tlv type: 70\n");
     ASSERT_EQ(count, 3);
     EXPECT_EQ(ns[0].pair_count, 2u);
@@ -235,7 +246,7 @@ TEST(DeviceEntry, TlvRepliesDecoded) {
     for (uint32_t nth = 1; nth <= 2; ++nth) {
         Capture quiet;
         zfx_testing_fail_allocation(nth);
-        EXPECT_EQ(zfx2_device_ns_entry_parse(reply.data(), uint32_t(reply.size()), &ns, &count), ZFX_ERR_NO_MEMORY);
+        EXPECT_EQ(zfx2_device_ns_entry_parse_checked(reply.data(), uint32_t(reply.size()), &ns, &count), ZFX_ERR_NO_MEMORY);
         zfx_testing_fail_allocation(0);
         EXPECT_EQ(quiet.text(), "");
         EXPECT_EQ(count, 0);
@@ -273,9 +284,9 @@ TEST(DeviceEntry, MalformedTlvRepliesRejected) {
             int32_t count = 77;
             Capture quiet;
             const int32_t r =
-                as_ns ? zfx2_device_ns_entry_parse(copy.data(), uint32_t(copy.size()),
+                as_ns ? zfx2_device_ns_entry_parse_checked(copy.data(), uint32_t(copy.size()),
                                                    reinterpret_cast<zfx_device_ns_entry **>(&entries), &count)
-                      : zfx2_device_entry_parse(copy.data(), uint32_t(copy.size()),
+                      : zfx2_device_entry_parse_checked(copy.data(), uint32_t(copy.size()),
                                                 reinterpret_cast<zfx_device_entry **>(&entries), &count);
             EXPECT_EQ(r, c.result) << hex(Bytes(c.reply.begin(), c.reply.begin() + 12));
             EXPECT_EQ(count, c.count);
@@ -293,11 +304,11 @@ TEST(DeviceEntry, MalformedTlvRepliesRejected) {
         std::vector<uint8_t> cut(ok.begin(), ok.begin() + n);
         zfx_device_ns_entry *ns = nullptr;
         int32_t count;
-        EXPECT_EQ(zfx2_device_ns_entry_parse(n ? cut.data() : ok.data(), uint32_t(n), &ns, &count), ZFX_ERR_INVALID_ARG) << n;
+        EXPECT_EQ(zfx2_device_ns_entry_parse_checked(n ? cut.data() : ok.data(), uint32_t(n), &ns, &count), ZFX_ERR_INVALID_ARG) << n;
     }
     int32_t count;
-    EXPECT_EQ(zfx2_device_entry_parse(nullptr, 8, nullptr, &count), ZFX_ERR_INVALID_ARG);
-    EXPECT_EQ(zfx2_device_entry_parse(ok.data(), uint32_t(ok.size()), nullptr, nullptr), ZFX_ERR_INVALID_ARG);
+    EXPECT_EQ(zfx2_device_entry_parse_checked(nullptr, 8, nullptr, &count), ZFX_ERR_INVALID_ARG);
+    EXPECT_EQ(zfx2_device_entry_parse_checked(ok.data(), uint32_t(ok.size()), nullptr, nullptr), ZFX_ERR_INVALID_ARG);
 }
 
 }  // namespace

@@ -536,7 +536,7 @@ ZFX_API int32_t zfx_fcr_query_entry_send(plat_endpoint *ep, const zfx_fcr_query 
                                          uint32_t tag);
 
 /*
- * Decoders of a TLV-encoded device reply of length bytes: a signed entry count (host order), 4
+ * Decoders of a TLV-encoded device reply: a signed entry count (host order), 4
  * bytes not read, then from byte 8 an aligned TLV array. Per entry: an element of type
  * ZFX_TLV_DEVICE_ENTRY (the entry's first 4252 bytes), an element with the 768-byte name-server
  * block, an element whose value begins with a signed pair count n (host order), then n elements
@@ -546,6 +546,12 @@ ZFX_API int32_t zfx_fcr_query_entry_send(plat_endpoint *ep, const zfx_fcr_query 
  * zfx2_device_entry_parse: *entries gets count zeroed device entries filled from the reply (pairs
  * are stepped over). zfx2_device_ns_entry_parse: count zeroed name-server entries with the block
  * and the pairs (pair_count 0 and no array when n is below 1).
+ *
+ * The two _checked forms take the reply's length and never read past it: use them for bytes
+ * that came from outside (a received message, a file). The forms without a length decode the
+ * payload a caller hands over as the service laid it out: they read as far as its counts and
+ * element lengths say, which the caller guarantees lie within the payload; a malformed reply is
+ * still refused as below when its own counts betray it.
  * 0 with *count and *entries set (the caller frees them, and each pairs array);
  * ZFX_ERR_NO_ENTRIES when the count is below 1 (*count holds it, *entries not set);
  * ZFX_ERR_INVALID_ARG when an argument is NULL, the reply is shorter than 8 bytes, the array or
@@ -553,10 +559,12 @@ ZFX_API int32_t zfx_fcr_query_entry_send(plat_endpoint *ep, const zfx_fcr_query 
  * or an entry announces more than 4096 pairs; ZFX_ERR_NO_MEMORY. On these *count is 0, *entries
  * not set, nothing printed and nothing left allocated.
  */
-ZFX_API int32_t zfx2_device_entry_parse(const void *payload, uint32_t length,
-                                        zfx_device_entry **entries, int32_t *count);
-ZFX_API int32_t zfx2_device_ns_entry_parse(const void *payload, uint32_t length,
-                                           zfx_device_ns_entry **entries, int32_t *count);
+ZFX_API int32_t zfx2_device_entry_parse(const void *payload, zfx_device_entry **entries, int32_t *count);
+ZFX_API int32_t zfx2_device_ns_entry_parse(const void *payload, zfx_device_ns_entry **entries, int32_t *count);
+ZFX_API int32_t zfx2_device_entry_parse_checked(const void *payload, uint32_t length,
+                                                zfx_device_entry **entries, int32_t *count);
+ZFX_API int32_t zfx2_device_ns_entry_parse_checked(const void *payload, uint32_t length,
+                                                   zfx_device_ns_entry **entries, int32_t *count);
 
 ZFX_EXTERN_C_END
 

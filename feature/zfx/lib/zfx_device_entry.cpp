@@ -247,6 +247,13 @@ int32_t decode_device_reply(const void *payload, uint32_t length, Entry **entrie
     return 0;
 }
 
+// The length a decoder without one works within: as far as the address space goes (up to 4 GiB),
+// so that the counts of the payload itself decide how far it reads.
+uint32_t trusted_length(const void *payload) {
+    const uintptr_t room = UINTPTR_MAX - reinterpret_cast<uintptr_t>(payload);
+    return room < UINT32_MAX ? uint32_t(room) : UINT32_MAX;
+}
+
 }  // namespace
 
 }  // namespace zfx
@@ -319,14 +326,22 @@ int32_t zfx_fcr_query_entry_send(plat_endpoint *ep, const zfx_fcr_query *query, 
                       OnFailure::keep);
 }
 
-int32_t zfx2_device_entry_parse(const void *payload, uint32_t length, zfx_device_entry **entries,
-                                int32_t *count) {
+int32_t zfx2_device_entry_parse_checked(const void *payload, uint32_t length, zfx_device_entry **entries,
+                                        int32_t *count) {
     return decode_device_reply<zfx_device_entry, DeviceSink>(payload, length, entries, count);
 }
 
-int32_t zfx2_device_ns_entry_parse(const void *payload, uint32_t length,
-                                   zfx_device_ns_entry **entries, int32_t *count) {
+int32_t zfx2_device_ns_entry_parse_checked(const void *payload, uint32_t length,
+                                           zfx_device_ns_entry **entries, int32_t *count) {
     return decode_device_reply<zfx_device_ns_entry, NsSink>(payload, length, entries, count);
+}
+
+int32_t zfx2_device_entry_parse(const void *payload, zfx_device_entry **entries, int32_t *count) {
+    return zfx2_device_entry_parse_checked(payload, trusted_length(payload), entries, count);
+}
+
+int32_t zfx2_device_ns_entry_parse(const void *payload, zfx_device_ns_entry **entries, int32_t *count) {
+    return zfx2_device_ns_entry_parse_checked(payload, trusted_length(payload), entries, count);
 }
 
 }  // extern "C"
