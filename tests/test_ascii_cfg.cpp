@@ -152,7 +152,9 @@ TEST(AsciiCfg, AStoreThatDoesNotOpenStillGetsAnAnswer) {
 std::vector<Record> full_store() {
     return {distribute_rec(1), nat_rec(1), aam_rec(1), flags_rec(0x10), topo_rec(1, kWwn, 1, vsans({4})),
             topo_mode_rec(ZFX_VT_MODE_AUTO), afid_rec(true, kWwn, 2, vsans({})), afid_rec(false, kWwn, 3, vsans({5})),
-            sg_member_rec(false, 1, 1, vsans({6})), sg_member_rec(true, 1, 1, vsans({6, 8}))};
+            sg_member_rec(false, 1, 1, vsans({6})), sg_member_rec(true, 1, 1, vsans({6, 8})),
+            vdom_list_rec(vsans({9})), rdi_rec(4, vsans({10})), pfcid_domain_rec(1, 10, 2, 20, 0x20),
+            pfcid_fcid_rec(1, 10, kWwn, {0, 0x20, 1, 0})};
 }
 
 const std::string kTopoLines =
@@ -164,31 +166,45 @@ const std::string kAfid =
     "autonomous-fabric-id database\n  switch-wwn 20:00:00:11:22:33:44:55 autonomous-fabric-id    3 vsan-ranges 5\n";
 const std::string kActiveSg = "  autonomous-fabric-id  1 vsan-ranges 6\nzfx service-group activate\n";
 const std::string kCfgSg = "  autonomous-fabric-id  1 vsan-ranges 6,8\n";
+const std::string kPfcid = "zfx fcdomain database autonomous-fabric-num 1 vsan 10\n"
+                           "  native-autonomous-fabric-num 2 native-vsan 20 domain 32\n"
+                           "    pwwn 20:00:00:11:22:33:44:55 fcid 0x200100\n";
+const std::string kVdomList = "zfx virtual-fcdomain-add vsan-ranges 9\n";
+const std::string kVdomAfid = "zfx virtual-fcdomain-add2 autonomous-fabric-ID 4  vsan-ranges 10\n";
 
-std::string full_text(const std::string &tables, const std::string &global = "zfx nat\nzfx distribute\nzfx share-hw-entries\nzfx aam register\n") {
-    return "feature zfx\n" + global + tables + "zfx commit\n";
+std::string full_text(const std::string &tables, const std::string &vdoms = kVdomList + kVdomAfid) {
+    return "feature zfx\nzfx nat\nzfx distribute\n" + vdoms + "zfx share-hw-entries\nzfx aam register\n" + tables +
+           "zfx commit\n";
 }
 
 TEST(AsciiCfg, AFailingSectionNeverStopsTheNext) {
     Prefix p;
     put(p.config(), full_store());
-    const std::string all = kTopoLines + "zfx vsan-topology auto\n" + kDefaultAfid + kAfid + kActiveSg + kCfgSg;
+    const std::string all = kTopoLines + "zfx vsan-topology auto\n" + kDefaultAfid + kAfid + kActiveSg + kCfgSg + kPfcid;
     EXPECT_EQ(generate_from(p.config()), full_text(all));
 
-    // Each list that cannot be allocated takes away its own table only.
+    // Each list that cannot be allocated takes away its own table only, in the order the sections
+    // run. The index that places the persistent FCIDs takes nothing away: without it the list is
+    // scanned.
+    const std::string tables = "zfx vsan-topology auto\n" + kDefaultAfid + kAfid + kActiveSg + kCfgSg + kPfcid;
     const std::string without[] = {
-        "zfx vsan-topology auto\n" + kDefaultAfid + kAfid + kActiveSg + kCfgSg,
-        kTopoLines + "zfx vsan-topology auto\n" + kAfid + kActiveSg + kCfgSg,
-        kTopoLines + "zfx vsan-topology auto\n" + kDefaultAfid + kActiveSg + kCfgSg,
-        kTopoLines + "zfx vsan-topology auto\n" + kDefaultAfid + kAfid,  // no active list: no differences
-        kTopoLines + "zfx vsan-topology auto\n" + kDefaultAfid + kAfid + kActiveSg,
+        full_text(kTopoLines + tables, kVdomList),
+        full_text(tables),
+        full_text(kTopoLines + "zfx vsan-topology auto\n" + kAfid + kActiveSg + kCfgSg + kPfcid),
+        full_text(kTopoLines + "zfx vsan-topology auto\n" + kDefaultAfid + kActiveSg + kCfgSg + kPfcid),
+        full_text(kTopoLines + "zfx vsan-topology auto\n" + kDefaultAfid + kAfid + kPfcid),  // no differences either
+        full_text(kTopoLines + "zfx vsan-topology auto\n" + kDefaultAfid + kAfid + kActiveSg + kPfcid),
+        full_text(kTopoLines + "zfx vsan-topology auto\n" + kDefaultAfid + kAfid + kActiveSg + kCfgSg),
+        full_text(all),
     };
-    for (uint32_t nth = 1; nth <= 5; ++nth) {
+    for (uint32_t nth = 1; nth <= std::size(without); ++nth) {
         Reader r(p.config());
         zfx_testing_fail_allocation(nth);
         const std::string text = generate({{ZFX_GEN_STORE_CONFIG, r.get()}});
+        // Every allocation is tried, but the index of a persistent FCID list that is not there.
+        EXPECT_EQ(zfx_testing_allocation_count(), std::size(without) - (nth == 7));
         zfx_testing_fail_allocation(0);
-        EXPECT_EQ(text, full_text(without[nth - 1])) << "allocation " << nth;
+        EXPECT_EQ(text, without[nth - 1]) << "allocation " << nth;
     }
 
     // A lookup that fails: the NAT line goes, and the topology section returns early without
@@ -196,11 +212,11 @@ TEST(AsciiCfg, AFailingSectionNeverStopsTheNext) {
     const uint8_t mode_key[] = {0x65, 0x02};
     kvdb_mem_faults f{0, int32_t(0x40480077), mode_key, 2, 0};
     kvdb_mem_inject(p.config().c_str(), &f);
-    EXPECT_EQ(generate_from(p.config()), full_text(kTopoLines + kDefaultAfid + kAfid + kActiveSg + kCfgSg));
+    EXPECT_EQ(generate_from(p.config()), full_text(kTopoLines + kDefaultAfid + kAfid + kActiveSg + kCfgSg + kPfcid));
     // A cursor that fails at once: no table at all, the single records still read.
     f = kvdb_mem_faults{0, 0, nullptr, 0, 1};
     kvdb_mem_inject(p.config().c_str(), &f);
-    EXPECT_EQ(generate_from(p.config()), full_text("zfx vsan-topology auto\n"));
+    EXPECT_EQ(generate_from(p.config()), full_text("zfx vsan-topology auto\n", kVdomList));
     const uint8_t nat_key[] = {0x70, 0x00};
     f = kvdb_mem_faults{0, int32_t(0x40480077), nat_key, 2, 0};
     kvdb_mem_inject(p.config().c_str(), &f);

@@ -24,15 +24,6 @@ struct TextCase {
     std::string expected;  // the text after the feature line
 };
 
-// The text a store adds after the feature line.
-std::string section(const std::vector<Record> &records) {
-    Prefix p;
-    put(p.config(), records);
-    const std::string text = generate_from(p.config());
-    EXPECT_EQ(text.rfind("feature zfx\n", 0), 0u);
-    return text.substr(std::strlen("feature zfx\n"));
-}
-
 // VSANs 1-2, 4-5, 7-8, ...: a set with one of the longest range texts (12911 characters).
 std::vector<int> pairs() {
     std::vector<int> v;

@@ -73,6 +73,17 @@ std::vector<Record> active_chunks(const Bytes &data, size_t chunk, uint32_t tota
 }
 std::vector<Record> active_chunks(const Bytes &data, size_t chunk) { return active_chunks(data, chunk, uint32_t(data.size())); }
 
+Record vdom_list_rec(const Bytes &set) { return {{0x6D, 0x00}, set}; }
+Record rdi_rec(uint16_t afid, const Bytes &set) { return {cat({{0x79, 0x00}, le16(afid)}), set}; }
+Record pfcid_domain_rec(uint16_t afid, uint32_t vsan, uint16_t native_afid, uint32_t native_vsan, uint8_t domain,
+                        uint32_t word, uint16_t tag) {
+    return {cat({{0x74, 1}, le16(tag), le16(afid), le32(vsan), le16(native_afid), le16(0), le32(native_vsan)}),
+            cat({{0, domain, 0, 0}, le32(word)})};
+}
+Record pfcid_fcid_rec(uint16_t afid, uint32_t vsan, const Bytes &wwn, const Bytes &fcid, uint32_t word, uint16_t tag) {
+    return {cat({{0x74, 2}, le16(tag), le16(afid), le32(vsan), wwn}), cat({fcid, le32(word)})};
+}
+
 Prefix::Prefix(Backend backend) : backend_(backend) {
     static std::atomic<int> serial;
     if (backend == Backend::mem) {
@@ -135,6 +146,15 @@ std::string generate(std::initializer_list<std::pair<uint32_t, kvdb_store *>> st
 std::string generate_from(const std::string &location) {
     Reader r(location);
     return generate({{ZFX_GEN_STORE_CONFIG, r.get()}});
+}
+
+std::string section(const std::vector<Record> &records) {
+    Prefix p;
+    put(p.config(), records);
+    const std::string text = generate_from(p.config());
+    const std::string feature = "feature zfx\n";
+    EXPECT_EQ(text.rfind(feature, 0), 0u) << text;
+    return text.substr(std::min(text.size(), feature.size()));
 }
 
 }  // namespace zfxtest

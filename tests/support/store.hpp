@@ -26,6 +26,14 @@ Record sg_member_rec(bool cfg, uint32_t group, uint16_t afid, const Bytes &set);
 Record sg_name_rec(bool cfg, uint32_t group, const std::string &name);
 Record sg_policy_rec(uint32_t policy);
 Record debug_level_rec(uint32_t valid, uint32_t level);
+Record vdom_list_rec(const Bytes &set);
+Record rdi_rec(uint16_t afid, const Bytes &set);
+// Persistent FCID records: a domain assigned in (afid, vsan) for a native AFID and VSAN, and the
+// FCID (4 bytes: unused, domain, area, port) a port WWN keeps there. tag is key bytes 2 and 3.
+Record pfcid_domain_rec(uint16_t afid, uint32_t vsan, uint16_t native_afid, uint32_t native_vsan, uint8_t domain,
+                        uint32_t word = 0, uint16_t tag = 1);
+Record pfcid_fcid_rec(uint16_t afid, uint32_t vsan, const Bytes &wwn, const Bytes &fcid, uint32_t word = 0,
+                      uint16_t tag = 1);
 
 // The zone database, as the service stores it. name68 pads a name to its 68-byte field.
 Bytes name68(const std::string &name);
@@ -83,5 +91,7 @@ private:
 std::string generate(std::initializer_list<std::pair<uint32_t, kvdb_store *>> stores);
 // Generates from the configuration store at location alone.
 std::string generate_from(const std::string &location);
+// Generates from a store of records alone and returns the text after its feature line.
+std::string section(const std::vector<Record> &records);
 
 }  // namespace zfxtest

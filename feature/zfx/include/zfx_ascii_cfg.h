@@ -43,6 +43,7 @@
 #define ZFX_ASCII_CFG_H
 
 #include "platform/kvdb.h"
+#include "vsan_bitset.h"
 #include "zfx_common.h"
 
 ZFX_EXTERN_C_BEGIN
@@ -157,7 +158,8 @@ ZFX_API int32_t zfx_ascii_cfg_generate(const zfx_gen_request *request);
 /* ---- generators (within a generation whose handle is set) ------------------------------------------ */
 
 /* Declares the feature's elements and runs every section on store (see above). Returns the
- * status of the last section; when the commit line is added, the result of adding it. */
+ * status of the persistent FCID section (the last); when the commit line is added, the result of
+ * adding it. */
 ZFX_API int32_t zfx_ascii_gen_from_kvdb(kvdb_store *store);
 /* Adds "logging level zfx <level>\n" to group 115's text for a valid debug level record of
  * store (NULL: nothing), and makes element 1 come after element 1 of group 118. Returns 0 when
@@ -223,6 +225,234 @@ ZFX_API extern char lun_str[ZFX_SCRATCH_STR_SIZE];
  * lines already added stay and nothing more is written. A zone record with no data is skipped.
  */
 ZFX_API int32_t zfx_zone_generate_ascii_config(kvdb_store *store);
+
+/* ---- tracked lists -------------------------------------------------------------------------------
+ * The lists of virtual domains and persistent FCIDs come from the platform's tracked allocator
+ * (platform/heapx.h, owner 180), zero-filled, and are counted in zfx_num_mem_allocs and
+ * zfx_num_callocs. Their user releases them with heapx_free (never free) and adds 1 to
+ * zfx_num_mem_frees. A list that cannot be allocated is recorded in the event history (event
+ * 0x730000, a record of the u32 102 followed by "Memory allocation failed in <builder>:<line>
+ * (<source>)" and its NUL) and printed with dbg_printf when the subtype's debug output is on; the
+ * builder then returns 0 with *list NULL and *size 0, and the text that needed the list is not
+ * written.
+ *
+ * Both tables are walked in store key order from their first key as long as the keys pass the
+ * table's key check: the first key that fails ends the walk.
+ */
+
+/* ======================================= virtual domains ======================================= */
+/*
+ * A virtual domain is added to a set of VSANs switch-wide (the list form: one record) or per
+ * autonomous fabric ID (one record per AFID). Their lines go to element 4 at level 0, after
+ * "zfx distribute\n" and before the global flag lines, the list form first:
+ *   "zfx virtual-fcdomain-add vsan-ranges %s\n"          (or "... %s force\n" when the global
+ *                                                          flag ZFX_GFLAG_VDOM_FORCE is set)
+ *   "zfx virtual-fcdomain-add2 autonomous-fabric-ID %d  vsan-ranges %s\n"    per AFID, key order
+ * VSAN 0, 4094 and 4095 are never written, and a set holding no other VSAN writes no line. A line
+ * holds at most ZFX_VDOM_LINE_SIZE - 1 characters with its "\n": longer range text is cut after
+ * the last whole run that fits. Neither form sets commit_reqd.
+ */
+
+#define ZFX_KVDB_VDOM_LIST_KEY 0x6Du /* second key byte 0x00; value: a stored vsan_bitset */
+#define ZFX_RDI_TABLE 0x79u           /* per-AFID records */
+#define ZFX_RDI_ALLOC_TYPE 309u       /* allocation type of the per-AFID list */
+#define ZFX_VDOM_LINE_SIZE 10240u
+
+/* Key of a per-AFID record; its value is a stored vsan_bitset (516 bytes; a shorter value gives
+ * the set only the bytes it holds). */
+typedef struct __attribute__((packed)) zfx_rdi_kvdb_key {
+    uint8_t table;    /* ZFX_RDI_TABLE */
+    uint8_t reserved; /* not interpreted; 0 in the table's first key */
+    uint16_t afid;    /* host order */
+} zfx_rdi_kvdb_key;
+
+ZFX_STATIC_ASSERT(sizeof(zfx_rdi_kvdb_key) == 4, "virtual domain key is 4 bytes");
+
+typedef struct zfx_rdi_entry {
+    uint16_t afid;     /* network order */
+    uint16_t reserved; /* zero */
+    vsan_bitset vsans; /* as stored */
+} zfx_rdi_entry;
+
+ZFX_STATIC_ASSERT(sizeof(zfx_rdi_entry) == 520, "virtual domain entry is 520 bytes");
+ZFX_STATIC_ASSERT(offsetof(zfx_rdi_entry, vsans) == 4, "VSAN set at 4");
+
+/* A tracked list: 4 + 520 x capacity bytes. */
+typedef struct zfx_rdi_list {
+    uint32_t count; /* network order: entries filled */
+    zfx_rdi_entry entries[];
+} zfx_rdi_list;
+
+ZFX_STATIC_ASSERT(offsetof(zfx_rdi_list, entries) == 4, "entries follow the count");
+
+/* The list-form line. Returns the lookup's status (0 also when the set is empty or the record
+ * holds no data); a store without the record writes nothing and returns ZFX_KVDB_NOT_FOUND. A
+ * NULL store is reported through perror (see above) and returns 0. */
+ZFX_API int32_t zfx2_rdi_mode_generate_ascii_config(uint32_t handle, kvdb_store *store);
+/* The per-AFID lines, from zfx_rdi_get_next(store, -1, ...); the list is released with heapx_free
+ * and counted. Returns 0 (also when the list cannot be allocated, or store is NULL: reported
+ * through perror). */
+ZFX_API int32_t zfx2_rdi_mode_generate_ascii_config2(uint32_t handle, kvdb_store *store);
+/*
+ * Lists the per-AFID records: count entries at most, or with count -1 as many as the table holds
+ * (a first walk counts them). *list receives a tracked list of 4 + 520 x capacity bytes (*size),
+ * its count word the entries actually filled, the rest zero. Returns 0, including when the list
+ * cannot be allocated (*list NULL, *size 0, see "tracked lists"); ZFX_ERR_INVALID_VALUE for a
+ * count below -1 or a list whose size would not fit 32 bits; ZFX_ERR_INVALID_ARG for a NULL
+ * argument. On every failure *list and *size (when not NULL) are NULL and 0.
+ */
+ZFX_API int32_t zfx_rdi_get_next(kvdb_store *store, int32_t count, zfx_rdi_list **list, uint32_t *size);
+/* 0 for a key of 4 bytes whose first byte is ZFX_RDI_TABLE; ZFX_ERR_TABLE_KEY otherwise (a NULL
+ * key included). */
+ZFX_API int32_t zfx_rdi_kvdb_key_check(const kvdb_datum *key);
+/* Writes the table's first key, 0x79 0x00 0x00 0x00, into key. Returns 0, or
+ * ZFX_ERR_INVALID_VALUE for a NULL key. */
+ZFX_API int32_t zfx_rdi_kvdb_key_init(zfx_rdi_kvdb_key *key);
+
+/* ====================================== persistent FCIDs ======================================= */
+/*
+ * For an AFID and VSAN, a domain record (kind 1) assigns the domain that stands there for a native
+ * AFID and VSAN; under it, FCID records (kind 2) give the FCID that a port WWN keeps. Text, in
+ * element 8:
+ *   "zfx fcdomain database autonomous-fabric-num %d vsan %d\n"      level 0, before a domain
+ *        record whose AFID or VSAN differs from the previous one's (the first is compared with 0, 0)
+ *   "native-autonomous-fabric-num %d native-vsan %d domain %d\n"     level 1, each domain record
+ *   "pwwn %s fcid 0x%02x%02x%02x\n"                                  level 2, under each domain
+ *        record: every FCID record of its AFID and VSAN whose FCID domain byte is its domain,
+ *        in key order (the WWN as eight "%02x" bytes joined by ":", the FCID's domain, area, port)
+ * Domain records come in key order; FCID records under no domain record are not written. The
+ * section sets commit_reqd when the table holds any record.
+ */
+
+#define ZFX2_PFCID_TABLE 0x74u
+#define ZFX2_PFCID_KIND_DOMAIN 1u
+#define ZFX2_PFCID_KIND_FCID 2u
+#define ZFX2_PFCID_TAG_FIRST 1u     /* tag of the table's first keys */
+#define ZFX2_PFCID_ALLOC_TYPE 281u  /* allocation type of the list */
+
+/* Store key, 18 bytes; numbers in host order. */
+typedef struct __attribute__((packed)) zfx2_pfcid_key {
+    uint8_t table; /* ZFX2_PFCID_TABLE */
+    uint8_t kind;  /* ZFX2_PFCID_KIND_ */
+    uint16_t tag;  /* carried, not interpreted */
+    uint16_t afid;
+    uint32_t vsan;
+    union {
+        struct __attribute__((packed)) {
+            uint16_t native_afid;
+            uint16_t reserved; /* not read */
+            uint32_t native_vsan;
+        } domain;        /* kind 1 */
+        uint8_t pwwn[8]; /* kind 2: the port WWN */
+    } id;
+} zfx2_pfcid_key;
+
+ZFX_STATIC_ASSERT(sizeof(zfx2_pfcid_key) == 18, "persistent FCID key is 18 bytes");
+ZFX_STATIC_ASSERT(offsetof(zfx2_pfcid_key, vsan) == 6, "VSAN at 6");
+ZFX_STATIC_ASSERT(offsetof(zfx2_pfcid_key, id) == 10, "native AFID or WWN at 10");
+
+/* Store value, 8 bytes, both kinds. */
+typedef struct zfx2_pfcid_value {
+    uint8_t fcid[4]; /* byte 0 not read, 1 domain, 2 area, 3 port; never converted. A domain
+                        record's byte 1 is the domain it assigns. */
+    uint32_t word;   /* host order; carried, not used by the text */
+} zfx2_pfcid_value;
+
+ZFX_STATIC_ASSERT(sizeof(zfx2_pfcid_value) == 8, "persistent FCID value is 8 bytes");
+
+/* A record as handed to callers, 28 bytes; in a list every number is in network order. */
+typedef struct zfx2_pfcid_entry {
+    uint32_t kind;
+    uint16_t tag;
+    uint16_t afid;
+    uint32_t vsan;
+    union {
+        struct {
+            uint16_t native_afid;
+            uint16_t reserved; /* zero */
+            uint32_t native_vsan;
+        } domain;        /* kind 1 */
+        uint8_t pwwn[8]; /* kind 2: as in the key */
+    } id;
+    uint8_t fcid[4]; /* the value's bytes 0 to 3, never converted */
+    uint32_t word;   /* the value's bytes 4 to 7 as a number */
+} zfx2_pfcid_entry;
+
+ZFX_STATIC_ASSERT(sizeof(zfx2_pfcid_entry) == 28, "persistent FCID entry is 28 bytes");
+ZFX_STATIC_ASSERT(offsetof(zfx2_pfcid_entry, id) == 12, "native AFID or WWN at 12");
+ZFX_STATIC_ASSERT(offsetof(zfx2_pfcid_entry, id.domain.native_vsan) == 16, "native VSAN at 16");
+ZFX_STATIC_ASSERT(offsetof(zfx2_pfcid_entry, fcid) == 20, "FCID at 20");
+ZFX_STATIC_ASSERT(offsetof(zfx2_pfcid_entry, word) == 24, "value word at 24");
+
+/* A tracked list: 8 + 28 x capacity bytes, entries in store key order (so every domain record
+ * before every FCID record). */
+typedef struct zfx2_pfcid_list {
+    uint32_t count;    /* network order: entries filled */
+    uint32_t reserved; /* zero */
+    zfx2_pfcid_entry entries[];
+} zfx2_pfcid_list;
+
+ZFX_STATIC_ASSERT(offsetof(zfx2_pfcid_list, entries) == 8, "entries follow two words");
+
+/* Writes the table to element 8 (see above) and sets *commit (when commit is not NULL) when the
+ * table holds a record. The time taken grows as n log n in the number of records. Returns the
+ * list builder's status: 0 when it ran, also when the list could not be allocated (then nothing
+ * is written and *commit is left alone). A NULL store is reported through perror and returns 0. */
+ZFX_API int32_t zfx2_pfcid_generate_ascii_config(uint32_t handle, kvdb_store *store, int32_t *commit);
+/*
+ * Lists the table from start on: start is an entry in network order whose key is built with the
+ * key populators (convert 1), or NULL for the table's first domain key; the walk begins at the
+ * first key at or after that key, passing over a key equal to it (a caller resumes after the last
+ * entry it holds by handing that entry back). count is the capacity, or -1 for as many as the
+ * walk finds (a first walk counts them). *list receives a tracked list of 8 + 28 x capacity bytes
+ * (*size). Returns 0, including when the list cannot be allocated (*list NULL, *size 0, see
+ * "tracked lists"); ZFX_ERR_INVALID_VALUE, allocating nothing, for a start whose kind is neither
+ * 1 nor 2, a count below -1, or a list whose size would not fit 32 bits; ZFX_ERR_INVALID_ARG for
+ * a NULL store, list or size. On every failure *list and *size (when not NULL) are NULL and 0.
+ */
+ZFX_API int32_t zfx2_pfcid_get_next(kvdb_store *store, const zfx2_pfcid_entry *start, int32_t count,
+                                    zfx2_pfcid_list **list, uint32_t *size);
+
+/* Key checks: 0 for an 18-byte key starting with ZFX2_PFCID_TABLE whose kind is accepted (either
+ * kind; domain only; FCID only), otherwise ZFX_ERR_TABLE_KEY (a NULL key included). */
+ZFX_API int32_t zfx2_pfcid_kvdb_key_check(const kvdb_datum *key);
+ZFX_API int32_t zfx2_pfcid_vdom_kvdb_key_check(const kvdb_datum *key);
+ZFX_API int32_t zfx2_pfcid_vfcid_kvdb_key_check(const kvdb_datum *key);
+
+/* The first key of a kind: table byte, kind (domain; FCID), tag 1, zeros to the end. Return 0,
+ * or ZFX_ERR_INVALID_VALUE for a NULL key. */
+ZFX_API int32_t zfx2_pfcid_vdom_kvdb_key_init(zfx2_pfcid_key *key);
+ZFX_API int32_t zfx2_pfcid_vfcid_kvdb_key_init(zfx2_pfcid_key *key);
+
+/* Build a key of the function's kind (domain; FCID) from entry bytes 4 to 19. When convert is 1
+ * the entry is in network order and the key's numbers are turned to host order (tag, AFID, VSAN,
+ * and for the domain kind the native AFID and VSAN); any other value copies them as they are.
+ * A NULL argument does nothing. */
+ZFX_API void zfx2_pfcid_kvdb_vdom_key_populate(const zfx2_pfcid_entry *entry, zfx2_pfcid_key *key, int32_t convert);
+ZFX_API void zfx2_pfcid_kvdb_vfcid_key_populate(const zfx2_pfcid_entry *entry, zfx2_pfcid_key *key,
+                                                int32_t convert);
+
+/* Fill entry (cleared first) from a stored key and value, laid out for the function's kind
+ * (domain: native AFID and VSAN, the key's bytes 12 and 13 dropped; FCID: the WWN), the kind
+ * itself taken from the key. With convert non-zero the kind, tag, AFID, VSAN, the domain kind's
+ * native fields and the value word are turned to network order; the WWN and FCID bytes never.
+ * A NULL argument does nothing. */
+ZFX_API void zfx2_pfcid_vdom_key_val_2_pfcid_entry(const zfx2_pfcid_key *key, const zfx2_pfcid_value *value,
+                                                   zfx2_pfcid_entry *entry, int32_t convert);
+ZFX_API void zfx2_pfcid_vfcid_key_val_2_pfcid_entry(const zfx2_pfcid_key *key, const zfx2_pfcid_value *value,
+                                                    zfx2_pfcid_entry *entry, int32_t convert);
+
+/* Convert an entry in place between host and network order: kind, tag, AFID, VSAN, and for the
+ * domain kind the native AFID and VSAN (the kind read in host order: before converting for hton,
+ * after it for ntoh). The FCID bytes and the value word stay as they are. Return 0, or
+ * ZFX_ERR_INVALID_ARG for NULL. */
+ZFX_API int32_t zfx2_pfcid_entry_hton(zfx2_pfcid_entry *entry);
+ZFX_API int32_t zfx2_pfcid_entry_ntoh(zfx2_pfcid_entry *entry);
+/* Copies source to destination and converts the copy to host order (to_host non-zero) or to
+ * network order: the fields of hton and ntoh and the value word as well. destination may be
+ * source. A NULL argument does nothing. */
+ZFX_API void zfx2_pfcid_entry_byte_order_convert(zfx2_pfcid_entry *destination, const zfx2_pfcid_entry *source,
+                                                 int32_t to_host);
 
 ZFX_EXTERN_C_END
 

@@ -53,10 +53,9 @@ struct Pass {
     // A member line at level 1, its range text cut after the last run that fits the line.
     void member(const zfx2_sg_entry &e, const char *word = "") {
         char ranges[VSAN_BITSET_TEXT_SIZE];
-        vsan_bitset_sprintf(ranges, &e.vsans);
         const int afid = ntoh16(e.afid);
         const int words = std::snprintf(nullptr, 0, "%sautonomous-fabric-id %2d vsan-ranges \n", word, afid);
-        cut_ranges(ranges, sizeof line - 1 - size_t(words));
+        range_text(ranges, &e.vsans, sizeof line - 1 - size_t(words));
         emit(handle, ZFX_ELEM_SERVICE_GROUP, 1, line, sizeof line, "%sautonomous-fabric-id %2d vsan-ranges %s\n", word,
              afid, ranges);
     }

@@ -94,19 +94,19 @@ void declare_elements(uint32_t handle) {
 // becomes the driver's: a failing section never keeps the next from running.
 using Section = int32_t (*)(uint32_t handle, kvdb_store *store);
 
-// The sections in the order their text is wanted. Two sections have their places here but are
-// not part of the library yet, and nothing stands in for them:
-//   - the virtual domains (list form, then per fabric) run first, before the global flags, and
-//     leave commit_reqd alone;
-//   - the persistent FCIDs run last, after the service groups, with &commit_reqd; their status
-//     is then the driver's result.
+// The sections in the order their text is wanted: the virtual domains (list form, then per
+// fabric) first, so that their lines stand before the global flag lines in element 4, and leave
+// commit_reqd alone; the persistent FCIDs last, their status becoming the driver's.
 constexpr Section kSections[] = {
+    zfx2_rdi_mode_generate_ascii_config,
+    zfx2_rdi_mode_generate_ascii_config2,
     zfx_global_flags_mode_generate_ascii_config,
     zfx2_aam_generate_ascii_config,
     [](uint32_t, kvdb_store *store) { return zfx_zone_generate_ascii_config(store); },  // takes gen_handle
     zfx_vsan_topology_generate_ascii_config,
     [](uint32_t handle, kvdb_store *store) { return zfx2_afid_table_generate_ascii_config(handle, store, &commit_reqd); },
     [](uint32_t handle, kvdb_store *store) { return zfx2_sg_table_generate_ascii_config(handle, store, &commit_reqd); },
+    [](uint32_t handle, kvdb_store *store) { return zfx2_pfcid_generate_ascii_config(handle, store, &commit_reqd); },
 };
 
 // Opens the store "<prefix>/zfx_<suffix>" in location; NULL when it does not open.

@@ -40,6 +40,11 @@ size_t cut_ranges(char *text, size_t max) {
     return len;
 }
 
+size_t range_text(char (&out)[VSAN_BITSET_TEXT_SIZE], const vsan_bitset *set, size_t room) {
+    vsan_bitset_sprintf(out, set);
+    return cut_ranges(out, room);
+}
+
 void report_null_store(const char *message) { std::perror(message); }
 
 }  // namespace zfx

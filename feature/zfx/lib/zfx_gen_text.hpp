@@ -35,6 +35,10 @@ void wwn_text(char (&out)[kWwnTextSize], const uint8_t *wwn);
 // cut text never names a VSAN that is not in the set. Returns the new length.
 size_t cut_ranges(char *text, size_t max);
 
+// The VSAN range text of set in out, cut after its last whole run when it is longer than room
+// characters. Returns its length.
+size_t range_text(char (&out)[VSAN_BITSET_TEXT_SIZE], const vsan_bitset *set, size_t room);
+
 // The report of a section handed no store, through perror as the system reports it.
 inline constexpr const char *kVtNullStore = "ZFX-VT-PTXT: kvdb service is null\n";
 inline constexpr const char *kSgNullStore = "ZFX-SG-PTXT: kvdb service is null\n";

@@ -105,18 +105,22 @@ int32_t build_list(kvdb_store *store, const TableWalk &walk, const ListShape &sh
 // The standard allocator's zero-filled block, for lists the caller releases with free.
 inline void *list_zalloc(size_t size) { return mem_zalloc(size); }
 
-// The frame of an exported list builder whose list (a count word, then List::entries) the caller
-// frees: *list and *size are cleared first, NULL arguments answer ZFX_ERR_INVALID_ARG, and the
-// list is built by a counting walk and a filling walk.
+// The frame of an exported list builder whose list is a header (List's fields before entries, the
+// first its count word) followed by List::entries: *list and *size are cleared first, NULL
+// arguments answer ZFX_ERR_INVALID_ARG, a count below -1 or one whose list would not fit 32 bits
+// ZFX_ERR_INVALID_VALUE; then the list is built by build_list with count (-1: a counting walk)
+// and alloc, and its status returned.
 template <typename List>
 int32_t get_list(kvdb_store *store, const TableWalk &walk, FillEntry fill, const void *fill_arg, List **list,
-                 uint32_t *size) {
+                 uint32_t *size, int32_t count = -1, ListAlloc alloc = list_zalloc) {
     if (list != nullptr) *list = nullptr;
     if (size != nullptr) *size = 0;
     if (store == nullptr || list == nullptr || size == nullptr) return ZFX_ERR_INVALID_ARG;
+    constexpr uint32_t header = offsetof(List, entries);
     constexpr uint32_t entry = sizeof(static_cast<List *>(nullptr)->entries[0]);
+    if (count < -1 || (count > 0 && uint32_t(count) > (UINT32_MAX - header) / entry)) return ZFX_ERR_INVALID_VALUE;
     void *block;
-    const int32_t status = build_list(store, walk, ListShape{4, entry}, -1, list_zalloc, fill, fill_arg, &block, size);
+    const int32_t status = build_list(store, walk, ListShape{header, entry}, count, alloc, fill, fill_arg, &block, size);
     *list = static_cast<List *>(block);
     return status;
 }

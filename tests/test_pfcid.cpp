@@ -1,0 +1,341 @@
+// Persistent FCIDs: key checks and first keys, every conversion between stored records, entries
+// and keys in both byte orders, the list read from any key on, and the database text, checked
+// against the walk over the whole list on a random table.
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "capture.hpp"
+#include "history.hpp"
+#include "platform/heapx.h"
+#include "platform/ptxt.h"
+#include "platform/tlg.h"
+#include "store.hpp"
+#include "zfx_ascii_cfg.h"
+#include "zfx_testing.h"
+
+namespace {
+
+using namespace zfxtest;
+
+const Bytes kWwn = {0x20, 0x00, 0x00, 0x11, 0x22, 0x33, 0x44, 0x5A};
+
+Bytes reversed(const Bytes &b, size_t at, size_t n) { return Bytes(b.rbegin() + long(b.size() - at - n), b.rbegin() + long(b.size() - at)); }
+uint32_t num(const Bytes &b, size_t at, size_t n) {
+    uint32_t v = 0;
+    for (size_t i = 0; i < n; ++i) v |= uint32_t(b[at + i]) << (8 * i);
+    return v;
+}
+
+// The list entry of a record, in network order, laid out from the record's bytes alone.
+Bytes entry_of(const Record &r) {
+    const Bytes &k = r.first;
+    Bytes v = r.second;
+    v.resize(8);  // a short value holds only its first bytes
+    const Bytes id = k[1] == 1 ? cat({reversed(k, 10, 2), {0, 0}, reversed(k, 14, 4)}) : Bytes(k.begin() + 10, k.end());
+    return cat({be32(k[1]), reversed(k, 2, 2), reversed(k, 4, 2), reversed(k, 6, 4), id, Bytes(v.begin(), v.begin() + 4),
+                reversed(v, 4, 4)});
+}
+
+std::vector<Record> sorted(std::vector<Record> records) {
+    std::sort(records.begin(), records.end());  // the store's order: bytewise keys
+    return records;
+}
+
+// The database text as the walk over the whole list gives it: for each domain record, every FCID
+// record of the list that it places.
+std::string walk_text(const std::vector<Record> &records) {
+    std::string out;
+    char line[160];
+    uint32_t afid = 0, vsan = 0;
+    for (const auto &[k, v] : sorted(records)) {
+        if (k[1] != 1) break;
+        if (num(k, 4, 2) != afid || num(k, 6, 4) != vsan) {
+            afid = num(k, 4, 2), vsan = num(k, 6, 4);
+            std::snprintf(line, sizeof line, "zfx fcdomain database autonomous-fabric-num %d vsan %d\n", int(afid), int(vsan));
+            out += line;
+        }
+        std::snprintf(line, sizeof line, "  native-autonomous-fabric-num %d native-vsan %d domain %d\n", int(num(k, 10, 2)),
+                      int(num(k, 14, 4)), v[1]);
+        out += line;
+        for (const auto &[fk, fv] : sorted(records)) {
+            if (fk[1] != 2 || num(fk, 4, 2) != afid || num(fk, 6, 4) != vsan || fv[1] != v[1]) continue;
+            std::snprintf(line, sizeof line, "    pwwn %02x:%02x:%02x:%02x:%02x:%02x:%02x:%02x fcid 0x%02x%02x%02x\n", fk[10],
+                          fk[11], fk[12], fk[13], fk[14], fk[15], fk[16], fk[17], fv[1], fv[2], fv[3]);
+            out += line;
+        }
+    }
+    return out;
+}
+
+TEST(Pfcid, KeyChecksAndFirstKeys) {
+    using Check = int32_t (*)(const kvdb_datum *);
+    const Check any = zfx2_pfcid_kvdb_key_check, dom = zfx2_pfcid_vdom_kvdb_key_check, fcid = zfx2_pfcid_vfcid_kvdb_key_check;
+    const Bytes k1 = cat({{0x74, 1}, zeros(16)}), k2 = cat({{0x74, 2}, zeros(16)}), k3 = cat({{0x74, 3}, zeros(16)});
+    const struct {
+        Check check;
+        Bytes key;
+        int32_t expected;
+    } cases[] = {
+        {any, k1, 0}, {any, k2, 0}, {any, k3, ZFX_ERR_TABLE_KEY}, {dom, k1, 0}, {dom, k2, ZFX_ERR_TABLE_KEY},
+        {fcid, k2, 0}, {fcid, k1, ZFX_ERR_TABLE_KEY}, {any, cat({k1, {0}}), ZFX_ERR_TABLE_KEY},
+        {any, Bytes(k1.begin(), k1.end() - 1), ZFX_ERR_TABLE_KEY}, {any, cat({{0x75, 1}, zeros(16)}), ZFX_ERR_TABLE_KEY},
+    };
+    for (const auto &c : cases) {
+        kvdb_datum key{const_cast<uint8_t *>(c.key.data()), uint32_t(c.key.size())};
+        EXPECT_EQ(c.check(&key), c.expected) << testing::PrintToString(c.key);
+    }
+    for (Check c : {any, dom, fcid}) EXPECT_EQ(c(nullptr), ZFX_ERR_TABLE_KEY);
+
+    zfx2_pfcid_key key;
+    for (auto [init, kind] : {std::pair{&zfx2_pfcid_vdom_kvdb_key_init, 1}, std::pair{&zfx2_pfcid_vfcid_kvdb_key_init, 2}}) {
+        std::memset(&key, 0xEE, sizeof key);
+        EXPECT_EQ(init(&key), 0);
+        EXPECT_EQ(bytes_of(&key, sizeof key), cat({{0x74, uint8_t(kind), 1, 0}, zeros(14)}));
+        EXPECT_EQ(init(nullptr), ZFX_ERR_INVALID_VALUE);
+    }
+}
+
+TEST(Pfcid, RecordsEntriesAndKeysConvertBothWaysInBothKinds) {
+    const Record records[] = {
+        pfcid_domain_rec(0x0102, 0x03040506, 0x0708, 0x090A0B0C, 0x21, 0x0D0E0F10, 0x1112),
+        pfcid_fcid_rec(0x0102, 0x03040506, kWwn, {0xF1, 0x20, 0x01, 0x00}, 0x0D0E0F10, 0x1112),
+    };
+    for (const Record &r : records) {
+        const bool domain = r.first[1] == 1;
+        const auto to_entry = domain ? zfx2_pfcid_vdom_key_val_2_pfcid_entry : zfx2_pfcid_vfcid_key_val_2_pfcid_entry;
+        const auto to_key = domain ? zfx2_pfcid_kvdb_vdom_key_populate : zfx2_pfcid_kvdb_vfcid_key_populate;
+        const auto *key = reinterpret_cast<const zfx2_pfcid_key *>(r.first.data());
+        const auto *value = reinterpret_cast<const zfx2_pfcid_value *>(r.second.data());
+        zfx2_pfcid_entry net, host, e;
+        zfx2_pfcid_key k;
+        std::memset(&net, 0xEE, sizeof net);
+        to_entry(key, value, &net, 1);
+        ASSERT_EQ(bytes_of(&net, 28), entry_of(r)) << domain;
+        to_entry(key, value, &host, 0);
+        EXPECT_EQ(host.word, 0x0D0E0F10u);
+        to_key(&net, &k, 1);
+        EXPECT_EQ(bytes_of(&k, 18), r.first);
+        to_key(&host, &k, 0);
+        EXPECT_EQ(bytes_of(&k, 18), r.first);
+        to_key(&host, &k, 2);  // only 1 converts
+        EXPECT_EQ(bytes_of(&k, 18), r.first);
+
+        zfx2_pfcid_entry_byte_order_convert(&e, &net, 1);
+        EXPECT_EQ(bytes_of(&e, 28), bytes_of(&host, 28));
+        zfx2_pfcid_entry_byte_order_convert(&e, &e, 0);
+        EXPECT_EQ(bytes_of(&e, 28), bytes_of(&net, 28));
+        // hton and ntoh leave the value word alone.
+        e = host;
+        EXPECT_EQ(zfx2_pfcid_entry_hton(&e), 0);
+        EXPECT_EQ(bytes_of(&e, 24), bytes_of(&net, 24));
+        EXPECT_EQ(e.word, host.word);
+        EXPECT_EQ(zfx2_pfcid_entry_ntoh(&e), 0);
+        EXPECT_EQ(bytes_of(&e, 28), bytes_of(&host, 28));
+    }
+    // A kind of neither layout converts only the fields every entry has.
+    zfx2_pfcid_entry odd{}, before;
+    odd.kind = 5;
+    odd.vsan = 0x01020304;
+    std::memcpy(odd.id.pwwn, kWwn.data(), 8);
+    before = odd;
+    zfx2_pfcid_entry_hton(&odd);
+    EXPECT_EQ(bytes_of(&odd, 12), cat({be32(5), {0, 0, 0, 0}, be32(0x01020304)}));
+    EXPECT_EQ(bytes_of(&odd.id, 16), bytes_of(&before.id, 16));
+
+    EXPECT_EQ(zfx2_pfcid_entry_hton(nullptr), ZFX_ERR_INVALID_ARG);
+    EXPECT_EQ(zfx2_pfcid_entry_ntoh(nullptr), ZFX_ERR_INVALID_ARG);
+    zfx2_pfcid_entry_byte_order_convert(nullptr, &odd, 1);
+    zfx2_pfcid_kvdb_vdom_key_populate(nullptr, nullptr, 1);
+    zfx2_pfcid_vfcid_key_val_2_pfcid_entry(nullptr, nullptr, &odd, 1);
+    EXPECT_EQ(bytes_of(&odd.id, 16), bytes_of(&before.id, 16));
+}
+
+TEST(Pfcid, ListReadsFromAnyKeyOnPassingOverAnExactStart) {
+    const std::vector<Record> records = sorted({
+        pfcid_domain_rec(1, 10, 2, 20, 0x20), pfcid_domain_rec(1, 11, 2, 21, 0x21),
+        pfcid_fcid_rec(1, 10, kWwn, {0, 0x20, 1, 0}, 7), pfcid_fcid_rec(2, 10, kWwn, {0, 0x20, 2, 0}),
+        {cat({{0x74, 2, 1, 0, 3, 0}, le32(10), kWwn}), {0, 0x20}},  // a short value: the bytes it holds
+    });
+    Prefix p;
+    put(p.config(), records);
+    Reader r(p.config());
+    // Every list the walk below makes, and the entries in them.
+    std::vector<Bytes> seen;
+    auto list = [&](const zfx2_pfcid_entry *start, int32_t count, uint32_t expected_size) {
+        zfx2_pfcid_list *l = nullptr;
+        uint32_t size = 0;
+        EXPECT_EQ(zfx2_pfcid_get_next(r.get(), start, count, &l, &size), 0);
+        EXPECT_EQ(size, expected_size);
+        seen.clear();
+        if (l == nullptr) return;
+        for (uint32_t i = 0; i < ntohl(l->count); ++i) seen.push_back(bytes_of(&l->entries[i], 28));
+        const Bytes whole = bytes_of(l, size);
+        EXPECT_EQ(num(whole, 4, 4), 0u);
+        EXPECT_EQ(Bytes(whole.begin() + 8 + 28 * long(seen.size()), whole.end()), zeros(size - 8 - 28 * seen.size()));
+        heapx_free(l);
+    };
+    std::vector<Bytes> all;
+    for (const Record &rec : records) all.push_back(entry_of(rec));
+
+    list(nullptr, 3, 92);
+    EXPECT_EQ(seen, std::vector<Bytes>(all.begin(), all.begin() + 3));
+    list(nullptr, -1, 8 + 5 * 28);
+    EXPECT_EQ(seen, all);
+    // Handing back the last entry held resumes after it, one entry at a time.
+    std::vector<Bytes> resumed;
+    zfx2_pfcid_entry at;
+    for (const zfx2_pfcid_entry *start = nullptr; resumed.size() <= all.size(); start = &at) {
+        list(start, 1, 36);
+        if (seen.empty()) break;
+        resumed.push_back(seen[0]);
+        std::memcpy(&at, seen[0].data(), 28);
+    }
+    EXPECT_EQ(resumed, all);
+    // A start that is not stored begins at the key after it.
+    std::memcpy(&at, all[0].data(), 28);
+    at.id.domain.native_vsan = htonl(21);  // between the first two keys
+    list(&at, -1, 8 + 4 * 28);
+    EXPECT_EQ(seen, std::vector<Bytes>(all.begin() + 1, all.end()));
+
+    const uint64_t allocs = zfx_num_mem_allocs;
+    at.kind = htonl(3);
+    alignas(4) uint8_t stale[8];
+    zfx2_pfcid_list *l = reinterpret_cast<zfx2_pfcid_list *>(stale);
+    uint32_t size = 5;
+    EXPECT_EQ(zfx2_pfcid_get_next(r.get(), &at, 1, &l, &size), ZFX_ERR_INVALID_VALUE);
+    EXPECT_EQ(zfx2_pfcid_get_next(r.get(), nullptr, -2, &l, &size), ZFX_ERR_INVALID_VALUE);
+    EXPECT_EQ(zfx2_pfcid_get_next(r.get(), nullptr, INT32_MAX, &l, &size), ZFX_ERR_INVALID_VALUE);
+    EXPECT_EQ(zfx2_pfcid_get_next(nullptr, nullptr, 1, &l, &size), ZFX_ERR_INVALID_ARG);
+    EXPECT_EQ(l, nullptr);
+    EXPECT_EQ(size, 0u);
+    EXPECT_EQ(zfx_num_mem_allocs, allocs);
+
+    // A key of another length ends the walk.
+    put(p.config(), {{cat({{0x74, 1, 0xFF}, zeros(16)}), zeros(8)}});
+    Reader again(p.config());
+    zfx2_pfcid_get_next(again.get(), nullptr, -1, &l, &size);
+    EXPECT_EQ(ntohl(l->count), 2u);
+    heapx_free(l);
+}
+
+TEST(Pfcid, TextPlacesEachFcidUnderItsDomains) {
+    const std::string db = "zfx fcdomain database autonomous-fabric-num ";
+    const Bytes other = {0x10, 0, 0, 0, 0, 0, 0xAB, 0xCD};
+    const struct {
+        const char *name;
+        std::vector<Record> records;
+        std::string expected;
+        int32_t commit;
+    } cases[] = {
+        {"empty table", {}, "", 0},
+        {"FCID records only", {pfcid_fcid_rec(1, 10, kWwn, {0, 0x20, 1, 0})}, "", 1},
+        {"a header for each change of AFID or VSAN",
+         {pfcid_domain_rec(1, 10, 2, 20, 0x20), pfcid_domain_rec(1, 10, 3, 20, 0x21), pfcid_domain_rec(1, 11, 2, 21, 0x22)},
+         db + "1 vsan 10\n  native-autonomous-fabric-num 2 native-vsan 20 domain 32\n"
+              "  native-autonomous-fabric-num 3 native-vsan 20 domain 33\n" +
+             db + "1 vsan 11\n  native-autonomous-fabric-num 2 native-vsan 21 domain 34\n",
+         1},
+        {"the FCID of its own AFID, VSAN and domain only",
+         {pfcid_domain_rec(1, 10, 2, 20, 0x20), pfcid_fcid_rec(1, 10, other, {0, 0x21, 0, 0}),
+          pfcid_fcid_rec(1, 11, other, {0, 0x20, 0, 0}), pfcid_fcid_rec(2, 10, other, {0, 0x20, 0, 0}),
+          pfcid_fcid_rec(1, 10, kWwn, {0xFF, 0x20, 0x01, 0x00})},
+         db + "1 vsan 10\n  native-autonomous-fabric-num 2 native-vsan 20 domain 32\n"
+              "    pwwn 20:00:00:11:22:33:44:5a fcid 0x200100\n",
+         1},
+        {"records of one placement each get its FCIDs",
+         {pfcid_domain_rec(1, 10, 2, 20, 0x20), pfcid_domain_rec(1, 10, 3, 30, 0x20), pfcid_fcid_rec(1, 10, kWwn, {0, 0x20, 0, 1})},
+         db + "1 vsan 10\n  native-autonomous-fabric-num 2 native-vsan 20 domain 32\n    pwwn 20:00:00:11:22:33:44:5a fcid 0x200001\n"
+              "  native-autonomous-fabric-num 3 native-vsan 30 domain 32\n    pwwn 20:00:00:11:22:33:44:5a fcid 0x200001\n",
+         1},
+        {"AFID 0 and VSAN 0 first: no header", {pfcid_domain_rec(0, 0, 5, 6, 7)},
+         "  native-autonomous-fabric-num 5 native-vsan 6 domain 7\n", 1},
+    };
+    for (const auto &c : cases) {
+        EXPECT_EQ(section(c.records), c.expected) << c.name;
+        EXPECT_EQ(commit_reqd, c.commit) << c.name;
+    }
+}
+
+TEST(Pfcid, TextIsThatOfTheWalkOverTheWholeList) {
+    std::mt19937 rng(7);
+    auto pick = [&](uint32_t n) { return uint32_t(rng() % n); };
+    std::map<Bytes, Bytes> table;
+    for (int i = 0; i < 60; ++i)
+        table.insert(pfcid_domain_rec(pick(3), pick(4), pick(3), pick(50), uint8_t(0x20 + pick(4)), 0, uint16_t(1 + pick(2))));
+    for (int i = 0; i < 400; ++i) {
+        Bytes wwn(8);
+        for (uint8_t &b : wwn) b = uint8_t(pick(256));
+        table.insert(pfcid_fcid_rec(pick(3), pick(4), wwn, {0, uint8_t(0x20 + pick(4)), uint8_t(pick(256)), uint8_t(pick(256))}));
+    }
+    const std::vector<Record> records(table.begin(), table.end());
+    const std::string expected = walk_text(records);
+    size_t placed = 0;
+    for (size_t at = 0; (at = expected.find("pwwn", at)) != std::string::npos; ++at) ++placed;
+    ASSERT_GT(placed, 250u);  // most FCIDs are placed, some more than once
+    EXPECT_EQ(section(records), expected);
+
+    // Without memory for the index that places the FCIDs, the same text comes from scanning the
+    // list under every domain record.
+    Prefix p;
+    put(p.config(), records);
+    Reader r(p.config());
+    uint32_t handle;
+    ASSERT_EQ(ptxt_hdl_init(&handle), 0);
+    ptxt_elem_add(handle, ZFX_PTXT_GROUP, ZFX_ELEM_PFCID, ZFX_PTXT_ELEM_KIND);
+    int32_t commit = 0;
+    zfx_testing_fail_allocation(2);  // the list, then the index
+    EXPECT_EQ(zfx2_pfcid_generate_ascii_config(handle, r.get(), &commit), 0);
+    EXPECT_EQ(zfx_testing_allocation_count(), 2u);
+    zfx_testing_fail_allocation(0);
+    char *text = nullptr;
+    ASSERT_EQ(ptxt_render(handle, &text, nullptr), 0);
+    EXPECT_EQ(std::string(text), expected);
+    EXPECT_EQ(commit, 1);
+    std::free(text);
+    ptxt_hdl_release(handle);
+}
+
+TEST(Pfcid, AFailedListIsReportedAndWritesNothing) {
+    const std::vector<Record> records = {distribute_rec(1), pfcid_domain_rec(1, 10, 2, 20, 0x20)};
+    const std::string report = R"(Memory allocation failed in zfx2_pfcid_get_next:[0-9]+ \(\.\./feature/zfx/lib/zfx2_pfcid_lib\))";
+    for (bool debug : {false, true}) {
+        tlg_hist_clear();
+        tlg_debug_enable(102, debug);
+        heapx_stats_reset();
+        Capture err(2);
+        heapx_fail_allocation(2);  // the virtual-domain list comes first
+        EXPECT_EQ(section(records), "zfx distribute\n");  // and no commit line
+        heapx_fail_allocation(0);
+        EXPECT_THAT(err.text(), debug ? testing::MatchesRegex("zfx: " + report + "\n") : testing::MatchesRegex(""));
+        EXPECT_THAT(alloc_failures(), testing::ElementsAre(testing::MatchesRegex(report)));
+        EXPECT_EQ(heapx_stats(180).failures, 1u);
+        EXPECT_EQ(heapx_stats(180).bytes_in_use, 0u);
+    }
+    tlg_debug_enable(102, 0);
+    tlg_hist_clear();
+
+    Prefix p;
+    put(p.config(), records);
+    Reader r(p.config());
+    zfx2_pfcid_list *l;
+    uint32_t size;
+    zfx_testing_fail_allocation(1);
+    EXPECT_EQ(zfx2_pfcid_get_next(r.get(), nullptr, -1, &l, &size), 0);
+    zfx_testing_fail_allocation(0);
+    EXPECT_EQ(l, nullptr);
+    EXPECT_EQ(size, 0u);
+    tlg_hist_clear();
+}
+
+}  // namespace
