@@ -132,10 +132,14 @@ Fabric synth_fabric(const SynthParams &p) {
     check_range("afids", p.afids, 65535);
     Random rnd(p.seed);
     Fabric f;
-    f.nat = true;
-    f.distribute = true;
-    f.flags = ZFX_GFLAG_SHARE_HW_ENTRIES;
-    f.vdom_list = rnd.vsans();
+    f.nat = rnd.below(2) == 0;
+    f.distribute = rnd.below(4) != 0;
+    f.aam = rnd.below(2) == 0;
+    static const uint32_t kFlags[] = {ZFX_GFLAG_FCDOMAIN_CHECK_IGNORE, ZFX_GFLAG_VDOM_FORCE, ZFX_GFLAG_SHARE_HW_ENTRIES};
+    for (uint32_t flag : kFlags)
+        if (rnd.below(2) == 0) f.flags |= flag;
+    if (rnd.below(4) != 0) f.vdom_list = rnd.vsans();
+    for (uint32_t i = 0; i < p.afids / 8; ++i) f.vdoms[uint16_t(1 + rnd.below(64))] = rnd.vsans();
 
     static const uint8_t kTypes[] = {ZFX_MEMBER_PWWN, ZFX_MEMBER_DEVICE_ALIAS, ZFX_MEMBER_PWWN_LUN, ZFX_MEMBER_DEVICE_ALIAS_LUN};
     f.zones.reserve(p.zones);
@@ -172,14 +176,20 @@ Fabric synth_fabric(const SynthParams &p) {
         f.topology.push_back({uint16_t(1 + rnd.below(64)), rnd.wwn(), uint8_t(1 + rnd.below(3)), rnd.vsans()});
     for (uint32_t i = 0; i < p.afids; ++i)
         f.afids.push_back({i % 4 == 0, rnd.wwn(), uint16_t(1 + i), rnd.vsans()});
+    // Most groups are active and configured alike; some were added, removed or changed since
+    // the activation, as a fabric under change has them.
     for (uint32_t g = 1; g <= p.groups; ++g) {
         ServiceGroup group{g, "group-" + std::to_string(g), {}};
         for (uint16_t afid = 1; afid <= 4; ++afid) group.members.push_back({afid, rnd.vsans()});
-        f.groups_active.push_back(group);
-        if (rnd.below(4) == 0) group.members.back().vsans = rnd.vsans();  // changed since activation
+        const uint32_t change = rnd.below(8);
+        if (change != 0) f.groups_active.push_back(group);
+        if (change == 1) continue;  // removed from the configuration
+        if (change == 2) group.members.back().vsans = rnd.vsans();
+        if (change == 3) group.members.erase(group.members.begin() + long(rnd.below(4)));
+        if (change == 4) group.members.push_back({uint16_t(5 + rnd.below(20)), rnd.vsans()});
         f.groups_configured.push_back(group);
     }
-    f.group_policy_deny = true;
+    f.group_policy_deny = rnd.below(2) == 0;
     for (uint32_t i = 0; i < p.pfcids; ++i) {
         const uint32_t domain = i / 8;
         if (i % 8 == 0)
@@ -187,7 +197,7 @@ Fabric synth_fabric(const SynthParams &p) {
         const PfcidDomain &d = f.pfcid_domains.back();
         f.pfcid_fcids.push_back({d.afid, d.vsan, rnd.wwn(), {d.domain, uint8_t(i / 256), uint8_t(i)}});
     }
-    f.debug_level = 2;
+    f.debug_level = rnd.below(ZFX_DEBUG_LEVEL_MAX + 1);
     return f;
 }
 

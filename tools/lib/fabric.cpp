@@ -321,7 +321,10 @@ std::string write_fabric(const Fabric &fabric, const std::string &dir, const std
             if (!existing_keys(loc).empty()) return loc + ": the store is not empty (use --replace to overwrite it)";
     }
     std::string error = write_store(config_location(dir), config, replace);
-    if (error.empty() && !debug.empty()) error = write_store(debug_location(debug_dir), debug, replace);
+    // A fabric without a logging level writes no debug store, but empties one it replaces.
+    const std::string debug_store = debug_location(debug_dir);
+    if (error.empty() && (!debug.empty() || (replace && !existing_keys(debug_store).empty())))
+        error = write_store(debug_store, debug, replace);
     return error;
 }
 
