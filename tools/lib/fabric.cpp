@@ -221,25 +221,24 @@ std::vector<Record> config_records(const Fabric &f, size_t chunk_size) {
     const uint32_t policy = f.group_policy_deny ? 1 : 0;
     out.push_back({{ZFX2_SG_ACTIVE_TABLE, ZFX2_SG_KIND_POLICY}, bytes_of(policy)});
 
-    for (const PfcidDomain &d : f.pfcid_domains) {
+    const auto pfcid_key = [](uint8_t kind, uint16_t afid, uint32_t vsan) {
         zfx2_pfcid_key key{};
         key.table = ZFX2_PFCID_TABLE;
-        key.kind = ZFX2_PFCID_KIND_DOMAIN;
+        key.kind = kind;
         key.tag = ZFX2_PFCID_TAG_FIRST;
-        key.afid = d.afid;
-        key.vsan = d.vsan;
+        key.afid = afid;
+        key.vsan = vsan;
+        return key;
+    };
+    for (const PfcidDomain &d : f.pfcid_domains) {
+        zfx2_pfcid_key key = pfcid_key(ZFX2_PFCID_KIND_DOMAIN, d.afid, d.vsan);
         key.id.domain.native_afid = d.native_afid;
         key.id.domain.native_vsan = d.native_vsan;
         const zfx2_pfcid_value value{{0, d.domain, 0, 0}, 0};
         out.push_back({bytes_of(key), bytes_of(value)});
     }
     for (const PfcidFcid &p : f.pfcid_fcids) {
-        zfx2_pfcid_key key{};
-        key.table = ZFX2_PFCID_TABLE;
-        key.kind = ZFX2_PFCID_KIND_FCID;
-        key.tag = ZFX2_PFCID_TAG_FIRST;
-        key.afid = p.afid;
-        key.vsan = p.vsan;
+        zfx2_pfcid_key key = pfcid_key(ZFX2_PFCID_KIND_FCID, p.afid, p.vsan);
         std::memcpy(key.id.pwwn, p.pwwn.data(), 8);
         const zfx2_pfcid_value value{{0, p.fcid[0], p.fcid[1], p.fcid[2]}, 0};
         out.push_back({bytes_of(key), bytes_of(value)});
