@@ -1,0 +1,40 @@
+# Installs the build into a scratch prefix, then builds a C program against it twice: through
+# pkg-config (and runs it) and through the CMake package. Catches broken install rules.
+# Arguments: BUILD, SOURCE, WORK, CC, CFLAGS (as a list), EMULATOR, TOOLCHAIN (may be empty).
+file(REMOVE_RECURSE ${WORK})
+set(prefix ${WORK}/prefix)
+
+function(check)
+  execute_process(COMMAND ${ARGN} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "${ARGN}: exit ${rc}\n${out}\n${err}")
+  endif()
+  set(out "${out}" PARENT_SCOPE)
+endfunction()
+
+check(${CMAKE_COMMAND} --install ${BUILD} --prefix ${prefix})
+file(GLOB pc ${prefix}/lib*/pkgconfig/libzfx.pc)
+if(NOT pc)
+  message(FATAL_ERROR "no libzfx.pc installed")
+endif()
+get_filename_component(pcdir ${pc} DIRECTORY)
+set(ENV{PKG_CONFIG_PATH} ${pcdir})
+check(pkg-config --cflags libzfx)
+separate_arguments(cflags UNIX_COMMAND "${out}")
+check(pkg-config --libs libzfx)
+separate_arguments(libs UNIX_COMMAND "${out}")
+get_filename_component(libdir ${pcdir} DIRECTORY)
+check(${CC} ${CFLAGS} ${cflags} ${SOURCE}/tests/install/consumer.c -o ${WORK}/consumer ${libs} -Wl,-rpath,${libdir})
+check(${EMULATOR} ${WORK}/consumer)
+if(NOT out STREQUAL "1-5,9 1\n")
+  message(FATAL_ERROR "the installed library answered '${out}'")
+endif()
+
+set(toolchain)
+if(TOOLCHAIN)
+  set(toolchain -DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN})
+endif()
+string(REPLACE ";" " " flags "${CFLAGS}")
+check(${CMAKE_COMMAND} -S ${SOURCE}/tests/install -B ${WORK}/consumer-build -DCMAKE_PREFIX_PATH=${prefix}
+      -DCMAKE_C_COMPILER=${CC} "-DCMAKE_C_FLAGS=${flags}" ${toolchain})
+check(${CMAKE_COMMAND} --build ${WORK}/consumer-build)

@@ -1,0 +1,168 @@
+// The tools' library: the writer, the loader and the dump, checked through the library's own
+// generation. The loader is the generators' oracle: text -> store -> text must be the identity.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+#include "dump.hpp"
+#include "fabric.hpp"
+#include "load.hpp"
+#include "platform/kvdb.h"
+#include "platform/ptxt.h"
+#include "store.hpp"
+#include "zfx_ascii_cfg.h"
+#include "zfx_zone_db.h"
+
+namespace {
+
+using namespace zfxtool;
+using zfxtest::Prefix;
+
+int32_t append(void *sink, void *, const char *text, uint32_t len) {
+    static_cast<std::string *>(sink)->append(text, len);
+    return 0;
+}
+
+// The configuration text of the stores under prefix, as zfx-gen prints it.
+std::string text_at(const Prefix &p) {
+    std::string text;
+    ptxt_request request{p.path().c_str(), p.path().c_str(), append, &text};
+    EXPECT_EQ(zfx_ptxt_gen_func(nullptr, &request), 0);
+    return text;
+}
+
+std::string text_of(const Fabric &f) {
+    Prefix p;
+    EXPECT_EQ(write_fabric(f, p.path(), p.path(), false), "");
+    return text_at(p);
+}
+
+std::string golden(const char *name) {
+    const char *root = std::getenv("ZFX_SOURCE_DIR");
+    std::ifstream in(std::string(root != nullptr ? root : ".") + "/tests/golden/" + name);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+Fabric loaded(const std::string &text) {
+    Fabric f;
+    std::string error;
+    EXPECT_TRUE(load_text(text, "text", f, error)) << error;
+    return f;
+}
+
+TEST(Tools, DemoWritesItsGoldenTextAndLoadsBackToIt) {
+    const std::string text = golden("demo.txt");
+    ASSERT_FALSE(text.empty());
+    EXPECT_EQ(text_of(demo_fabric()), text);
+    EXPECT_EQ(text_of(loaded(text)), text);
+}
+
+// Seeded stores of every record kind: generate -> load -> generate is a fixed point. Sizes
+// vary with the seed; one fabric has more than 255 service groups, whose ids must still list in
+// the text's order.
+TEST(Tools, GenerateLoadGenerateIsAFixedPoint) {
+    for (uint64_t seed = 1; seed <= 24; ++seed) {
+        SynthParams p;
+        p.seed = seed;
+        p.zones = uint32_t(seed * 7 % 40);
+        p.members = uint32_t(seed % 6);
+        p.zonesets = uint32_t(seed % 5);
+        p.zones_per_set = 6;
+        p.topology = uint32_t(seed % 9);
+        p.afids = uint32_t(seed * 3 % 17);
+        p.groups = seed == 24 ? 300 : uint32_t(seed % 11);
+        p.pfcids = uint32_t(seed * 5 % 30);
+        const std::string first = text_of(synth_fabric(p));
+        EXPECT_EQ(text_of(loaded(first)), first) << "seed " << seed;
+    }
+}
+
+// Every class of bad input names its line and what is wrong.
+TEST(Tools, BadInputIsRefusedWithItsLineAndReason) {
+    const std::string w = "20:00:00:11:22:33:44:55";
+    const struct {
+        std::string text, error;
+    } cases[] = {
+        {"zfx frobnicate\n", "text:1: not a line of the zfx configuration"},
+        {"zfx zone name z\n  member pwwn " + w + " vsan 4096\n", "text:2: VSAN 4096 is out of range"},
+        {"zfx nat\n  member pwwn " + w + " vsan 1\n", "text:2: a member line outside a zone"},
+        {"zfx zone name z\n  member pwwn 20:00:00:11:22:33:44 vsan 1\n", "text:2: malformed WWN"},
+        {"zfx zone name z\n  member pwwn 20:00:00:11:22:33:44:5g vsan 1\n", "text:2: malformed WWN"},
+        {"zfx zone name z\n  attribute qos priority urgent\n", "text:2: unknown QoS priority 'urgent'"},
+        {"zfx zone name z\n  member device-alias a lun 0x12 vsan 1\n", "text:2: malformed LUN"},
+        {"zfx zone name z\n  member device-alias a vsan\n", "text:2: a member line must end in"},
+        {"zfx zone name z\n   member device-alias a vsan 1\n", "text:2: indentation"},
+        {"zfx zone name a\nzfx zone name a\n", "text:2: zone a is defined twice"},
+        {"zfx zone name " + std::string(68, 'x') + "\n", "text:1: zone name '" + std::string(68, 'x') + "' is longer than 67"},
+        {"zfx zoneset name s\n  member nowhere\n", "text:2: zoneset member nowhere is no zone"},
+        {"zfx virtual-fcdomain-add vsan-ranges 5-3\n", "text:1: VSAN range '5-3' runs backwards"},
+        {"zfx virtual-fcdomain-add vsan-ranges 1,,2\n", "text:1: malformed VSAN"},
+        {"zfx virtual-fcdomain-add2 autonomous-fabric-ID 65536  vsan-ranges 1\n", "text:1: autonomous fabric ID 65536 is out of range"},
+        {"logging level zfx 9\n", "text:1: logging level 9 is out of range"},
+        {"zfx vsan-topology activate\n  no autonomous-fabric-id 1 switch-wwn " + w + " vsan-ranges 1\n", "text:2: a removal of a topology entry"},
+        {"no zfx service-group name g\n", "text:1: a removed service group, but no service groups are activated"},
+        {"zfx fcdomain database autonomous-fabric-num 1 vsan 1\n  native-autonomous-fabric-num 1 native-vsan 1 domain 2\n"
+         "    pwwn " + w + " fcid 0x030000\n", "text:3: the FCID's domain differs"},
+        {"    pwwn " + w + " fcid 0x030000\n", "text:1: a line at this indentation belongs to no block"},
+    };
+    for (const auto &c : cases) {
+        Fabric f;
+        std::string error;
+        EXPECT_FALSE(load_text(c.text, "text", f, error)) << c.text;
+        EXPECT_EQ(error.rfind(c.error, 0), 0u) << error << "\nfor\n" << c.text;
+    }
+}
+
+TEST(Tools, AStoreThatHoldsRecordsIsReplacedOnlyWhenAskedTo) {
+    Prefix p;
+    ASSERT_EQ(write_fabric(demo_fabric(), p.path(), p.path(), false), "");
+    const std::string demo = text_at(p);
+    Fabric small;
+    small.nat = true;
+    EXPECT_NE(write_fabric(small, p.path(), p.path(), false).find("not empty"), std::string::npos);
+    EXPECT_EQ(text_at(p), demo);
+    // Replacing leaves nothing of the old stores behind, the debug store's level included.
+    ASSERT_EQ(write_fabric(small, p.path(), p.path(), true), "");
+    EXPECT_EQ(text_at(p), "feature zfx\nzfx nat\n");
+}
+
+TEST(Tools, SynthIsTheSameForTheSameSeed) {
+    SynthParams p;
+    p.zones = 50;
+    EXPECT_EQ(config_records(synth_fabric(p)), config_records(synth_fabric(p)));
+    SynthParams q = p;
+    q.seed = 2;
+    EXPECT_NE(config_records(synth_fabric(p)), config_records(synth_fabric(q)));
+    p.zones = ZFX_ZONE_ID_MAX + 1;
+    EXPECT_THROW(synth_fabric(p), std::invalid_argument);
+}
+
+// The dump reads whatever a store holds: arbitrary keys and values under every table byte the
+// feature uses, with lengths around each layout's, never make it read outside a value.
+TEST(Tools, DumpReadsArbitraryRecordsSafely) {
+    Prefix p;
+    std::vector<zfxtest::Record> records;
+    uint64_t state = 7;
+    const auto next = [&state] { return uint32_t((state = state * 6364136223846793005ull + 1442695040888963407ull) >> 33); };
+    for (uint8_t table = 0x65; table <= 0x7A; ++table)
+        for (int i = 0; i < 40; ++i) {
+            zfxtest::Bytes key(1 + next() % 20), value(next() % 3 == 0 ? next() % 1600 : next() % 80);
+            for (auto &b : key) b = uint8_t(next());
+            for (auto &b : value) b = uint8_t(next() % 4 == 0 ? next() : 0);
+            key[0] = table;
+            if (i % 2 == 0 && key.size() > 1) key[1] = uint8_t(i % 4);
+            records.push_back({key, value});
+        }
+    zfxtest::put(p.config(), records);
+    FILE *sink = std::fopen("/dev/null", "w");
+    std::string error;
+    for (bool raw : {false, true}) EXPECT_GT(dump_store(p.config(), raw, sink, error), 0);
+    EXPECT_EQ(dump_store(p.path() + "/nothing", false, sink, error), -1);
+    std::fclose(sink);
+}
+
+}  // namespace
