@@ -333,7 +333,8 @@ ZFX_API uint32_t zfx_dlg_config_zone_activation(plat_endpoint *ep, uint32_t opco
  * the flags in host order. *reply is the reply that came (service byte order; beside a nonzero
  * result too), which the caller frees, or NULL when none came. On 0 a reply that does not hold
  * the kind's fixed part and a well-formed TLV array is released and gives ZFX_ERR_INVALID_ARG
- * with *reply NULL. reply may be NULL (no reply wanted). With debug_cli set they print their
+ * with *reply NULL. ZFX_ERR_NO_MEMORY, nothing sent and *reply NULL, when the query cannot be
+ * allocated. reply may be NULL (no reply wanted). With debug_cli set they print their
  * requests and the length after the call; the member query prints
  * "Internal error due to fail in adding zone name to tlvs" whenever its name cannot be added.
  */
@@ -350,8 +351,9 @@ ZFX_API uint32_t zfx_dlg_get_zone_member(plat_endpoint *ep, uint32_t opcode, con
 /*
  * Data queries: ask for the one object whose id(s) the caller set in info, then fill info from
  * the reply (see the structures). 0 on success. ZFX_ERR_INVALID_ARG when info is NULL, when no
- * reply came, or when the reply is malformed; a nonzero channel result is returned unchanged.
- * On any failure info is left untouched.
+ * reply came, or when the reply is malformed; ZFX_ERR_NO_MEMORY, nothing sent, when the query
+ * cannot be allocated; a nonzero channel result is returned unchanged. On any failure info is
+ * left untouched.
  */
 ZFX_API uint32_t zfx_dlg_get_zoneset_data(plat_endpoint *ep, uint32_t opcode,
                                           zfx_zoneset_info *info, uint16_t flags);
@@ -366,7 +368,8 @@ ZFX_API uint32_t zfx_dlg_get_zone_member_data(plat_endpoint *ep, uint32_t opcode
  * count 1024 and no zones when the element is empty) into zones (1028 bytes).
  * 0 also when no reply came (outputs untouched). ZFX_ERR_INVALID_ARG when name or zones is NULL,
  * the reply is malformed, its entry count is not 1, or it has fewer than two elements (the name
- * may then have been written).
+ * may then have been written). ZFX_ERR_NO_MEMORY, nothing sent and the outputs untouched, when
+ * the query cannot be allocated; a nonzero channel result is returned unchanged.
  */
 ZFX_API uint32_t zfx_get_active_zoneset(plat_endpoint *ep, char *name, uint8_t *zones);
 

@@ -173,18 +173,20 @@ int32_t walk_device_reply(TlvWalk walk, int32_t count, Sink &sink) {
     return 0;
 }
 
-// The first pass: checks only.
+// The first pass checks only; the last one, once the entries are filled and nothing can fail any
+// more, reports the entries of another type, so that a decode that fails prints nothing.
 struct CheckSink {
+    bool report = false;
     int32_t entry(int32_t, const WireEntry &) { return 0; }
     void pair(int32_t, uint32_t, const Tlv &) {}
-    void unknown(const WireEntry &) {}
+    void unknown(const WireEntry &w) {
+        if (report) std::printf("ignoring unknown tlv type: %d\n", int(w.head.type));
+    }
 };
 
-// The filling pass: an entry of another type is reported and left zero.
+// The filling pass: an entry of another type is left zero.
 struct FillSink {
-    void unknown(const WireEntry &w) {
-        std::printf("ignoring unknown tlv type: %d\n", int(w.head.type));
-    }
+    void unknown(const WireEntry &) {}
     void undo(int32_t) {}
 };
 
@@ -217,7 +219,7 @@ struct NsSink : FillSink {
 };
 
 // Checks the whole reply first, so that nothing is allocated or printed for a malformed one, then
-// fills count zeroed entries.
+// fills count zeroed entries, then reports the entries it left zero.
 template <typename Entry, typename Sink>
 int32_t decode_device_reply(const void *payload, uint32_t length, Entry **entries, int32_t *count) {
     if (count == nullptr) return ZFX_ERR_INVALID_ARG;
@@ -242,6 +244,8 @@ int32_t decode_device_reply(const void *payload, uint32_t length, Entry **entrie
         std::free(out);
         return r;
     }
+    CheckSink report{true};
+    walk_device_reply(walk, n, report);
     *entries = out;
     *count = n;
     return 0;

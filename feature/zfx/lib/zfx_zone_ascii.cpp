@@ -11,7 +11,6 @@
 #include "zfx_bitmap.hpp"
 #include "zfx_gen_text.hpp"
 #include "zfx_kvdb_walk.hpp"
-#include "zfx_request.hpp"
 #include "zfx_tlv_walk.hpp"
 #include "zfx_zone_db.hpp"
 
@@ -159,13 +158,16 @@ int32_t zoneset_text(Section &s, uint32_t id) {
     });
 }
 
+// The line names the active zoneset, which its data holds in its head: only the head is read, so
+// that the line never waits on (or fails for want of) memory for the whole data.
 int32_t activation_text(Section &s) {
-    uint32_t len;
-    Block data(restore_active(s.store, len), 0);
-    if (!data) return 0;
-    if (len < sizeof(zfx_active_zoneset_data)) return ZFX_ERR_KVDB;
+    const uint32_t total = active_total(s.store);
+    if (total == 0) return 0;
+    if (total < sizeof(zfx_active_zoneset_data)) return ZFX_ERR_KVDB;
+    zfx_active_zoneset_data head{};
+    read_active(s.store, &head, sizeof head);
     char name[ZFX_NAME_SIZE];
-    copy_str_to_buf(sizeof name, name, reinterpret_cast<const char *>(data.bytes() + offsetof(zfx_active_zoneset_data, name)));
+    copy_str_to_buf(sizeof name, name, head.name);
     uint32_t options = 0;
     const bool force = zfx_zone_kvdb_restore_options_from_kvdb(s.store, &options) == 0 &&
                        (load_be32(&options) & ZFX_ZONE_OPTIONS_FORCE) != 0;

@@ -1,5 +1,6 @@
 // zfx_zone_db.hpp - what the zone database's encoders and restorers share with the zone text:
-// the elements each member type carries, the bounded member decode and the chunked restore.
+// the elements each member type carries, the bounded member decode, and the active zoneset data
+// read from its chunks.
 #pragma once
 
 #include "zfx_internal.hpp"
@@ -22,7 +23,14 @@ bool member_shape(uint32_t type, MemberShape &shape);
 // within it.
 bool decode_member(const void *record, size_t len, zfx_zone_member_node &m);
 
-// The active zoneset data (see zfx_zone_restore_active_pzs_from_kvdb), its total length in len.
-uint8_t *restore_active(kvdb_store *store, uint32_t &len);
+// The active zoneset data's total length as its chunk 0 gives it; 0 when there is no data: chunk 0
+// is missing or shorter than 4 bytes, or gives 0 or more than the data can ever take.
+uint32_t active_total(kvdb_store *store);
+
+// Joins the first size bytes of the active zoneset data into data (which the caller zero-fills),
+// from chunk 1 on, in order, until size bytes are there or a chunk is missing; a surplus is not
+// copied. Readers that need only the data's head take it without holding the whole data.
+// Returns the bytes filled.
+uint32_t read_active(kvdb_store *store, void *data, uint32_t size);
 
 }  // namespace zfx

@@ -242,28 +242,30 @@ bool decode_member(const void *record, size_t len, zfx_zone_member_node &m) {
     return true;
 }
 
-uint8_t *restore_active(kvdb_store *store, uint32_t &len) {
-    len = 0;
+uint32_t active_total(kvdb_store *store) {
     uint8_t key[ZFX_ZONE_DB_KEY_SIZE];
     zfx_zone_db_key(key, ZFX_KVDB_ACTIVE_ZONESET_KEY, 0, 0);
     int32_t status;
     const kvdb_datum *head = fetch(store, key, sizeof key, status);
-    if (!holds(head, 4)) return nullptr;
+    if (!holds(head, 4)) return 0;
     const uint32_t total = load_be32(head->data);
     static const uint32_t max = active_data_max();
-    if (total == 0 || total > max) return nullptr;
-    auto *data = static_cast<uint8_t *>(mem_zalloc(total));
-    if (data == nullptr) return nullptr;
+    return total <= max ? total : 0;
+}
+
+uint32_t read_active(kvdb_store *store, void *data, uint32_t size) {
+    auto *out = static_cast<uint8_t *>(data);
+    uint8_t key[ZFX_ZONE_DB_KEY_SIZE];
     // The chunks' own lengths decide; the first missing number ends the data.
     uint32_t filled = 0;
-    for (uint32_t n = 1; n <= UINT16_MAX && filled < total; ++n) {
+    for (uint32_t n = 1; n <= UINT16_MAX && filled < size; ++n) {
         zfx_zone_db_key(key, ZFX_KVDB_ACTIVE_ZONESET_KEY, 0, uint16_t(n));
+        int32_t status;
         const kvdb_datum *chunk = fetch(store, key, sizeof key, status);
         if (chunk == nullptr) break;
-        filled += copy_mem_to_buf(total - filled, data + filled, chunk->data, chunk->len);
+        filled += copy_mem_to_buf(size - filled, out + filled, chunk->data, chunk->len);
     }
-    len = total;
-    return data;
+    return filled;
 }
 
 }  // namespace zfx
@@ -446,8 +448,11 @@ int32_t zfx_zone_kvdb_restore_options_from_kvdb(kvdb_store *store, uint32_t *opt
 }
 
 void *zfx_zone_restore_active_pzs_from_kvdb(kvdb_store *store) {
-    uint32_t len;
-    return restore_active(store, len);
+    const uint32_t total = active_total(store);
+    if (total == 0) return nullptr;
+    void *data = mem_zalloc(total);
+    if (data != nullptr) read_active(store, data, total);
+    return data;
 }
 
 }  // extern "C"

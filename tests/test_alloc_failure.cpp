@@ -1,0 +1,666 @@
+// Allocation failure, swept: every exported function that allocates is run with its 1st, 2nd, ...
+// allocation failing until a run makes no more allocations than the one that fails. Each run must
+// give the function's documented failure value, hand out nothing (no list, no record, no
+// half-written section of the configuration text, no out-parameter left pointing at a released
+// block) and leak nothing: the tracked allocator's blocks are counted here after every run, the
+// standard allocator's by LeakSanitizer at exit.
+#include <arpa/inet.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "capture.hpp"
+#include "fake_service.hpp"
+#include "history.hpp"
+#include "platform/heapx.h"
+#include "platform/ptxt.h"
+#include "platform/tlg.h"
+#include "platform/wwnsvc.h"
+#include "store.hpp"
+#include "zfx_ascii_cfg.h"
+#include "zfx_fabric.h"
+#include "zfx_service.h"
+#include "zfx_testing.h"
+#include "zfx_zone_db.h"
+#include "zfx_zone_msg.h"
+
+namespace {
+
+using namespace zfxtest;
+
+// ---- the sweep ----------------------------------------------------------------------------------
+
+constexpr uint32_t kOwner = 180;  // the feature's owner number with the tracked allocator
+
+uint32_t g_nth;  // the allocation that fails in the run under way
+
+// True when the run under way reached the allocation that fails. A row asks it right after the
+// call it sweeps, before anything else of the library runs.
+bool failed() { return zfx_testing_allocation_count() >= g_nth; }
+
+// One exported function: run() sets up, calls it once, and returns whether the outcome is the
+// documented one: its failure value when failed(), its whole result otherwise (which it releases).
+// allocates: a run without failure makes at least one allocation.
+struct Row {
+    std::string name;
+    std::function<bool()> run;
+    bool allocates = true;
+};
+
+// Some non-NULL address that the library never hands out: an out-parameter still holding it was
+// not written.
+template <typename T>
+T *untouched() {
+    static uint64_t word;
+    return reinterpret_cast<T *>(&word);
+}
+
+const Bytes kWwn = {0x20, 0x00, 0x00, 0x11, 0x22, 0x33, 0x44, 0x55};
+
+// ---- requests ---------------------------------------------------------------------------------
+
+// A request built from arguments: with its message unallocated, ZFX_ERR_NO_MEMORY and nothing sent.
+Row request(const char *name, std::function<uint32_t(plat_endpoint *)> call) {
+    return {name, [call] {
+                FakeService svc;
+                const uint32_t r = call(svc.ep());
+                return failed() ? r == uint32_t(ZFX_ERR_NO_MEMORY) && svc.sent().empty()
+                                : r == 0 && svc.sent().size() == 1;
+            }};
+}
+
+// A message query answered with reply: on failure *reply is NULL and nothing was sent.
+template <typename Msg>
+Row message_query(const char *name, Bytes reply, uint32_t (*call)(plat_endpoint *, Msg **)) {
+    return {name, [reply, call] {
+                FakeService svc;
+                svc.answer(Answer::reply_with(reply));
+                Msg *out = untouched<Msg>();
+                const uint32_t r = call(svc.ep(), &out);
+                if (failed()) return r == uint32_t(ZFX_ERR_NO_MEMORY) && out == nullptr && svc.sent().empty();
+                const bool whole = r == 0 && out != nullptr && bytes_of(out, uint32_t(reply.size())) == reply;
+                std::free(out);
+                return whole;
+            }};
+}
+
+// A data query answered with reply: on failure the caller's structure is untouched.
+template <typename Info>
+Row data_query(const char *name, Bytes reply, uint32_t (*call)(plat_endpoint *, Info *)) {
+    return {name, [reply, call] {
+                FakeService svc;
+                svc.answer(Answer::reply_with(reply));
+                Info info;
+                std::memset(&info, 0xAB, sizeof info);
+                const Bytes before = bytes_of(&info, sizeof info);
+                const uint32_t r = call(svc.ep(), &info);
+                if (failed()) return r == uint32_t(ZFX_ERR_NO_MEMORY) && bytes_of(&info, sizeof info) == before;
+                return r == 0 && bytes_of(&info, sizeof info) != before;
+            }};
+}
+
+template <typename Msg>
+Row malloc_one(const char *name, Msg *(*call)()) {
+    return {name, [call] {
+                Msg *m = call();
+                if (failed()) return m == nullptr;
+                const bool whole = m != nullptr && m->hdr.count == 1;
+                std::free(m);
+                return whole;
+            }};
+}
+
+// A waited enabled query whose request fails with answer: the caller gets the all-zero substitute
+// reply and expected, or, without memory for it, 1 and no reply.
+Row enabled(const char *name, int32_t (*call)(plat_endpoint *, zfx_status_reply **), Answer answer, int32_t expected) {
+    return {name, [call, answer, expected] {
+                FakeService svc;
+                svc.answer(answer);
+                zfx_status_reply *reply = untouched<zfx_status_reply>();
+                const int32_t r = call(svc.ep(), &reply);
+                if (failed()) return r == 1 && reply == nullptr;
+                const size_t n = ZFX_STATUS_REPLY_SUBSTITUTE_SIZE;
+                const bool whole = r == expected && reply != nullptr && bytes_of(reply, n) == zeros(n);
+                std::free(reply);
+                return whole;
+            }};
+}
+
+// A zone, zone member and zoneset message as the service answers a query.
+const Bytes kZoneReply = cat({be32(1), zeros(4), be32(7), tlv_array({tlv(6, str0("z1")), tlv(45, le32(2))})});
+const Bytes kMemberReply = cat({be32(1), zeros(4), be32(7), be32(3), tlv_array({tlv(27, be32(0)), tlv(10, kWwn)})});
+const Bytes kZonesetReply =
+    cat({be32(1), zeros(20), be32(5), tlv_array({tlv(1, str0("zs1")), tlv(61, cat({le32(1024), zeros(1024)}))})});
+
+std::vector<Row> request_rows() {
+    std::vector<Row> rows = {
+        // Only a failed request makes the substitute reply.
+        enabled("zfx_is_zfx_enabled", zfx_is_zfx_enabled, Answer::failure(EIO), ZFX_ERR_ERRNO(EIO)),
+        enabled("zfx_is_zfx_enabled_ext", zfx_is_zfx_enabled_ext, Answer::reply_with({1, 2, 3}), ZFX_ERR_INVALID_ARG),
+        {"zfx_get_vsan_wwn_from_switch_wwn",
+         [] {
+             const uint8_t vsan_wwn[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+             wwnsvc_table_clear();
+             wwnsvc_table_set(kWwn.data(), 7, vsan_wwn);
+             uint8_t wwn[8];
+             std::memset(wwn, 0xEE, sizeof wwn);
+             const int32_t r = zfx_get_vsan_wwn_from_switch_wwn(kWwn.data(), 1, 7, wwn);
+             const bool fail = failed();
+             wwnsvc_table_clear();
+             // Without its reply buffer the query answers 0 with a WWN of zeros, as documented.
+             return r == 0 && bytes_of(wwn, 8) == (fail ? zeros(8) : bytes_of(vsan_wwn, 8));
+         }},
+        malloc_one("zfx_dlg_malloc_one_zone_member_and_all_attribs", zfx_dlg_malloc_one_zone_member_and_all_attribs),
+        malloc_one("zfx_dlg_malloc_one_zone_and_all_attribs", zfx_dlg_malloc_one_zone_and_all_attribs),
+        malloc_one("zfx_dlg_malloc_one_zoneset_and_all_attribs", zfx_dlg_malloc_one_zoneset_and_all_attribs),
+        request("zfx_dlg_config_zone_member",
+                [](plat_endpoint *ep) {
+                    return zfx_dlg_config_zone_member(ep, 2, "z1", 3, 4, 0, kWwn.data(), nullptr, 10, 2, nullptr, 0);
+                }),
+        request(
+            "zfx_dlg_config_zone_all_attrib",
+            [](plat_endpoint *ep) { return zfx_dlg_config_zone_all_attrib(ep, 2, "z", "n2", 9, 3, 1, nullptr, 0); }),
+        request("zfx_dlg_config_zone_attrib",
+                [](plat_endpoint *ep) { return zfx_dlg_config_zone_attrib(ep, 2, "z", nullptr, 9, 1, 0, nullptr, 0); }),
+        request("zfx_dlg_config_zone",
+                [](plat_endpoint *ep) { return zfx_dlg_config_zone(ep, 2, "z", nullptr, nullptr, 0); }),
+        request("zfx_dlg_config_zoneset_all_attrib",
+                [](plat_endpoint *ep) {
+                    return zfx_dlg_config_zoneset_all_attrib(ep, 2, "s", "s2", 4, "z", nullptr, nullptr, 0);
+                }),
+        request("zfx_dlg_config_zoneset",
+                [](plat_endpoint *ep) { return zfx_dlg_config_zoneset(ep, 2, "s", nullptr, "z", nullptr, 0); }),
+        message_query<zfx_zoneset_msg>(
+            "zfx_dlg_get_zoneset", kZonesetReply,
+            [](plat_endpoint *ep, zfx_zoneset_msg **r) { return zfx_dlg_get_zoneset(ep, 1, "zs1", 5, r, 1, 0); }),
+        message_query<zfx_zone_msg>(
+            "zfx_dlg_get_zone", kZoneReply,
+            [](plat_endpoint *ep, zfx_zone_msg **r) { return zfx_dlg_get_zone(ep, 1, "z1", 7, r, 1, 0); }),
+        message_query<zfx_zone_member_msg>("zfx_dlg_get_zone_member", kMemberReply,
+                                           [](plat_endpoint *ep, zfx_zone_member_msg **r) {
+                                               return zfx_dlg_get_zone_member(ep, 1, nullptr, 3, 7, r, 1, 0);
+                                           }),
+        data_query<zfx_zoneset_info>(
+            "zfx_dlg_get_zoneset_data", kZonesetReply,
+            [](plat_endpoint *ep, zfx_zoneset_info *i) { return zfx_dlg_get_zoneset_data(ep, 1, i, 0); }),
+        data_query<zfx_zone_info>(
+            "zfx_dlg_get_zone_data", kZoneReply,
+            [](plat_endpoint *ep, zfx_zone_info *i) { return zfx_dlg_get_zone_data(ep, 1, i, 0); }),
+        data_query<zfx_zone_member_info>(
+            "zfx_dlg_get_zone_member_data", kMemberReply,
+            [](plat_endpoint *ep, zfx_zone_member_info *i) { return zfx_dlg_get_zone_member_data(ep, 1, i, 0); }),
+        {"zfx_get_active_zoneset",
+         [] {
+             FakeService svc;
+             svc.answer(Answer::reply_with(kZonesetReply));
+             char name[ZFX_NAME_SIZE];
+             uint8_t zones[ZFX_ZONESET_ZONES_SIZE];
+             std::memset(name, 'x', sizeof name);
+             std::memset(zones, 0xAB, sizeof zones);
+             const uint32_t r = zfx_get_active_zoneset(svc.ep(), name, zones);
+             if (failed()) return r == uint32_t(ZFX_ERR_NO_MEMORY) && name[0] == 'x' && zones[0] == 0xAB;
+             return r == 0 && std::string(name) == "zs1";
+         }},
+    };
+    return rows;
+}
+
+// ---- device entries -----------------------------------------------------------------------------
+
+constexpr size_t kEntry = ZFX_DEVICE_ENTRY_SIZE, kHead = ZFX_DEVICE_ENTRY_HEAD_SIZE;
+
+// A device entry: its port WWN words, VSAN value, VSANs and flags; its name-server block holds mark.
+Bytes device(uint32_t w0, uint32_t value, std::initializer_list<int> vsan_list, uint8_t flags, uint8_t mark) {
+    Bytes d = cat({le32(w0), le32(0), le32(value)});
+    d.resize(kEntry, 0);
+    const Bytes set = vsans(vsan_list);
+    std::copy(set.begin(), set.end(), d.begin() + offsetof(zfx_device_entry, vsans));
+    d[offsetof(zfx_device_entry, flags)] = flags;
+    std::fill(d.begin() + kHead, d.end(), mark);
+    return d;
+}
+
+void free_ns(zfx_device_ns_entry *entries, size_t n) {
+    for (size_t i = 0; i < n; ++i) std::free(entries[i].pairs);
+    std::free(entries);
+}
+
+// A batch of two devices, the second asked VSAN by VSAN.
+const Bytes kBatch = cat({device(1, 5, {1, 2}, 0, 0x11), device(2, 5, {3}, ZFX_DEVICE_FLAG_PER_VSAN, 0x22)});
+
+// A name-server view of a batch: on failure nothing handed out and the cursor not moved.
+Row ns_view(const char *name,
+            int32_t (*call)(plat_endpoint *, zfx_device_entry *, zfx_device_ns_entry **, uint32_t *)) {
+    return {name, [call] {
+                FakeService svc;
+                svc.answer(Answer::reply_with(kBatch));
+                svc.answer(Answer::reply_with(le32(0xBEEF)));  // the second device in VSAN 3
+                zfx_device_entry *h;
+                zfx_device_entry_handle_init(&h);
+                const Bytes cursor = bytes_of(h, kEntry);
+                zfx_device_ns_entry *ns = untouched<zfx_device_ns_entry>();
+                uint32_t count = 99;
+                const int32_t r = call(svc.ep(), h, &ns, &count);
+                const bool kept = bytes_of(h, kEntry) == cursor;
+                if (failed())
+                    return r == ZFX_ERR_NO_MEMORY && ns == untouched<zfx_device_ns_entry>() && count == 99 && kept;
+                const bool whole = r == 0 && count == 2 && !kept;
+                free_ns(ns, count);
+                return whole;
+            }};
+}
+
+// A TLV-encoded reply of three entries: one of an unknown type first (its line is printed), then
+// two devices with pairs, each pair array an allocation of its own.
+Bytes tlv_reply() {
+    const Bytes a = device(1, 5, {4}, 0, 0x33), b = device(2, 5, {6}, 0, 0x44);
+    auto head = [](const Bytes &d) { return tlv(ZFX_TLV_DEVICE_ENTRY, Bytes(d.begin(), d.begin() + kHead)); };
+    auto block = [](const Bytes &d) { return tlv(1, Bytes(d.begin() + kHead, d.end())); };
+    auto pair = [](uint32_t vsan, uint32_t value) { return tlv(3, cat({le32(vsan), le32(value)})); };
+    return cat({le32(3), le32(0),
+                tlv_array({tlv(70, le32(0)), head(a), block(a), tlv(2, le32(2)), pair(4, 40), pair(5, 50), head(b),
+                           block(b), tlv(2, le32(1)), pair(6, 60)})});
+}
+
+// A decoder of a TLV-encoded reply, with and without the reply's length. On failure: nothing
+// handed out, *count 0, and nothing printed.
+template <typename Entry>
+std::vector<Row> decoders(const std::string &name, int32_t (*checked)(const void *, uint32_t, Entry **, int32_t *),
+                          int32_t (*trusted)(const void *, Entry **, int32_t *), void (*release)(Entry *, size_t)) {
+    auto row = [release](const std::string &n, std::function<int32_t(const Bytes &, Entry **, int32_t *)> call) {
+        return Row{n, [release, call] {
+                       const Bytes reply = tlv_reply();
+                       Entry *entries = untouched<Entry>();
+                       int32_t count = 99;
+                       Capture out;
+                       const int32_t r = call(reply, &entries, &count);
+                       const bool fail = failed();
+                       const std::string printed = out.text();
+                       if (fail)
+                           return r == ZFX_ERR_NO_MEMORY && entries == untouched<Entry>() && count == 0 &&
+                                  printed.empty();
+                       const bool whole = r == 0 && count == 3 && printed == "ignoring unknown tlv type: 70\n";
+                       release(entries, size_t(count));
+                       return whole;
+                   }};
+    };
+    return {row(name + "_checked", [checked](const Bytes &r, Entry **e,
+                                             int32_t *n) { return checked(r.data(), uint32_t(r.size()), e, n); }),
+            row(name, [trusted](const Bytes &r, Entry **e, int32_t *n) { return trusted(r.data(), e, n); })};
+}
+
+void free_entries(zfx_device_entry *entries, size_t) { std::free(entries); }
+
+std::vector<Row> device_rows() {
+    std::vector<Row> rows = {
+        ns_view("zfx_device_ns_entry_get_next", zfx_device_ns_entry_get_next),
+        ns_view("zfx2_device_ns_entry_get_next", zfx2_device_ns_entry_get_next),
+    };
+    for (auto &&group : {decoders<zfx_device_entry>("zfx2_device_entry_parse", zfx2_device_entry_parse_checked,
+                                                    zfx2_device_entry_parse, free_entries),
+                         decoders<zfx_device_ns_entry>("zfx2_device_ns_entry_parse", zfx2_device_ns_entry_parse_checked,
+                                                       zfx2_device_ns_entry_parse, free_ns)})
+        rows.insert(rows.end(), group.begin(), group.end());
+    return rows;
+}
+
+// ---- the zone database ----------------------------------------------------------------------------
+
+int32_t by_id(const void *a, const void *b) {
+    const uint32_t x = *static_cast<const uint32_t *>(a), y = *static_cast<const uint32_t *>(b);
+    return x < y ? -1 : x > y;
+}
+
+// A zoneset of one zone with a port-WWN member and a device-alias member (which goes to the
+// extension area of the active zoneset data), as the service keeps them in trees.
+struct Db {
+    zfx_zone_member_node members[2] = {{1, ZFX_MEMBER_PWWN, 10, 1, {}, {}, {}},
+                                       {2, ZFX_MEMBER_DEVICE_ALIAS, 10, 1, {}, {}, "alias"}};
+    zfx_zone_node zone{1, "z1", tree_create(by_id), {}, {}, 2, 1};
+    zfx_zoneset_node zoneset{1, "zs1", tree_create(by_id), {}, {}};
+
+    Db() {
+        for (zfx_zone_member_node &m : members) tree_insert(zone.members, &m);
+        tree_insert(zoneset.zones, &zone);
+        zoneset.zone_bitmap[0] = 0x40;
+    }
+    ~Db() {
+        tree_destroy(zone.members);
+        tree_destroy(zoneset.zones);
+    }
+};
+
+// A record encoder of the node that node picks: on failure NULL, *length untouched (or zeroed,
+// for the active zoneset data).
+template <typename Node>
+Row encoder(const char *name, void *(*encode)(const Node *, uint32_t *), const Node *(*node)(const Db &),
+            uint32_t length_on_failure = 12345) {
+    return {name, [encode, node, length_on_failure] {
+                const Db db;
+                uint32_t length = 12345;
+                void *rec = encode(node(db), &length);
+                if (failed()) return rec == nullptr && length == length_on_failure;
+                std::free(rec);
+                return rec != nullptr && length != 12345 && length != 0;
+            }};
+}
+
+// The zone database and the active zoneset data in a store.
+std::vector<Record> zone_records() {
+    const Bytes active = cat({le16(1), name68("zs1"), le16(0)});
+    std::vector<Record> r = {
+        zone_db_header_rec({1}, {1}),
+        zone_rec(1, "z1", tlv_array({members_tlv({1})})),
+        member_rec(1, 1, ZFX_MEMBER_PWWN, tlv_array({tlv(10, kWwn), tlv(11, le32(10)), tlv(12, le32(1))})),
+        zoneset_rec(1, "zs1", tlv_array({zones_tlv(4, {1})})),
+    };
+    for (Record &c : active_chunks(active, 40)) r.push_back(std::move(c));
+    return r;
+}
+
+std::vector<Row> zone_db_rows(const Prefix &p) {
+    const std::string location = p.config();
+    return {
+        encoder<zfx_zone_node>("zfx_zone_encode_zone_to_kvdb", zfx_zone_encode_zone_to_kvdb,
+                               [](const Db &d) { return &d.zone; }),
+        encoder<zfx_zone_member_node>("zfx_zone_encode_zone_member_to_kvdb", zfx_zone_encode_zone_member_to_kvdb,
+                                      [](const Db &d) { return &d.members[1]; }),
+        encoder<zfx_zoneset_node>("zfx_zone_encode_zoneset_to_kvdb", zfx_zone_encode_zoneset_to_kvdb,
+                                  [](const Db &d) { return &d.zoneset; }),
+        encoder<zfx_zoneset_node>(
+            "zfx_zone_zoneset_to_persistent_kvdb_data", zfx_zone_zoneset_to_persistent_kvdb_data,
+            [](const Db &d) { return &d.zoneset; }, 0),
+        {"zfx_zone_restore_active_pzs_from_kvdb",
+         [location] {
+             Reader r(location);
+             void *data = zfx_zone_restore_active_pzs_from_kvdb(r.get());
+             if (failed()) return data == nullptr;
+             const bool whole = data != nullptr && std::string(static_cast<char *>(data) + 2) == "zs1";
+             std::free(data);
+             return whole;
+         }},
+        {"zfx_zone_decode_member_from_kvdb_cfg",
+         [] {
+             const Bytes rec = cat({le16(1), {ZFX_MEMBER_PWWN, 0}, tlv_array({tlv(10, kWwn)})});
+             zfx_zone_member_node m{};
+             return zfx_zone_decode_member_from_kvdb_cfg(rec.data(), &m) == 0 && bytes_of(m.pwwn, 8) == kWwn;
+         },
+         false},
+    };
+}
+
+// ---- store lists ----------------------------------------------------------------------------------
+
+// One record of every table, apart from the zone database.
+std::vector<Record> table_records() {
+    const Bytes set = vsans({1, 2, 3});
+    return {
+        rdi_rec(3, vsans({5, 6})),
+        topo_rec(1, kWwn, ZFX_VT_FLAG_ACTIVE | ZFX_VT_FLAG_CONFIG, set),
+        topo_mode_rec(ZFX_VT_MODE_AUTO),
+        afid_rec(true, kWwn, 1, set),
+        afid_rec(false, kWwn, 2, set),
+        sg_name_rec(false, 1, "A"),
+        sg_member_rec(false, 1, 1, vsans({1})),
+        sg_name_rec(true, 1, "A"),
+        sg_member_rec(true, 1, 1, vsans({1, 2})),
+        pfcid_domain_rec(1, 10, 2, 20, 0x20),
+        pfcid_fcid_rec(1, 10, kWwn, {0, 0x20, 1, 2}),
+    };
+}
+
+// A list builder of the standard allocator: on failure ZFX_ERR_NO_MEMORY, *list NULL, *size 0.
+template <typename List>
+Row list(const char *name, const std::string &location,
+         std::function<int32_t(kvdb_store *, List **, uint32_t *)> build) {
+    return {name, [location, build] {
+                Reader r(location);
+                List *l = untouched<List>();
+                uint32_t size = 99;
+                const int32_t status = build(r.get(), &l, &size);
+                if (failed()) return status == ZFX_ERR_NO_MEMORY && l == nullptr && size == 0;
+                const bool whole = status == 0 && l != nullptr && ntohl(l->count) == 1;
+                std::free(l);
+                return whole;
+            }};
+}
+
+// A list builder of the tracked allocator: a failure is reported to the event history, and the
+// builder answers 0 with *list NULL and *size 0.
+template <typename List>
+Row tracked_list(const char *name, const std::string &location,
+                 std::function<int32_t(kvdb_store *, List **, uint32_t *)> build, uint32_t entries) {
+    return {name, [location, build, entries] {
+                Reader r(location);
+                List *l = untouched<List>();
+                uint32_t size = 99;
+                tlg_hist_clear();
+                const int32_t status = build(r.get(), &l, &size);
+                const bool fail = failed();
+                const size_t reported = alloc_failures().size();
+                tlg_hist_clear();
+                if (fail) return status == 0 && l == nullptr && size == 0 && reported == 1;
+                const bool whole = status == 0 && l != nullptr && ntohl(l->count) == entries && reported == 0;
+                heapx_free(l);
+                return whole;
+            }};
+}
+
+std::vector<Row> list_rows(const Prefix &p) {
+    const std::string at = p.config();
+    return {
+        list<zfx_vsan_topo_list>("zfx_vsan_topo_config_get", at,
+                                 [](kvdb_store *s, zfx_vsan_topo_list **l, uint32_t *n) {
+                                     return zfx_vsan_topo_config_get(s, ZFX_VT_TABLE, 0xFF, l, n);
+                                 }),
+        list<zfx2_afid_table_list>("zfx2_afid_table_config_get (default)", at,
+                                   [](kvdb_store *s, zfx2_afid_table_list **l, uint32_t *n) {
+                                       return zfx2_afid_table_config_get(s, l, n, 1);
+                                   }),
+        list<zfx2_afid_table_list>("zfx2_afid_table_config_get", at,
+                                   [](kvdb_store *s, zfx2_afid_table_list **l, uint32_t *n) {
+                                       return zfx2_afid_table_config_get(s, l, n, 0);
+                                   }),
+        list<zfx2_sg_list>("zfx2_sg_config_get (configured)", at,
+                           [](kvdb_store *s, zfx2_sg_list **l, uint32_t *n) { return zfx2_sg_config_get(s, l, n, 1); }),
+        list<zfx2_sg_list>("zfx2_sg_config_get (active)", at,
+                           [](kvdb_store *s, zfx2_sg_list **l, uint32_t *n) { return zfx2_sg_config_get(s, l, n, 0); }),
+        tracked_list<zfx_rdi_list>(
+            "zfx_rdi_get_next", at,
+            [](kvdb_store *s, zfx_rdi_list **l, uint32_t *n) { return zfx_rdi_get_next(s, -1, l, n); }, 1),
+        tracked_list<zfx2_pfcid_list>(
+            "zfx2_pfcid_get_next", at,
+            [](kvdb_store *s, zfx2_pfcid_list **l, uint32_t *n) { return zfx2_pfcid_get_next(s, nullptr, -1, l, n); },
+            2),
+    };
+}
+
+// ---- VSAN sets ------------------------------------------------------------------------------------
+
+std::vector<Row> vsan_rows() {
+    return {
+        {"vsan_bitset_new",
+         [] {
+             vsan_bitset *set = vsan_bitset_new();
+             if (failed()) return set == nullptr;
+             const bool whole = set != nullptr && set->len == 512 && vsan_bitset_first_bit(set) == -1;
+             vsan_bitset_delete(set);
+             return whole;
+         }},
+        {"vsan_bitset_printf",
+         [] {
+             vsan_bitset set;
+             vsan_bitset_init(&set);
+             vsan_bitset_set_range(&set, 1, 3);
+             Capture out;
+             vsan_bitset_printf(&set);
+             return out.text() == (failed() ? "" : "1-3");
+         }},
+    };
+}
+
+// ---- configuration text -----------------------------------------------------------------------
+
+// The text of a generation in which run adds its part: the feature's elements are declared and
+// the generation's handle set, as the entry points do.
+std::string in_generation(const std::function<void(uint32_t handle)> &run) {
+    uint32_t handle = 0;
+    ptxt_hdl_init(&handle);
+    const zfx_gen_request select_none{0, handle, 0, 0};
+    zfx_ascii_cfg_generate(&select_none);  // sets the handle and generates nothing
+    for (uint32_t element = ZFX_ELEM_FEATURE; element <= ZFX_ELEM_PFCID; ++element)
+        ptxt_elem_add(handle, ZFX_PTXT_GROUP, element, ZFX_PTXT_ELEM_KIND);
+    run(handle);
+    char *text = nullptr;
+    ptxt_render(handle, &text, nullptr);
+    std::string out = text != nullptr ? text : "";
+    std::free(text);
+    ptxt_hdl_release(handle);
+    return out;
+}
+
+// The text each list is needed for: a section whose list cannot be allocated is absent whole.
+const std::string kVdomLine = "zfx virtual-fcdomain-add2 autonomous-fabric-ID 3  vsan-ranges 5-6\n";
+const std::string kTopo =
+    "zfx vsan-topology database\n  autonomous-fabric-id    1 switch-wwn 20:00:00:11:22:33:44:55 "
+    "vsan-ranges 1-3\nzfx vsan-topology activate\n";
+const std::string kDefaultAfid =
+    "autonomous-fabric-id database\n  switch-wwn 20:00:00:11:22:33:44:55 default-autonomous-fabric-id    1\n";
+const std::string kAfid =
+    "autonomous-fabric-id database\n  switch-wwn 20:00:00:11:22:33:44:55 autonomous-fabric-id    2 vsan-ranges 1-3\n";
+// The changes need both service-group lists; the active block needs the active one.
+const std::string kSgChanges = "zfx service-group name A\n  autonomous-fabric-id  1 vsan-ranges 1-2\n";
+const std::string kSg =
+    "zfx service-group name A\n  autonomous-fabric-id  1 vsan-ranges 1\nzfx service-group activate\n" + kSgChanges;
+const std::string kPfcid =
+    "zfx fcdomain database autonomous-fabric-num 1 vsan 10\n"
+    "  native-autonomous-fabric-num 2 native-vsan 20 domain 32\n"
+    "    pwwn 20:00:00:11:22:33:44:55 fcid 0x200102\n";
+
+// A text generator: each run's text is the whole text, or the whole text without exactly one of
+// blocks. (A run may keep the whole text where the section has another way to write it.)
+Row text(const char *name, const std::function<std::string()> &generate, std::vector<std::string> blocks,
+         bool allocates = true) {
+    const std::string whole = generate();
+    for (const std::string &b : blocks)
+        EXPECT_NE(whole.find(b), std::string::npos) << name << " lacks\n" << b << "in\n" << whole;
+    return {name,
+            [name, generate, whole, blocks] {
+                const std::string t = generate();
+                if (t == whole) return true;
+                for (const std::string &b : blocks) {
+                    std::string without = whole;
+                    if (const size_t at = without.find(b); at != std::string::npos) without.erase(at, b.size());
+                    if (t == without) return true;
+                }
+                ADD_FAILURE() << name << " wrote\n" << t;
+                return false;
+            },
+            allocates};
+}
+
+// A section's text, followed by "commit\n" when it asked for the commit line.
+std::string with_commit(const std::string &text, int32_t commit) { return text + (commit == 1 ? "commit\n" : ""); }
+
+std::vector<Row> text_rows(const Prefix &p) {
+    const std::string at = p.config();
+    using Section = int32_t (*)(uint32_t, kvdb_store *, int32_t *);
+    // A section that reports its commit request through an argument; it always returns 0.
+    auto section = [at](Section run) {
+        return [at, run] {
+            Reader r(at);
+            int32_t commit = 0, status = -1;
+            const std::string t = in_generation([&](uint32_t h) { status = run(h, r.get(), &commit); });
+            return status == 0 ? with_commit(t, commit) : "status " + std::to_string(status);
+        };
+    };
+    // A section that sets commit_reqd itself.
+    auto global_commit = [at](int32_t (*run)(uint32_t, kvdb_store *)) {
+        return [at, run] {
+            Reader r(at);
+            int32_t status = -1;
+            commit_reqd = 0;
+            const std::string t = in_generation([&](uint32_t h) { status = run(h, r.get()); });
+            return status == 0 ? with_commit(t, commit_reqd) : "status " + std::to_string(status);
+        };
+    };
+    return {
+        text("zfx2_rdi_mode_generate_ascii_config2", global_commit(zfx2_rdi_mode_generate_ascii_config2), {kVdomLine}),
+        text("zfx_vsan_topology_generate_ascii_config", global_commit(zfx_vsan_topology_generate_ascii_config),
+             {kTopo}),
+        text("zfx2_afid_table_generate_ascii_config", section(zfx2_afid_table_generate_ascii_config),
+             {kDefaultAfid, kAfid}),
+        text("zfx2_sg_table_generate_ascii_config", section(zfx2_sg_table_generate_ascii_config), {kSg, kSgChanges}),
+        text("zfx2_pfcid_generate_ascii_config", section(zfx2_pfcid_generate_ascii_config), {kPfcid + "commit\n"}),
+        text(
+            "zfx_zone_generate_ascii_config",
+            [at] {
+                Reader r(at);
+                int32_t status = -1;
+                const std::string t =
+                    in_generation([&](uint32_t) { status = zfx_zone_generate_ascii_config(r.get()); });
+                return status == 0 ? t : "status " + std::to_string(status);
+            },
+            {}, false),  // the activation line reads the head of the active zoneset data alone
+        // The entry with open stores: zfx_ascii_gen_from_kvdb on the configuration, then
+        // zfx_debug_ascii_gen_from_kvdb on the debug store.
+        text("zfx_ascii_cfg_generate",
+             [at, debug = p.debug()] {
+                 Reader config(at), levels(debug);
+                 return generate({{ZFX_GEN_STORE_CONFIG, config.get()}, {ZFX_GEN_STORE_DEBUG, levels.get()}});
+             },
+             {kVdomLine, kTopo, kDefaultAfid, kAfid, kSg, kSgChanges, kPfcid}),
+        text("zfx_ptxt_gen_func",
+             [p = p.path()] {
+                 struct Sink {
+                     std::string text;
+                     static int32_t take(void *arg, void *, const char *t, uint32_t len) {
+                         static_cast<Sink *>(arg)->text.assign(t, len);
+                         return 0;
+                     }
+                 } sink;
+                 ptxt_request req{p.c_str(), p.c_str(), Sink::take, &sink};
+                 return zfx_ptxt_gen_func(nullptr, &req) == 0 ? sink.text : "no response";
+             },
+             {kVdomLine, kTopo, kDefaultAfid, kAfid, kSg, kSgChanges, kPfcid}),
+    };
+}
+
+// ---- the test -------------------------------------------------------------------------------------
+
+TEST(AllocFailure, EveryAllocationOfEveryFunctionTakesItsDocumentedPath) {
+    Prefix p;
+    std::vector<Record> records = table_records();
+    for (Record &r : zone_records()) records.push_back(std::move(r));
+    put(p.config(), records);
+    put(p.debug(), {debug_level_rec(1, 3)});
+
+    std::vector<Row> rows;
+    for (auto &&group : {request_rows(), device_rows(), zone_db_rows(p), list_rows(p), vsan_rows(), text_rows(p)})
+        rows.insert(rows.end(), group.begin(), group.end());
+
+    for (const Row &row : rows) {
+        uint32_t nth = 1;
+        for (;; ++nth) {
+            g_nth = nth;
+            heapx_stats_reset();
+            zfx_testing_fail_allocation(nth);
+            const bool documented = row.run();
+            const bool reached = failed();
+            zfx_testing_fail_allocation(0);
+            EXPECT_TRUE(documented) << row.name << " with allocation " << nth
+                                    << (reached ? " failing" : " (no failure)");
+            EXPECT_EQ(heapx_stats(kOwner).bytes_in_use, 0u) << row.name << " with allocation " << nth;
+            if (!reached) break;
+        }
+        EXPECT_EQ(nth > 1, row.allocates) << row.name << ": " << nth - 1 << " allocations";
+    }
+}
+
+}  // namespace
