@@ -71,11 +71,8 @@ TEST(Fabric, KeyChecksTestNullLengthTableKindInThatOrder) {
 }
 
 TEST(Fabric, TopologyListHoldsTheEntriesMaskedInNetworkOrder) {
-    Prefix p;
-    put(p.config(), {topo_rec(5, kWwn, 3, vsans({1, 4095})), topo_rec(6, kOther, 2, vsans({})),
-                     topo_rec(7, kOther, 1, vsans({9}))});
+    Stored r({topo_rec(5, kWwn, 3, vsans({1, 4095})), topo_rec(6, kOther, 2, vsans({})), topo_rec(7, kOther, 1, vsans({9}))});
     std::memcpy(local_switch_wwn, kWwn.data(), 8);
-    Reader r(p.config());
     zfx_vsan_topo_list *list = nullptr;
     uint32_t size = 0;
     ASSERT_EQ(zfx_vsan_topo_config_get(r.get(), 0x65, ZFX_VT_FLAG_ACTIVE, &list, &size), 0);
@@ -143,10 +140,8 @@ TEST(Fabric, AfidTableWritesEachHalfUnderItsOwnDatabaseLine) {
     EXPECT_EQ(section({afid_rec(false, kWwn, 10, vsans({4}))}),
               db + "  switch-wwn 20:00:00:11:22:33:44:55 autonomous-fabric-id   10 vsan-ranges 4\n");
 
-    Prefix p;
-    put(p.config(), {afid_rec(true, kWwn, 0x0a, vsans({}))});
+    Stored r({afid_rec(true, kWwn, 0x0a, vsans({}))});
     std::memcpy(local_switch_wwn, kWwn.data(), 8);
-    Reader r(p.config());
     zfx2_afid_table_list *list;
     uint32_t size;
     ASSERT_EQ(zfx2_afid_table_config_get(r.get(), &list, &size, 1), 0);
@@ -215,10 +210,7 @@ TEST(Fabric, ServiceGroupLinesStopAt2047CharactersAfterAWholeRun) {
 }
 
 TEST(Fabric, ServiceGroupListsAndLookups) {
-    Prefix p;
-    put(p.config(), {sg_policy_rec(9), sg_member_rec(false, 0x01020304, 0x0506, vsans({1})),
-                     sg_name_rec(false, 0x01020304, "grp")});
-    Reader r(p.config());
+    Stored r({sg_policy_rec(9), sg_member_rec(false, 0x01020304, 0x0506, vsans({1})), sg_name_rec(false, 0x01020304, "grp")});
     zfx2_sg_list *list;
     uint32_t size;
     ASSERT_EQ(zfx2_sg_config_get(r.get(), &list, &size, 0), 0);

@@ -167,9 +167,7 @@ TEST(Pfcid, ListReadsFromAnyKeyOnPassingOverAnExactStart) {
         pfcid_fcid_rec(1, 10, kWwn, {0, 0x20, 1, 0}, 7), pfcid_fcid_rec(2, 10, kWwn, {0, 0x20, 2, 0}),
         {cat({{0x74, 2, 1, 0, 3, 0}, le32(10), kWwn}), {0, 0x20}},  // a short value: the bytes it holds
     });
-    Prefix p;
-    put(p.config(), records);
-    Reader r(p.config());
+    Stored r(records);
     // Every list the walk below makes, and the entries in them.
     std::vector<Bytes> seen;
     auto list = [&](const zfx2_pfcid_entry *start, int32_t count, uint32_t expected_size) {
@@ -222,8 +220,8 @@ TEST(Pfcid, ListReadsFromAnyKeyOnPassingOverAnExactStart) {
     EXPECT_EQ(zfx_num_mem_allocs, allocs);
 
     // A key of another length ends the walk.
-    put(p.config(), {{cat({{0x74, 1, 0xFF}, zeros(16)}), zeros(8)}});
-    Reader again(p.config());
+    put(r.prefix().config(), {{cat({{0x74, 1, 0xFF}, zeros(16)}), zeros(8)}});
+    Reader again(r.prefix().config());
     zfx2_pfcid_get_next(again.get(), nullptr, -1, &l, &size);
     EXPECT_EQ(ntohl(l->count), 2u);
     heapx_free(l);
@@ -287,9 +285,7 @@ TEST(Pfcid, TextIsThatOfTheWalkOverTheWholeList) {
 
     // Without memory for the index that places the FCIDs, the same text comes from scanning the
     // list under every domain record.
-    Prefix p;
-    put(p.config(), records);
-    Reader r(p.config());
+    Stored r(records);
     uint32_t handle;
     ASSERT_EQ(ptxt_hdl_init(&handle), 0);
     ptxt_elem_add(handle, ZFX_PTXT_GROUP, ZFX_ELEM_PFCID, ZFX_PTXT_ELEM_KIND);
@@ -325,9 +321,7 @@ TEST(Pfcid, AFailedListIsReportedAndWritesNothing) {
     tlg_debug_enable(102, 0);
     tlg_hist_clear();
 
-    Prefix p;
-    put(p.config(), records);
-    Reader r(p.config());
+    Stored r(records);
     zfx2_pfcid_list *l;
     uint32_t size;
     zfx_testing_fail_allocation(1);

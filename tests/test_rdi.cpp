@@ -82,11 +82,9 @@ TEST(VirtualDomains, LongRangeTextIsCutAfterItsLastWholeRun) {
 }
 
 TEST(VirtualDomains, ListHoldsTheEntriesUpToItsCapacity) {
-    Prefix p;
     std::vector<Record> records;
     for (uint16_t afid = 1; afid <= 5; ++afid) records.push_back(rdi_rec(afid, vsans({afid, 100})));
-    put(p.config(), records);
-    Reader r(p.config());
+    Stored r(records);
     heapx_stats_reset();
     const uint64_t allocs = zfx_num_mem_allocs, callocs = zfx_num_callocs;
     const struct {

@@ -288,19 +288,10 @@ TEST(VsanBitset, TextMatchesModelAndExamples) {
         ASSERT_EQ(vsan_bitset_sprintf(buf.data(), &s), int(want.size()));
         ASSERT_EQ(std::string(buf.data()), want);
     }
-    struct Case {
-        std::initializer_list<int> set;
-        const char *text;
-    } cases[] = {{{1, 2, 3, 5, 7, 8, 4094}, "1-3,5,7-8,4094"}, {{10}, "10"}, {{}, ""}, {{0, 1}, "0-1"}};
-    for (const auto &c : cases) {
-        vsan_bitset s = set_of(c.set);
-        EXPECT_EQ(vsan_bitset_sprintf(buf.data(), &s), int(std::strlen(c.text)));
-        EXPECT_STREQ(buf.data(), c.text);
-    }
-    vsan_bitset full;
-    vsan_bitset_fill(vsan_bitset_init(&full));
-    vsan_bitset_sprintf(buf.data(), &full);
-    EXPECT_STREQ(buf.data(), "0-4095");
+    // One literal text keeps the model itself honest; the samples hold the empty and full sets.
+    vsan_bitset s = set_of({1, 2, 3, 5, 7, 8, 4094});
+    vsan_bitset_sprintf(buf.data(), &s);
+    EXPECT_STREQ(buf.data(), "1-3,5,7-8,4094");
     // The longest text of all: runs of two separated by single clear positions, from 1.
     Model worst;
     for (int p = 1; p + 1 < 4096; p += 3) worst[p] = worst[p + 1] = true;

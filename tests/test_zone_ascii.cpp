@@ -27,9 +27,7 @@ std::ostream &operator<<(std::ostream &os, const Result &r) { return os << r.sta
 
 // Runs the zone section alone on a store of the records, in a generation of its own.
 Result zone_section(const std::vector<Record> &records) {
-    Prefix p;
-    put(p.config(), records);
-    Reader r(p.config());
+    Stored r(records);
     uint32_t handle = 0;
     EXPECT_EQ(ptxt_hdl_init(&handle), 0);
     zfx_gen_request take_handle{0, handle, 0, 0};

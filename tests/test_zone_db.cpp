@@ -284,16 +284,12 @@ TEST(ZoneDb, ChunkedRestoreJoinsCompletesAndNeverOverruns) {
         {"header too short", {{{0x6C, 0, 0, 0, 0, 0}, {0, 0, 1}}}, {}},
     };
     for (const auto &c : cases) {
-        Prefix p;
-        put(p.config(), c.records);
-        Reader r(p.config());
+        Stored r(c.records);
         auto *got = static_cast<uint8_t *>(zfx_zone_restore_active_pzs_from_kvdb(r.get()));
         EXPECT_EQ(take(got, uint32_t(c.expected.size())), c.expected) << c.name;
         EXPECT_EQ(got == nullptr, c.expected.empty()) << c.name;
     }
-    Prefix p;
-    put(p.config(), active_chunks(data, 100));
-    Reader r(p.config());
+    Stored r(active_chunks(data, 100));
     zfx_testing_fail_allocation(1);
     EXPECT_EQ(zfx_zone_restore_active_pzs_from_kvdb(r.get()), nullptr);
     zfx_testing_fail_allocation(0);
@@ -309,9 +305,7 @@ TEST(ZoneDb, OptionsWordCopiesAtMostFourBytes) {
         {{}, {ZFX_ERR_KVDB, Bytes(5, 0xEE)}},
     };
     for (const auto &[records, want] : cases) {
-        Prefix p;
-        put(p.config(), records);
-        Reader r(p.config());
+        Stored r(records);
         Bytes dst(5, 0xEE);
         EXPECT_EQ(zfx_zone_kvdb_restore_options_from_kvdb(r.get(), reinterpret_cast<uint32_t *>(dst.data())), want.first);
         EXPECT_EQ(dst, want.second);

@@ -125,6 +125,9 @@ Reader::Reader(const std::string &location) {
 
 Reader::~Reader() { kvdb_close(store_); }
 
+Stored::Stored(const std::vector<Record> &records, Backend backend)
+    : prefix_(backend), reader_((put(prefix_.config(), records), prefix_.config())) {}
+
 std::string generate(std::initializer_list<std::pair<uint32_t, kvdb_store *>> stores) {
     uint32_t handle = 0;
     EXPECT_EQ(ptxt_hdl_init(&handle), 0);

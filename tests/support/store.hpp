@@ -86,6 +86,19 @@ private:
     kvdb_store *store_;
 };
 
+// A configuration store of its own holding records, open for reading: the setup of every test
+// that reads a store the service has written.
+class Stored {
+public:
+    explicit Stored(const std::vector<Record> &records, Backend backend = Backend::mem);
+    kvdb_store *get() const { return reader_.get(); }
+    const Prefix &prefix() const { return prefix_; }
+
+private:
+    Prefix prefix_;
+    Reader reader_;
+};
+
 // Runs zfx_ascii_cfg_generate on the stores (kind, store) in a new generation and returns the
 // rendered text.
 std::string generate(std::initializer_list<std::pair<uint32_t, kvdb_store *>> stores);
