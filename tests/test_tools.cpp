@@ -108,6 +108,8 @@ TEST(Tools, BadInputIsRefusedWithItsLineAndReason) {
         {"zfx fcdomain database autonomous-fabric-num 1 vsan 1\n  native-autonomous-fabric-num 1 native-vsan 1 domain 2\n"
          "    pwwn " + w + " fcid 0x030000\n", "text:3: the FCID's domain differs"},
         {"    pwwn " + w + " fcid 0x030000\n", "text:1: a line at this indentation belongs to no block"},
+        {std::string("zfx zone name a\0b\n", 18), "text:1: a control character"},
+        {"zfx zone name a\tb\n", "text:1: a control character"},
     };
     for (const auto &c : cases) {
         Fabric f;

@@ -432,6 +432,10 @@ bool load_text(const std::string &text, const std::string &source, Fabric &fabri
             const size_t indent = line.find_first_not_of(' ');
             if (indent == std::string::npos) continue;  // an empty line
             if (indent % 2 != 0) throw Bad{"indentation is not a whole level (two blanks each)"};
+            // Names end at the first control character in a record (or print as one), so a line
+            // holding one could not come back as it was.
+            if (std::any_of(line.begin(), line.end(), [](char c) { return (unsigned char)c < 0x20 || c == 0x7F; }))
+                throw Bad{"a control character in the line"};
             std::istringstream words(line);
             loader.line(indent / 2, Words(std::istream_iterator<std::string>(words), std::istream_iterator<std::string>()));
         }
