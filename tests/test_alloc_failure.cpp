@@ -607,7 +607,7 @@ std::vector<Row> text_rows(const Prefix &p) {
                     in_generation([&](uint32_t) { status = zfx_zone_generate_ascii_config(r.get()); });
                 return status == 0 ? t : "status " + std::to_string(status);
             },
-            {}, false),  // the activation line reads the head of the active zoneset data alone
+            {}),  // only the member index allocates, and the text does without it
         // The entry with open stores: zfx_ascii_gen_from_kvdb on the configuration, then
         // zfx_debug_ascii_gen_from_kvdb on the debug store.
         text("zfx_ascii_cfg_generate",

@@ -4,6 +4,7 @@
 // Every record is checked against its stored length before anything of it is written: a record
 // shorter than its fixed part, or whose array does not lie within it, fails like a missing one.
 // The first failure ends the section (the lines already added stay).
+#include <algorithm>
 #include <iterator>
 
 #include "platform/fmt.h"
@@ -31,9 +32,68 @@ constexpr uint32_t kIdBits = 8 * ZFX_MEMBER_BITMAP_SIZE;  // member ids, zoneset
 constexpr char kNoLun[] = "           ";
 constexpr const char *kQos[] = {nullptr, "low", "medium", "high"};
 
+// The member records of the whole member table, found with one walk and grouped by zone id, so
+// that a zone's members come from its group rather than from a store lookup each. The table is
+// ordered by member id first, so a zone's members lie all over it, and a lookup per member was
+// the largest cost of the text on a large store. Whatever the index does not hold (no memory for
+// it, a value the walk could not read, a key past the first one that does not look like a member
+// key) is looked up in the store as before: the text and its failures are the same either way.
+class MemberIndex {
+public:
+    explicit MemberIndex(kvdb_store *store) {
+        constexpr uint8_t start[2] = {ZFX_KVDB_ZONE_MEMBER_KEY, 0};
+        constexpr KeyShape shape{ZFX_KVDB_ZONE_MEMBER_KEY, kind_bit(0), ZFX_ZONE_DB_KEY_SIZE, 1, 1};
+        const TableWalk walk{shape, start, sizeof start};
+        // Zone z's entries lie at starts_[z] .. starts_[z + 1]. A first walk counts them (into
+        // starts_[z + 2]); the sums make starts_[z + 1] the group's start, and the second walk fills
+        // each group from there, leaving starts_[z + 1] at its end, which is the next one's start.
+        starts_ = static_cast<uint32_t *>(mem_zalloc_array(kZones + 2, sizeof(uint32_t)));
+        if (starts_ == nullptr) return;
+        const uint32_t n = walk_table(store, walk, UINT32_MAX, [&](const kvdb_datum &key, const kvdb_datum &) {
+            ++starts_[zone_of(key) + 2];
+        });
+        entries_ = static_cast<Entry *>(mem_zalloc_array(n, sizeof(Entry)));
+        if (entries_ == nullptr) return;
+        for (uint32_t z = 2; z < kZones + 2; ++z) starts_[z] += starts_[z - 1];
+        // The second walk reaches no more keys than the first (a walk that ends early leaves
+        // empty entries, which find passes over).
+        walk_table(store, walk, n, [&](const kvdb_datum &key, const kvdb_datum &value) {
+            entries_[starts_[zone_of(key) + 1]++] = Entry{load_le16(static_cast<uint8_t *>(key.data) + 2), value};
+        });
+        for (uint32_t z = 0; z < kZones; ++z)
+            std::sort(entries_ + starts_[z], entries_ + starts_[z + 1], [](const Entry &a, const Entry &b) { return a.member < b.member; });
+    }
+    ~MemberIndex() {
+        std::free(entries_);
+        std::free(starts_);
+    }
+    MemberIndex(const MemberIndex &) = delete;
+    MemberIndex &operator=(const MemberIndex &) = delete;
+
+    // The value of the member's record, or NULL when the index does not hold one.
+    const kvdb_datum *find(uint16_t zone, uint16_t member) const {
+        if (entries_ == nullptr) return nullptr;
+        const Entry *first = entries_ + starts_[zone], *last = entries_ + starts_[zone + 1];
+        const Entry *e = std::lower_bound(first, last, member, [](const Entry &a, uint16_t m) { return a.member < m; });
+        return e != last && e->member == member && e->value.data != nullptr ? &e->value : nullptr;
+    }
+
+private:
+    static constexpr uint32_t kZones = 0x10000;  // zone ids as member keys carry them
+    struct Entry {
+        uint16_t member;
+        kvdb_datum value;
+    };
+    static uint32_t zone_of(const kvdb_datum &key) { return load_le16(static_cast<uint8_t *>(key.data) + 4); }
+
+    uint32_t *starts_ = nullptr;
+    Entry *entries_ = nullptr;
+};
+
 struct Section {
     kvdb_store *store;
     uint32_t handle;
+    const MemberIndex *members;
     char line[kLineSize];
 };
 
@@ -122,7 +182,8 @@ int32_t zone_text(Section &s, uint32_t id) {
         uint8_t key[ZFX_ZONE_DB_KEY_SIZE];
         zfx_zone_db_key(key, ZFX_KVDB_ZONE_MEMBER_KEY, uint16_t(member_id), zone.id);
         int32_t status;
-        const kvdb_datum *value = fetch(s.store, key, sizeof key, status);
+        const kvdb_datum *value = s.members->find(zone.id, uint16_t(member_id));
+        if (value == nullptr) value = fetch(s.store, key, sizeof key, status);
         zfx_zone_member_node m{};
         if (value == nullptr || !decode_member(value->data, value->len, m)) return ZFX_ERR_KVDB;
         member_line(s, m);
@@ -196,7 +257,8 @@ int32_t zfx_zone_generate_ascii_config(kvdb_store *store) {
     if (bit_next(header.zones, kZoneBits, 0) == kZoneBits)
         std::memcpy(header.zones, header.zones_short, sizeof header.zones_short);
 
-    Section s{store, gen_handle, {}};
+    const MemberIndex members(store);
+    Section s{store, gen_handle, &members, {}};
     if (const int32_t r = for_each_id(header.zones, kZoneBits, [&](uint32_t id) { return zone_text(s, id); }))
         return r;
     if (const int32_t r = for_each_id(header.zonesets, kIdBits, [&](uint32_t id) { return zoneset_text(s, id); }))
