@@ -25,22 +25,26 @@ struct Result {
 
 std::ostream &operator<<(std::ostream &os, const Result &r) { return os << r.status << " \"" << r.text << "\""; }
 
-// Runs the zone section alone on a store of the records, in a generation of its own.
-Result zone_section(const std::vector<Record> &records) {
-    Stored r(records);
+// Runs the zone section alone on a store, in a generation of its own.
+Result zone_section_on(kvdb_store *store) {
     uint32_t handle = 0;
     EXPECT_EQ(ptxt_hdl_init(&handle), 0);
     zfx_gen_request take_handle{0, handle, 0, 0};
     zfx_ascii_cfg_generate(&take_handle);  // makes it the generation in progress
     ptxt_elem_add(handle, ZFX_PTXT_GROUP, ZFX_ELEM_ZONE, ZFX_PTXT_ELEM_KIND);
     commit_reqd = 0;
-    Result out{zfx_zone_generate_ascii_config(r.get()), ""};
+    Result out{zfx_zone_generate_ascii_config(store), ""};
     char *text = nullptr;
     EXPECT_EQ(ptxt_render(handle, &text, nullptr), 0);
     out.text = text;
     std::free(text);
     ptxt_hdl_release(handle);
     return out;
+}
+
+Result zone_section(const std::vector<Record> &records) {
+    Stored r(records);
+    return zone_section_on(r.get());
 }
 
 // A zone's array: its member bitmap, its attribute block, then more elements.
@@ -175,6 +179,30 @@ TEST(ZoneText, FirstFailureStopsTheSectionAndKeepsItsLines) {
     Reader r(p.config());
     EXPECT_EQ(zfx_zone_generate_ascii_config(r.get()), ZFX_ERR_KVDB);
     EXPECT_EQ(zfx_zone_generate_ascii_config(nullptr), 0);
+
+    // Member records come from one walk of their table; whatever the walk cannot give is looked
+    // up key by key, so the text is the same: a member whose read fails stops the section, a walk
+    // that ends early (a failing cursor, a key of another shape first) changes nothing.
+    const uint8_t member_key[6] = {0x69, 0, 1, 0, 1, 0};
+    const struct {
+        const char *name;
+        kvdb_mem_faults fault;
+        std::vector<Record> add;
+        Result result;
+    } walks[] = {
+        {"member read fails", {0, int32_t(0x40480099), member_key, 6, 0}, {}, {ZFX_ERR_KVDB, to_z1}},
+        {"cursor fails", {0, 0, nullptr, 0, 1}, {}, {0, all}},
+        {"odd key first", {}, {{{0x69, 0, 0}, {1}}}, {0, all}},
+    };
+    for (const auto &w : walks) {
+        Prefix q;
+        std::vector<Record> records = base;
+        records.insert(records.end(), w.add.begin(), w.add.end());
+        put(q.config(), records);
+        kvdb_mem_inject(q.config().c_str(), &w.fault);
+        Reader rq(q.config());
+        EXPECT_EQ(zone_section_on(rq.get()), w.result) << w.name;
+    }
 }
 
 TEST(ZoneText, CommitFlagOnlyForZonesAndZonesets) {
