@@ -40,27 +40,30 @@ constexpr const char *kQos[] = {nullptr, "low", "medium", "high"};
 // key) is looked up in the store as before: the text and its failures are the same either way.
 class MemberIndex {
 public:
-    explicit MemberIndex(kvdb_store *store) {
+    // zones: one past the highest zone id the text will ask for; members of other zones are
+    // left to lookups.
+    MemberIndex(kvdb_store *store, uint32_t zones) : zones_(zones) {
         constexpr uint8_t start[2] = {ZFX_KVDB_ZONE_MEMBER_KEY, 0};
         constexpr KeyShape shape{ZFX_KVDB_ZONE_MEMBER_KEY, kind_bit(0), ZFX_ZONE_DB_KEY_SIZE, 1, 1};
-        const TableWalk walk{shape, start, sizeof start};
+        const auto indexed = [](const kvdb_datum &key, const void *bound) { return zone_of(key) < *static_cast<const uint32_t *>(bound); };
+        const TableWalk walk{shape, start, sizeof start, 0, false, indexed, &zones_};
         // Zone z's entries lie at starts_[z] .. starts_[z + 1]. A first walk counts them (into
         // starts_[z + 2]); the sums make starts_[z + 1] the group's start, and the second walk fills
         // each group from there, leaving starts_[z + 1] at its end, which is the next one's start.
-        starts_ = static_cast<uint32_t *>(mem_zalloc_array(kZones + 2, sizeof(uint32_t)));
+        starts_ = static_cast<uint32_t *>(mem_zalloc_array(zones_ + 2, sizeof(uint32_t)));
         if (starts_ == nullptr) return;
         const uint32_t n = walk_table(store, walk, UINT32_MAX, [&](const kvdb_datum &key, const kvdb_datum &) {
             ++starts_[zone_of(key) + 2];
         });
         entries_ = static_cast<Entry *>(mem_zalloc_array(n, sizeof(Entry)));
         if (entries_ == nullptr) return;
-        for (uint32_t z = 2; z < kZones + 2; ++z) starts_[z] += starts_[z - 1];
+        for (uint32_t z = 2; z < zones_ + 2; ++z) starts_[z] += starts_[z - 1];
         // The second walk reaches no more keys than the first (a walk that ends early leaves
         // empty entries, which find passes over).
         walk_table(store, walk, n, [&](const kvdb_datum &key, const kvdb_datum &value) {
             entries_[starts_[zone_of(key) + 1]++] = Entry{load_le16(static_cast<uint8_t *>(key.data) + 2), value};
         });
-        for (uint32_t z = 0; z < kZones; ++z)
+        for (uint32_t z = 0; z < zones_; ++z)
             std::sort(entries_ + starts_[z], entries_ + starts_[z + 1], [](const Entry &a, const Entry &b) { return a.member < b.member; });
     }
     ~MemberIndex() {
@@ -72,20 +75,20 @@ public:
 
     // The value of the member's record, or NULL when the index does not hold one.
     const kvdb_datum *find(uint16_t zone, uint16_t member) const {
-        if (entries_ == nullptr) return nullptr;
+        if (entries_ == nullptr || zone >= zones_) return nullptr;
         const Entry *first = entries_ + starts_[zone], *last = entries_ + starts_[zone + 1];
         const Entry *e = std::lower_bound(first, last, member, [](const Entry &a, uint16_t m) { return a.member < m; });
         return e != last && e->member == member && e->value.data != nullptr ? &e->value : nullptr;
     }
 
 private:
-    static constexpr uint32_t kZones = 0x10000;  // zone ids as member keys carry them
     struct Entry {
         uint16_t member;
         kvdb_datum value;
     };
     static uint32_t zone_of(const kvdb_datum &key) { return load_le16(static_cast<uint8_t *>(key.data) + 4); }
 
+    uint32_t zones_;
     uint32_t *starts_ = nullptr;
     Entry *entries_ = nullptr;
 };
@@ -257,7 +260,12 @@ int32_t zfx_zone_generate_ascii_config(kvdb_store *store) {
     if (bit_next(header.zones, kZoneBits, 0) == kZoneBits)
         std::memcpy(header.zones, header.zones_short, sizeof header.zones_short);
 
-    const MemberIndex members(store);
+    uint32_t last_zone = 0;
+    for_each_id(header.zones, kZoneBits, [&](uint32_t id) {
+        last_zone = id;
+        return 0;
+    });
+    const MemberIndex members(store, last_zone + 1);
     Section s{store, gen_handle, &members, {}};
     if (const int32_t r = for_each_id(header.zones, kZoneBits, [&](uint32_t id) { return zone_text(s, id); }))
         return r;
