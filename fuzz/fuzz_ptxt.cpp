@@ -190,7 +190,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         const uint32_t h = to_stale ? stale : g.handle;
         Model scratch;
         Model &m = to_stale ? scratch : g.model;
-        auto status = [&](int32_t want) { return to_stale ? PTXT_ERR_HANDLE : want; };
+        // Arguments are checked before the handle.
+        auto status = [&](int32_t want) { return to_stale && want != PTXT_ERR_INVALID ? PTXT_ERR_HANDLE : want; };
         switch (op % 8) {
             case 0: {
                 const uint32_t grp = group(in), n = number(in);
