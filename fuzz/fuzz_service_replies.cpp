@@ -1,7 +1,8 @@
 // Arbitrary replies of the feature's service to every request whose reply the library reads: the
-// enabled and NAT queries (waited and split), the named values, the zone data queries and the
-// active zoneset. Whatever the bytes, a function answers with its documented result and never
-// reads past the reply.
+// enabled and NAT queries (waited and split), the named values, the zone, zoneset and member
+// message and data queries, the active zoneset, the next-hop VSAN and a device's per-VSAN value.
+// Whatever the bytes, a function answers with its documented result and never reads past the
+// reply.
 #include <vector>
 
 #include "fake_service.hpp"
@@ -31,7 +32,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
     zfxtest::FakeService svc;
     svc.answer(Answer::reply_with(reply, result));
-    switch (which % 12) {
+    switch (which % 17) {
     case 0: {
         zfx_status_reply *r = nullptr;
         zfx_is_zfx_enabled(svc.ep(), &r);
@@ -91,9 +92,39 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         zfx_get_active_zoneset(svc.ep(), name, zones);
         break;
     }
-    default: {
+    case 11: {
         void *r = nullptr;
         zfx_dlg_get_zoneset_status(svc.ep(), 1, 3, &r);
+        std::free(r);
+        break;
+    }
+    case 12: {
+        zfx_zoneset_msg *r = nullptr;
+        zfx_dlg_get_zoneset(svc.ep(), 1, "zs", 1, &r, 1, 0);
+        std::free(r);
+        break;
+    }
+    case 13: {
+        zfx_zone_msg *r = nullptr;
+        zfx_dlg_get_zone(svc.ep(), 1, nullptr, 1, &r, 1, 0);
+        std::free(r);
+        break;
+    }
+    case 14: {
+        zfx_zone_member_msg *r = nullptr;
+        zfx_dlg_get_zone_member(svc.ep(), 1, "z", 1, 2, &r, 1, 0);
+        std::free(r);
+        break;
+    }
+    case 15: {
+        uint32_t hop = 0;
+        zfx_get_next_hop_vsan(svc.ep(), 7, 0x010203, &hop);
+        if (result == 0 && reply.size() < 4 && hop != 7) zfxfuzz::finding("a short reply changed the next hop");
+        break;
+    }
+    default: {
+        void *r = nullptr;
+        zfx2_dlg_pv_vsan_entry_get(svc.ep(), 1, 2, 3, &r);
         std::free(r);
         break;
     }
