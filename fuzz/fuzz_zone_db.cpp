@@ -6,8 +6,9 @@
 //  - a stored member record of arbitrary bytes, decoded with its length as the zone text decodes
 //    it: refused with the node untouched, or decoded into a node that the public decoder gives too
 //    and that encodes into a record decoding into the same node;
-//  - the active zoneset data and the zone options restored from arbitrary chunks: the data is the
-//    chunks' bytes in order, up to the total of chunk 0 and the first missing chunk, then zeros.
+//  - the active zoneset data and the zone options restored from arbitrary chunks: the data (whole,
+//    or a head of any size as the zone text reads it) is the chunks' bytes in order, up to the
+//    total of chunk 0 or the head's size and the first missing chunk, then zeros.
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -106,7 +107,7 @@ void restore_chunks(zfxfuzz::Input &in) {
         total_value = in.bytes(head % 8);
     }
     zfx_zone_db_key(key, ZFX_KVDB_ACTIVE_ZONESET_KEY, 0, 0);
-    if (head % 16 != 15) put(w, key, sizeof key, total_value);
+    if (head % 16 != 15) put(w, key, sizeof key, total_value);  // else no chunk 0 at all
     // Chunks 1, 2, ...: a gap where the input says; what they should give, joined.
     std::vector<uint8_t> joined;
     bool gap = false;
@@ -126,27 +127,40 @@ void restore_chunks(zfxfuzz::Input &in) {
     put(w, options_key, sizeof options_key, options);
     kvdb_close(w);
 
+    // A reader of the data's head asks for any number of bytes, in a block of exactly that size.
+    const uint32_t head_size = in.take<uint16_t>() % 2048;
+
     kvdb_store *store = kvdb_open(kStore, nullptr);
-    uint32_t len = 0;
-    uint8_t *restored = zfx::restore_active(store, len);
-    const uint32_t total = total_value.size() >= 4 ? uint32_t(total_value[0]) << 24 | total_value[1] << 16 |
-                                                         total_value[2] << 8 | total_value[3]
-                                                   : 0;
-    if (restored == nullptr) {
-        if (len != 0 || (total != 0 && total <= UINT16_MAX && head % 16 != 15)) zfxfuzz::finding("a restore refused");
-    } else {
-        if (len != total) zfxfuzz::finding("restored data of another length than chunk 0 gives");
-        // The joined chunks, then zeros: checked in full for what was stored, sampled at the end.
-        const size_t filled = std::min<size_t>(joined.size(), len);
-        if (filled != 0 && std::memcmp(restored, joined.data(), filled) != 0)
+    const bool has_total = head % 16 != 15 && total_value.size() >= 4;
+    const uint32_t stored =
+        has_total ? uint32_t(total_value[0]) << 24 | total_value[1] << 16 | total_value[2] << 8 | total_value[3] : 0;
+    const uint32_t total = zfx::active_total(store);
+    if (total != stored && (total != 0 || stored <= UINT16_MAX))
+        zfxfuzz::finding("a total other than chunk 0 gives");
+    // The joined chunks, then zeros.
+    auto expect_data = [&](const uint8_t *data, uint32_t size) {
+        const size_t filled = std::min<size_t>(joined.size(), size);
+        if (filled != 0 && std::memcmp(data, joined.data(), filled) != 0)
             zfxfuzz::finding("restored data differs from the chunks");
-        const size_t zeros = std::min<size_t>(len - filled, 1 << 16);
-        if (std::count(restored + filled, restored + filled + zeros, 0) != std::ptrdiff_t(zeros) ||
-            (len > filled && restored[len - 1] != 0))
+        // Checked in full up to 64 KiB past what was stored, and at the very end.
+        const size_t zeros = std::min<size_t>(size - filled, 1 << 16);
+        if (std::count(data + filled, data + filled + zeros, 0) != std::ptrdiff_t(zeros) ||
+            (size > filled && data[size - 1] != 0))
             zfxfuzz::finding("restored data past the chunks is not zero");
+    };
+    auto *restored = static_cast<uint8_t *>(zfx_zone_restore_active_pzs_from_kvdb(store));
+    if (restored != nullptr) {
+        if (total == 0) zfxfuzz::finding("data restored without a total");
+        expect_data(restored, total);
+    } else if (total != 0 && total <= UINT16_MAX) {
+        zfxfuzz::finding("a restore refused");
     }
     std::free(restored);
-    std::free(zfx_zone_restore_active_pzs_from_kvdb(store));
+    auto *head_block = static_cast<uint8_t *>(std::calloc(1, head_size));
+    const uint32_t got = zfx::read_active(store, head_block, head_size);
+    if (got != std::min<size_t>(joined.size(), head_size)) zfxfuzz::finding("the head read filled another length");
+    expect_data(head_block, head_size);
+    std::free(head_block);
 
     uint32_t word = 0xA5A5A5A5, want = word;
     if (!options.empty()) std::memcpy(&want, options.data(), std::min<size_t>(options.size(), 4));
