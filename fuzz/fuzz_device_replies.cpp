@@ -1,8 +1,11 @@
-// Arbitrary replies to the raw-message queries, the name-server query, the device batches and
-// the TLV-encoded device replies. Whatever the bytes, a function answers with its documented
-// result, never reads past the reply, and leaves nothing allocated but what it hands over.
+// Arbitrary replies to the raw-message queries, the name-server query, the device batches (the
+// plain one and both name-server views) and the TLV-encoded device replies. Whatever the bytes, a
+// function answers with its documented result, never reads past the reply, and leaves nothing
+// allocated but what it hands over. A TLV reply that the checked decoder accepts lies within its
+// length, so the decoder without a length must read it into the same entries.
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <vector>
 
 #include "fake_service.hpp"
@@ -13,6 +16,12 @@ using zfxfuzz::finding;
 using zfxtest::Answer;
 
 namespace {
+
+bool same_ns(const zfx_device_ns_entry &a, const zfx_device_ns_entry &b) {
+    return std::memcmp(&a.vsans, &b.vsans, sizeof a.vsans) == 0 &&
+           std::memcmp(a.ns_block, b.ns_block, sizeof a.ns_block) == 0 && a.pair_count == b.pair_count &&
+           (a.pair_count == 0 || std::memcmp(a.pairs, b.pairs, a.pair_count * sizeof *a.pairs) == 0);
+}
 
 void release(zfx_device_ns_entry *e, uint32_t n) {
     for (uint32_t i = 0; i < n; ++i) {
@@ -43,12 +52,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     zfxtest::FakeService svc;
     svc.answer(Answer::reply_with(reply));
     for (int i = 0; i < 8; ++i) svc.answer(Answer::reply_with(reply));  // per-VSAN values
-    switch (which % 6) {
+    switch (which % 8) {
         case 0: {
             zfx_device_entry *e = nullptr;
             int32_t n = 0;
             const int32_t r = zfx2_device_entry_parse_checked(exact, len, &e, &n);
             if ((r == 0) != (e != nullptr) || (r == 0 && n < 1)) finding("device entries and result disagree");
+            if (r == 0) {
+                zfx_device_entry *u = nullptr;
+                int32_t un = 0;
+                if (zfx2_device_entry_parse(exact, &u, &un) != 0 || un != n ||
+                    std::memcmp(u, e, size_t(n) * sizeof *e) != 0)
+                    finding("the decoders without and with a length disagree");
+                std::free(u);
+            }
             std::free(e);
             break;
         }
@@ -57,7 +74,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             int32_t n = 0;
             const int32_t r = zfx2_device_ns_entry_parse_checked(exact, len, &e, &n);
             if ((r == 0) != (e != nullptr) || (r == 0 && n < 1)) finding("name-server entries and result disagree");
-            if (r == 0) release(e, uint32_t(n));
+            if (r == 0) {
+                zfx_device_ns_entry *u = nullptr;
+                int32_t un = 0;
+                if (zfx2_device_ns_entry_parse(exact, &u, &un) != 0 || un != n) {
+                    finding("the name-server decoders without and with a length disagree");
+                }
+                for (int32_t i = 0; i < n; ++i)
+                    if (!same_ns(u[i], e[i])) finding("the name-server decoders read other entries");
+                release(u, uint32_t(un));
+                release(e, uint32_t(n));
+            }
             break;
         }
         case 2: {
@@ -78,12 +105,30 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
                 finding("an unterminated symbolic name");
             break;
         }
-        default: {
+        case 5:
+        case 6: {
             zfx_device_entry *h;
             zfx_device_entry_handle_init(&h);
             zfx_device_ns_entry *e = nullptr;
             uint32_t n = 0;
-            if (zfx2_device_ns_entry_get_next(svc.ep(), h, &e, &n) == 0) release(e, n);
+            const auto batch = which % 8 == 5 ? zfx2_device_ns_entry_get_next : zfx_device_ns_entry_get_next;
+            if (batch(svc.ep(), h, &e, &n) == 0) {
+                if ((n == 0) != (e == nullptr)) finding("a batch's count and entries disagree");
+                release(e, n);
+            }
+            break;
+        }
+        default: {
+            zfx_device_entry *h;
+            zfx_device_entry_handle_init(&h);
+            zfx_device_entry *e = nullptr;
+            uint32_t n = 0;
+            if (zfx_device_entry_get_next(svc.ep(), h, &e, &n) == 0) {
+                if (n != len / ZFX_DEVICE_ENTRY_SIZE || (n == 0) != (e == nullptr)) finding("a batch of another count");
+                if (n != 0 && std::memcmp(h, &e[n - 1], ZFX_DEVICE_ENTRY_SIZE) != 0)
+                    finding("the cursor did not move to the batch's last device");
+            }
+            std::free(e);
             break;
         }
     }

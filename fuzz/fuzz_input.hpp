@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <vector>
 
@@ -42,7 +43,8 @@ private:
 
 // Stops the harness with a finding when an invariant of the code under test does not hold.
 [[noreturn]] inline void finding(const char *what) {
-    __builtin_printf("invariant broken: %s\n", what);
+    // On standard error, unbuffered: the trap comes before any buffer would be flushed.
+    std::fprintf(stderr, "invariant broken: %s\n", what);
     __builtin_trap();
 }
 
