@@ -12,6 +12,7 @@
 #include <string>
 
 #include "fabric.hpp"
+#include "tlv.hpp"
 #include "platform/kvdb.h"
 #include "zfx_ascii_cfg.h"
 #include "zfx_fabric.h"
@@ -85,29 +86,6 @@ Wwn wwn_at(const uint8_t *p) {
 const char *qos_word(uint32_t qos) {
     static const char *const words[] = {"none", "low", "medium", "high"};
     return qos < 4 ? words[qos] : "unknown";
-}
-
-// A stored TLV array, checked: calls each(type, length, value) for its elements, or returns
-// false (having called nothing) when an element it counts does not lie within len bytes.
-template <typename Each>
-bool tlv_elements(const uint8_t *array, size_t len, Each &&each) {
-    if (len < 4) return false;
-    const uint32_t count = load<uint32_t>(array);
-    size_t at = 4;
-    for (uint32_t i = 0; i < count; ++i) {
-        if (len - at < 4) return false;
-        const uint16_t length = load<uint16_t>(array + at + 2);
-        if (len - at - 4 < length) return false;
-        at += 4 + ((length + 3u) & ~3u);
-        if (at > len) at = len;
-    }
-    at = 4;
-    for (uint32_t i = 0; i < count; ++i) {
-        const uint16_t type = load<uint16_t>(array + at), length = load<uint16_t>(array + at + 2);
-        each(type, length, array + at + 4);
-        at += 4 + ((length + 3u) & ~3u);
-    }
-    return true;
 }
 
 using Line = std::string;

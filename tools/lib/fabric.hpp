@@ -38,9 +38,10 @@ struct Member {
     std::string alias; // types 1 and 241
     uint32_t vsan = 1;
     uint16_t afid = 1;
+    uint16_t id = 0;  // its id in the zone; 0: the one after the previous member's (1 for the first)
 };
 
-// A zone; its members get the ids 1, 2, ... in the order they are listed.
+// A zone; its members are listed in ascending id order.
 struct Zone {
     uint16_t id = 0;
     std::string name;
@@ -135,6 +136,21 @@ struct Fabric {
 // The store locations under a directory, as the configuration-text request forms them.
 std::string config_location(const std::string &dir);
 std::string debug_location(const std::string &dir);
+
+// The records of the zone database, one object at a time, from libzfx's encoders (each throws
+// std::runtime_error when an encoder refuses its node). The service writes these as its objects
+// change; config_records writes them all.
+Bytes zone_db_key(uint8_t table, uint16_t first, uint16_t second);
+// The members' ids as Member::id resolves them, in the zone's order.
+std::vector<uint16_t> member_ids(const Zone &zone);
+Record zone_record(const Zone &zone);  // its member bitmap from the members' ids
+Record member_record(uint16_t zone_id, uint16_t member_id, const Member &member);
+Record zoneset_record(const Zoneset &zoneset);
+Record zone_db_header_record(const std::vector<uint16_t> &zone_ids, const std::vector<uint16_t> &zoneset_ids);
+Record zone_options_record(bool force);
+// The active zoneset data made of the given zones (in ascending id order), split into chunks:
+// chunk 0 (its total length) first, then chunks 1, 2, ...
+std::vector<Record> active_records(const Active &active, const std::vector<const Zone *> &zones, size_t chunk_size);
 
 // The records of the configuration store and of the debug store. Records of the zone database
 // come from libzfx's encoders; the active zoneset data is split into chunks of chunk_size bytes.
