@@ -256,7 +256,7 @@ std::string member_text(const Member &m) {
 // The handlers of one request, sharing the database, the log and the peer.
 class Handler {
 public:
-    Handler(ZoneDb &db, const Peer &peer, std::string &what) : db_(db), peer_(peer), what_(what) {}
+    Handler(ZoneDb &db, std::string &what) : db_(db), what_(what) {}
 
     Answer zone(uint32_t opcode, const uint8_t *p, uint32_t n, bool attributes_only);
     Answer zoneset(uint32_t opcode, const uint8_t *p, uint32_t n);
@@ -304,7 +304,6 @@ private:
     }
 
     ZoneDb &db_;
-    const Peer &peer_;
     std::string &what_;  // what the request did, for the log
 };
 
@@ -695,7 +694,7 @@ Answer Service::handle(uint32_t msg_type, uint32_t opcode, const uint8_t *payloa
     const uint8_t *p = payload != nullptr ? payload : none;
     const uint32_t changes = db_.changes();
     std::string what;
-    Handler h(db_, peer, what);
+    Handler h(db_, what);
     Answer a;
     switch (msg_type) {
         case ZFX_MSG_ZONE: a = h.zone(opcode, p, length, false); break;
