@@ -15,6 +15,7 @@
 #include "platform/fmt.h"
 #include "platform/kvdb.h"
 #include "platform/tree.h"
+#include "store_guard.hpp"
 #include "zfx_ascii_cfg.h"
 #include "zfx_fabric.h"
 #include "zfx_zone_db.h"
@@ -315,17 +316,17 @@ std::string status_text(int32_t status) {
     }
 }
 
-// The keys a store holds now; a location that holds no store has none.
-std::vector<Bytes> existing_keys(const std::string &location) {
-    std::vector<Bytes> keys;
-    kvdb_store *store = kvdb_open(location.c_str(), nullptr);
-    if (store == nullptr) return keys;
-    kvdb_cursor cursor{};
-    for (kvdb_datum *k = kvdb_move2location(store, KVDB_LOC_FIRST, &cursor); k != nullptr;
-         k = kvdb_move2location(store, KVDB_LOC_NEXT, &cursor))
-        keys.emplace_back(static_cast<uint8_t *>(k->data), static_cast<uint8_t *>(k->data) + k->len);
-    kvdb_close(store);
-    return keys;
+// The keys the store at location holds now (none when there is no store there); false when the
+// store is damaged.
+bool existing_keys(const std::string &location, std::vector<Bytes> &keys) {
+    keys.clear();
+    return walk_store(location, [&keys](const uint8_t *k, uint32_t klen, const uint8_t *, uint32_t) {
+               keys.emplace_back(k, k + klen);
+           }) != StoreState::damaged;
+}
+
+std::string not_empty(const std::string &location) {
+    return location + ": the store is not empty (use --replace to overwrite it)";
 }
 
 kvdb_datum datum(const Bytes &b) { return {const_cast<uint8_t *>(b.data()), uint32_t(b.size())}; }
@@ -333,13 +334,16 @@ kvdb_datum datum(const Bytes &b) { return {const_cast<uint8_t *>(b.data()), uint
 }  // namespace
 
 std::string write_store(const std::string &location, const std::vector<Record> &records, bool replace) {
-    const std::vector<Bytes> old = existing_keys(location);
-    if (!old.empty() && !replace) return location + ": the store is not empty (use --replace to overwrite it)";
+    std::vector<Bytes> old;
+    if (!existing_keys(location, old)) return damaged_text(location);
+    if (!old.empty() && !replace) return not_empty(location);
     // The store directory's parents are made as needed (an in-memory location has none).
     std::error_code ec;
     if (location.rfind(KVDB_LOCATION_MEM_PREFIX, 0) != 0)
         std::filesystem::create_directories(std::filesystem::path(location).parent_path(), ec);
     if (ec) return location + ": cannot create its directory: " + ec.message();
+    // A write transaction reads the store's pages too (the tree it changes, the free pages).
+    const StoreGuard guard(location);
     int32_t status = 0;
     kvdb_store *store = kvdb_create(location.c_str(), &status);
     if (store == nullptr) return location + ": cannot create the store: " + status_text(status);
@@ -362,14 +366,18 @@ std::string write_store(const std::string &location, const std::vector<Record> &
 
 std::string write_fabric(const Fabric &fabric, const std::string &dir, const std::string &debug_dir, bool replace) {
     const std::vector<Record> config = config_records(fabric), debug = debug_records(fabric);
+    const std::string debug_store = debug_location(debug_dir);
+    std::vector<Bytes> old_debug;
+    if (!existing_keys(debug_store, old_debug)) return damaged_text(debug_store);
     if (!replace) {
-        for (const std::string &loc : {config_location(dir), debug_location(debug_dir)})
-            if (!existing_keys(loc).empty()) return loc + ": the store is not empty (use --replace to overwrite it)";
+        std::vector<Bytes> old_config;
+        if (!existing_keys(config_location(dir), old_config)) return damaged_text(config_location(dir));
+        if (!old_config.empty()) return not_empty(config_location(dir));
+        if (!old_debug.empty()) return not_empty(debug_store);
     }
     std::string error = write_store(config_location(dir), config, replace);
     // A fabric without a logging level writes no debug store, but empties one it replaces.
-    const std::string debug_store = debug_location(debug_dir);
-    if (error.empty() && (!debug.empty() || (replace && !existing_keys(debug_store).empty())))
+    if (error.empty() && (!debug.empty() || (replace && !old_debug.empty())))
         error = write_store(debug_store, debug, replace);
     return error;
 }

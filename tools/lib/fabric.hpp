@@ -161,11 +161,12 @@ std::vector<Record> debug_records(const Fabric &fabric);
 
 // Writes records into the store at location, all in one transaction. A store that already
 // holds records is refused unless replace is set (its records are then deleted in the same
-// transaction). Returns an empty string, or what went wrong.
+// transaction), and a damaged one always is (damaged_text; remove it to write it anew). Returns
+// an empty string, or what went wrong.
 std::string write_store(const std::string &location, const std::vector<Record> &records, bool replace);
 
 // Writes the fabric's configuration store under dir and, when it has a debug level, its debug
-// store under debug_dir. Both stores are checked for records first, so that a refusal writes
+// store under debug_dir. Both stores are read first (records, damage), so that a refusal writes
 // nothing. Returns an empty string, or what went wrong (a store whose transaction failed holds
 // what it held before).
 std::string write_fabric(const Fabric &fabric, const std::string &dir, const std::string &debug_dir, bool replace);
