@@ -15,6 +15,7 @@
 #include "cli.hpp"
 #include "fabric.hpp"
 #include "server.hpp"
+#include "store_guard.hpp"
 #include "zfxd_protocol.h"
 
 namespace {
@@ -93,8 +94,19 @@ int main(int argc, char **argv) {
         return zfxtool::kExitFailure;
     }
 
+    // The store is read whole once under the guard, so that damage ends the start with a message,
+    // never a signal, before zfxd builds on it.
+    zfxtool::guard_store_reads("zfxd");
+    const std::string location = zfxtool::config_location(dir);
     zfxd::ZoneDb db;
-    error = db.open(zfxtool::config_location(dir));
+    {
+        const zfxtool::StoreGuard guard(location);
+        if (zfxtool::walk_store(location) == zfxtool::StoreState::damaged) {
+            std::fprintf(stderr, "zfxd: %s\n", zfxtool::damaged_text(location).c_str());
+            return zfxtool::kExitFailure;
+        }
+        error = db.open(location);
+    }
     if (!error.empty()) {
         std::fprintf(stderr, "zfxd: %s\n", error.c_str());
         return zfxtool::kExitFailure;
