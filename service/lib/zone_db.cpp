@@ -104,14 +104,21 @@ std::string ZoneDb::open(const std::string &location) {
     kvdb_store *reader = kvdb_open(location.c_str(), &status);
     if (reader == nullptr) return location + ": cannot open the store for reading (status " + std::to_string(status) + ")";
     std::string error = rebuild(reader, location);
-    kvdb_cursor first{};
-    const bool fresh = kvdb_move2location(reader, KVDB_LOC_FIRST, &first) == nullptr;
+    const auto present = [&](const Bytes &key) {
+        const kvdb_datum k{const_cast<uint8_t *>(key.data()), uint32_t(key.size())};
+        return kvdb_fetch(reader, &k, nullptr) != nullptr;
+    };
+    const bool whole = present({ZFX_KVDB_ZONE_DB_HEADER_KEY, 0}) && present({ZFX_KVDB_ZONE_OPTIONS_KEY, 0});
     kvdb_close(reader);
     index();
-    if (!error.empty() || !fresh) return error;
-    // A new store starts as the record of an empty zone database, so that it reads as one.
+    if (!error.empty() || whole) return error;
+    // A new store (or one written without them) gets the header and the options word of the
+    // database it holds, so that it reads as a zone database from the first change on.
+    std::vector<uint16_t> zone_ids, zoneset_ids;
+    for (const auto &entry : zones_) zone_ids.push_back(entry.first);
+    for (const auto &entry : zonesets_) zoneset_ids.push_back(entry.first);
     status = kvdb_txn_begin(writer_);
-    for (const auto &[k, v] : {zfxtool::zone_db_header_record({}, {}), zfxtool::zone_options_record(false)}) {
+    for (const auto &[k, v] : {zfxtool::zone_db_header_record(zone_ids, zoneset_ids), zfxtool::zone_options_record(active_ && active_->force)}) {
         const kvdb_datum key{const_cast<uint8_t *>(k.data()), uint32_t(k.size())}, value{const_cast<uint8_t *>(v.data()), uint32_t(v.size())};
         if (status == 0) status = kvdb_put(writer_, &key, &value);
     }
