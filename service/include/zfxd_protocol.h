@@ -199,7 +199,10 @@ ZFX_STATIC_ASSERT(sizeof(zfxd_zoneset_info_block) == 20, "zoneset information bl
 /* ---- where and how much ----------------------------------------------------------------------- */
 #define ZFXD_SOCKET_ENV "ZFXD_SOCKET"           /* overrides the default socket path */
 #define ZFXD_SOCKET_DEFAULT "/tmp/zfxd.sock"
-#define ZFXD_MAX_CLIENTS 64u                    /* connections beyond this are closed at once */
+#define ZFXD_MAX_CLIENTS 64u                    /* connections at once; beyond it the one idle the
+                                                   longest is closed, or the new one if none is idle */
+#define ZFXD_FRAME_TIMEOUT_MS 5000              /* a frame begun must be finished, and answers
+                                                   waiting must start being read, within this */
 #define ZFXD_MAX_REQUEST (64u << 10)            /* the largest request payload accepted */
 #define ZFXD_MAX_PENDING_OUT (16u << 20)        /* answer bytes a client may leave unread before
                                                    it is dropped */

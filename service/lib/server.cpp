@@ -9,8 +9,10 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 
 #include "platform/frame.h"
 #include "zfx_common.h"
@@ -24,22 +26,35 @@ struct Server::Client {
     Peer peer;
     Bytes in;
     Bytes out;
-    size_t out_at = 0;  // bytes of out already written
+    size_t out_at = 0;        // bytes of out already written
+    int64_t last_seen = 0;    // when it last sent or read something (ms, monotonic)
+    int64_t partial_since = 0; // when the frame it has half sent began to arrive; 0: none
+    int64_t unread_since = 0;  // since when its answers wait without one byte read; 0: none
     size_t pending() const { return out.size() - out_at; }
+    bool idle() const { return in.empty() && pending() == 0; }
+    // When it runs out of time (0: never), and why.
+    int64_t deadline(int64_t timeout, const char *&why) const {
+        const int64_t a = partial_since != 0 ? partial_since + timeout : 0, b = unread_since != 0 ? unread_since + timeout : 0;
+        why = a != 0 && (b == 0 || a <= b) ? "a frame left unfinished" : "answers left unread";
+        return a != 0 && (b == 0 || a <= b) ? a : b;
+    }
 };
 
 namespace {
 
-// Answers wait in a client's buffer up to this before it stops being read: a client that does not
-// read its answers stops being served, then is dropped at ZFXD_MAX_PENDING_OUT.
-constexpr size_t kPauseReading = 1u << 20;
 constexpr size_t kReadChunk = 64u << 10;
+
+int64_t now_ms() {
+    timespec ts{};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return int64_t(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
 
 std::string errno_text(const char *what) { return std::string(what) + ": " + std::strerror(errno); }
 
 }  // namespace
 
-Server::Server(Service &service) : service_(service) {}
+Server::Server(Service &service, Limits limits) : service_(service), limits_(limits) {}
 
 Server::~Server() {
     for (auto &c : clients_) close(c->fd);
@@ -94,9 +109,19 @@ void Server::accept_clients() {
         ucred cred{};
         socklen_t len = sizeof cred;
         if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) == 0) c->peer = Peer{cred.uid, cred.pid};
-        if (clients_.size() >= ZFXD_MAX_CLIENTS) {
-            drop(*c, "too many connections (" + std::to_string(ZFXD_MAX_CLIENTS) + ")");
-            continue;
+        c->last_seen = now_ms();
+        if (clients_.size() >= limits_.clients) {
+            // Room is made by closing the connection idle the longest: a program that holds
+            // connections it does not use cannot keep the others out.
+            Client *oldest = nullptr;
+            for (const auto &other : clients_)
+                if (other->fd >= 0 && other->idle() && (oldest == nullptr || other->last_seen < oldest->last_seen)) oldest = other.get();
+            if (oldest == nullptr) {
+                drop(*c, "too many connections (" + std::to_string(limits_.clients) + "), none of them idle");
+                continue;
+            }
+            drop(*oldest, "idle the longest while " + std::to_string(limits_.clients) + " connections are open");
+            std::erase_if(clients_, [](const std::unique_ptr<Client> &x) { return x->fd < 0; });
         }
         service_.log(2, "uid " + std::to_string(c->peer.uid) + " pid " + std::to_string(c->peer.pid) + ": connected");
         clients_.push_back(std::move(c));
@@ -119,16 +144,21 @@ bool Server::read_from(Client &c) {
         return false;
     }
     c.in.insert(c.in.end(), buf, buf + n);
+    c.last_seen = now_ms();
     return serve(c);
 }
 
 // Answers the whole frames the client has sent, while its unread answers allow. false: dropped.
 bool Server::serve(Client &c) {
     size_t at = 0;
-    while (c.pending() < kPauseReading) {
+    bool incomplete = false;  // what is left is less than a frame (rather than held back)
+    while (c.pending() < pause_reading()) {
         plat_frame f;
         const int32_t r = plat_frame_decode(c.in.data() + at, c.in.size() - at, ZFXD_MAX_REQUEST, &f);
-        if (r == PLAT_FRAME_SHORT) break;
+        if (r == PLAT_FRAME_SHORT) {
+            incomplete = true;
+            break;
+        }
         if (r != PLAT_FRAME_OK) {
             drop(c, std::string("bad frame: ") + plat_frame_error_text(r));
             return false;
@@ -137,7 +167,10 @@ bool Server::serve(Client &c) {
             drop(c, "bad frame: an answer where a call belongs");
             return false;
         }
-        if (c.in.size() - at < plat_frame_size(&f)) break;
+        if (c.in.size() - at < plat_frame_size(&f)) {
+            incomplete = true;
+            break;
+        }
         const uint8_t *payload = c.in.data() + at + PLAT_FRAME_HEADER_SIZE + f.opt_a_length;
         Answer a;
         // The feature's service answers its own access point; raw transport messages are not
@@ -155,8 +188,12 @@ bool Server::serve(Client &c) {
         if (with_reply) c.out.insert(c.out.end(), a.reply.begin(), a.reply.end());
     }
     c.in.erase(c.in.begin(), c.in.begin() + long(at));
-    if (c.pending() > ZFXD_MAX_PENDING_OUT) {
-        drop(c, "it leaves its answers unread");
+    if (c.pending() != 0 && c.unread_since == 0) c.unread_since = now_ms();
+    // A frame begun and not finished starts its clock; one finished (or none begun) stops it.
+    if (!incomplete || c.in.empty()) c.partial_since = 0;
+    else if (at != 0 || c.partial_since == 0) c.partial_since = now_ms();
+    if (c.pending() > limits_.pending_out) {
+        drop(c, "answers left unread beyond " + std::to_string(limits_.pending_out) + " bytes");
         return false;
     }
     return true;
@@ -171,6 +208,8 @@ bool Server::write_to(Client &c) {
             return false;
         }
         c.out_at += size_t(n);
+        c.last_seen = now_ms();
+        c.unread_since = c.pending() != 0 ? c.last_seen : 0;
     }
     if (c.pending() == 0) {
         c.out.clear();
@@ -195,11 +234,23 @@ int Server::run(volatile std::sig_atomic_t &stop) {
         fds.push_back({listen_fd_, POLLIN, 0});
         for (const auto &c : clients_) {
             short events = 0;
-            if (c->pending() < kPauseReading) events |= POLLIN;
+            if (c->pending() < pause_reading()) events |= POLLIN;
             if (c->pending() != 0) events |= POLLOUT;
             fds.push_back({c->fd, events, 0});
         }
-        if (ppoll(fds.data(), fds.size(), nullptr, &waiting) < 0) {
+        // The wait ends in time for the first half-sent frame that runs out of time.
+        int64_t wake = -1;
+        const char *why = nullptr;
+        for (const auto &c : clients_) {
+            const int64_t at = c->deadline(limits_.frame_timeout_ms, why);
+            if (at != 0 && (wake < 0 || at < wake)) wake = at;
+        }
+        timespec limit{};
+        if (wake >= 0) {
+            const int64_t ms = std::max<int64_t>(0, wake - now_ms());
+            limit = timespec{time_t(ms / 1000), long(ms % 1000) * 1000000};
+        }
+        if (ppoll(fds.data(), fds.size(), wake >= 0 ? &limit : nullptr, &waiting) < 0) {
             if (errno == EINTR) continue;
             service_.log(0, errno_text("poll"));
             return 1;
@@ -210,7 +261,7 @@ int Server::run(volatile std::sig_atomic_t &stop) {
             if ((got & POLLOUT) != 0) {
                 if (!write_to(c)) continue;
                 // Frames held back while the answers piled up are served now.
-                if (!c.in.empty() && c.pending() < kPauseReading && serve(c) && c.pending() != 0) write_to(c);
+                if (!c.in.empty() && c.pending() < pause_reading() && serve(c) && c.pending() != 0) write_to(c);
                 if (c.fd < 0) continue;
             }
             if ((got & (POLLIN | POLLHUP | POLLERR)) != 0 && c.fd >= 0) {
@@ -218,6 +269,11 @@ int Server::run(volatile std::sig_atomic_t &stop) {
                 // not held up by the next poll.
                 if (read_from(c) && c.pending() != 0) write_to(c);
             }
+        }
+        const int64_t now = now_ms();
+        for (const auto &c : clients_) {
+            const int64_t at = c->deadline(limits_.frame_timeout_ms, why);
+            if (c->fd >= 0 && at != 0 && now >= at) drop(*c, std::string(why) + " for " + std::to_string(limits_.frame_timeout_ms) + " ms");
         }
         std::erase_if(clients_, [](const std::unique_ptr<Client> &c) { return c->fd < 0; });
         if ((fds[0].revents & POLLIN) != 0) accept_clients();

@@ -13,12 +13,20 @@
 #include <vector>
 
 #include "service.hpp"
+#include "zfxd_protocol.h"
 
 namespace zfxd {
 
+// What one client may hold of the service (the defaults are zfxd_protocol.h's).
+struct Limits {
+    size_t clients = ZFXD_MAX_CLIENTS;
+    int64_t frame_timeout_ms = ZFXD_FRAME_TIMEOUT_MS;
+    size_t pending_out = ZFXD_MAX_PENDING_OUT;
+};
+
 class Server {
 public:
-    explicit Server(Service &service);
+    explicit Server(Service &service, Limits limits = {});
     Server(const Server &) = delete;
     Server &operator=(const Server &) = delete;
     ~Server();
@@ -39,8 +47,12 @@ private:
     bool serve(Client &c);
     bool write_to(Client &c);
     void drop(Client &c, const std::string &why);
+    // Answers wait in a client's buffer up to this before it stops being read: a client that does
+    // not read its answers stops being served, then is dropped at limits_.pending_out.
+    size_t pause_reading() const { return limits_.pending_out < (1u << 20) ? limits_.pending_out : 1u << 20; }
 
     Service &service_;
+    Limits limits_;
     std::string path_;
     int listen_fd_ = -1;
     int lock_fd_ = -1;
