@@ -1,5 +1,7 @@
-# Installs the build into a scratch prefix, then builds a C program against it twice: through
-# pkg-config (and runs it) and through the CMake package. Catches broken install rules.
+# Installs the build into a scratch prefix, then builds a C program against it twice, each time
+# as the README says, and runs it: through pkg-config (its flags, and an rpath to the library
+# directory it names) and through the CMake package. Catches broken install rules, and a README
+# whose program builds but does not start.
 # Arguments: BUILD, SOURCE, WORK, CC, CFLAGS (as a list), EMULATOR, TOOLCHAIN (may be empty).
 file(REMOVE_RECURSE ${WORK})
 set(prefix ${WORK}/prefix)
@@ -18,23 +20,26 @@ if(NOT pc)
   message(FATAL_ERROR "no libzfx.pc installed")
 endif()
 get_filename_component(pcdir ${pc} DIRECTORY)
-set(ENV{PKG_CONFIG_PATH} ${pcdir})
-check(pkg-config --cflags libzfx)
-separate_arguments(cflags UNIX_COMMAND "${out}")
-check(pkg-config --libs libzfx)
-separate_arguments(libs UNIX_COMMAND "${out}")
-get_filename_component(libdir ${pcdir} DIRECTORY)
-check(${CC} ${CFLAGS} ${cflags} ${SOURCE}/tests/install/consumer.c -o ${WORK}/consumer ${libs} -Wl,-rpath,${libdir})
-check(${EMULATOR} ${WORK}/consumer)
-if(NOT out STREQUAL "1-5,9 1\n")
-  message(FATAL_ERROR "the installed library answered '${out}'")
-endif()
+string(REPLACE ";" " " flags "${CFLAGS}")
+# The README's commands as a shell runs them, word for word but for the prefix, the compiler with
+# the build's flags, and the file names.
+check(sh -c "export PKG_CONFIG_PATH=${pcdir}
+${CC} ${flags} ${SOURCE}/tests/install/consumer.c -o ${WORK}/consumer $(pkg-config --cflags --libs libzfx) -Wl,-rpath,$(pkg-config --variable=libdir libzfx)")
+
+function(answers program)
+  check(${EMULATOR} ${program})
+  if(NOT out STREQUAL "1-5,9 1\n")
+    message(FATAL_ERROR "the installed library answered '${out}' to ${program}")
+  endif()
+endfunction()
+answers(${WORK}/consumer)
 
 set(toolchain)
 if(TOOLCHAIN)
   set(toolchain -DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN})
 endif()
-string(REPLACE ";" " " flags "${CFLAGS}")
 check(${CMAKE_COMMAND} -S ${SOURCE}/tests/install -B ${WORK}/consumer-build -DCMAKE_PREFIX_PATH=${prefix}
       -DCMAKE_C_COMPILER=${CC} "-DCMAKE_C_FLAGS=${flags}" ${toolchain})
 check(${CMAKE_COMMAND} --build ${WORK}/consumer-build)
+# CMake records the imported libraries' directory in the program it builds.
+answers(${WORK}/consumer-build/consumer)

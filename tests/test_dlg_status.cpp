@@ -198,18 +198,32 @@ TEST(DlgStatus, InfoReadsCheckTheirReply) {
 TEST(DlgStatus, ActivationTimeAndPassThroughResults) {
     const Bytes words = cat({be32(18), {1, 2, 3, 4}, {5, 6, 7, 8}});
     const Bytes untouched = cat({le32(0xAAAAAAAAu), le32(0xBBBBBBBBu)});
-    const std::pair<Answer, Bytes> cases[] = {
-        {Answer::reply_with(words), Bytes(words.begin() + 4, words.end())},  // not converted
-        {Answer::reply_with(Bytes(words.begin(), words.end() - 1)), untouched},
-        {Answer::failure(EIO), untouched},
-        {Answer::status(4), untouched},
+    Bytes record = info_record(18);
+    std::copy(words.begin(), words.end(), record.begin());
+    // Only the 12 bytes read must be in the reply; zfx_dlg_get_info, asked the same, wants the
+    // whole record, so the two part between 12 and 259 bytes.
+    const struct {
+        Answer answer;
+        Bytes time;
+        bool record;
+    } cases[] = {
+        {Answer::reply_with(words), Bytes(words.begin() + 4, words.end()), false},  // not converted
+        {Answer::reply_with(Bytes(words.begin(), words.end() - 1)), untouched, false},
+        {Answer::reply_with(Bytes(record.begin(), record.end() - 1)), Bytes(words.begin() + 4, words.end()), false},
+        {Answer::reply_with(record), Bytes(words.begin() + 4, words.end()), true},
+        {Answer::failure(EIO), untouched, false},
+        {Answer::status(4), untouched, false},
     };
-    for (const auto &[answer, expected] : cases) {
+    for (const auto &c : cases) {
         FakeService svc;
-        svc.answer(answer);
+        svc.answer(c.answer);
+        svc.answer(c.answer);
         zfx_time_value tv{{0xAAAAAAAAu, 0xBBBBBBBBu}};
         zfx_dlg_get_info_activate_time(svc.ep(), &tv);
-        EXPECT_EQ(bytes_of(&tv, 8), expected);
+        EXPECT_EQ(bytes_of(&tv, 8), c.time);
+        zfx_info_record *rec = zfx_dlg_get_info(svc.ep(), ZFX_INFO_KEY_ACTIVATE_TIME);
+        EXPECT_EQ(rec != nullptr, c.record);
+        std::free(rec);
     }
     FakeService quiet;
     zfx_dlg_get_info_activate_time(quiet.ep(), nullptr);

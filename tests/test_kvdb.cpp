@@ -91,6 +91,8 @@ TEST_P(StoreTest, MatchesAnOrderedMapAfterRandomWritesAndTransactions) {
         EXPECT_EQ(st, it == model.end() ? KVDB_NOT_FOUND : 0);
         EXPECT_EQ(str(v), it == model.end() ? "<null>" : it->second);
     }
+    // Walks off either end and missing keys are not failures of the store.
+    EXPECT_EQ(kvdb_read_failure(r.get()), 0);
 }
 
 TEST_P(StoreTest, ReadHandleKeepsItsSnapshotAndValuesUntilClosed) {
@@ -183,6 +185,8 @@ TEST_P(StoreTest, BadArgumentsAnswerStatusesNeverCrash) {
     EXPECT_EQ(kvdb_put(w2, &key, &key), KVDB_ERR_TXN);
     kvdb_close(w);  // aborts
     EXPECT_EQ(kvdb_put(w2, &key, &key), 0);
+    EXPECT_EQ(kvdb_read_failure(w2), KVDB_ERR_INVALID);  // a write handle does not read
+    EXPECT_EQ(kvdb_read_failure(nullptr), KVDB_ERR_INVALID);
     kvdb_close(w2);
     EXPECT_EQ(kvdb_close(nullptr), 0);
 }
@@ -209,6 +213,17 @@ TEST(MemStoreFaults, OpenKeyAndCursorFaultsApplyAsInjected) {
     kvdb_datum kb = d(b), ka = d(a);
     EXPECT_EQ(kvdb_fetch(r.get(), &kb, &st), nullptr);
     EXPECT_EQ(st, 0x5678);
+    EXPECT_EQ(kvdb_read_failure(r.get()), 0x5678);
+    {
+        // A walk that a cursor fault cuts short looks like a shorter store, but for the failure.
+        zfxtest::Reader walker(loc);
+        kvdb_cursor w{};
+        EXPECT_NE(kvdb_move2location(walker.get(), KVDB_LOC_FIRST, &w), nullptr);
+        EXPECT_NE(kvdb_move2location(walker.get(), KVDB_LOC_NEXT, &w), nullptr);
+        EXPECT_EQ(kvdb_read_failure(walker.get()), 0);
+        EXPECT_EQ(kvdb_move2location(walker.get(), KVDB_LOC_NEXT, &w), nullptr);
+        EXPECT_EQ(kvdb_read_failure(walker.get()), KVDB_ERR_IO);
+    }
     kvdb_cursor c{};
     EXPECT_EQ(str(kvdb_move2key(r.get(), &ka, &c)), "a");                     // move 1
     EXPECT_EQ(str(kvdb_move2location(r.get(), KVDB_LOC_NEXT, &c)), "b");      // move 2

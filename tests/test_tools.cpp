@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -12,6 +13,7 @@
 #include "platform/kvdb.h"
 #include "platform/ptxt.h"
 #include "store.hpp"
+#include "store_guard.hpp"
 #include "zfx_ascii_cfg.h"
 #include "zfx_zone_db.h"
 
@@ -162,9 +164,51 @@ TEST(Tools, DumpReadsArbitraryRecordsSafely) {
     zfxtest::put(p.config(), records);
     FILE *sink = std::fopen("/dev/null", "w");
     std::string error;
-    for (bool raw : {false, true}) EXPECT_GT(dump_store(p.config(), raw, sink, error), 0);
-    EXPECT_EQ(dump_store(p.path() + "/nothing", false, sink, error), -1);
+    for (bool raw : {false, true}) EXPECT_EQ(dump_store(p.config(), raw, sink, error), StoreState::readable);
     std::fclose(sink);
+}
+
+// Whatever reads a store tells a missing store from a damaged one, and acts on neither: the dump
+// prints no line of a damaged store and the writer writes nothing over one. (The faults that no
+// status reports are tools_damaged_store's, which damages LMDB files and runs the tools.)
+TEST(Tools, DamagedStoresAreToldFromMissingOnesAndLeftAlone) {
+    zfxtest::Prefix mem, dir(zfxtest::Backend::lmdb);
+    std::filesystem::create_directories(dir.path() + "/file");
+    std::ofstream(dir.path() + "/file/data.mdb") << "not a store";
+    std::ofstream(dir.path() + "/plain") << "a file";
+    const zfxtest::Record rec{{0x65, 1}, {1, 2, 3}};
+    zfxtest::put(mem.config(), {rec, {{0x66}, {}}});
+    zfxtest::put(mem.debug(), {rec});
+    kvdb_mem_faults cut{0, 0, nullptr, 0, 2};  // the walk's second move fails
+    ASSERT_EQ(kvdb_mem_inject(mem.config().c_str(), &cut), 0);
+    kvdb_mem_faults refused{KVDB_ERR_IO, 0, nullptr, 0, 0};
+    ASSERT_EQ(kvdb_mem_inject(mem.debug().c_str(), &refused), 0);
+    const struct {
+        std::string location;
+        StoreState state;
+    } cases[] = {
+        {mem.config(), StoreState::damaged},  // the walk is cut short after one record
+        {mem.debug(), StoreState::damaged},   // does not open, for another reason than absence
+        {mem.path() + "/elsewhere", StoreState::absent},
+        {dir.path() + "/file", StoreState::damaged},  // a data file that is not a store
+        {dir.path() + "/nothing", StoreState::absent},
+        {dir.path() + "/plain/x", StoreState::absent},
+    };
+    FILE *out = std::tmpfile();
+    for (const auto &c : cases) {
+        EXPECT_EQ(walk_store(c.location), c.state) << c.location;
+        std::string error;
+        EXPECT_EQ(dump_store(c.location, false, out, error), c.state);
+        EXPECT_EQ(error, c.state == StoreState::damaged ? damaged_text(c.location) : c.location + ": no store there");
+    }
+    EXPECT_EQ(std::ftell(out), 0L) << "a line of a store that is not whole";
+    std::fclose(out);
+    for (bool replace : {false, true})
+        EXPECT_EQ(write_fabric(demo_fabric(), mem.path(), mem.path() + "/elsewhere", replace), damaged_text(mem.config()));
+    EXPECT_EQ(write_fabric(demo_fabric(), mem.path() + "/new", mem.path(), true), damaged_text(mem.debug()));
+    ASSERT_EQ(kvdb_mem_inject(mem.config().c_str(), nullptr), 0);
+    EXPECT_EQ(walk_store(mem.config()), StoreState::readable);
+    EXPECT_EQ(text_at(mem), "feature zfx\n") << "the refused writes changed the store";
 }
 
 }  // namespace

@@ -6,8 +6,8 @@
 
 #include "cli.hpp"
 #include "fabric.hpp"
-#include "platform/kvdb.h"
 #include "platform/ptxt.h"
+#include "store_guard.hpp"
 #include "zfx_ascii_cfg.h"
 
 using namespace zfxtool;
@@ -26,8 +26,8 @@ const char kHelp[] =
     "                      missing debug store only means no logging line; a debug store asked\n"
     "                      for with this option must exist)\n"
     "\n"
-    "exit status: 0 success, 1 a store is missing or unreadable or the text could not be\n"
-    "written, 2 bad command line\n";
+    "exit status: 0 success, 1 a store is missing, damaged or unreadable, or the text could\n"
+    "not be written, 2 bad command line\n";
 
 int failure(const std::string &what) {
     std::fprintf(stderr, "zfx-gen: %s\n", what.c_str());
@@ -39,17 +39,19 @@ int32_t print_text(void *, void *, const char *text, uint32_t len) {
     return std::fwrite(text, 1, len, stdout) == len ? 0 : -1;
 }
 
-// zfx_ptxt_gen_func answers a store that does not open with empty text, as the service expects;
-// a person running this tool wants to hear about it instead.
-bool store_opens(const std::string &location, std::string &error) {
-    int32_t status = 0;
-    kvdb_store *store = kvdb_open(location.c_str(), &status);
-    if (store == nullptr) {
-        error = location + ": no store there, or it cannot be read";
-        return false;
+// zfx_ptxt_gen_func answers a store that does not open with empty text, and ends a walk that the
+// store cannot continue as if its records ended, as the service expects; a person running this
+// tool wants to hear about either. Each store is read whole first, so that a damaged one is named.
+bool store_readable(const std::string &location, bool required, std::string &error) {
+    switch (walk_store(location)) {
+        case StoreState::readable: return true;
+        case StoreState::absent:
+            error = location + ": no store there";
+            return !required;
+        case StoreState::damaged: break;
     }
-    kvdb_close(store);
-    return true;
+    error = damaged_text(location);
+    return false;
 }
 
 }  // namespace
@@ -81,11 +83,18 @@ int main(int argc, char **argv) {
         return kExitUsage;
     }
     if (!explicit_debug) debug_prefix = prefix;
-    if (!store_opens(config_location(prefix), error)) return failure(error);
-    if (explicit_debug && !store_opens(debug_location(debug_prefix), error)) return failure(error);
+    guard_store_reads("zfx-gen");
+    if (!store_readable(config_location(prefix), true, error)) return failure(error);
+    // Without --debug-prefix a missing debug store only means no logging line.
+    if (!store_readable(debug_location(debug_prefix), explicit_debug, error)) return failure(error);
 
     ptxt_request request{prefix.c_str(), debug_prefix.c_str(), print_text, nullptr};
-    const int32_t status = zfx_ptxt_gen_func(nullptr, &request);
+    int32_t status;
+    {
+        // The generation reads both stores again; a fault now names the directories they are in.
+        const StoreGuard guard(debug_prefix == prefix ? prefix : prefix + " or " + debug_prefix);
+        status = zfx_ptxt_gen_func(nullptr, &request);
+    }
     if (status != 0) return failure("the text could not be generated or written (status " + std::to_string(status) + ")");
     if (std::fflush(stdout) != 0 || std::ferror(stdout)) return failure("cannot write to standard output");
     return kExitOk;

@@ -8,6 +8,7 @@
 #include "dump.hpp"
 #include "fabric.hpp"
 #include "load.hpp"
+#include "store_guard.hpp"
 
 using namespace zfxtool;
 
@@ -106,10 +107,11 @@ int write(const Fabric &fabric, const std::string &dir, const Options &o) {
 
 int dump(const std::string &dir, const Options &o) {
     std::string error;
-    if (dump_store(config_location(dir), o.raw, stdout, error) < 0) return failure(error);
+    if (dump_store(config_location(dir), o.raw, stdout, error) != StoreState::readable) return failure(error);
     // The debug store is optional: a directory without one shows the configuration store alone.
     const std::string debug = debug_location(o.debug_dir.empty() ? dir : o.debug_dir);
-    if (dump_store(debug, o.raw, stdout, error) < 0 && !o.debug_dir.empty()) return failure(error);
+    const StoreState state = dump_store(debug, o.raw, stdout, error);
+    if (state == StoreState::damaged || (state == StoreState::absent && !o.debug_dir.empty())) return failure(error);
     return kExitOk;
 }
 
@@ -130,6 +132,7 @@ int main(int argc, char **argv) {
     if (command != "demo" && command != "synth" && command != "load" && command != "dump")
         return usage_error("unknown command: " + command);
 
+    guard_store_reads("zfx-store");
     Args args(argc, argv, 2);
     std::string file;
     if (command == "load") {

@@ -36,6 +36,9 @@ void inproc_call(void *ctx, plat_endpoint *, const plat_call *call, plat_answer 
 
 void inproc_close(void *ctx) { std::free(ctx); }
 
+// What a receive for token takes: the message carrying it, or any message for token 0.
+bool wanted(const plat_msg *m, uint32_t token) { return token == 0 || m->info.token == token; }
+
 }  // namespace
 
 namespace plat {
@@ -67,6 +70,12 @@ int32_t endpoint_call(plat_endpoint *ep, plat_call &call, plat_answer &answer) {
 
 void msg_set_token(plat_msg *msg, uint32_t token) { msg->info.token = token; }
 
+bool endpoint_has_message(const plat_endpoint *ep, uint32_t token) {
+    for (const plat_msg *m = ep->head; m != nullptr; m = m->next)
+        if (wanted(m, token)) return true;
+    return false;
+}
+
 int32_t endpoint_recv(plat_endpoint *ep, uint32_t token, uint32_t wait, plat_msg **out) {
     if (ep == nullptr || out == nullptr) {
         errno = EINVAL;
@@ -78,7 +87,7 @@ int32_t endpoint_recv(plat_endpoint *ep, uint32_t token, uint32_t wait, plat_msg
     if (r != 0) return r;
     plat_msg *prev = nullptr;
     for (plat_msg *m = ep->head; m != nullptr; prev = m, m = m->next) {
-        if (token != 0 && m->info.token != token) continue;
+        if (!wanted(m, token)) continue;
         (prev != nullptr ? prev->next : ep->head) = m->next;
         if (ep->tail == m) ep->tail = prev;
         --ep->pending;

@@ -19,4 +19,8 @@ int32_t endpoint_recv(plat_endpoint *ep, uint32_t token, uint32_t wait, plat_msg
 // Gives a message that this layer built the reply token of the send it records.
 void msg_set_token(plat_msg *msg, uint32_t token);
 
+// Whether a receive for token (0: any message) would find a message queued now. A transport
+// that can wait for the far side (the socket transport) asks this to know when to stop waiting.
+bool endpoint_has_message(const plat_endpoint *ep, uint32_t token);
+
 }  // namespace plat

@@ -52,8 +52,17 @@ struct kvdb_store {
     std::deque<kvdb_datum> fetched;  // deque: handed-out descriptors never move
     uint32_t serials = 0;
     uint32_t cached = 0;  // serial of the cursor the backend position belongs to; 0: none
+    int32_t failure = 0;  // the first backend failure of a read (kvdb_read_failure)
 
-    // Reading. Keys and values point into storage that lives as long as the handle.
+    // Remembers st when it is the first failure: anything but success and a missing key.
+    int32_t note(int32_t st) {
+        if (failure == 0 && st != 0 && st != KVDB_NOT_FOUND) failure = st;
+        return st;
+    }
+
+    // Reading. Keys and values point into storage that lives as long as the handle. A seek that
+    // finds nothing because the backend failed, not because the keys ended, notes the failure
+    // (and so does a move_fails that says yes); get's and current's statuses are noted by callers.
     virtual int32_t get(std::string_view /*key*/, kvdb_datum & /*value*/) { return KVDB_ERR_INVALID; }
     virtual bool seek(Seek /*how*/, std::string_view /*key*/, kvdb_datum & /*found*/) { return false; }
     virtual int32_t current(kvdb_datum & /*value*/) { return KVDB_ERR_INVALID; }
@@ -148,7 +157,9 @@ struct MemReader final : kvdb_store {
     bool move_fails() override {
         std::lock_guard<std::mutex> g(g_lock);
         ++moves;
-        return store->cursor_fail_at != 0 && moves >= store->cursor_fail_at;
+        if (store->cursor_fail_at == 0 || moves < store->cursor_fail_at) return false;
+        note(KVDB_ERR_IO);
+        return true;
     }
 };
 
@@ -286,7 +297,10 @@ struct LmdbReader final : kvdb_store {
     bool seek(Seek how, std::string_view key, kvdb_datum &found) override {
         static constexpr MDB_cursor_op ops[] = {MDB_SET_RANGE, MDB_FIRST, MDB_LAST, MDB_NEXT, MDB_PREV};
         MDB_val k = mval(key);
-        if (mdb_cursor_get(cur, &k, &at, ops[int(how)]) != 0) return false;
+        if (const int rc = mdb_cursor_get(cur, &k, &at, ops[int(how)]); rc != 0) {
+            note(lmdb_status(rc));
+            return false;
+        }
         found = datum(k);
         return true;
     }
@@ -417,7 +431,7 @@ kvdb_datum *fetch(kvdb_store *store, const kvdb_datum *key, int32_t *status) {
     kvdb_datum *out = nullptr;
     if (reader(store) != nullptr && valid_key(key)) {
         kvdb_datum v{};
-        st = store->get(view(*key), v);
+        st = store->note(store->get(view(*key), v));
         if (st == 0) {
             try {
                 out = &store->fetched.emplace_back(v);
@@ -513,9 +527,13 @@ kvdb_datum *kvdb_getvalue(kvdb_store *store, kvdb_cursor *cursor) {
     if (reader(store) == nullptr || cursor == nullptr || cursor->key.data == nullptr) return nullptr;
     kvdb_datum v{};
     int32_t st = owns_position(store, cursor) ? store->current(v) : store->get(view(cursor->key), v);
-    if (st != 0) return nullptr;
+    if (store->note(st) != 0) return nullptr;
     cursor->value = v;
     return &cursor->value;
+}
+
+int32_t kvdb_read_failure(const kvdb_store *store) {
+    return store != nullptr && !store->writer ? store->failure : KVDB_ERR_INVALID;
 }
 
 int32_t kvdb_put(kvdb_store *store, const kvdb_datum *key, const kvdb_datum *value) {

@@ -190,6 +190,12 @@ typedef struct zfxd_zoneset_info_block {
 
 ZFX_STATIC_ASSERT(sizeof(zfxd_zoneset_info_block) == 20, "zoneset information block is 20 bytes");
 
+/* ---- zfxd's own records in the configuration store ----------------------------------------- */
+/* Key: ZFXD_KVDB_SERVICE_TABLE, 0, then the info key as a u32 in host order (6 bytes). Value: the
+ * text of a settable info value (no terminator), or for ZFX_INFO_KEY_ACTIVATE_TIME the seconds
+ * and microseconds as two u32 in host order. The library's readers pass over this table. */
+#define ZFXD_KVDB_SERVICE_TABLE 0x77u
+
 /* ---- where and how much ----------------------------------------------------------------------- */
 #define ZFXD_SOCKET_ENV "ZFXD_SOCKET"           /* overrides the default socket path */
 #define ZFXD_SOCKET_DEFAULT "/tmp/zfxd.sock"

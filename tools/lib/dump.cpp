@@ -12,7 +12,7 @@
 #include <string>
 
 #include "fabric.hpp"
-#include "platform/kvdb.h"
+#include "store_guard.hpp"
 #include "tlv.hpp"
 #include "zfx_ascii_cfg.h"
 #include "zfx_fabric.h"
@@ -207,31 +207,22 @@ Line decode(const uint8_t *k, uint32_t klen, const uint8_t *v, uint32_t vlen) {
 
 }  // namespace
 
-int dump_store(const std::string &location, bool raw, FILE *out, std::string &error) {
-    int32_t status = 0;
-    kvdb_store *store = kvdb_open(location.c_str(), &status);
-    if (store == nullptr) {
-        error = location + ": no store there";
-        return -1;
-    }
-    int records = 0;
-    kvdb_cursor cursor{};
-    for (kvdb_datum *k = kvdb_move2location(store, KVDB_LOC_FIRST, &cursor); k != nullptr;
-         k = kvdb_move2location(store, KVDB_LOC_NEXT, &cursor), ++records) {
-        const kvdb_datum *v = kvdb_getvalue(store, &cursor);
-        const auto *kp = static_cast<const uint8_t *>(k->data);
-        const auto *vp = v != nullptr && v->data != nullptr ? static_cast<const uint8_t *>(v->data) : nullptr;
-        const uint32_t vlen = vp != nullptr ? v->len : 0;
-        if (raw) {
-            std::fprintf(out, "%s = %s\n", hex(kp, k->len).c_str(), vp != nullptr ? hex(vp, vlen).c_str() : "");
-            continue;
-        }
-        const Line line = decode(kp, k->len, vp != nullptr ? vp : reinterpret_cast<const uint8_t *>(""), vlen);
-        if (!line.empty()) std::fprintf(out, "%s\n", line.c_str());
-        else std::fprintf(out, "unknown or malformed: key %s, %u value bytes\n", hex(kp, k->len).c_str(), vlen);
-    }
-    kvdb_close(store);
-    return records;
+StoreState dump_store(const std::string &location, bool raw, FILE *out, std::string &error) {
+    // The store is read whole before a line is written: a damaged one prints nothing.
+    StoreState state = walk_store(location);
+    if (state == StoreState::readable)
+        state = walk_store(location, [&](const uint8_t *k, uint32_t klen, const uint8_t *v, uint32_t vlen) {
+            if (raw) {
+                std::fprintf(out, "%s = %s\n", hex(k, klen).c_str(), hex(v, vlen).c_str());
+                return;
+            }
+            const Line line = decode(k, klen, v != nullptr ? v : reinterpret_cast<const uint8_t *>(""), vlen);
+            if (!line.empty()) std::fprintf(out, "%s\n", line.c_str());
+            else std::fprintf(out, "unknown or malformed: key %s, %u value bytes\n", hex(k, klen).c_str(), vlen);
+        });
+    if (state == StoreState::absent) error = location + ": no store there";
+    if (state == StoreState::damaged) error = damaged_text(location);
+    return state;
 }
 
 }  // namespace zfxtool

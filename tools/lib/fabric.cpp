@@ -6,6 +6,7 @@
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
+#include <algorithm>
 #include <deque>
 #include <filesystem>
 #include <memory>
@@ -15,6 +16,7 @@
 #include "platform/fmt.h"
 #include "platform/kvdb.h"
 #include "platform/tree.h"
+#include "store_guard.hpp"
 #include "zfx_ascii_cfg.h"
 #include "zfx_fabric.h"
 #include "zfx_zone_db.h"
@@ -29,12 +31,6 @@ Bytes bytes_of(const T &value) {
 }
 
 Bytes set_bytes(const VsanSet &set) { return bytes_of(set.bits); }
-
-Bytes key6(uint8_t table, uint16_t first, uint16_t second) {
-    Bytes key(ZFX_ZONE_DB_KEY_SIZE);
-    zfx_zone_db_key(key.data(), table, first, second);
-    return key;
-}
 
 Bytes be32(uint32_t v) { return {uint8_t(v >> 24), uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)}; }
 
@@ -61,105 +57,74 @@ int32_t by_id(const void *a, const void *b) {
 
 using TreePtr = std::unique_ptr<plat_tree, decltype(&tree_destroy)>;
 
-// The zone database as the service holds it in memory: nodes in trees, built from the model.
-class NodeDb {
-public:
-    explicit NodeDb(const Fabric &fabric) {
-        for (const Zone &z : fabric.zones) {
-            if (z.id == 0 || z.id > ZFX_ZONE_ID_MAX) throw std::runtime_error("zone id out of range: " + std::to_string(z.id));
-            if (z.members.size() > ZFX_ZONE_MEMBER_ID_MAX)
-                throw std::runtime_error("zone " + z.name + " has more than 2047 members");
-            zfx_zone_node &node = zones_.emplace_back();
-            node.id = z.id;
-            copy_name(node.name, z.name);
-            node.members = tree();
-            const uint32_t bits = ZFX_MEMBER_BITMAP_SIZE;  // the bitmap's count word
-            std::memcpy(node.member_bitmap, &bits, 4);
-            node.qos = z.qos;
-            node.read_only = z.read_only ? 1 : 0;
-            uint32_t member_id = 0;
-            for (const Member &m : z.members) {
-                zfx_zone_member_node &mn = members_.emplace_back();
-                mn.id = ++member_id;
-                mn.type = m.type;
-                mn.vsan = m.vsan;
-                mn.afid = m.afid;
-                std::memcpy(mn.pwwn, m.pwwn.data(), 8);
-                std::memcpy(mn.lun, m.lun.data(), 8);
-                copy_name(mn.device_alias, m.alias);
-                tree_insert(node.members, &mn);
-                set_id_bit(node.member_bitmap + 4, mn.id);
-            }
-            if (!by_zone_id_.emplace(z.id, &node).second) throw std::runtime_error("zone id used twice: " + std::to_string(z.id));
-        }
+zfx_zone_member_node member_node(const Member &m, uint16_t id) {
+    zfx_zone_member_node node{};
+    node.id = id;
+    node.type = m.type;
+    node.vsan = m.vsan;
+    node.afid = m.afid;
+    std::memcpy(node.pwwn, m.pwwn.data(), 8);
+    std::memcpy(node.lun, m.lun.data(), 8);
+    copy_name(node.device_alias, m.alias);
+    return node;
+}
+
+// A zone node with its member bitmap; its member tree is left to the caller.
+zfx_zone_node zone_node(const Zone &z) {
+    if (z.id == 0 || z.id > ZFX_ZONE_ID_MAX) throw std::runtime_error("zone id out of range: " + std::to_string(z.id));
+    zfx_zone_node node{};
+    node.id = z.id;
+    copy_name(node.name, z.name);
+    const uint32_t bits = ZFX_MEMBER_BITMAP_SIZE;  // the bitmap's count word
+    std::memcpy(node.member_bitmap, &bits, 4);
+    node.qos = z.qos;
+    node.read_only = z.read_only ? 1 : 0;
+    for (uint16_t id : member_ids(z)) set_id_bit(node.member_bitmap + 4, id);
+    return node;
+}
+
+zfx_zoneset_node zoneset_node(uint16_t id, const std::string &name, const std::vector<uint16_t> &zone_ids) {
+    if (id == 0 || id > ZFX_ZONESET_ID_MAX) throw std::runtime_error("zoneset id out of range: " + std::to_string(id));
+    zfx_zoneset_node node{};
+    node.id = id;
+    copy_name(node.name, name);
+    for (uint16_t zid : zone_ids) {
+        if (zid == 0 || zid > ZFX_ZONE_ID_MAX) throw std::runtime_error("zone id out of range: " + std::to_string(zid));
+        set_id_bit(node.zone_bitmap, zid);
     }
-
-    zfx_zone_node &zone(uint16_t id) const {
-        const auto it = by_zone_id_.find(id);
-        if (it == by_zone_id_.end()) throw std::runtime_error("no zone with id " + std::to_string(id));
-        return *it->second;
-    }
-
-    // A zoneset node; with_tree also links the zone nodes (as the active zoneset's data needs).
-    zfx_zoneset_node zoneset(uint16_t id, const std::string &name, const std::vector<uint16_t> &zone_ids, bool with_tree) {
-        zfx_zoneset_node node{};
-        node.id = id;
-        copy_name(node.name, name);
-        node.zones = with_tree ? tree() : nullptr;
-        for (uint16_t zid : zone_ids) {
-            zfx_zone_node &z = zone(zid);
-            set_id_bit(node.zone_bitmap, zid);
-            if (with_tree) tree_insert(node.zones, &z);
-        }
-        return node;
-    }
-
-    const std::deque<zfx_zone_node> &zones() const { return zones_; }
-
-private:
-    plat_tree *tree() { return trees_.emplace_back(tree_create(by_id), tree_destroy).get(); }
-
-    std::deque<zfx_zone_member_node> members_;
-    std::deque<zfx_zone_node> zones_;
-    std::map<uint16_t, zfx_zone_node *> by_zone_id_;
-    std::vector<TreePtr> trees_;
-};
+    return node;
+}
 
 void add_zone_db(const Fabric &fabric, size_t chunk_size, std::vector<Record> &out) {
-    NodeDb db(fabric);
-    zfx_zone_db_header header{};
-    uint32_t length = 0;
-    for (const zfx_zone_node &z : db.zones()) {
-        set_id_bit(header.zones, z.id);
-        out.push_back({key6(ZFX_KVDB_ZONE_KEY, uint16_t(z.id), 0), take(zfx_zone_encode_zone_to_kvdb(&z, &length), length, "a zone")});
-        tree_walker walker{};
-        while (auto *m = static_cast<zfx_zone_member_node *>(tree_walk(z.members, &walker)))
-            out.push_back({key6(ZFX_KVDB_ZONE_MEMBER_KEY, uint16_t(m->id), uint16_t(z.id)),
-                           take(zfx_zone_encode_zone_member_to_kvdb(m, &length), length, "a zone member")});
+    std::map<uint16_t, const Zone *> zones;
+    for (const Zone &z : fabric.zones) {
+        if (!zones.emplace(z.id, &z).second) throw std::runtime_error("zone id used twice: " + std::to_string(z.id));
+        out.push_back(zone_record(z));
+        const std::vector<uint16_t> ids = member_ids(z);
+        for (size_t i = 0; i < ids.size(); ++i) out.push_back(member_record(z.id, ids[i], z.members[i]));
     }
-    std::set<uint16_t> zoneset_ids;
+    std::vector<uint16_t> zoneset_ids;
     for (const Zoneset &s : fabric.zonesets) {
-        if (s.id == 0 || s.id > ZFX_ZONESET_ID_MAX || !zoneset_ids.insert(s.id).second)
-            throw std::runtime_error("zoneset id out of range or used twice: " + std::to_string(s.id));
-        set_id_bit(header.zonesets, s.id);
-        const zfx_zoneset_node node = db.zoneset(s.id, s.name, s.zones, false);
-        out.push_back({key6(ZFX_KVDB_ZONESET_KEY, s.id, 0), take(zfx_zone_encode_zoneset_to_kvdb(&node, &length), length, "a zoneset")});
+        if (std::find(zoneset_ids.begin(), zoneset_ids.end(), s.id) != zoneset_ids.end())
+            throw std::runtime_error("zoneset id used twice: " + std::to_string(s.id));
+        zoneset_ids.push_back(s.id);
+        for (uint16_t zid : s.zones)
+            if (zones.count(zid) == 0) throw std::runtime_error("zoneset " + s.name + " names no zone with id " + std::to_string(zid));
+        out.push_back(zoneset_record(s));
     }
-    // The short bitmap is the full one's first bytes, as the service keeps both.
-    std::memcpy(header.zones_short, header.zones, sizeof header.zones_short);
-    header.zones_length = ZFX_ZONE_BITMAP_SIZE;
-    out.push_back({{ZFX_KVDB_ZONE_DB_HEADER_KEY, 0}, bytes_of(header)});
-    out.push_back({{ZFX_KVDB_ZONE_OPTIONS_KEY, 0}, be32(fabric.active && fabric.active->force ? ZFX_ZONE_OPTIONS_FORCE : 0)});
+    std::vector<uint16_t> zone_ids;
+    for (const auto &entry : zones) zone_ids.push_back(entry.first);
+    out.push_back(zone_db_header_record(zone_ids, zoneset_ids));
+    out.push_back(zone_options_record(fabric.active && fabric.active->force));
     if (!fabric.active) return;
-
-    const zfx_zoneset_node active = db.zoneset(fabric.active->id, fabric.active->name, fabric.active->zones, true);
-    const Bytes data = take(zfx_zone_zoneset_to_persistent_kvdb_data(&active, &length), length, "the active zoneset");
-    out.push_back({key6(ZFX_KVDB_ACTIVE_ZONESET_KEY, 0, 0), be32(uint32_t(data.size()))});
-    uint16_t chunk = 0;
-    for (size_t at = 0; at < data.size(); at += chunk_size) {
-        const size_t end = std::min(data.size(), at + chunk_size);
-        out.push_back({key6(ZFX_KVDB_ACTIVE_ZONESET_KEY, 0, ++chunk), Bytes(data.begin() + long(at), data.begin() + long(end))});
+    std::vector<const Zone *> active_zones;
+    for (uint16_t id : std::set<uint16_t>(fabric.active->zones.begin(), fabric.active->zones.end())) {
+        const auto it = zones.find(id);
+        if (it == zones.end()) throw std::runtime_error("no zone with id " + std::to_string(id));
+        active_zones.push_back(it->second);
     }
+    const std::vector<Record> active = active_records(*fabric.active, active_zones, chunk_size);
+    out.insert(out.end(), active.begin(), active.end());
 }
 
 void add_service_groups(const std::vector<ServiceGroup> &groups, uint8_t table, std::vector<Record> &out) {
@@ -176,6 +141,89 @@ void add_service_groups(const std::vector<ServiceGroup> &groups, uint8_t table, 
 }
 
 }  // namespace
+
+Bytes zone_db_key(uint8_t table, uint16_t first, uint16_t second) {
+    Bytes key(ZFX_ZONE_DB_KEY_SIZE);
+    zfx_zone_db_key(key.data(), table, first, second);
+    return key;
+}
+
+std::vector<uint16_t> member_ids(const Zone &zone) {
+    std::vector<uint16_t> ids;
+    ids.reserve(zone.members.size());
+    uint32_t last = 0;
+    for (const Member &m : zone.members) {
+        const uint32_t id = m.id != 0 ? m.id : last + 1;
+        if (id <= last || id > ZFX_ZONE_MEMBER_ID_MAX)
+            throw std::runtime_error("zone " + zone.name + ": member ids out of order or above 2047");
+        ids.push_back(uint16_t(last = id));
+    }
+    return ids;
+}
+
+Record zone_record(const Zone &zone) {
+    const zfx_zone_node node = zone_node(zone);
+    uint32_t length = 0;
+    return {zone_db_key(ZFX_KVDB_ZONE_KEY, zone.id, 0), take(zfx_zone_encode_zone_to_kvdb(&node, &length), length, "a zone")};
+}
+
+Record member_record(uint16_t zone_id, uint16_t member_id, const Member &member) {
+    const zfx_zone_member_node node = member_node(member, member_id);
+    uint32_t length = 0;
+    return {zone_db_key(ZFX_KVDB_ZONE_MEMBER_KEY, member_id, zone_id),
+            take(zfx_zone_encode_zone_member_to_kvdb(&node, &length), length, "a zone member")};
+}
+
+Record zoneset_record(const Zoneset &zoneset) {
+    const zfx_zoneset_node node = zoneset_node(zoneset.id, zoneset.name, zoneset.zones);
+    uint32_t length = 0;
+    return {zone_db_key(ZFX_KVDB_ZONESET_KEY, zoneset.id, 0),
+            take(zfx_zone_encode_zoneset_to_kvdb(&node, &length), length, "a zoneset")};
+}
+
+Record zone_db_header_record(const std::vector<uint16_t> &zone_ids, const std::vector<uint16_t> &zoneset_ids) {
+    zfx_zone_db_header header{};
+    for (uint16_t id : zone_ids) set_id_bit(header.zones, id);
+    for (uint16_t id : zoneset_ids) set_id_bit(header.zonesets, id);
+    // The short bitmap is the full one's first bytes, as the service keeps both.
+    std::memcpy(header.zones_short, header.zones, sizeof header.zones_short);
+    header.zones_length = ZFX_ZONE_BITMAP_SIZE;
+    return {{ZFX_KVDB_ZONE_DB_HEADER_KEY, 0}, bytes_of(header)};
+}
+
+Record zone_options_record(bool force) {
+    return {{ZFX_KVDB_ZONE_OPTIONS_KEY, 0}, be32(force ? ZFX_ZONE_OPTIONS_FORCE : 0)};
+}
+
+std::vector<Record> active_records(const Active &active, const std::vector<const Zone *> &zones, size_t chunk_size) {
+    // The active zoneset data is made of nodes in trees, as the service holds them in memory.
+    std::vector<TreePtr> trees;
+    const auto tree = [&] { return trees.emplace_back(tree_create(by_id), tree_destroy).get(); };
+    std::deque<zfx_zone_node> zone_nodes;
+    std::deque<zfx_zone_member_node> member_nodes;
+    std::vector<uint16_t> zone_ids;
+    zfx_zoneset_node set{};
+    for (const Zone *z : zones) zone_ids.push_back(z->id);
+    set = zoneset_node(active.id, active.name, zone_ids);
+    set.zones = tree();
+    for (const Zone *z : zones) {
+        zfx_zone_node &node = zone_nodes.emplace_back(zone_node(*z));
+        node.members = tree();
+        const std::vector<uint16_t> ids = member_ids(*z);
+        for (size_t i = 0; i < ids.size(); ++i) tree_insert(node.members, &member_nodes.emplace_back(member_node(z->members[i], ids[i])));
+        tree_insert(set.zones, &node);
+    }
+    uint32_t length = 0;
+    const Bytes data = take(zfx_zone_zoneset_to_persistent_kvdb_data(&set, &length), length, "the active zoneset");
+    std::vector<Record> out;
+    out.push_back({zone_db_key(ZFX_KVDB_ACTIVE_ZONESET_KEY, 0, 0), be32(uint32_t(data.size()))});
+    uint16_t chunk = 0;
+    for (size_t at = 0; at < data.size(); at += chunk_size) {
+        const size_t end = std::min(data.size(), at + chunk_size);
+        out.push_back({zone_db_key(ZFX_KVDB_ACTIVE_ZONESET_KEY, 0, ++chunk), Bytes(data.begin() + long(at), data.begin() + long(end))});
+    }
+    return out;
+}
 
 const Zone *Fabric::zone(uint16_t id) const {
     for (const Zone &z : zones)
@@ -267,17 +315,17 @@ std::string status_text(int32_t status) {
     }
 }
 
-// The keys a store holds now; a location that holds no store has none.
-std::vector<Bytes> existing_keys(const std::string &location) {
-    std::vector<Bytes> keys;
-    kvdb_store *store = kvdb_open(location.c_str(), nullptr);
-    if (store == nullptr) return keys;
-    kvdb_cursor cursor{};
-    for (kvdb_datum *k = kvdb_move2location(store, KVDB_LOC_FIRST, &cursor); k != nullptr;
-         k = kvdb_move2location(store, KVDB_LOC_NEXT, &cursor))
-        keys.emplace_back(static_cast<uint8_t *>(k->data), static_cast<uint8_t *>(k->data) + k->len);
-    kvdb_close(store);
-    return keys;
+// The keys the store at location holds now (none when there is no store there); false when the
+// store is damaged.
+bool existing_keys(const std::string &location, std::vector<Bytes> &keys) {
+    keys.clear();
+    return walk_store(location, [&keys](const uint8_t *k, uint32_t klen, const uint8_t *, uint32_t) {
+               keys.emplace_back(k, k + klen);
+           }) != StoreState::damaged;
+}
+
+std::string not_empty(const std::string &location) {
+    return location + ": the store is not empty (use --replace to overwrite it)";
 }
 
 kvdb_datum datum(const Bytes &b) { return {const_cast<uint8_t *>(b.data()), uint32_t(b.size())}; }
@@ -285,13 +333,16 @@ kvdb_datum datum(const Bytes &b) { return {const_cast<uint8_t *>(b.data()), uint
 }  // namespace
 
 std::string write_store(const std::string &location, const std::vector<Record> &records, bool replace) {
-    const std::vector<Bytes> old = existing_keys(location);
-    if (!old.empty() && !replace) return location + ": the store is not empty (use --replace to overwrite it)";
+    std::vector<Bytes> old;
+    if (!existing_keys(location, old)) return damaged_text(location);
+    if (!old.empty() && !replace) return not_empty(location);
     // The store directory's parents are made as needed (an in-memory location has none).
     std::error_code ec;
     if (location.rfind(KVDB_LOCATION_MEM_PREFIX, 0) != 0)
         std::filesystem::create_directories(std::filesystem::path(location).parent_path(), ec);
     if (ec) return location + ": cannot create its directory: " + ec.message();
+    // A write transaction reads the store's pages too (the tree it changes, the free pages).
+    const StoreGuard guard(location);
     int32_t status = 0;
     kvdb_store *store = kvdb_create(location.c_str(), &status);
     if (store == nullptr) return location + ": cannot create the store: " + status_text(status);
@@ -314,14 +365,18 @@ std::string write_store(const std::string &location, const std::vector<Record> &
 
 std::string write_fabric(const Fabric &fabric, const std::string &dir, const std::string &debug_dir, bool replace) {
     const std::vector<Record> config = config_records(fabric), debug = debug_records(fabric);
+    const std::string debug_store = debug_location(debug_dir);
+    std::vector<Bytes> old_debug;
+    if (!existing_keys(debug_store, old_debug)) return damaged_text(debug_store);
     if (!replace) {
-        for (const std::string &loc : {config_location(dir), debug_location(debug_dir)})
-            if (!existing_keys(loc).empty()) return loc + ": the store is not empty (use --replace to overwrite it)";
+        std::vector<Bytes> old_config;
+        if (!existing_keys(config_location(dir), old_config)) return damaged_text(config_location(dir));
+        if (!old_config.empty()) return not_empty(config_location(dir));
+        if (!old_debug.empty()) return not_empty(debug_store);
     }
     std::string error = write_store(config_location(dir), config, replace);
     // A fabric without a logging level writes no debug store, but empties one it replaces.
-    const std::string debug_store = debug_location(debug_dir);
-    if (error.empty() && (!debug.empty() || (replace && !existing_keys(debug_store).empty())))
+    if (error.empty() && (!debug.empty() || (replace && !old_debug.empty())))
         error = write_store(debug_store, debug, replace);
     return error;
 }

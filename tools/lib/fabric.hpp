@@ -38,9 +38,10 @@ struct Member {
     std::string alias; // types 1 and 241
     uint32_t vsan = 1;
     uint16_t afid = 1;
+    uint16_t id = 0;  // its id in the zone; 0: the one after the previous member's (1 for the first)
 };
 
-// A zone; its members get the ids 1, 2, ... in the order they are listed.
+// A zone; its members are listed in ascending id order.
 struct Zone {
     uint16_t id = 0;
     std::string name;
@@ -136,6 +137,21 @@ struct Fabric {
 std::string config_location(const std::string &dir);
 std::string debug_location(const std::string &dir);
 
+// The records of the zone database, one object at a time, from libzfx's encoders (each throws
+// std::runtime_error when an encoder refuses its node). The service writes these as its objects
+// change; config_records writes them all.
+Bytes zone_db_key(uint8_t table, uint16_t first, uint16_t second);
+// The members' ids as Member::id resolves them, in the zone's order.
+std::vector<uint16_t> member_ids(const Zone &zone);
+Record zone_record(const Zone &zone);  // its member bitmap from the members' ids
+Record member_record(uint16_t zone_id, uint16_t member_id, const Member &member);
+Record zoneset_record(const Zoneset &zoneset);
+Record zone_db_header_record(const std::vector<uint16_t> &zone_ids, const std::vector<uint16_t> &zoneset_ids);
+Record zone_options_record(bool force);
+// The active zoneset data made of the given zones (in ascending id order), split into chunks:
+// chunk 0 (its total length) first, then chunks 1, 2, ...
+std::vector<Record> active_records(const Active &active, const std::vector<const Zone *> &zones, size_t chunk_size);
+
 // The records of the configuration store and of the debug store. Records of the zone database
 // come from libzfx's encoders; the active zoneset data is split into chunks of chunk_size bytes.
 // Throws std::runtime_error when an encoder refuses a node.
@@ -145,11 +161,12 @@ std::vector<Record> debug_records(const Fabric &fabric);
 
 // Writes records into the store at location, all in one transaction. A store that already
 // holds records is refused unless replace is set (its records are then deleted in the same
-// transaction). Returns an empty string, or what went wrong.
+// transaction), and a damaged one always is (damaged_text; remove it to write it anew). Returns
+// an empty string, or what went wrong.
 std::string write_store(const std::string &location, const std::vector<Record> &records, bool replace);
 
 // Writes the fabric's configuration store under dir and, when it has a debug level, its debug
-// store under debug_dir. Both stores are checked for records first, so that a refusal writes
+// store under debug_dir. Both stores are read first (records, damage), so that a refusal writes
 // nothing. Returns an empty string, or what went wrong (a store whose transaction failed holds
 // what it held before).
 std::string write_fabric(const Fabric &fabric, const std::string &dir, const std::string &debug_dir, bool replace);

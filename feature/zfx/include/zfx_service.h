@@ -151,7 +151,8 @@ ZFX_API int32_t zfx_dlg_set_info(plat_endpoint *ep, uint32_t key, int32_t value,
 /* Reads a named value: the record with the key as ZFX_MSG_INFO, operation 1, with the given
  * timeout (4 for zfx_dlg_get_info). The reply record (key as sent by the service, not
  * converted), which the caller frees; NULL when the request fails in any way, including a reply
- * shorter than the 260-byte record. The text of a key-18 reply is a time value, not a string. */
+ * shorter than the 260-byte record. The text of a key-18 reply is a time value, not a string:
+ * zfx_dlg_get_info_activate_time reads it. */
 ZFX_API zfx_info_record *zfx_dlg_get_info_with_timeout(plat_endpoint *ep, uint32_t key,
                                                        uint32_t timeout);
 ZFX_API zfx_info_record *zfx_dlg_get_info(plat_endpoint *ep, uint32_t key);
@@ -164,8 +165,10 @@ ZFX_API int32_t zfx_dlg_get_info_int_with_timeout(plat_endpoint *ep, uint32_t ke
 ZFX_API int32_t zfx_dlg_get_info_int(plat_endpoint *ep, uint32_t key);
 
 /* The activation time (key 18, timeout 4): the reply's words at offsets 4 and 8, unconverted,
- * into time->word[0] and word[1]. The time is left as it was when the request fails or the
- * reply is shorter than 12 bytes, and when time is NULL nothing is sent. */
+ * into time->word[0] and word[1]. It sends the request zfx_dlg_get_info sends, but needs only
+ * the 12 bytes it reads, not the whole 260-byte record: a reply of 12 bytes or more gives the
+ * time. The time is left as it was when the request fails or the reply is shorter than 12
+ * bytes, and when time is NULL nothing is sent. */
 ZFX_API void zfx_dlg_get_info_activate_time(plat_endpoint *ep, zfx_time_value *time);
 
 /* A named value as text (timeout 4): the library's one static 256-byte buffer, cleared and then

@@ -113,6 +113,15 @@ PLAT_API kvdb_datum *kvdb_move2location(kvdb_store *store, uint32_t location, kv
 /* The value under the cursor's key in &cursor->value, or NULL when the cursor is not positioned
  * or the key's lookup fails (an injected status). */
 PLAT_API kvdb_datum *kvdb_getvalue(kvdb_store *store, kvdb_cursor *cursor);
+/* The first failure the read handle met in its backend, or 0. A cursor move that fails because
+ * the store cannot be read there (an LMDB store whose file is damaged; an injected cursor fault)
+ * returns NULL as if the keys ended, and a lookup that fails for another reason than a missing
+ * key answers its status: both are remembered here, so that a caller that must tell a damaged
+ * store from a shorter one asks after its walk. KVDB_ERR_INVALID for NULL or a write handle.
+ * LMDB trusts its file: it reports the damage it meets in page headers and page numbers, but
+ * other damage (a length, an offset within a page) makes a read fault instead (SIGBUS, SIGSEGV)
+ * or fails one of LMDB's own assertions (SIGABRT), which no status can report. */
+PLAT_API int32_t kvdb_read_failure(const kvdb_store *store);
 
 /* ---- writing (tools and tests) ------------------------------------------------------------------- */
 

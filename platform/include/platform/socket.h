@@ -20,8 +20,11 @@
  *
  * A service that closes the connection, dies or answers with a frame that does not decode makes
  * the operation fail with -1 and errno (ECONNRESET for a closed connection, EPROTO for a bad
- * frame); from then on every operation of the endpoint fails at once with ENOTCONN. Nothing
- * blocks beyond the operation's wait, and writes never raise SIGPIPE.
+ * frame); from then on every operation of the endpoint fails at once with ENOTCONN. So does a
+ * call frame left half written when its wait ran out (-1 ETIMEDOUT first): the stream cannot be
+ * resumed. Nothing blocks beyond the operation's wait, and writes never raise SIGPIPE. A call
+ * whose payload is longer than PLAT_FRAME_PAYLOAD_MAX fails with EMSGSIZE before anything is
+ * written.
  *
  * Threads: as every endpoint, one thread at a time.
  */
@@ -34,9 +37,10 @@ PLAT_EXTERN_C_BEGIN
 
 #define PLAT_SOCKET_DEFAULT_WAIT 10u /* seconds */
 
-/* Connects to the service listening at path. NULL with errno set when path is NULL or too long
- * for a socket address (EINVAL, ENAMETOOLONG), when nobody listens there (ENOENT,
- * ECONNREFUSED, ...) or when memory is short. Close with plat_endpoint_close. */
+/* Connects to the service listening at path. NULL with errno set when path is NULL or empty or
+ * too long for a socket address (EINVAL, ENAMETOOLONG), when nobody listens there (ENOENT,
+ * ECONNREFUSED, ...; EAGAIN when the service has more connections waiting than it accepts:
+ * connecting never waits) or when memory is short. Close with plat_endpoint_close. */
 PLAT_API plat_endpoint *plat_endpoint_open_socket(const char *path);
 
 PLAT_EXTERN_C_END

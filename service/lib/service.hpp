@@ -1,0 +1,45 @@
+// zfxd's request handlers: one request of the library (message type, operation code, payload as
+// the library sent it) in, one answer out (a result and, for queries, reply bytes), with the
+// zone database changed and written to the store when the request was an accepted change.
+// Nothing here knows about sockets, so that tests and fuzzing drive the handlers directly.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+
+#include "zone_db.hpp"
+
+namespace zfxd {
+
+// Who sent a request, for the log: the peer credentials of its connection.
+struct Peer {
+    uint32_t uid = 0;
+    int32_t pid = 0;
+};
+
+struct Answer {
+    int32_t result = 0;      // 0, a status of zfxd_protocol.h, or the library's ZFX_ERR_CREATE_INCOMPLETE
+    bool has_reply = false;  // a query's reply (which may be empty) or none
+    Bytes reply;
+};
+
+class Service {
+public:
+    // log receives one line per change (and per request at log level 2); NULL logs nothing.
+    Service(ZoneDb &db, std::FILE *log);
+
+    Answer handle(uint32_t msg_type, uint32_t opcode, const uint8_t *payload, uint32_t length, const Peer &peer);
+
+    // The log's level (ZFXD_INFO_LOG_LEVEL): 0 errors only, 1 changes, 2 every request.
+    int log_level() const { return log_level_; }
+    // One line on the log, at the given level: "zfxd: " and the text.
+    void log(int level, const std::string &text) const;
+
+private:
+    ZoneDb &db_;
+    std::FILE *log_;
+    int log_level_ = 1;
+};
+
+}  // namespace zfxd

@@ -1,0 +1,328 @@
+// zfxd's handlers driven by the library's own request and query functions, through the in-process
+// transport: one scripted scenario builds a zone database with every kind of request, and after
+// every change the store holds exactly what the tools' writer would write for the same database;
+// the generated text is the golden one; a restart on the same store answers every query alike;
+// and every refused request leaves the store untouched.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <memory>
+
+#include "fabric.hpp"
+#include "platform/dlg.h"
+#include "service.hpp"
+#include "store.hpp"
+#include "zfx_service.h"
+#include "zfx_zone_db.h"
+#include "zfx_zone_msg.h"
+#include "zfxd_protocol.h"
+
+namespace {
+
+using zfxtest::Bytes;
+
+// zfxd on a store, reached through an in-process endpoint.
+class Zfxd {
+public:
+    explicit Zfxd(std::string location) : location_(std::move(location)) { start(); }
+    ~Zfxd() { plat_endpoint_close(ep_); }
+    plat_endpoint *ep() const { return ep_; }
+    zfxd::ZoneDb &db() { return *db_; }
+    const std::string &location() const { return location_; }
+    void restart() {
+        plat_endpoint_close(ep_);
+        service_.reset();
+        db_.reset();
+        start();
+    }
+
+private:
+    void start() {
+        db_ = std::make_unique<zfxd::ZoneDb>();
+        ASSERT_EQ(db_->open(location_), "");
+        service_ = std::make_unique<zfxd::Service>(*db_, nullptr);
+        ep_ = plat_endpoint_open_inproc(handle, this);
+    }
+    static void handle(void *ctx, const plat_call *call, plat_answer *answer) {
+        auto *self = static_cast<Zfxd *>(ctx);
+        if (call->op == PLAT_OP_RECV) return;
+        self->last_ = self->service_->handle(call->msg_type, call->opcode, static_cast<const uint8_t *>(call->payload),
+                                             call->length, zfxd::Peer{});
+        answer->result = self->last_.result;
+        static const uint8_t empty = 0;
+        answer->reply = self->last_.has_reply ? (self->last_.reply.empty() ? &empty : self->last_.reply.data()) : nullptr;
+        answer->reply_length = uint32_t(self->last_.reply.size());
+    }
+
+    std::string location_;
+    std::unique_ptr<zfxd::ZoneDb> db_;
+    std::unique_ptr<zfxd::Service> service_;
+    zfxd::Answer last_;
+    plat_endpoint *ep_ = nullptr;
+};
+
+std::vector<zfxtest::Record> records(const std::string &location, bool zone_db_only) {
+    zfxtest::Reader r(location);
+    std::vector<zfxtest::Record> out;
+    kvdb_cursor c{};
+    for (kvdb_datum *k = kvdb_move2location(r.get(), KVDB_LOC_FIRST, &c); k != nullptr; k = kvdb_move2location(r.get(), KVDB_LOC_NEXT, &c)) {
+        const auto *kp = static_cast<uint8_t *>(k->data);
+        if (zone_db_only && (kp[0] < ZFX_KVDB_ZONE_DB_HEADER_KEY || kp[0] > ZFX_KVDB_ACTIVE_ZONESET_KEY)) continue;
+        const kvdb_datum *v = kvdb_getvalue(r.get(), &c);
+        const auto *vp = static_cast<uint8_t *>(v->data);
+        out.push_back({Bytes(kp, kp + k->len), Bytes(vp, vp + v->len)});
+    }
+    return out;
+}
+
+// The zone database records the tools' writer makes of the database zfxd holds.
+std::vector<zfxtest::Record> written_by_the_tools(zfxd::ZoneDb &db) {
+    zfxtool::Fabric f;
+    for (const auto &entry : db.zones()) f.zones.push_back(entry.second);
+    for (const auto &entry : db.zonesets()) f.zonesets.push_back(entry.second);
+    if (db.active()) f.active = zfxtool::Active{db.active()->id, db.active()->name, db.active()->zones, db.active()->force};
+    std::vector<zfxtest::Record> out;
+    for (auto &[k, v] : zfxtool::config_records(f))
+        if (k[0] >= ZFX_KVDB_ZONE_DB_HEADER_KEY && k[0] <= ZFX_KVDB_ACTIVE_ZONESET_KEY) out.push_back({k, v});
+    std::sort(out.begin(), out.end());
+    return out;
+}
+
+const uint8_t kWwn1[8] = {0x21, 0, 0, 0x24, 0xff, 0x01, 0x02, 0x03};
+const uint8_t kWwn2[8] = {0x50, 0x06, 0x01, 0x60, 0x3b, 0x20, 0x11, 0x4a};
+const uint8_t kLun[8] = {0, 0x01, 0, 0, 0, 0, 0, 0};
+
+// Every query the library has, answered into one text: equal texts, equal answers.
+std::string everything(plat_endpoint *ep) {
+    std::string out;
+    char line[512];
+    for (uint32_t id = 1; id <= 4; ++id) {
+        zfx_zone_info z{};
+        z.id = id;
+        if (zfx_dlg_get_zone_data(ep, ZFXD_OP_GET, &z, 0) != 0) continue;
+        std::snprintf(line, sizeof line, "zone %u %s qos %u/%u ro %u members %s\n", z.id, z.name, z.qos_set, z.qos, z.read_only,
+                      zfxtest::hex(Bytes(z.members + 4, z.members + 12)).c_str());
+        out += line;
+        for (uint32_t m = 1; m <= 12; ++m) {
+            zfx_zone_member_info mi{};
+            mi.id = m;
+            mi.zone_id = id;
+            if (zfx_dlg_get_zone_member_data(ep, ZFXD_OP_GET, &mi, 0) != 0) continue;
+            std::snprintf(line, sizeof line, "  member %u type %u vsan %u afid %u alias %s wwn %s lun %s\n", mi.id, mi.type, mi.vsan,
+                          mi.afid, mi.device_alias, zfxtest::hex(Bytes(mi.pwwn, mi.pwwn + 8)).c_str(),
+                          zfxtest::hex(Bytes(mi.lun, mi.lun + 8)).c_str());
+            out += line;
+        }
+    }
+    for (uint32_t id = 1; id <= 3; ++id) {
+        zfx_zoneset_info s{};
+        s.id = id;
+        if (zfx_dlg_get_zoneset_data(ep, ZFXD_OP_GET, &s, 0) != 0) continue;
+        out += "zoneset " + std::to_string(s.id) + " " + s.name + " zones " + zfxtest::hex(Bytes(s.zones + 4, s.zones + 6)) +
+               " info " + zfxtest::hex(Bytes(s.information, s.information + 8)) + "\n";
+    }
+    char name[ZFX_NAME_SIZE] = "none";
+    uint8_t zones[ZFX_ZONESET_ZONES_SIZE] = {};
+    const uint32_t active = zfx_get_active_zoneset(ep, name, zones);
+    out += "active " + std::to_string(active) + " " + name + " " + zfxtest::hex(Bytes(zones + 4, zones + 6)) + "\n";
+    void *status = nullptr;
+    out += "status " + std::to_string(zfx_dlg_get_zoneset_status(ep, ZFXD_OP_GET, ZFX_ZONESET_ID_ALL, &status)) + "\n";
+    std::free(status);
+    for (uint32_t key : {ZFXD_INFO_ZONES, ZFXD_INFO_ZONESETS, ZFXD_INFO_MEMBERS, ZFXD_INFO_ACTIVE_ZONESET, ZFXD_INFO_DEFAULT_ZONE,
+                         ZFXD_INFO_CHECK_IGNORE})
+        out += "info " + std::to_string(key) + " = " + zfx_dlg_get_info_char(ep, key) + "\n";
+    zfx_time_value t{};
+    zfx_dlg_get_info_activate_time(ep, &t);
+    out += std::string("activated ") + (t.word[0] != 0 ? "yes" : "no") + "\n";
+    return out;
+}
+
+TEST(Zfxd, EveryRequestBuildsTheDatabaseTheToolsWouldWriteAndARestartKeepsIt) {
+    zfxtest::Prefix prefix;
+    Zfxd d(prefix.config());
+    plat_endpoint *ep = d.ep();
+    const auto same_as_tools = [&](const char *step) {
+        EXPECT_EQ(records(d.location(), true), written_by_the_tools(d.db())) << "after " << step;
+    };
+
+    // Zones, three ways: plain, with attributes, and a message built by hand.
+    ASSERT_EQ(zfx_dlg_config_zone(ep, ZFXD_OP_CREATE, "web", nullptr, nullptr, 0), 0u);
+    ASSERT_EQ(zfx_dlg_config_zone_all_attrib(ep, ZFXD_OP_CREATE, "db", nullptr, 0, ZFX_ZONE_QOS_HIGH, 1, nullptr, 0), 0u);
+    zfx_zone_msg *zm = zfx_dlg_malloc_one_zone_and_all_attribs();
+    const uint32_t medium = ZFX_ZONE_QOS_MEDIUM;
+    ASSERT_EQ(zfx_dlg_zone_add_tlv(reinterpret_cast<uint8_t *>(zm) + 8, ZFX_TLV_ZONE_NAME, 7, "backup"), 0);
+    ASSERT_EQ(zfx_dlg_zone_add_tlv(reinterpret_cast<uint8_t *>(zm) + 8, ZFX_TLV_ZONE_QOS, 4, &medium), 0);
+    ASSERT_EQ(zfx_do_sanity_for_zone_create(zm), 0);
+    ASSERT_EQ(zfx_dlg_config_zone_tlv(ep, ZFXD_OP_CREATE, zm, nullptr, 0), 0u);
+    std::free(zm);
+    same_as_tools("zones");
+
+    // Members of all four kinds, by zone name; one by hand with its ids.
+    ASSERT_EQ(zfx_dlg_config_zone_member(ep, ZFXD_OP_CREATE, "web", 0, 0, ZFX_MEMBER_PWWN, kWwn1, nullptr, 10, 0, nullptr, 0), 0u);
+    ASSERT_EQ(zfx_dlg_config_zone_member(ep, ZFXD_OP_ADD, "web", 0, 0, ZFX_MEMBER_DEVICE_ALIAS, "host-a", nullptr, 10, 5, nullptr, 0), 0u);
+    ASSERT_EQ(zfx_dlg_config_zone_member(ep, ZFXD_OP_CREATE, "db", 0, 0, ZFX_MEMBER_PWWN_LUN, kWwn2, kLun, 20, 0, nullptr, 0), 0u);
+    ASSERT_EQ(zfx_dlg_config_zone_member(ep, ZFXD_OP_CREATE, nullptr, 0, 2, ZFX_MEMBER_DEVICE_ALIAS_LUN, "array-b", kLun, 20, 7, nullptr, 0), 0u);
+    zfx_zone_member_msg *mm = zfx_dlg_malloc_one_zone_member_and_all_attribs();
+    mm->parent_id = 3;
+    mm->id = 9;
+    const uint32_t type = ZFX_MEMBER_PWWN, vsan = 30;
+    zfx_dlg_zone_member_add_tlv(reinterpret_cast<uint8_t *>(mm) + 8, ZFX_TLV_MEMBER_TYPE, 4, &type);
+    zfx_dlg_zone_member_add_tlv(reinterpret_cast<uint8_t *>(mm) + 8, ZFX_TLV_MEMBER_PWWN, 8, kWwn2);
+    zfx_dlg_zone_member_add_tlv(reinterpret_cast<uint8_t *>(mm) + 8, ZFX_TLV_MEMBER_VSAN, 4, &vsan);
+    ASSERT_EQ(zfx_do_sanity_for_zone_member_create(mm), 0);
+    ASSERT_EQ(zfx_dlg_config_zone_member_tlv(ep, ZFXD_OP_CREATE, mm, nullptr, 0), 0u);
+    std::free(mm);
+    // A member added and removed again: by its value, then one by its id.
+    ASSERT_EQ(zfx_dlg_config_zone_member(ep, ZFXD_OP_CREATE, "web", 0, 0, ZFX_MEMBER_PWWN, kWwn2, nullptr, 11, 0, nullptr, 0), 0u);
+    ASSERT_EQ(zfx_dlg_config_zone_member(ep, ZFXD_OP_REMOVE, "web", 0, 0, ZFX_MEMBER_PWWN, kWwn2, nullptr, 11, 0, nullptr, 0), 0u);
+    ASSERT_EQ(zfx_dlg_config_zone_member(ep, ZFXD_OP_CREATE, "db", 0, 0, ZFX_MEMBER_DEVICE_ALIAS, "gone", nullptr, 1, 0, nullptr, 0), 0u);
+    ASSERT_EQ(zfx_dlg_config_zone_member(ep, ZFXD_OP_DELETE, "db", 3, 0, ZFX_MEMBER_PWWN, nullptr, nullptr, 0, 0, nullptr, 0), 0u);
+    same_as_tools("members");
+
+    // Attributes and a rename.
+    ASSERT_EQ(zfx_dlg_config_zone_attrib(ep, ZFXD_OP_MODIFY, "web", nullptr, 0, ZFX_ZONE_QOS_LOW, ZFX_ATTR_NONE, nullptr, 0), 0u);
+    ASSERT_EQ(zfx_dlg_config_zone_attrib(ep, ZFXD_OP_MODIFY, nullptr, nullptr, 2, ZFX_ATTR_NONE, 0, nullptr, 0), 0u);
+    ASSERT_EQ(zfx_dlg_config_zone_all_attrib(ep, ZFXD_OP_MODIFY, "backup", "vault", 0, ZFX_ATTR_NONE, ZFX_ATTR_NONE, nullptr, 0), 0u);
+    same_as_tools("attributes");
+
+    // Zonesets: by zone name, by bitmap in a hand-built message, zones removed, a zone deleted
+    // out of a zoneset, a zoneset renamed.
+    ASSERT_EQ(zfx_dlg_config_zoneset(ep, ZFXD_OP_CREATE, "prod", nullptr, "web", nullptr, 0), 0u);
+    ASSERT_EQ(zfx_dlg_config_zoneset_all_attrib(ep, ZFXD_OP_ADD, "prod", nullptr, 0, "db", nullptr, nullptr, 0), 0u);
+    Bytes bitmap = zfxtest::cat({zfxtest::le32(1024), zfxtest::id_bits(1024, {2, 3})});
+    zfx_zoneset_msg *sm = zfx_dlg_malloc_one_zoneset_and_all_attribs();
+    zfx_dlg_zoneset_add_tlv(reinterpret_cast<uint8_t *>(sm) + 8, ZFX_TLV_ZONESET_NAME, 4, "lab");
+    zfx_dlg_zoneset_add_tlv(reinterpret_cast<uint8_t *>(sm) + 8, ZFX_TLV_ZONESET_ZONE_BITMAP, uint16_t(bitmap.size()), bitmap.data());
+    ASSERT_EQ(zfx_do_sanity_for_zoneset_create(sm), 0);
+    ASSERT_EQ(zfx_dlg_config_zoneset_tlv(ep, ZFXD_OP_CREATE, sm, nullptr, 0), 0u);
+    std::free(sm);
+    bitmap = zfxtest::cat({zfxtest::le32(1024), zfxtest::id_bits(1024, {2})});
+    ASSERT_EQ(zfx_dlg_config_zoneset_all_attrib(ep, ZFXD_OP_REMOVE, nullptr, nullptr, 2, nullptr, bitmap.data(), nullptr, 0), 0u);
+    ASSERT_EQ(zfx_dlg_config_zone(ep, ZFXD_OP_CREATE, "tmp", nullptr, nullptr, 0), 0u);
+    ASSERT_EQ(zfx_dlg_config_zoneset(ep, ZFXD_OP_ADD, "lab", nullptr, "tmp", nullptr, 0), 0u);
+    ASSERT_EQ(zfx_dlg_config_zone(ep, ZFXD_OP_DELETE, "tmp", nullptr, nullptr, 0), 0u);
+    ASSERT_EQ(zfx_dlg_config_zoneset(ep, ZFXD_OP_CREATE, "old", nullptr, nullptr, nullptr, 0), 0u);
+    ASSERT_EQ(zfx_dlg_config_zoneset(ep, ZFXD_OP_DELETE, "old", nullptr, nullptr, nullptr, 0), 0u);
+    ASSERT_EQ(zfx_dlg_config_zoneset(ep, ZFXD_OP_MODIFY, "lab", "test", nullptr, nullptr, 0), 0u);
+    same_as_tools("zonesets");
+
+    // Switches and values, then the activation (the last change: the tools write the active data
+    // from the zones as they are now).
+    ASSERT_EQ(zfx_set_fcdomain_check_ignore(ep, 1), 0);
+    ASSERT_EQ(zfx_dlg_set_info(ep, ZFXD_INFO_DEFAULT_ZONE, 1, nullptr, 0), 0);
+    ASSERT_EQ(zfx_dlg_config_zone_activation(ep, ZFXD_OP_ACTIVATE, "test", 0, 0, nullptr, 0), 0u);
+    ASSERT_EQ(zfx_dlg_config_zone_activation(ep, ZFXD_OP_ACTIVATE, "prod", ZFXD_ACTIVATE_FORCE, 0, nullptr, 0), 0u);
+    same_as_tools("activation");
+
+    const std::string text = zfxtest::generate_from(d.location());
+    std::ifstream golden(std::string(std::getenv("ZFX_SOURCE_DIR") != nullptr ? std::getenv("ZFX_SOURCE_DIR") : ".") + "/tests/golden/zfxd.txt");
+    EXPECT_EQ(text, std::string(std::istreambuf_iterator<char>(golden), {}));
+
+    const std::string answers = everything(ep);
+    EXPECT_NE(answers.find("zone 2 db qos 1/3 ro 0"), std::string::npos) << answers;
+    EXPECT_NE(answers.find("member 2 type 241 vsan 20 afid 7 alias array-b"), std::string::npos) << answers;
+    EXPECT_NE(answers.find("active 0 prod 60 00"), std::string::npos) << answers;
+    EXPECT_NE(answers.find("info 34 = 1"), std::string::npos) << answers;
+    zfx_status_reply *st = nullptr;
+    ASSERT_EQ(zfx_is_zfx_enabled(ep, &st), 0);
+    EXPECT_EQ(st->enabled, 1u);
+    EXPECT_EQ(st->status2, ZFXD_PROTOCOL_VERSION);
+    std::free(st);
+
+    d.restart();
+    EXPECT_EQ(everything(d.ep()), answers);
+    EXPECT_EQ(zfxtest::generate_from(d.location()), text);
+    same_as_tools("restart");
+
+    // Deactivation removes every chunk and the time, and the text loses its activation line.
+    ASSERT_EQ(zfx_dlg_config_zone_activation(d.ep(), ZFXD_OP_DEACTIVATE, nullptr, 0, 0, nullptr, 0), 0u);
+    same_as_tools("deactivation");
+    EXPECT_EQ(zfx_dlg_get_info_int(d.ep(), ZFXD_INFO_ACTIVE_ZONESET), 0);
+}
+
+// Every refusal answers its status and writes nothing.
+TEST(Zfxd, RefusedRequestsAnswerTheirStatusAndChangeNothing) {
+    zfxtest::Prefix prefix;
+    Zfxd d(prefix.config());
+    plat_endpoint *ep = d.ep();
+    ASSERT_EQ(zfx_dlg_config_zone(ep, ZFXD_OP_CREATE, "web", nullptr, nullptr, 0), 0u);
+    ASSERT_EQ(zfx_dlg_config_zone_member(ep, ZFXD_OP_CREATE, "web", 0, 0, ZFX_MEMBER_PWWN, kWwn1, nullptr, 10, 0, nullptr, 0), 0u);
+    ASSERT_EQ(zfx_dlg_config_zoneset(ep, ZFXD_OP_CREATE, "prod", nullptr, "web", nullptr, 0), 0u);
+    const auto before = records(d.location(), false);
+    const std::string long_name(68, 'x');
+    const auto raw = [&](uint32_t msg_type, uint32_t opcode, Bytes payload) {
+        uint32_t len = uint32_t(payload.size());
+        return uint32_t(dlg_req_resp(msg_type, opcode, payload.data(), nullptr, &len, nullptr, 0, ZFX_SAP, ep, 10));
+    };
+    struct Row {
+        const char *what;
+        std::function<uint32_t()> send;
+        int32_t want;
+    };
+    const Row rows[] = {
+        {"zone exists", [&] { return zfx_dlg_config_zone(ep, ZFXD_OP_CREATE, "web", nullptr, nullptr, 0); }, ZFXD_ERR_EXISTS},
+        {"zone name too long", [&] { return zfx_dlg_config_zone(ep, ZFXD_OP_CREATE, long_name.c_str(), nullptr, nullptr, 0); }, ZFXD_ERR_INVALID},
+        {"zone create without a name", [&] { return zfx_dlg_config_zone_all_attrib(ep, ZFXD_OP_CREATE, nullptr, nullptr, 5, 0, 0, nullptr, 0); },
+         ZFX_ERR_CREATE_INCOMPLETE},
+        {"QoS above high", [&] { return zfx_dlg_config_zone_attrib(ep, ZFXD_OP_MODIFY, "web", nullptr, 0, 4, ZFX_ATTR_NONE, nullptr, 0); },
+         ZFXD_ERR_INVALID},
+        {"no such zone", [&] { return zfx_dlg_config_zone(ep, ZFXD_OP_DELETE, "nope", nullptr, nullptr, 0); }, ZFXD_ERR_NOT_FOUND},
+        {"member of no zone",
+         [&] { return zfx_dlg_config_zone_member(ep, ZFXD_OP_CREATE, "nope", 0, 0, ZFX_MEMBER_PWWN, kWwn2, nullptr, 1, 0, nullptr, 0); },
+         ZFXD_ERR_NOT_FOUND},
+        {"member twice",
+         [&] { return zfx_dlg_config_zone_member(ep, ZFXD_OP_CREATE, "web", 0, 0, ZFX_MEMBER_PWWN, kWwn1, nullptr, 10, 0, nullptr, 0); },
+         ZFXD_ERR_EXISTS},
+        {"member without a VSAN",
+         [&] { return zfx_dlg_config_zone_member(ep, ZFXD_OP_CREATE, "web", 0, 0, ZFX_MEMBER_PWWN, kWwn2, nullptr, 0, 0, nullptr, 0); },
+         ZFX_ERR_CREATE_INCOMPLETE},
+        {"VSAN above 4095",
+         [&] { return zfx_dlg_config_zone_member(ep, ZFXD_OP_CREATE, "web", 0, 0, ZFX_MEMBER_PWWN, kWwn2, nullptr, 4096, 0, nullptr, 0); },
+         ZFXD_ERR_INVALID},
+        {"LUN member without a LUN",
+         [&] { return zfx_dlg_config_zone_member(ep, ZFXD_OP_CREATE, "web", 0, 0, ZFX_MEMBER_PWWN_LUN, kWwn2, nullptr, 1, 0, nullptr, 0); },
+         ZFX_ERR_CREATE_INCOMPLETE},
+        {"member id above 2047",
+         [&] { return zfx_dlg_config_zone_member(ep, ZFXD_OP_CREATE, "web", 2048, 0, ZFX_MEMBER_PWWN, kWwn2, nullptr, 1, 0, nullptr, 0); },
+         ZFXD_ERR_INVALID},
+        {"remove a member that is not there",
+         [&] { return zfx_dlg_config_zone_member(ep, ZFXD_OP_REMOVE, "web", 0, 0, ZFX_MEMBER_PWWN, kWwn2, nullptr, 10, 0, nullptr, 0); },
+         ZFXD_ERR_NOT_FOUND},
+        {"zoneset exists", [&] { return zfx_dlg_config_zoneset(ep, ZFXD_OP_CREATE, "prod", nullptr, nullptr, nullptr, 0); }, ZFXD_ERR_EXISTS},
+        {"zoneset of an unknown zone", [&] { return zfx_dlg_config_zoneset(ep, ZFXD_OP_CREATE, "lab", nullptr, "nope", nullptr, 0); },
+         ZFXD_ERR_NOT_FOUND},
+        {"remove a zone the zoneset lacks", [&] { return zfx_dlg_config_zoneset(ep, ZFXD_OP_REMOVE, "prod", nullptr, "db", nullptr, 0); },
+         ZFXD_ERR_NOT_FOUND},
+        {"activate an unknown zoneset", [&] { return zfx_dlg_config_zone_activation(ep, ZFXD_OP_ACTIVATE, "nope", 0, 0, nullptr, 0); },
+         ZFXD_ERR_NOT_FOUND},
+        {"deactivate with nothing active", [&] { return zfx_dlg_config_zone_activation(ep, ZFXD_OP_DEACTIVATE, nullptr, 0, 0, nullptr, 0); },
+         ZFXD_ERR_NOT_FOUND},
+        {"read-only info key", [&] { return uint32_t(zfx_dlg_set_info(ep, ZFXD_INFO_ZONES, 3, nullptr, 0)); }, ZFXD_ERR_INVALID},
+        {"log level out of range", [&] { return uint32_t(zfx_dlg_set_info(ep, ZFXD_INFO_LOG_LEVEL, 3, nullptr, 0)); }, ZFXD_ERR_INVALID},
+        {"unknown message type", [&] { return raw(8699, 1, Bytes(8, 0)); }, ZFXD_ERR_UNSUPPORTED},
+        {"unknown operation", [&] { return raw(ZFX_MSG_ZONE, 99, zfxtest::cat({zfxtest::be32(1), zfxtest::zeros(8), zfxtest::le32(0)})); },
+         ZFXD_ERR_UNSUPPORTED},
+        {"short zone message", [&] { return raw(ZFX_MSG_ZONE, ZFXD_OP_CREATE, Bytes(10, 0)); }, ZFXD_ERR_MALFORMED},
+        {"array counting more than it holds",
+         [&] { return raw(ZFX_MSG_ZONE, ZFXD_OP_CREATE, zfxtest::cat({zfxtest::be32(1), zfxtest::zeros(8), zfxtest::le32(3), zfxtest::tlv(6, zfxtest::str0("a"))})); },
+         ZFXD_ERR_MALFORMED},
+        {"name without its terminator",
+         [&] { return raw(ZFX_MSG_ZONE, ZFXD_OP_CREATE, zfxtest::cat({zfxtest::be32(1), zfxtest::zeros(8), zfxtest::tlv_array({zfxtest::tlv(6, Bytes{'a', 'b'})})})); },
+         ZFXD_ERR_MALFORMED},
+        {"short activation", [&] { return raw(ZFX_MSG_ZONE_ACTIVATION, ZFXD_OP_ACTIVATE, Bytes(83, 0)); }, ZFXD_ERR_MALFORMED},
+        {"status query of an odd length", [&] { return raw(ZFX_MSG_STATUS, 1, Bytes(5, 0)); }, ZFXD_ERR_MALFORMED},
+        {"short info record", [&] { return raw(ZFX_MSG_INFO, ZFXD_OP_INFO_GET, Bytes(259, 0)); }, ZFXD_ERR_MALFORMED},
+        {"unknown info key", [&] { return raw(ZFX_MSG_INFO, ZFXD_OP_INFO_GET, zfxtest::cat({zfxtest::be32(999), zfxtest::zeros(256)})); },
+         ZFXD_ERR_NOT_FOUND},
+    };
+    for (const Row &row : rows) {
+        EXPECT_EQ(row.send(), uint32_t(row.want)) << row.what;
+        EXPECT_EQ(records(d.location(), false), before) << row.what;
+    }
+    EXPECT_EQ(d.db().changes(), 3u);
+}
+
+}  // namespace
