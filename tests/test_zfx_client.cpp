@@ -46,7 +46,8 @@ Decode decoder(std::string (*decode)(const void *, uint32_t, std::vector<Entry> 
     };
 }
 const Decode kZones = decoder<zfxtool::ZoneEntry>(zfxtool::decode_zones, [](const zfxtool::ZoneEntry &z) {
-    return std::to_string(z.id) + " " + z.name + " qos" + std::to_string(z.qos) + (z.read_only ? " ro" : "");
+    return std::to_string(z.id) + " " + z.name + " qos" + std::to_string(z.qos) + (z.read_only ? " ro" : "") +
+           (z.member_ids ? " members" + std::to_string(z.member_ids->size()) : "");
 });
 const Decode kMembers = decoder<zfxtool::MemberEntry>(zfxtool::decode_members, [](const zfxtool::MemberEntry &m) {
     return std::to_string(m.zone_id) + "/" + std::to_string(m.id) + " t" + std::to_string(m.type) + " " +
@@ -77,8 +78,8 @@ TEST(ZfxClient, RepliesDecodeAndEveryCutIsRefused) {
         Bytes bytes;
         std::string expect;
     } cases[] = {
-        {kZones, reply(2, {zone(3, {name(6, "web"), tlv(45, le32(3)), tlv(59, be32(1))}), zone(9, {name(6, "db"), tlv(7, zeros(260))})}),
-         "3 web qos3 ro;9 db qos0;"},
+        {kZones, reply(2, {zone(3, {name(6, "web"), tlv(45, le32(3)), tlv(59, be32(1))}), zone(9, {name(6, "db"), tlv(7, cat({le32(256), id_bits(256, {1, 2047})}))})}),
+         "3 web qos3 ro;9 db qos0 members2;"},
         {kZones, reply(0, {}), ""},
         {kMembers, reply(2, {member(3, 1, {tlv(27, le32(240)), tlv(10, kWwn), tlv(44, kLun), tlv(11, le32(10)), tlv(12, le32(5))}),
                              member(3, 2, {tlv(27, le32(1)), name(65, "tape"), tlv(11, le32(4095))})}),
@@ -117,6 +118,7 @@ TEST(ZfxClient, MalformedRepliesSayWhatIsWrong) {
         {kZones, reply(1, {zone(1, {name(6, "a"), tlv(59, be32(2))})}), "entry 1 of 1: read-only value 2"},
         {kZones, reply(1, {zone(1, {name(6, "a"), tlv(59, Bytes{0, 1})})}), "entry 1 of 1: element 59 holds 2 bytes, not 4"},
         {kZones, reply(1, {zone(1, {tlv(6, Bytes{'a', 'b', 'c', 'd'})})}), "entry 1 of 1: element 6 holds no terminated name"},
+        {kZones, reply(1, {zone(1, {name(6, "a"), tlv(7, Bytes{1, 2})})}), "entry 1 of 1: element 7 holds 2 bytes, not 4"},
         {kZones, reply(1, {zone(1, {name(6, "a\x1b[2J")})}), "entry 1 of 1: element 6 holds a name that is empty"},
         {kZones, reply(1, {zone(1, {name(6, std::string(68, 'z'))})}), "entry 1 of 1: element 6 holds a name that is empty"},
         {kMembers, reply(1, {member(1, 1, {tlv(27, le32(7)), tlv(10, kWwn), tlv(11, le32(1))})}), "entry 1 of 1: member type 7 is unknown"},

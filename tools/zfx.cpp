@@ -125,8 +125,11 @@ public:
     }
     ZoneEntry zone(const std::string &name) { return zones(name.c_str())[0]; }
 
-    // The members of a zone, in id order.
-    std::vector<MemberEntry> members(uint32_t zone_id) {
+    // The members of a zone, in id order. A zone whose member bitmap came empty has none to ask
+    // for, which saves a query for each such zone.
+    std::vector<MemberEntry> members(const ZoneEntry &zone) {
+        if (zone.member_ids && zone.member_ids->empty()) return {};
+        const uint32_t zone_id = zone.id;
         zfx_zone_member_msg *reply = nullptr;
         const uint32_t r = zfx_dlg_get_zone_member(conn().measured(), ZFXD_OP_GET, nullptr, 0, zone_id, &reply, 1, 0);
         const Owned<zfx_zone_member_msg> owned(reply);
@@ -365,7 +368,7 @@ void zone_show(Session &s, const Parsed &p) {
     const std::optional<std::string> name = p.pos.empty() ? std::nullopt : std::optional(name_arg(p.pos[0], "zone name"));
     for (const ZoneEntry &z : s.zones(name ? name->c_str() : nullptr)) {
         print_zone_head(s, z);
-        for (const MemberEntry &m : s.members(z.id)) s.out += "  member " + member_text(m) + "\n";
+        for (const MemberEntry &m : s.members(z)) s.out += "  member " + member_text(m) + "\n";
     }
 }
 
@@ -431,7 +434,7 @@ void member_show(Session &s, const Parsed &p) {
         if (!error.empty()) s.malformed(error);
         members.push_back(m);
     } else {
-        members = s.members(z.id);
+        members = s.members(z);
     }
     print_zone_head(s, z);
     for (const MemberEntry &m : members) s.out += format("  member id %u ", m.id) + member_text(m) + "\n";
@@ -630,7 +633,7 @@ void info_get(Session &s, const Parsed &p) {
         s.out += printable(zfx_dlg_get_info_char(ep, key)) + "\n";
     } else {
         const Owned<zfx_info_record> record(timeout ? zfx_dlg_get_info_with_timeout(ep, key, wait) : zfx_dlg_get_info(ep, key));
-        if (!record) throw Failed{s.what + ": no answer, or a short one"};
+        if (!record) throw Failed{s.what + ": no value: the service refused the key, or the request failed"};
         if (std::memchr(record->value, '\0', sizeof record->value) == nullptr) s.malformed("the value has no terminator");
         s.out += printable(record->value) + "\n";
     }
@@ -857,6 +860,7 @@ int main(int argc, char **argv) {
                 debug = true;
             } else if (opt == "--socket") {
                 if (!global.value(opt, socket, error)) throw Usage{error};
+                if (socket.empty()) throw Usage{"--socket needs a path"};
                 ++at;
             } else {
                 throw Usage{"unknown option " + printable(opt)};

@@ -214,6 +214,7 @@ std::string decode_zones(const void *reply, uint32_t len, std::vector<ZoneEntry>
         for (const Element &e : elements) {
             bool ok = true;
             if (e.type == ZFX_TLV_ZONE_NAME) ok = v.name(e, z.name);
+            else if (e.type == ZFX_TLV_ZONE_MEMBERS) ok = v.ids(e, z.member_ids.emplace());
             else if (e.type == ZFX_TLV_ZONE_QOS) ok = v.host32(e, z.qos) && (z.qos <= ZFX_ZONE_QOS_HIGH || v.fail("QoS " + std::to_string(z.qos) + " is out of range"));
             else if (e.type == ZFX_TLV_ZONE_READ_ONLY) {
                 uint32_t ro = 0;

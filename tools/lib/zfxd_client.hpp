@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -61,6 +62,7 @@ struct ZoneEntry {
     std::string name;
     uint32_t qos = ZFX_ZONE_QOS_NONE;
     bool read_only = false;
+    std::optional<std::vector<uint32_t>> member_ids;  // its member bitmap, when one came
 };
 
 struct MemberEntry {
