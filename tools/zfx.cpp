@@ -121,6 +121,7 @@ public:
         check(r);
         auto list = entries<ZoneEntry>(reply, decode_zones, name != nullptr || id != 0);
         if (name != nullptr && list[0].name != name) malformed("zone " + std::string(name) + " was asked for, " + list[0].name + " came");
+        if (id != 0 && list[0].id != id) malformed("zone " + std::to_string(id) + " was asked for, zone " + std::to_string(list[0].id) + " came");
         return list;
     }
     ZoneEntry zone(const std::string &name) { return zones(name.c_str())[0]; }
