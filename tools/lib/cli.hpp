@@ -30,15 +30,15 @@ public:
         out = take();
         return true;
     }
-    // An unsigned number in 0..max (decimal or 0x hexadecimal).
-    bool number(const std::string &name, uint64_t max, uint64_t &out, std::string &error) {
+    // An unsigned number in min..max (decimal or 0x hexadecimal).
+    bool number(const std::string &name, uint64_t max, uint64_t &out, std::string &error, uint64_t min = 0) {
         std::string text;
         if (!value(name, text, error)) return false;
         char *end = nullptr;
         errno = 0;
         const unsigned long long v = std::strtoull(text.c_str(), &end, 0);
-        if (text.empty() || text[0] == '-' || *end != '\0' || errno != 0 || v > max) {
-            error = name + " takes a number from 0 to " + std::to_string(max) + ", not '" + text + "'";
+        if (text.empty() || text[0] == '-' || *end != '\0' || errno != 0 || v > max || v < min) {
+            error = name + " takes a number from " + std::to_string(min) + " to " + std::to_string(max) + ", not '" + text + "'";
             return false;
         }
         out = v;

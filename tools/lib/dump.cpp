@@ -48,12 +48,12 @@ std::string id_runs(const uint8_t *bits, size_t bytes) {
     std::string out;
     const size_t n = bytes * 8;
     for (size_t i = 0; i < n;) {
-        if ((bits[i / 8] & (0x80u >> (i % 8))) == 0) {
+        if (!id_bit(bits, uint32_t(i))) {
             ++i;
             continue;
         }
         size_t j = i;
-        while (j + 1 < n && (bits[(j + 1) / 8] & (0x80u >> ((j + 1) % 8))) != 0) ++j;
+        while (j + 1 < n && id_bit(bits, uint32_t(j + 1))) ++j;
         if (!out.empty()) out += ',';
         out += j == i ? std::to_string(i) : std::to_string(i) + "-" + std::to_string(j);
         i = j + 1;
@@ -83,11 +83,6 @@ Wwn wwn_at(const uint8_t *p) {
     return w;
 }
 
-const char *qos_word(uint32_t qos) {
-    static const char *const words[] = {"none", "low", "medium", "high"};
-    return qos < 4 ? words[qos] : "unknown";
-}
-
 using Line = std::string;
 
 Line zone_db_record(uint8_t table, const uint8_t *k, uint32_t klen, const uint8_t *v, uint32_t vlen) {
@@ -102,7 +97,7 @@ Line zone_db_record(uint8_t table, const uint8_t *k, uint32_t klen, const uint8_
         std::string out = format("zone-member %u of zone %u: ", first, second);
         if (vlen < sizeof(zfx_member_rec_head)) return "";
         zfx_zone_member_node m{};
-        bool whole = tlv_elements(v + 4, vlen - 4, [](uint16_t, uint16_t, const uint8_t *) {});
+        const bool whole = tlv_elements(v + 4, vlen - 4, [](uint16_t, uint16_t, const uint8_t *) {});
         if (!whole || zfx_zone_decode_member_from_kvdb_cfg(v, &m) != 0) return "";
         if (m.type == ZFX_MEMBER_PWWN || m.type == ZFX_MEMBER_PWWN_LUN) out += "pwwn " + wwn_text(wwn_at(m.pwwn));
         else if (m.type == ZFX_MEMBER_DEVICE_ALIAS || m.type == ZFX_MEMBER_DEVICE_ALIAS_LUN)

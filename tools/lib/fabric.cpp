@@ -3,6 +3,7 @@
 
 #include <arpa/inet.h>
 
+#include <cctype>
 #include <cstdlib>
 #include <cstring>
 #include <algorithm>
@@ -32,8 +33,6 @@ Bytes bytes_of(const T &value) {
 Bytes set_bytes(const VsanSet &set) { return bytes_of(set.bits); }
 
 Bytes be32(uint32_t v) { return {uint8_t(v >> 24), uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)}; }
-
-void set_id_bit(uint8_t *bitmap, uint32_t id) { bitmap[id / 8] |= uint8_t(0x80u >> (id % 8)); }
 
 void copy_name(char (&field)[ZFX_NAME_SIZE], const std::string &name) {
     std::memset(field, 0, sizeof field);
@@ -392,6 +391,48 @@ std::string wwn_text(const Wwn &wwn) {
 std::string lun_text(const Wwn &lun) {
     char buf[FMT_LUN_SIZE];
     return fmt_lun(buf, lun.data());
+}
+
+namespace {
+bool hex_digit(char c) { return std::isxdigit(static_cast<unsigned char>(c)) != 0; }
+uint8_t hex_value(char c) { return uint8_t(c <= '9' ? c - '0' : (c | 0x20) - 'a' + 10); }
+}  // namespace
+
+bool parse_wwn(const std::string &text, Wwn &out) {
+    if (text.size() != 23) return false;
+    Wwn w{};
+    for (size_t i = 0; i < 8; ++i) {
+        const size_t at = i * 3;
+        if (!hex_digit(text[at]) || !hex_digit(text[at + 1]) || (i < 7 && text[at + 2] != ':')) return false;
+        w[i] = uint8_t(hex_value(text[at]) << 4 | hex_value(text[at + 1]));
+    }
+    out = w;
+    return true;
+}
+
+bool parse_lun(const std::string &text, Wwn &out) {
+    // "0x", then 1 to 4 levels of four digits joined by "-": 5n + 1 characters for n levels.
+    if (text.rfind("0x", 0) != 0 || text.size() < 6 || text.size() > 21 || (text.size() - 1) % 5 != 0) return false;
+    const size_t n = (text.size() - 1) / 5;
+    Wwn l{};
+    for (size_t level = 0; level < n; ++level) {
+        const size_t at = 2 + level * 5;
+        if (level > 0 && text[at - 1] != '-') return false;
+        uint16_t v = 0;
+        for (size_t d = 0; d < 4; ++d) {
+            if (!hex_digit(text[at + d])) return false;
+            v = uint16_t(v << 4 | hex_value(text[at + d]));
+        }
+        l[level * 2] = uint8_t(v >> 8);
+        l[level * 2 + 1] = uint8_t(v);
+    }
+    out = l;
+    return true;
+}
+
+const char *qos_word(uint32_t qos) {
+    static const char *const words[] = {"none", "low", "medium", "high"};
+    return qos < 4 ? words[qos] : "unknown";
 }
 
 std::string vsan_text(const vsan_bitset &set) {

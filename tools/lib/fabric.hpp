@@ -174,6 +174,21 @@ std::string write_fabric(const Fabric &fabric, const std::string &dir, const std
 // Formats bytes for people: a WWN "aa:bb:...", a LUN "0x0001" (as the zone text does).
 std::string wwn_text(const Wwn &wwn);
 std::string lun_text(const Wwn &lun);
+// Reads them back, for every tool that takes them as text: a WWN is eight pairs of hexadecimal
+// digits joined by ":" (the bytes in printing order), a LUN "0x" and one to four levels of four
+// hexadecimal digits joined by "-" (each level the big-endian value of two bytes; levels left
+// out are zero). Either case of digit. False, out untouched, for text of any other shape.
+bool parse_wwn(const std::string &text, Wwn &out);
+bool parse_lun(const std::string &text, Wwn &out);
+
+// The word of a zone's QoS priority (ZFX_ZONE_QOS_*): "none", "low", "medium", "high";
+// "unknown" for anything above.
+const char *qos_word(uint32_t qos);
+
+// The zone database's id bitmaps (zones of a zoneset, members of a zone): id n is bit
+// 0x80 >> (n % 8) of byte n / 8.
+inline void set_id_bit(uint8_t *bitmap, uint32_t id) { bitmap[id / 8] |= uint8_t(0x80u >> (id % 8)); }
+inline bool id_bit(const uint8_t *bitmap, uint32_t id) { return (bitmap[id / 8] & (0x80u >> (id % 8))) != 0; }
 std::string vsan_text(const vsan_bitset &set);
 
 // The fabrics zfx-store builds in code: a small one that holds every kind of record, and a

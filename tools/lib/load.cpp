@@ -56,34 +56,14 @@ uint32_t vsan_number(const std::string &text) { return uint32_t(number(text, VSA
 uint16_t afid_number(const std::string &text) { return uint16_t(number(text, 0xFFFF, "autonomous fabric ID")); }
 
 Wwn wwn(const std::string &text) {
-    Wwn w{};
-    const bool shape = text.size() == 23;
-    for (size_t i = 0; shape && i < 8; ++i) {
-        const size_t at = i * 3;
-        if (!hex_digit(text[at]) || !hex_digit(text[at + 1]) || (i < 7 && text[at + 2] != ':'))
-            throw Bad{"malformed WWN '" + text + "'"};
-        w[i] = uint8_t(std::stoul(text.substr(at, 2), nullptr, 16));
-    }
-    if (!shape) throw Bad{"malformed WWN '" + text + "'"};
+    Wwn w;
+    if (!parse_wwn(text, w)) throw Bad{"malformed WWN '" + text + "'"};
     return w;
 }
 
-// "0x" and four hexadecimal digits per level, levels joined by "-": "0x0001", "0x4012-0005".
 Wwn lun(const std::string &text) {
-    Wwn l{};
-    if (text.rfind("0x", 0) != 0) throw Bad{"malformed LUN '" + text + "'"};
-    std::stringstream levels(text.substr(2));
-    std::string level;
-    size_t n = 0;
-    while (std::getline(levels, level, '-')) {
-        if (n == 4 || level.size() != 4 || !std::all_of(level.begin(), level.end(), hex_digit))
-            throw Bad{"malformed LUN '" + text + "'"};
-        const unsigned long v = std::stoul(level, nullptr, 16);
-        l[n * 2] = uint8_t(v >> 8);
-        l[n * 2 + 1] = uint8_t(v);
-        ++n;
-    }
-    if (n == 0 || text.back() == '-') throw Bad{"malformed LUN '" + text + "'"};
+    Wwn l;
+    if (!parse_lun(text, l)) throw Bad{"malformed LUN '" + text + "'"};
     return l;
 }
 
@@ -251,9 +231,8 @@ private:
         Zone &z = f_.zones.back();
         if (shape(w, {"attribute", "read-only"})) return void(z.read_only = true);
         if (shape(w, {"attribute", "qos", "priority", "*"})) {
-            static const char *const words[] = {"low", "medium", "high"};
-            for (uint32_t q = 0; q < 3; ++q)
-                if (w[3] == words[q]) return void(z.qos = q + 1);
+            for (uint32_t q = ZFX_ZONE_QOS_LOW; q <= ZFX_ZONE_QOS_HIGH; ++q)
+                if (w[3] == qos_word(q)) return void(z.qos = q);
             throw Bad{"unknown QoS priority '" + w[3] + "' (low, medium or high)"};
         }
         // member pwwn W | device-alias A, [lun L], vsan V, [autonomous-fabric-id F]

@@ -2,6 +2,7 @@
 // and built in the layout the platform's TLV arrays have (one rule for sizes: tlvbuf_size_get).
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <vector>
@@ -11,24 +12,27 @@
 namespace zfxtool {
 
 // Calls each(type, length, value) for the elements of the TLV array in the len bytes at array,
-// or returns false, having called nothing, when the count word or an element it counts does not
-// lie within those bytes.
+// once every element the count claims has been found to lie within them: each header whole, each
+// value whole. Returns the bytes the array takes, count word and every element with its padding
+// (the last element's padding may lie beyond len: a sender may leave it out), so that what
+// follows the array can be found; 0, having called nothing, when the count word or an element it
+// counts does not lie within len.
 template <typename Each>
-bool tlv_elements(const uint8_t *array, size_t len, Each &&each) {
-    if (len < 4) return false;
+size_t tlv_elements(const uint8_t *array, size_t len, Each &&each) {
+    if (len < 4) return 0;
     uint32_t count;
     std::memcpy(&count, array, 4);
     // Every element takes at least its 4-byte header, so a count beyond that is a lie.
-    if (count > (len - 4) / 4) return false;
+    if (count > (len - 4) / 4) return 0;
     size_t at = 4;
     for (uint32_t i = 0; i < count; ++i) {
-        if (len - at < 4) return false;
+        if (at > len || len - at < 4) return 0;
         uint16_t length;
         std::memcpy(&length, array + at + 2, 2);
-        if (len - at - 4 < length) return false;
+        if (len - at - 4 < length) return 0;
         at += tlvbuf_size_get(length);
-        if (at > len) at = len;
     }
+    const size_t end = at;
     at = 4;
     for (uint32_t i = 0; i < count; ++i) {
         uint16_t type, length;
@@ -37,7 +41,7 @@ bool tlv_elements(const uint8_t *array, size_t len, Each &&each) {
         each(type, length, array + at + 4);
         at += tlvbuf_size_get(length);
     }
-    return true;
+    return end;
 }
 
 // A TLV array being built: the count word, then the elements in the order they are added.
