@@ -38,8 +38,8 @@ void put_be32(Bytes &out, uint32_t v) {
     out.insert(out.end(), p, p + 4);
 }
 
-void set_bit(uint8_t *bits, uint32_t id) { bits[id / 8] |= uint8_t(0x80u >> (id % 8)); }
-bool bit(const uint8_t *bits, uint32_t id) { return (bits[id / 8] & (0x80u >> (id % 8))) != 0; }
+using zfxtool::id_bit;
+using zfxtool::set_id_bit;
 
 Answer status(int32_t result) { return Answer{result, false, {}}; }
 Answer reply(Bytes bytes) { return Answer{0, true, std::move(bytes)}; }
@@ -107,18 +107,13 @@ bool parse(const Kind &kind, const uint8_t *p, uint32_t n, Msg &msg) {
     });
 }
 
-bool good_name(const std::string &name) {
-    if (name.empty() || name.size() >= ZFX_NAME_SIZE) return false;
-    return std::none_of(name.begin(), name.end(), [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; });
-}
-
 // A name element, or the status that refuses it: no terminator is malformed, a bad name invalid.
 int32_t name_of(const Msg &msg, uint16_t type, std::optional<std::string> &out) {
     out.reset();
     if (!msg.has(type)) return 0;
     out = msg.text(type);
     if (!out) return ZFXD_ERR_MALFORMED;
-    return good_name(*out) ? 0 : ZFXD_ERR_INVALID;
+    return zfxtool::valid_name(*out) ? 0 : ZFXD_ERR_INVALID;
 }
 
 // ---- replies -----------------------------------------------------------------------------------
@@ -131,7 +126,10 @@ struct ReplyMsg {
         bytes.insert(bytes.end(), array.bytes().begin(), array.bytes().end());
         ++count;
     }
-    Bytes take() {
+    // A list with no entries still has the layout's fixed part: one all-zero entry with an empty
+    // array follows its count of 0 (the library refuses a reply shorter than that).
+    Bytes take(size_t fixed) {
+        if (count == 0) bytes.resize(bytes.size() + fixed + 4, 0);
         const uint32_t n = htonl(count);
         std::memcpy(bytes.data(), &n, 4);
         return std::move(bytes);
@@ -152,7 +150,7 @@ void zone_entry(ReplyMsg &r, const Zone &z) {
     uint8_t members[ZFX_ZONE_MEMBERS_SIZE] = {};
     const uint32_t count = ZFX_MEMBER_BITMAP_SIZE;
     std::memcpy(members, &count, 4);
-    for (const Member &m : z.members) set_bit(members + 4, m.id);
+    for (const Member &m : z.members) set_id_bit(members + 4, m.id);
     a.add(ZFX_TLV_ZONE_MEMBERS, members, sizeof members);
     const uint8_t attributes[ZFX_ATTR_SIZE] = {};
     a.add(ZFX_TLV_ZONE_ATTR, attributes, sizeof attributes);
@@ -165,7 +163,7 @@ void zoneset_bitmap(zfxtool::TlvArray &a, const std::vector<uint16_t> &zones) {
     uint8_t map[ZFX_ZONESET_ZONES_SIZE] = {};
     const uint32_t count = ZFX_ZONE_BITMAP_SIZE;
     std::memcpy(map, &count, 4);
-    for (uint16_t id : zones) set_bit(map + 4, id);
+    for (uint16_t id : zones) set_id_bit(map + 4, id);
     a.add(ZFX_TLV_ZONESET_ZONE_BITMAP, map, sizeof map);
 }
 
@@ -295,7 +293,7 @@ private:
         const uint8_t *map = msg.bytes(ZFX_TLV_ZONESET_ZONE_BITMAP, ZFX_ZONESET_ZONES_SIZE);
         if (map == nullptr) return msg.has(ZFX_TLV_ZONESET_ZONE_BITMAP) ? ZFXD_ERR_MALFORMED : 0;
         for (uint32_t id = 1; id <= ZFX_ZONE_ID_MAX; ++id) {
-            if (!bit(map + 4, id)) continue;
+            if (!id_bit(map + 4, id)) continue;
             if (db_.zone(uint16_t(id)) == nullptr) return ZFXD_ERR_NOT_FOUND;
             zones.push_back(uint16_t(id));
         }
@@ -318,12 +316,12 @@ Answer Handler::zone(uint32_t opcode, const uint8_t *p, uint32_t n, bool attribu
         ReplyMsg r(msg.flags);
         if (!msg.has(ZFX_TLV_ZONE_NAME) && msg.id == 0) {
             for (const auto &[id, z] : db_.zones()) zone_entry(r, z);
-            return reply(r.take());
+            return reply(r.take(kZone.array_at - 8));
         }
         const Zone *z = nullptr;
         if (const int32_t st = find_zone(msg, ZFX_TLV_ZONE_NAME, msg.id, z)) return status(st);
         zone_entry(r, *z);
-        return reply(r.take());
+        return reply(r.take(kZone.array_at - 8));
     }
     const auto qos = msg.u32(ZFX_TLV_ZONE_QOS, false);
     const auto read_only = msg.u32(ZFX_TLV_ZONE_READ_ONLY, true);
@@ -398,17 +396,17 @@ Answer Handler::zoneset(uint32_t opcode, const uint8_t *p, uint32_t n) {
             add_name(a, ZFX_TLV_ZONESET_NAME, active->name);
             zoneset_bitmap(a, active->zones);
             r.entry(fixed, a);
-            return reply(r.take());
+            return reply(r.take(kZoneset.array_at - 8));
         }
         what_ = "zoneset query";
         if (!msg.has(ZFX_TLV_ZONESET_NAME) && msg.id == 0) {
             for (const auto &[id, s] : db_.zonesets()) zoneset_entry(r, s, active && active->id == id);
-            return reply(r.take());
+            return reply(r.take(kZoneset.array_at - 8));
         }
         const Zoneset *s = nullptr;
         if (const int32_t st = find_zoneset(msg, s)) return status(st);
         zoneset_entry(r, *s, active && active->id == s->id);
-        return reply(r.take());
+        return reply(r.take(kZoneset.array_at - 8));
     }
     if (opcode == ZFXD_OP_CREATE) {
         Aligned copy(p, n);
@@ -485,7 +483,7 @@ Answer Handler::member(uint32_t opcode, const uint8_t *p, uint32_t n) {
         for (const Member &m : z->members)
             if (msg.id == 0 || m.id == msg.id) member_entry(r, *z, m);
         if (msg.id != 0 && r.count == 0) return status(ZFXD_ERR_NOT_FOUND);
-        return reply(r.take());
+        return reply(r.take(kMember.array_at - 8));
     }
     if (opcode == ZFXD_OP_CREATE || opcode == ZFXD_OP_ADD) {
         Aligned copy(p, n);

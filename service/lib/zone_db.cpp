@@ -25,7 +25,6 @@ T load(const uint8_t *p) {
     return v;
 }
 
-bool bit(const uint8_t *bits, uint32_t id) { return (bits[id / 8] & (0x80u >> (id % 8))) != 0; }
 
 // A NUL-terminated name within its field of max bytes, or nothing.
 std::optional<std::string> name_at(const uint8_t *p, size_t max) {
@@ -67,7 +66,7 @@ bool zoneset_zones(const uint8_t *array, size_t len, std::vector<uint16_t> &zone
     });
     if (!ok) return false;
     for (uint32_t id = 1; id <= ZFX_ZONE_ID_MAX; ++id) {
-        const bool in = full_map != nullptr ? bit(full_map, id) : short_map != nullptr && id / 8 < short_len && bit(short_map, id);
+        const bool in = full_map != nullptr ? zfxtool::id_bit(full_map, id) : short_map != nullptr && id / 8 < short_len && zfxtool::id_bit(short_map, id);
         if (in) zones.push_back(uint16_t(id));
     }
     return true;

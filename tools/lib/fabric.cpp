@@ -381,6 +381,11 @@ std::string write_fabric(const Fabric &fabric, const std::string &dir, const std
     return error;
 }
 
+bool valid_name(const std::string &name) {
+    return !name.empty() && name.size() < ZFX_NAME_SIZE &&
+           std::none_of(name.begin(), name.end(), [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; });
+}
+
 std::string wwn_text(const Wwn &wwn) {
     char buf[FMT_WWN_SIZE];
     plat_wwn w;

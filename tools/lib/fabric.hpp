@@ -184,6 +184,9 @@ bool parse_lun(const std::string &text, Wwn &out);
 // The word of a zone's QoS priority (ZFX_ZONE_QOS_*): "none", "low", "medium", "high";
 // "unknown" for anything above.
 const char *qos_word(uint32_t qos);
+// A name as zones, zonesets and device aliases take it: 1 to 67 characters, none of them a
+// control character.
+bool valid_name(const std::string &name);
 
 // The zone database's id bitmaps (zones of a zoneset, members of a zone): id n is bit
 // 0x80 >> (n % 8) of byte n / 8.

@@ -118,11 +118,6 @@ std::vector<uint32_t> bitmap_ids(const uint8_t *value, size_t room) {
     return ids;
 }
 
-bool valid_name(const std::string &name) {
-    return !name.empty() && name.size() < ZFX_NAME_SIZE &&
-           std::none_of(name.begin(), name.end(), [](char c) { return (unsigned char)c < 0x20 || c == 0x7F; });
-}
-
 namespace {
 
 struct Element {

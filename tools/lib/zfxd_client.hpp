@@ -49,10 +49,6 @@ private:
     plat_endpoint *measured_;
 };
 
-// A name as zones, zonesets and device aliases take it: 1 to 67 characters, none of them a
-// control character.
-bool valid_name(const std::string &name);
-
 // The ids set in a bitmap value as the zone queries carry it (a byte count in host order, then
 // the bits; see set_id_bit), reading no more than room bytes; id 0 is never an id.
 std::vector<uint32_t> bitmap_ids(const uint8_t *value, size_t room);
