@@ -10,6 +10,7 @@
 #include "dump.hpp"
 #include "fabric.hpp"
 #include "load.hpp"
+#include "messy_text.hpp"
 #include "platform/kvdb.h"
 #include "platform/ptxt.h"
 #include "store.hpp"
@@ -49,24 +50,17 @@ std::string golden(const char *name) {
     return text.str();
 }
 
-Fabric loaded(const std::string &text) {
+Fabric loaded(const std::string &text, const LoadOptions &options = {}, size_t *skipped = nullptr) {
     Fabric f;
     std::string error;
-    EXPECT_TRUE(load_text(text, "text", f, error)) << error;
+    EXPECT_TRUE(load_text(text, "text", f, error, options, skipped)) << error;
     return f;
 }
 
-TEST(Tools, DemoWritesItsGoldenTextAndLoadsBackToIt) {
-    const std::string text = golden("demo.txt");
-    ASSERT_FALSE(text.empty());
-    EXPECT_EQ(text_of(demo_fabric()), text);
-    EXPECT_EQ(text_of(loaded(text)), text);
-}
-
-// Seeded stores of every record kind: generate -> load -> generate is a fixed point. Sizes
-// vary with the seed; one fabric has more than 255 service groups, whose ids must still list in
-// the text's order.
-TEST(Tools, GenerateLoadGenerateIsAFixedPoint) {
+// Seeded fabrics of every record kind. Sizes vary with the seed; the last one has more than 255
+// service groups, whose ids must still list in the text's order.
+std::vector<SynthParams> seeded_fabrics() {
+    std::vector<SynthParams> out;
     for (uint64_t seed = 1; seed <= 24; ++seed) {
         SynthParams p;
         p.seed = seed;
@@ -78,26 +72,87 @@ TEST(Tools, GenerateLoadGenerateIsAFixedPoint) {
         p.afids = uint32_t(seed * 3 % 17);
         p.groups = seed == 24 ? 300 : uint32_t(seed % 11);
         p.pfcids = uint32_t(seed * 5 % 30);
+        out.push_back(p);
+    }
+    return out;
+}
+
+TEST(Tools, DemoWritesItsGoldenTextAndLoadsBackToIt) {
+    const std::string text = golden("demo.txt");
+    ASSERT_FALSE(text.empty());
+    EXPECT_EQ(text_of(demo_fabric()), text);
+    EXPECT_EQ(text_of(loaded(text)), text);
+}
+
+// generate -> load -> generate is a fixed point.
+TEST(Tools, GenerateLoadGenerateIsAFixedPoint) {
+    for (const SynthParams &p : seeded_fabrics()) {
         const std::string first = text_of(synth_fabric(p));
-        EXPECT_EQ(text_of(loaded(first)), first) << "seed " << seed;
+        EXPECT_EQ(text_of(loaded(first)), first) << "seed " << p.seed;
     }
 }
 
-// Every class of bad input names its line and what is wrong.
+// The same commands as a person or another tool has them load as the generated text does, and
+// generate it again; other features' lines are counted when skipped and refused otherwise.
+TEST(Tools, MessyTextLoadsAsItsCanonicalText) {
+    std::vector<std::string> texts{golden("demo.txt")};
+    for (const SynthParams &p : seeded_fabrics()) texts.push_back(text_of(synth_fabric(p)));
+    for (size_t t = 0; t < texts.size(); ++t) {
+        const Fabric canonical = loaded(texts[t]);
+        for (uint64_t variant = 0; variant < 4; ++variant) {
+            const zfxtest::MessyText messy = zfxtest::messy_text(texts[t], t * 16 + variant);
+            size_t skipped = 0;
+            const Fabric f = loaded(messy.text, {.skip_foreign = true}, &skipped);
+            EXPECT_EQ(config_records(f), config_records(canonical)) << messy.text;
+            EXPECT_EQ(debug_records(f), debug_records(canonical));
+            EXPECT_EQ(skipped, messy.foreign_lines);
+            if (variant == 0) {
+                EXPECT_EQ(text_of(f), texts[t]) << messy.text;
+            }
+            Fabric strict;
+            std::string error;
+            EXPECT_EQ(load_text(messy.text, "text", strict, error), messy.foreign_lines == 0);
+            if (messy.foreign_lines != 0) {
+                EXPECT_NE(error.find(": not a line of the zfx configuration"), std::string::npos) << error;
+            }
+        }
+    }
+}
+
+// Case and blanks are normalised in the words that have them, never in a name.
+TEST(Tools, NamesKeepTheirCharacters) {
+    const Fabric f = loaded("zfx  zone name Mixed-CASE   \r\n\t member device-alias AbC lun 0X00aB  vsan 1\n"
+                            "zfx service-group name G!\n \t autonomous-fabric-id 1 vsan-ranges 2\n");
+    ASSERT_EQ(f.zones.size(), 1u);
+    EXPECT_EQ(f.zones[0].name, "Mixed-CASE");
+    ASSERT_EQ(f.zones[0].members.size(), 1u);
+    EXPECT_EQ(f.zones[0].members[0].alias, "AbC");
+    EXPECT_EQ(f.zones[0].members[0].lun, (Wwn{0x00, 0xAB}));
+    ASSERT_EQ(f.groups_configured.size(), 1u);
+    EXPECT_EQ(f.groups_configured[0].name, "G!");
+}
+
+// Every class of bad input names its line and what is wrong, whether other features' lines are
+// skipped or not: a line that starts like the feature's is never another feature's.
 TEST(Tools, BadInputIsRefusedWithItsLineAndReason) {
     const std::string w = "20:00:00:11:22:33:44:55";
     const struct {
         std::string text, error;
     } cases[] = {
-        {"zfx frobnicate\n", "text:1: not a line of the zfx configuration"},
+        {"zfx frobnicate\n", "text:1: a malformed zfx line"},
+        {"no zfx zone name z\n", "text:1: a malformed zfx line"},
+        {"feature zfx now\n", "text:1: a malformed zfx line"},
+        {"logging level zfx\n", "text:1: a malformed zfx line"},
         {"zfx zone name z\n  member pwwn " + w + " vsan 4096\n", "text:2: VSAN 4096 is out of range"},
         {"zfx nat\n  member pwwn " + w + " vsan 1\n", "text:2: a member line outside a zone"},
+        {"zfx zone name z\nmember pwwn " + w + " vsan 1\n", "text:2: a member line outside a zone"},
         {"zfx zone name z\n  member pwwn 20:00:00:11:22:33:44 vsan 1\n", "text:2: malformed WWN"},
         {"zfx zone name z\n  member pwwn 20:00:00:11:22:33:44:5g vsan 1\n", "text:2: malformed WWN"},
         {"zfx zone name z\n  attribute qos priority urgent\n", "text:2: unknown QoS priority 'urgent'"},
+        {"zfx zone name z\n  attribute qos priority HIGH\n", "text:2: unknown QoS priority 'HIGH'"},
         {"zfx zone name z\n  member device-alias a lun 0x12 vsan 1\n", "text:2: malformed LUN"},
         {"zfx zone name z\n  member device-alias a vsan\n", "text:2: a member line must end in"},
-        {"zfx zone name z\n   member device-alias a vsan 1\n", "text:2: indentation"},
+        {"zfx zone name z\n!\n  zfx nat\n", "text:3: a zfx command indented"},
         {"zfx zone name a\nzfx zone name a\n", "text:2: zone a is defined twice"},
         {"zfx zone name " + std::string(68, 'x') + "\n", "text:1: zone name '" + std::string(68, 'x') + "' is longer than 67"},
         {"zfx zoneset name s\n  member nowhere\n", "text:2: zoneset member nowhere is no zone"},
@@ -109,16 +164,20 @@ TEST(Tools, BadInputIsRefusedWithItsLineAndReason) {
         {"no zfx service-group name g\n", "text:1: a removed service group, but no service groups are activated"},
         {"zfx fcdomain database autonomous-fabric-num 1 vsan 1\n  native-autonomous-fabric-num 1 native-vsan 1 domain 2\n"
          "    pwwn " + w + " fcid 0x030000\n", "text:3: the FCID's domain differs"},
-        {"    pwwn " + w + " fcid 0x030000\n", "text:1: a line at this indentation belongs to no block"},
+        {"\n    pwwn " + w + " fcid 0x030000\n", "text:2: an indented line under no block"},
         {std::string("zfx zone name a\0b\n", 18), "text:1: a control character"},
         {"zfx zone name a\tb\n", "text:1: a control character"},
+        {"zfx zone name a\t\n", "text:1: a control character"},
+        {"zfx nat\r\nzfx zone name a\rb\r\n", "text:2: a control character"},
+        {"zfx nat\r\r\n", "text:1: a control character"},
     };
-    for (const auto &c : cases) {
-        Fabric f;
-        std::string error;
-        EXPECT_FALSE(load_text(c.text, "text", f, error)) << c.text;
-        EXPECT_EQ(error.rfind(c.error, 0), 0u) << error << "\nfor\n" << c.text;
-    }
+    for (const auto &c : cases)
+        for (bool skip : {false, true}) {
+            Fabric f;
+            std::string error;
+            EXPECT_FALSE(load_text(c.text, "text", f, error, {.skip_foreign = skip})) << c.text;
+            EXPECT_EQ(error.rfind(c.error, 0), 0u) << error << "\nfor\n" << c.text;
+        }
 }
 
 TEST(Tools, AStoreThatHoldsRecordsIsReplacedOnlyWhenAskedTo) {

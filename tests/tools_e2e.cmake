@@ -87,3 +87,19 @@ endif()
 run(1 ${STORE} load ${WORK}/no-such-file.txt ${WORK}/x)
 expect_text("${err}" "no-such-file.txt: cannot read the file")
 run(2 ${STORE} load ${GOLDEN})
+
+# A switch's whole configuration, as an operator saved it: other features' lines around the zfx
+# ones, comments, tab indentation, upper-case WWNs. It is refused at its first foreign line, and
+# with --skip-foreign loads into the demo's stores, saying how many lines it skipped.
+get_filename_component(golden_dir ${GOLDEN} DIRECTORY)
+set(SWITCH ${golden_dir}/switch-config.txt)
+run(1 ${STORE} load ${SWITCH} ${WORK}/switch)
+expect_text("${err}" "switch-config.txt:4: not a line of the zfx configuration")
+run(2 ${STORE} dump ${WORK}/demo --skip-foreign)
+run(0 ${STORE} load ${SWITCH} ${WORK}/switch --skip-foreign)
+expect_text("${err}" "zfx-store: skipped 15 lines of other features")
+execute_process(COMMAND ${EMULATOR} ${GEN} --prefix ${WORK}/switch OUTPUT_FILE ${WORK}/switch.txt RESULT_VARIABLE rc)
+execute_process(COMMAND ${CMAKE_COMMAND} -E compare_files ${WORK}/switch.txt ${GOLDEN} RESULT_VARIABLE same)
+if(NOT rc EQUAL 0 OR NOT same EQUAL 0)
+  message(FATAL_ERROR "the switch configuration, loaded with --skip-foreign, does not generate the demo's text")
+endif()

@@ -19,7 +19,7 @@ const char kUsage[] =
     "       zfx-store synth DIR [--zones N] [--members M] [--zonesets K] [--zones-per-set Z]\n"
     "                           [--topology T] [--afids A] [--groups G] [--pfcids P] [--seed S]\n"
     "                           [--debug-dir DIR] [--replace]\n"
-    "       zfx-store load FILE DIR [--debug-dir DIR] [--replace]\n"
+    "       zfx-store load FILE DIR [--skip-foreign] [--debug-dir DIR] [--replace]\n"
     "       zfx-store dump DIR [--debug-dir DIR] [--raw]\n"
     "       zfx-store --help\n";
 
@@ -35,12 +35,16 @@ const char kHelp[] =
     "         Defaults: 1000 zones of 8 members, 16 zonesets of 64 zones (zoneset 1 active),\n"
     "         32 topology entries, 32 AFID entries, 16 service groups, 128 persistent FCIDs\n"
     "  load   parse configuration text (as zfx-gen prints it) from FILE ('-': standard input)\n"
-    "         and write the stores it describes; any error writes nothing\n"
+    "         and write the stores it describes; any error writes nothing. Also read: '!'\n"
+    "         comments, blank lines, CRLF line ends, trailing blanks, block lines indented by\n"
+    "         any blanks and tabs, repeated blanks, upper-case hexadecimal\n"
     "  dump   print every record of the stores, decoded; --raw prints keys and values in hex\n"
     "\n"
     "options:\n"
     "  --debug-dir DIR  where the debug store is (default: the store directory)\n"
     "  --replace        overwrite stores that already hold records (refused otherwise)\n"
+    "  --skip-foreign   (load) skip the lines of other features and the indented lines under\n"
+    "                   them, and say how many; without it they are errors\n"
     "\n"
     "exit status: 0 success, 1 the work failed (store, file or input), 2 bad command line\n";
 
@@ -58,6 +62,7 @@ struct Options {
     std::string debug_dir;
     bool replace = false;
     bool raw = false;
+    LoadOptions load;
     SynthParams synth;
 };
 
@@ -81,6 +86,8 @@ bool read_options(Args &args, const std::string &command, Options &o, std::strin
             if (!args.value(opt, o.debug_dir, error)) return false;
         } else if (opt == "--replace" && command != "dump") {
             o.replace = true;
+        } else if (opt == "--skip-foreign" && command == "load") {
+            o.load.skip_foreign = true;
         } else if (opt == "--raw" && command == "dump") {
             o.raw = true;
         } else if (opt == "--seed" && command == "synth") {
@@ -150,7 +157,9 @@ int main(int argc, char **argv) {
         if (command == "synth") return write(synth_fabric(options.synth), dir, options);
         if (command == "dump") return dump(dir, options);
         Fabric fabric;
-        if (!load_file(file, fabric, error)) return failure(error);
+        size_t skipped = 0;
+        if (!load_file(file, fabric, error, options.load, &skipped)) return failure(error);
+        if (skipped != 0) std::fprintf(stderr, "zfx-store: skipped %zu line%s of other features\n", skipped, skipped == 1 ? "" : "s");
         return write(fabric, dir, options);
     } catch (const std::exception &e) {
         return failure(e.what());

@@ -416,8 +416,8 @@ bool parse_wwn(const std::string &text, Wwn &out) {
 }
 
 bool parse_lun(const std::string &text, Wwn &out) {
-    // "0x", then 1 to 4 levels of four digits joined by "-": 5n + 1 characters for n levels.
-    if (text.rfind("0x", 0) != 0 || text.size() < 6 || text.size() > 21 || (text.size() - 1) % 5 != 0) return false;
+    // "0x" (or "0X"), then 1 to 4 levels of four digits joined by "-": 5n + 1 characters for n levels.
+    if (text.size() < 2 || text[0] != '0' || (text[1] != 'x' && text[1] != 'X') || text.size() < 6 || text.size() > 21 || (text.size() - 1) % 5 != 0) return false;
     const size_t n = (text.size() - 1) / 5;
     Wwn l{};
     for (size_t level = 0; level < n; ++level) {

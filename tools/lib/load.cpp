@@ -1,8 +1,20 @@
 // zfx-store load: the feature's configuration text parsed back into a fabric model.
 //
-// The text is what the library's generators write, read line by line; the indentation (two
-// blanks per level) and the line before say which block a line belongs to. Three sections need
-// more than one line to be understood, because the generators write one table in several passes:
+// The text is what the library's generators write, read line by line, or the same commands as a
+// person or another tool has them. Every line is normalised before it is read: a CR before the
+// line end and trailing blanks go, blank lines and "!" comment lines are skipped (they end no
+// block), and the words are what runs of blanks separate. An indented line (any blanks and tabs)
+// belongs to the block the lines before it opened; which block that is, and for persistent FCIDs
+// whether a line is a domain or an FCID, the lines say, never the indentation's width.
+// Hexadecimal in WWNs, LUNs and FCIDs is read in either case. Names are words and keep every
+// character they have.
+//
+// A line of another feature (one that no zfx command starts like) is an error, or, when the
+// caller asks for it, skipped together with the indented lines under it and counted. A line that
+// starts like a zfx command is the feature's own: when it is malformed it is an error either way.
+//
+// Three sections need more than one line to be understood, because the generators write one table
+// in several passes:
 //  - VSAN topology: the entries of the first database block are the activated ones; those that a
 //    later "no ..." line names are activated only, the others both activated and configured; the
 //    entries of the database block after "zfx vsan-topology activate" are configured only. A
@@ -21,9 +33,9 @@
 #include <cctype>
 #include <fstream>
 #include <iostream>
-#include <iterator>
 #include <set>
 #include <sstream>
+#include <string_view>
 
 #include "zfx_ascii_cfg.h"
 #include "zfx_fabric.h"
@@ -43,6 +55,9 @@ struct Bad {
 };
 
 bool hex_digit(char c) { return std::isxdigit(static_cast<unsigned char>(c)) != 0; }
+
+// The "0x" before a LUN or an FCID, in either case like the digits after it.
+bool hex_prefix(const std::string &text) { return text.size() >= 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X'); }
 
 uint64_t number(const std::string &text, uint64_t max, const char *what) {
     if (text.empty() || text.size() > 10 || !std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; }))
@@ -111,12 +126,11 @@ class Loader {
 public:
     explicit Loader(Fabric &fabric) : f_(fabric) {}
 
-    void line(size_t level, const Words &w) {
-        if (level == 0) return top(w);
-        if (level == 1) return nested(w);
-        if (level == 2 && block_ == Block::pfcid_domain && shape(w, {"pwwn", "*", "fcid", "*"})) return fcid(w);
-        throw Bad{"a line at this indentation belongs to no block"};
-    }
+    // A line of the feature's: indented, it belongs to the block the lines before it opened.
+    void line(bool indented, const Words &w) { indented ? nested(w) : top(w); }
+
+    // A line of another feature, skipped: it ends the block at hand like any unindented line.
+    void foreign() { block_ = Block::none; }
 
     void finish() {
         // A topology database block that no activate line followed is a configured one.
@@ -192,10 +206,12 @@ private:
             return void(block_ = Block::pfcid);
         }
         if (shape(w, {"logging", "level", "zfx", "*"})) return void(f_.debug_level = uint32_t(number(w[3], ZFX_DEBUG_LEVEL_MAX, "logging level")));
-        throw Bad{"not a line of the zfx configuration"};
+        if (w[0] == "member") throw Bad{"a member line outside a zone or zoneset (the lines of a block are indented)"};
+        throw Bad{"a malformed zfx line"};
     }
 
     void nested(const Words &w) {
+        if (w[0] == "zfx") throw Bad{"a zfx command indented like a line of a block"};
         switch (block_) {
             case Block::zone: return zone_line(w);
             case Block::zoneset:
@@ -209,14 +225,17 @@ private:
                     return void(f_.afids.push_back({false, wwn(w[1]), afid_number(w[3]), ranges(w[5])}));
                 break;
             case Block::group: return group_line(w);
-            case Block::pfcid:
             case Block::pfcid_domain:
+                if (shape(w, {"pwwn", "*", "fcid", "*"})) return fcid(w);
+                [[fallthrough]];
+            case Block::pfcid:
                 if (!shape(w, {"native-autonomous-fabric-num", "*", "native-vsan", "*", "domain", "*"})) break;
                 f_.pfcid_domains.push_back({pfcid_afid_, pfcid_vsan_, afid_number(w[1]), vsan_number(w[3]), uint8_t(number(w[5], 255, "domain"))});
                 return void(block_ = Block::pfcid_domain);
-            case Block::none: break;
+            case Block::none:
+                if (w[0] == "member") throw Bad{"a member line outside a zone or zoneset"};
+                throw Bad{"an indented line under no block"};
         }
-        if (!w.empty() && w[0] == "member") throw Bad{"a member line outside a zone or zoneset"};
         throw Bad{"not a line of this block"};
     }
 
@@ -299,7 +318,7 @@ private:
 
     void fcid(const Words &w) {
         const std::string &text = w[3];
-        if (text.size() != 8 || text.rfind("0x", 0) != 0 || !std::all_of(text.begin() + 2, text.end(), hex_digit))
+        if (text.size() != 8 || !hex_prefix(text) || !std::all_of(text.begin() + 2, text.end(), hex_digit))
             throw Bad{"malformed FCID '" + text + "' (0x and six hexadecimal digits)"};
         const unsigned long v = std::stoul(text.substr(2), nullptr, 16);
         const PfcidFcid p{pfcid_afid_, pfcid_vsan_, wwn(w[1]), {uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)}};
@@ -398,35 +417,87 @@ private:
     uint32_t pfcid_vsan_ = 0;
 };
 
+constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";  // what some editors put before UTF-8 text
+
+// A line as the loader reads it: without the CR of a CRLF line end and without trailing blanks,
+// its indentation (blanks and tabs, any number) apart. body is empty for a blank line.
+struct TextLine {
+    bool indented = false;
+    std::string_view body;
+};
+
+TextLine normalise(std::string_view raw) {
+    if (raw.ends_with('\r')) raw.remove_suffix(1);
+    while (raw.ends_with(' ')) raw.remove_suffix(1);
+    const size_t indent = raw.find_first_not_of(" \t");
+    if (indent == std::string_view::npos) return {};
+    return {indent > 0, raw.substr(indent)};
+}
+
+// The words of a line's body: what runs of blanks (and, in another feature's lines, tabs) separate.
+Words words(std::string_view body) {
+    Words out;
+    for (size_t at = body.find_first_not_of(" \t"); at != std::string_view::npos; at = body.find_first_not_of(" \t", at)) {
+        const size_t end = std::min(body.find_first_of(" \t", at), body.size());
+        out.emplace_back(body.substr(at, end - at));
+        at = end;
+    }
+    return out;
+}
+
+// Whether an unindented line is the feature's own: every command the generators write starts
+// like one of these, and so do the lines of its blocks, which unindented are a mistake in zfx
+// text rather than another feature's line.
+bool feature_line(const Words &w) {
+    static const std::vector<std::vector<std::string_view>> heads = {
+        {"zfx"}, {"no", "zfx"}, {"feature", "zfx"}, {"logging", "level", "zfx"}, {"autonomous-fabric-id"},
+        {"no", "autonomous-fabric-id"}, {"member"}, {"attribute"}, {"switch-wwn"}, {"native-autonomous-fabric-num"}, {"pwwn"},
+    };
+    return std::any_of(heads.begin(), heads.end(), [&](const std::vector<std::string_view> &head) {
+        return w.size() >= head.size() && std::equal(head.begin(), head.end(), w.begin());
+    });
+}
+
 }  // namespace
 
-bool load_text(const std::string &text, const std::string &source, Fabric &fabric, std::string &error) {
+bool load_text(const std::string &text, const std::string &source, Fabric &fabric, std::string &error,
+               const LoadOptions &options, size_t *skipped) {
     Loader loader(fabric);
-    std::istringstream in(text);
-    std::string line;
-    size_t line_number = 0;
+    std::string_view rest(text);
+    if (rest.starts_with(kByteOrderMark)) rest.remove_prefix(kByteOrderMark.size());
+    size_t line_number = 0, foreign_lines = 0;
+    bool in_foreign = false;  // the lines at hand are another feature's block
     try {
-        while (std::getline(in, line)) {
+        while (!rest.empty()) {
+            const size_t end = std::min(rest.find('\n'), rest.size());
+            const TextLine line = normalise(rest.substr(0, end));
+            rest.remove_prefix(std::min(end + 1, rest.size()));
             ++line_number;
-            const size_t indent = line.find_first_not_of(' ');
-            if (indent == std::string::npos) continue;  // an empty line
-            if (indent % 2 != 0) throw Bad{"indentation is not a whole level (two blanks each)"};
+            if (line.body.empty() || line.body[0] == '!') continue;  // blank lines and comments end no block
+            const Words w = words(line.body);
+            if (!line.indented) in_foreign = !feature_line(w);
+            if (in_foreign) {
+                if (!options.skip_foreign) throw Bad{"not a line of the zfx configuration (another feature's? --skip-foreign skips those)"};
+                ++foreign_lines;
+                loader.foreign();
+                continue;
+            }
             // Names end at the first control character in a record (or print as one), so a line
             // holding one could not come back as it was.
-            if (std::any_of(line.begin(), line.end(), [](char c) { return (unsigned char)c < 0x20 || c == 0x7F; }))
+            if (std::any_of(line.body.begin(), line.body.end(), [](char c) { return (unsigned char)c < 0x20 || c == 0x7F; }))
                 throw Bad{"a control character in the line"};
-            std::istringstream words(line);
-            loader.line(indent / 2, Words(std::istream_iterator<std::string>(words), std::istream_iterator<std::string>()));
+            loader.line(line.indented, w);
         }
         loader.finish();
     } catch (const Bad &bad) {
         error = source + ":" + std::to_string(line_number) + ": " + bad.what;
         return false;
     }
+    if (skipped != nullptr) *skipped = foreign_lines;
     return true;
 }
 
-bool load_file(const std::string &path, Fabric &fabric, std::string &error) {
+bool load_file(const std::string &path, Fabric &fabric, std::string &error, const LoadOptions &options, size_t *skipped) {
     std::ostringstream text;
     if (path == "-") {
         text << std::cin.rdbuf();
@@ -438,7 +509,7 @@ bool load_file(const std::string &path, Fabric &fabric, std::string &error) {
         }
         text << file.rdbuf();
     }
-    return load_text(text.str(), path, fabric, error);
+    return load_text(text.str(), path, fabric, error, options, skipped);
 }
 
 }  // namespace zfxtool
