@@ -706,7 +706,16 @@ Answer Service::handle(uint32_t msg_type, uint32_t opcode, const uint8_t *payloa
         case ZFX_MSG_FCDOMAIN_CHECK_IGNORE: a = h.check_ignore(opcode, p, length); break;
         default: a = status(ZFXD_ERR_UNSUPPORTED); break;
     }
-    if (what.empty()) what = "request " + std::to_string(msg_type) + "/" + std::to_string(opcode);
+    if (what.empty()) {
+        // Refused before the handler could say more: the request's kind and operation.
+        static const char *const ops[] = {"", "query", "create", "add", "remove", "delete", "modify"};
+        const char *kind = msg_type == ZFX_MSG_ZONE || msg_type == ZFX_MSG_ZONE_ATTRIB ? "zone"
+                           : msg_type == ZFX_MSG_ZONESET                             ? "zoneset"
+                           : msg_type == ZFX_MSG_ZONE_MEMBER                         ? "member"
+                                                                                     : nullptr;
+        what = kind != nullptr && opcode >= 1 && opcode <= 6 ? std::string(kind) + " " + ops[opcode]
+                                                             : "request " + std::to_string(msg_type) + "/" + std::to_string(opcode);
+    }
     // Changes (and refused changes) at level 1, queries at level 2; a store failure always.
     const bool change = db_.changes() != changes || (a.result != 0 && !a.has_reply && opcode != ZFXD_OP_GET);
     const int level = a.result == ZFXD_ERR_STORE ? 0 : change ? 1 : 2;
