@@ -39,15 +39,6 @@ struct Failed {  // the request was refused or failed, or its reply was malforme
     std::string what;
 };
 
-std::string format(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
-std::string format(const char *fmt, ...) {
-    char buf[512];
-    va_list ap;
-    va_start(ap, fmt);
-    vsnprintf(buf, sizeof buf, fmt, ap);
-    va_end(ap);
-    return buf;
-}
 
 // Text from the command line, safe to echo: control characters shown as '?'.
 std::string printable(std::string s) {

@@ -25,12 +25,7 @@
 namespace zfxd {
 namespace {
 
-template <typename T>
-T load(const uint8_t *p) {
-    T v;
-    std::memcpy(&v, p, sizeof v);
-    return v;
-}
+using zfxtool::load;
 
 void put_be32(Bytes &out, uint32_t v) {
     const uint32_t n = htonl(v);
@@ -114,6 +109,28 @@ int32_t name_of(const Msg &msg, uint16_t type, std::optional<std::string> &out) 
     out = msg.text(type);
     if (!out) return ZFXD_ERR_MALFORMED;
     return zfxtool::valid_name(*out) ? 0 : ZFXD_ERR_INVALID;
+}
+
+// A create's first checks: the library's completeness check of the message as it came, then the
+// name it must carry (when name_type is not 0).
+template <typename MsgT>
+int32_t create_checks(int32_t (*complete)(const MsgT *), const uint8_t *p, uint32_t n, const Msg &msg, uint16_t name_type,
+                      std::optional<std::string> &name) {
+    Aligned copy(p, n);
+    if (complete(reinterpret_cast<const MsgT *>(copy.data())) != 0) return ZFX_ERR_CREATE_INCOMPLETE;
+    return name_type != 0 ? name_of(msg, name_type, name) : 0;
+}
+
+// The id a create gets: the one asked for (in range and free), or the lowest free one.
+template <typename Taken>
+int32_t new_id(uint32_t asked, uint16_t lowest_free, uint32_t max, Taken &&taken, uint16_t &id) {
+    if (asked == 0) {
+        id = lowest_free;
+        return lowest_free != 0 ? 0 : ZFXD_ERR_FULL;
+    }
+    if (asked > max) return ZFXD_ERR_INVALID;
+    id = uint16_t(asked);
+    return taken(id) ? ZFXD_ERR_EXISTS : 0;
 }
 
 // ---- replies -----------------------------------------------------------------------------------
@@ -327,19 +344,15 @@ Answer Handler::zone(uint32_t opcode, const uint8_t *p, uint32_t n, bool attribu
     const auto read_only = msg.u32(ZFX_TLV_ZONE_READ_ONLY, true);
     if ((qos && *qos > ZFX_ZONE_QOS_HIGH) || (read_only && *read_only > 1)) return status(ZFXD_ERR_INVALID);
     if (opcode == ZFXD_OP_CREATE) {
-        Aligned copy(p, n);
-        if (zfx_do_sanity_for_zone_create(reinterpret_cast<const zfx_zone_msg *>(copy.data())) != 0)
-            return status(ZFX_ERR_CREATE_INCOMPLETE);
         std::optional<std::string> name;
-        if (const int32_t st = name_of(msg, ZFX_TLV_ZONE_NAME, name)) return status(st);
+        if (const int32_t st = create_checks(zfx_do_sanity_for_zone_create, p, n, msg, ZFX_TLV_ZONE_NAME, name)) return status(st);
         what_ = "zone create " + *name;
         if (db_.zone(*name) != nullptr) return status(ZFXD_ERR_EXISTS);
-        uint32_t id = msg.id;
-        if (id == 0 && (id = db_.free_zone_id()) == 0) return status(ZFXD_ERR_FULL);
-        if (id > ZFX_ZONE_ID_MAX) return status(ZFXD_ERR_INVALID);
-        if (db_.zone(uint16_t(id)) != nullptr) return status(ZFXD_ERR_EXISTS);
+        uint16_t id = 0;
+        if (const int32_t st = new_id(msg.id, db_.free_zone_id(), ZFX_ZONE_ID_MAX, [&](uint16_t i) { return db_.zone(i) != nullptr; }, id))
+            return status(st);
         ZoneDb::Change change(db_);
-        Zone &z = change.create_zone(uint16_t(id), *name);
+        Zone &z = change.create_zone(id, *name);
         z.qos = qos.value_or(0);
         z.read_only = read_only.value_or(0) == 1;
         return status(change.commit());
@@ -409,21 +422,19 @@ Answer Handler::zoneset(uint32_t opcode, const uint8_t *p, uint32_t n) {
         return reply(r.take(kZoneset.array_at - 8));
     }
     if (opcode == ZFXD_OP_CREATE) {
-        Aligned copy(p, n);
-        if (zfx_do_sanity_for_zoneset_create(reinterpret_cast<const zfx_zoneset_msg *>(copy.data())) != 0)
-            return status(ZFX_ERR_CREATE_INCOMPLETE);
         std::optional<std::string> name;
-        if (const int32_t st = name_of(msg, ZFX_TLV_ZONESET_NAME, name)) return status(st);
+        if (const int32_t st = create_checks(zfx_do_sanity_for_zoneset_create, p, n, msg, ZFX_TLV_ZONESET_NAME, name))
+            return status(st);
         what_ = "zoneset create " + *name;
         if (db_.zoneset(*name) != nullptr) return status(ZFXD_ERR_EXISTS);
         std::vector<uint16_t> zones;
         if (const int32_t st = zones_named(msg, zones)) return status(st);
-        uint32_t id = msg.id;
-        if (id == 0 && (id = db_.free_zoneset_id()) == 0) return status(ZFXD_ERR_FULL);
-        if (id > ZFX_ZONESET_ID_MAX) return status(ZFXD_ERR_INVALID);
-        if (db_.zoneset(uint16_t(id)) != nullptr) return status(ZFXD_ERR_EXISTS);
+        uint16_t id = 0;
+        if (const int32_t st =
+                new_id(msg.id, db_.free_zoneset_id(), ZFX_ZONESET_ID_MAX, [&](uint16_t i) { return db_.zoneset(i) != nullptr; }, id))
+            return status(st);
         ZoneDb::Change change(db_);
-        Zoneset &s = change.create_zoneset(uint16_t(id), *name);
+        Zoneset &s = change.create_zoneset(id, *name);
         std::sort(zones.begin(), zones.end());
         s.zones = zones;
         return status(change.commit());
@@ -486,18 +497,17 @@ Answer Handler::member(uint32_t opcode, const uint8_t *p, uint32_t n) {
         return reply(r.take(kMember.array_at - 8));
     }
     if (opcode == ZFXD_OP_CREATE || opcode == ZFXD_OP_ADD) {
-        Aligned copy(p, n);
-        if (zfx_do_sanity_for_zone_member_create(reinterpret_cast<const zfx_zone_member_msg *>(copy.data())) != 0)
-            return status(ZFX_ERR_CREATE_INCOMPLETE);
+        std::optional<std::string> none;
+        if (const int32_t st = create_checks(zfx_do_sanity_for_zone_member_create, p, n, msg, 0, none)) return status(st);
         Member m;
         if (const int32_t st = member_of(msg, m)) return status(st);
         what_ = "member add " + z->name + " " + member_text(m);
         for (const Member &old : z->members)
-            if (same_device(old, m) || old.id == msg.id) return status(ZFXD_ERR_EXISTS);
-        uint32_t id = msg.id;
-        if (id == 0 && (id = ZoneDb::free_member_id(*z)) == 0) return status(ZFXD_ERR_FULL);
-        if (id > ZFX_ZONE_MEMBER_ID_MAX) return status(ZFXD_ERR_INVALID);
-        m.id = uint16_t(id);
+            if (same_device(old, m)) return status(ZFXD_ERR_EXISTS);
+        const auto taken = [&](uint16_t i) {
+            return std::any_of(z->members.begin(), z->members.end(), [&](const Member &old) { return old.id == i; });
+        };
+        if (const int32_t st = new_id(msg.id, ZoneDb::free_member_id(*z), ZFX_ZONE_MEMBER_ID_MAX, taken, m.id)) return status(st);
         ZoneDb::Change change(db_);
         std::vector<Member> &members = change.zone(zone_id).members;
         members.insert(std::lower_bound(members.begin(), members.end(), m, [](const Member &a, const Member &b) { return a.id < b.id; }), m);

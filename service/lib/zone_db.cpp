@@ -18,12 +18,7 @@
 namespace zfxd {
 namespace {
 
-template <typename T>
-T load(const uint8_t *p) {
-    T v;
-    std::memcpy(&v, p, sizeof v);
-    return v;
-}
+using zfxtool::load;
 
 
 // A NUL-terminated name within its field of max bytes, or nothing.
@@ -317,77 +312,66 @@ ZoneDb::Change::~Change() {
     if (!done_) rollback();
 }
 
-void ZoneDb::Change::touch_zone(uint16_t id) {
-    if (zones_before_.count(id) != 0) return;
-    const Zone *z = db_.zone(id);
-    zones_before_[id] = z != nullptr ? std::optional<Zone>(*z) : std::nullopt;
-}
+// One kind of named object of the database (zones, zonesets) as a change sees it: the objects by
+// id, their ids by name, and each touched object as it was before the change (nothing: it did not
+// exist). Every edit goes through here, so that an undo is always possible.
+template <typename T>
+struct Kind {
+    std::map<uint16_t, T> &items;
+    std::map<std::string, uint16_t> &ids;
+    std::map<uint16_t, std::optional<T>> &before;
 
-void ZoneDb::Change::touch_zoneset(uint16_t id) {
-    if (zonesets_before_.count(id) != 0) return;
-    const Zoneset *s = db_.zoneset(id);
-    zonesets_before_[id] = s != nullptr ? std::optional<Zoneset>(*s) : std::nullopt;
-}
+    void touch(uint16_t id) {
+        if (before.count(id) != 0) return;
+        const auto it = items.find(id);
+        before[id] = it != items.end() ? std::optional<T>(it->second) : std::nullopt;
+    }
+    T &create(uint16_t id, const std::string &name) {
+        touch(id);
+        T &x = items[id];
+        x = T{};
+        x.id = id;
+        x.name = name;
+        ids[name] = id;
+        return x;
+    }
+    T &edit(uint16_t id) {
+        touch(id);
+        return items.at(id);
+    }
+    void rename(uint16_t id, const std::string &name) {
+        T &x = edit(id);
+        ids.erase(x.name);
+        x.name = name;
+        ids[name] = id;
+    }
+    void erase(uint16_t id) {
+        touch(id);
+        const auto it = items.find(id);
+        if (it == items.end()) return;
+        ids.erase(it->second.name);
+        items.erase(it);
+    }
+    // Puts back what the change touched (the names are indexed again by the caller).
+    void restore() {
+        for (auto &[id, was] : before) {
+            if (was) items[id] = std::move(*was);
+            else items.erase(id);
+        }
+    }
+};
 
-Zone &ZoneDb::Change::create_zone(uint16_t id, const std::string &name) {
-    touch_zone(id);
-    Zone &z = db_.zones_[id];
-    z = Zone{};
-    z.id = id;
-    z.name = name;
-    db_.zone_ids_[name] = id;
-    return z;
-}
+Kind<Zone> ZoneDb::Change::zones() { return {db_.zones_, db_.zone_ids_, zones_before_}; }
+Kind<Zoneset> ZoneDb::Change::zonesets() { return {db_.zonesets_, db_.zoneset_ids_, zonesets_before_}; }
 
-Zone &ZoneDb::Change::zone(uint16_t id) {
-    touch_zone(id);
-    return db_.zones_.at(id);
-}
-
-void ZoneDb::Change::rename_zone(uint16_t id, const std::string &name) {
-    Zone &z = zone(id);
-    db_.zone_ids_.erase(z.name);
-    z.name = name;
-    db_.zone_ids_[name] = id;
-}
-
-void ZoneDb::Change::erase_zone(uint16_t id) {
-    touch_zone(id);
-    const auto it = db_.zones_.find(id);
-    if (it == db_.zones_.end()) return;
-    db_.zone_ids_.erase(it->second.name);
-    db_.zones_.erase(it);
-}
-
-Zoneset &ZoneDb::Change::create_zoneset(uint16_t id, const std::string &name) {
-    touch_zoneset(id);
-    Zoneset &s = db_.zonesets_[id];
-    s = Zoneset{};
-    s.id = id;
-    s.name = name;
-    db_.zoneset_ids_[name] = id;
-    return s;
-}
-
-Zoneset &ZoneDb::Change::zoneset(uint16_t id) {
-    touch_zoneset(id);
-    return db_.zonesets_.at(id);
-}
-
-void ZoneDb::Change::rename_zoneset(uint16_t id, const std::string &name) {
-    Zoneset &s = zoneset(id);
-    db_.zoneset_ids_.erase(s.name);
-    s.name = name;
-    db_.zoneset_ids_[name] = id;
-}
-
-void ZoneDb::Change::erase_zoneset(uint16_t id) {
-    touch_zoneset(id);
-    const auto it = db_.zonesets_.find(id);
-    if (it == db_.zonesets_.end()) return;
-    db_.zoneset_ids_.erase(it->second.name);
-    db_.zonesets_.erase(it);
-}
+Zone &ZoneDb::Change::create_zone(uint16_t id, const std::string &name) { return zones().create(id, name); }
+Zone &ZoneDb::Change::zone(uint16_t id) { return zones().edit(id); }
+void ZoneDb::Change::rename_zone(uint16_t id, const std::string &name) { zones().rename(id, name); }
+void ZoneDb::Change::erase_zone(uint16_t id) { zones().erase(id); }
+Zoneset &ZoneDb::Change::create_zoneset(uint16_t id, const std::string &name) { return zonesets().create(id, name); }
+Zoneset &ZoneDb::Change::zoneset(uint16_t id) { return zonesets().edit(id); }
+void ZoneDb::Change::rename_zoneset(uint16_t id, const std::string &name) { zonesets().rename(id, name); }
+void ZoneDb::Change::erase_zoneset(uint16_t id) { zonesets().erase(id); }
 
 void ZoneDb::Change::set_active(std::optional<ActiveState> active) {
     if (!active_before_) active_before_ = db_.active_;
@@ -405,14 +389,8 @@ void ZoneDb::Change::set_info(uint32_t key, const std::string &text) {
 }
 
 void ZoneDb::Change::rollback() {
-    for (auto &[id, before] : zones_before_) {
-        if (before) db_.zones_[id] = std::move(*before);
-        else db_.zones_.erase(id);
-    }
-    for (auto &[id, before] : zonesets_before_) {
-        if (before) db_.zonesets_[id] = std::move(*before);
-        else db_.zonesets_.erase(id);
-    }
+    zones().restore();
+    zonesets().restore();
     if (active_before_) db_.active_ = std::move(*active_before_);
     if (flags_before_) db_.flags_ = *flags_before_;
     for (auto &[key, before] : info_before_) {

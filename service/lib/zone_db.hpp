@@ -35,6 +35,9 @@ struct ActiveState {
     uint32_t chunks = 0;
 };
 
+template <typename T>
+struct Kind;  // zone_db.cpp: one kind of named object, as a change edits it
+
 class ZoneDb {
 public:
     ZoneDb() = default;
@@ -91,8 +94,8 @@ public:
         int32_t commit();
 
     private:
-        void touch_zone(uint16_t id);
-        void touch_zoneset(uint16_t id);
+        Kind<Zone> zones();
+        Kind<Zoneset> zonesets();
         void rollback();
 
         ZoneDb &db_;

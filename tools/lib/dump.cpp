@@ -33,15 +33,6 @@ std::string hex(const uint8_t *p, size_t n) {
     return out;
 }
 
-std::string format(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
-std::string format(const char *fmt, ...) {
-    char buf[512];
-    va_list ap;
-    va_start(ap, fmt);
-    vsnprintf(buf, sizeof buf, fmt, ap);
-    va_end(ap);
-    return buf;
-}
 
 // Ids of a bitmap in the zone database's bit order (id n: 0x80 >> n % 8 of byte n / 8), as runs.
 std::string id_runs(const uint8_t *bits, size_t bytes) {
@@ -61,12 +52,6 @@ std::string id_runs(const uint8_t *bits, size_t bytes) {
     return out.empty() ? "none" : out;
 }
 
-template <typename T>
-T load(const uint8_t *p) {
-    T v;
-    std::memcpy(&v, p, sizeof v);
-    return v;
-}
 
 std::string text_field(const uint8_t *p, size_t max) {
     return std::string(reinterpret_cast<const char *>(p), strnlen(reinterpret_cast<const char *>(p), max));

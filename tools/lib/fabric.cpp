@@ -4,6 +4,8 @@
 #include <arpa/inet.h>
 
 #include <cctype>
+#include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <algorithm>
@@ -379,6 +381,15 @@ std::string write_fabric(const Fabric &fabric, const std::string &dir, const std
     if (error.empty() && (!debug.empty() || (replace && !old_debug.empty())))
         error = write_store(debug_store, debug, replace);
     return error;
+}
+
+std::string format(const char *fmt, ...) {
+    char buf[512];
+    va_list ap;
+    va_start(ap, fmt);
+    vsnprintf(buf, sizeof buf, fmt, ap);
+    va_end(ap);
+    return buf;
 }
 
 bool valid_name(const std::string &name) {

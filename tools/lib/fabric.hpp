@@ -171,6 +171,8 @@ std::string write_store(const std::string &location, const std::vector<Record> &
 // what it held before).
 std::string write_fabric(const Fabric &fabric, const std::string &dir, const std::string &debug_dir, bool replace);
 
+// printf into a string (at most 511 characters).
+std::string format(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 // Formats bytes for people: a WWN "aa:bb:...", a LUN "0x0001" (as the zone text does).
 std::string wwn_text(const Wwn &wwn);
 std::string lun_text(const Wwn &lun);

@@ -11,6 +11,14 @@
 
 namespace zfxtool {
 
+// A value of type T from bytes that need not be aligned for it, in the bytes' own order.
+template <typename T>
+T load(const uint8_t *p) {
+    T v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+}
+
 // Calls each(type, length, value) for the elements of the TLV array in the len bytes at array,
 // once every element the count claims has been found to lie within them: each header whole, each
 // value whole. Returns the bytes the array takes, count word and every element with its padding
