@@ -135,66 +135,42 @@ int32_t for_each_member(const Tlv &bits, Visit &&visit) {
     return n == 0 ? 0 : for_each_id(bits.value + 4, 8 * n, visit);
 }
 
-// What a member line says, taken from a decoded member record.
-struct MemberText {
-    uint8_t type;
-    uint8_t alias_len;
-    uint16_t afid;
-    uint32_t vsan;
-    uint8_t pwwn[8];
-    uint8_t lun[8];
-    const char *alias;  // alias_len characters, no terminator
-
-    void take(const zfx_zone_member_node &m, const char *alias_text) {
-        type = uint8_t(m.type);
-        afid = m.afid;
-        vsan = m.vsan;
-        std::memcpy(pwwn, m.pwwn, sizeof pwwn);
-        std::memcpy(lun, m.lun, sizeof lun);
-        alias = alias_text;
-        alias_len = uint8_t(strnlen(m.device_alias, ZFX_NAME_SIZE - 1));
-    }
-};
-
-// The member records the zones ask for, read with one walk of the member table in key order and
-// decoded there, each record once, into compact entries grouped by zone: the zone pass then
-// reads its members from one place instead of from records spread all over the table (it is
-// ordered by member id first). A zone's group has a place for each member its record's bitmap
-// names, in the table's key order, so the walk fills it without sorting. Whatever the index does
-// not hold (no memory for it, a value the walk could not read, a zone id that two records claim,
-// a key past the first one that does not look like a member key) is looked up in the store as
-// before: the text and its failures are the same either way.
+// The member records the zones ask for, found with one walk of the member table in key order and
+// grouped by zone, so that a zone's members come from its group rather than from a store lookup
+// each. A zone's group has a place for each member its record's bitmap names, filled in the
+// table's key order, so no sort is needed. The table is ordered by member id first, so a zone's
+// records lie all over it: the zone pass has the next zone's records fetched into the cache while
+// it writes the current one (prefetch). Whatever the index does not hold (no memory for it, a
+// value the walk could not read, a zone id that two records claim, a key past the first one that
+// does not look like a member key) is looked up in the store as before: the text and its failures
+// are the same either way.
 class MemberIndex {
 public:
     MemberIndex(kvdb_store *store, ZoneTable &zones, const uint8_t *zone_ids) {
         // The groups, by the zone id the records hold (member keys carry that one).
         starts_ = static_cast<uint32_t *>(mem_zalloc_array(kZoneBits + 1, sizeof(uint32_t)));
         ends_ = static_cast<uint32_t *>(mem_zalloc_array(kZoneBits, sizeof(uint32_t)));
-        bitmaps_ = static_cast<Bitmap *>(mem_zalloc_array(kZoneBits, sizeof(Bitmap)));
-        if (starts_ == nullptr || ends_ == nullptr || bitmaps_ == nullptr) {
+        uint8_t *claims = static_cast<uint8_t *>(mem_zalloc_array(kZoneBits, sizeof(uint8_t)));
+        if (starts_ == nullptr || ends_ == nullptr || claims == nullptr) {
+            std::free(claims);
             release();
             return;
         }
+        // Group z has its places from starts_[z] to starts_[z + 1] (counted into starts_[z + 1]
+        // first); the walk fills them in order, ends_[z] the first one not filled.
         for_each_id(zone_ids, kZoneBits, [&](uint32_t id) {
             NamedRecord zone;
             if (zones.get(id, zone) != Found::yes || zone.id >= kZoneBits) return 0;
-            Bitmap &b = bitmaps_[zone.id];
-            if (b.claimed) {
-                b.shared = true;  // two records with one id: their members are looked up
-                return 0;
-            }
-            b.claimed = true;
-            b.bits = members_element(zone);
+            // Two records with one id: their members are looked up.
+            starts_[zone.id + 1] = claims[zone.id]++ == 0 ? count_ids(members_element(zone)) : 0;
             return 0;
         });
-        // Group z has its places from starts_[z] to starts_[z + 1]; the walk fills them in order,
-        // ends_[z] the first one not filled.
         for (uint32_t z = 0; z < kZoneBits; ++z) {
-            Bitmap &b = bitmaps_[z];
-            if (b.shared) b.bits = Tlv{};
-            starts_[z + 1] = starts_[z] + count_ids(b.bits);
+            if (claims[z] > 1) starts_[z + 1] = 0;
+            starts_[z + 1] += starts_[z];
             ends_[z] = starts_[z];
         }
+        std::free(claims);
         const uint32_t total = starts_[kZoneBits];
         entries_ = static_cast<Entry *>(mem_zalloc_array(total, sizeof(Entry)));
         if (entries_ == nullptr) {
@@ -205,37 +181,24 @@ public:
         constexpr KeyShape shape{ZFX_KVDB_ZONE_MEMBER_KEY, kind_bit(0), ZFX_ZONE_DB_KEY_SIZE, 1, 1};
         walk_table(store, TableWalk{shape, start, sizeof start}, UINT32_MAX, [&](const kvdb_datum &key, const kvdb_datum &value) {
             const uint8_t *k = static_cast<const uint8_t *>(key.data);
-            const uint16_t member = load_le16(k + 2);
             const uint32_t zone = load_le16(k + 4);
             // A member the zone's bitmap does not name would only take the place of one it names,
             // which is then looked up: the text is the same, and the walk need not read the
-            // bitmaps (they lie all over the zone table).
-            if (zone >= kZoneBits || value.data == nullptr || ends_[zone] == starts_[zone + 1]) return;
-            Entry &e = entries_[ends_[zone]++];
-            e.member = member;
-            zfx_zone_member_node m{};
-            if (!decode_member(value.data, value.len, m)) {
-                e.state = Entry::kMalformed;
+            // bitmaps (they lie all over the zone table). A value the walk could not read, or one
+            // too long for an entry, is left to the lookup.
+            if (zone >= kZoneBits || ends_[zone] == starts_[zone + 1] || value.data == nullptr || value.len == 0 ||
+                value.len > UINT16_MAX)
                 return;
-            }
-            const char *alias = aliases_.keep(m.device_alias);
-            if (alias == nullptr) return;  // no memory for the alias: the record is looked up
-            e.text.take(m, alias);
-            e.state = Entry::kDecoded;
+            entries_[ends_[zone]++] = Entry{static_cast<const uint8_t *>(value.data), uint16_t(value.len), load_le16(k + 2)};
         });
-        std::free(bitmaps_);
-        bitmaps_ = nullptr;
     }
     ~MemberIndex() { release(); }
     MemberIndex(const MemberIndex &) = delete;
     MemberIndex &operator=(const MemberIndex &) = delete;
 
-    enum class Lookup { decoded, malformed, absent };
-
-    // The member's entry: decoded (into text), malformed (the record does not decode), or absent
-    // (the index does not hold the record; it is to be looked up).
-    Lookup find(uint16_t zone, uint16_t member, MemberText &text) {
-        if (entries_ == nullptr || zone >= kZoneBits) return Lookup::absent;
+    // The value of the member's record, or NULL when the index does not hold one.
+    const kvdb_datum *find(uint16_t zone, uint16_t member) {
+        if (entries_ == nullptr || zone >= kZoneBits) return nullptr;
         const Entry *first = entries_ + starts_[zone], *last = entries_ + ends_[zone];
         // The zone pass asks for a zone's members in ascending id, which is the group's order
         // below id 256: the entry after the last one found is tried first.
@@ -245,25 +208,28 @@ public:
             const auto rank = [](uint16_t id) { return uint16_t(id << 8 | id >> 8); };
             e = std::lower_bound(first, last, rank(member), [&](const Entry &a, uint16_t r) { return rank(a.member) < r; });
         }
-        if (e == last || e->member != member) return Lookup::absent;
+        if (e == last || e->member != member) return nullptr;
         next_ = e + 1;
-        if (e->state == Entry::kUnread) return Lookup::absent;
-        if (e->state == Entry::kMalformed) return Lookup::malformed;
-        text = e->text;
-        return Lookup::decoded;
+        found_ = kvdb_datum{const_cast<uint8_t *>(e->data), e->len};
+        return &found_;
+    }
+
+    // Reads a byte of each line of the records of zone's group, all at once, before the zone
+    // pass decodes them one by one: the reads of the whole group wait on memory together instead
+    // of one after another. Returns what it read, for the caller to keep.
+    uint32_t touch(uint32_t zone) const {
+        uint32_t sum = 0;
+        if (entries_ == nullptr || zone >= kZoneBits) return sum;
+        for (const Entry *e = entries_ + starts_[zone], *last = entries_ + ends_[zone]; e != last; ++e)
+            sum += e->data[0] + e->data[e->len - 1];
+        return sum;
     }
 
 private:
-    struct Bitmap {
-        Tlv bits;  // the zone record's member bitmap element
-        bool claimed;
-        bool shared;
-    };
     struct Entry {
-        enum : uint8_t { kUnread, kDecoded, kMalformed };
+        const uint8_t *data;
+        uint16_t len;
         uint16_t member;
-        uint8_t state;
-        MemberText text;
     };
 
     // The last member bitmap element of a zone record (the one the zone pass takes).
@@ -283,59 +249,20 @@ private:
         return n;
     }
 
-    // Alias text, kept in blocks that are never moved.
-    class Aliases {
-    public:
-        ~Aliases() {
-            while (blocks_ != nullptr) {
-                Block *next = blocks_->next;
-                std::free(blocks_);
-                blocks_ = next;
-            }
-        }
-        // A copy of alias (its characters, no terminator); NULL when there is no memory for it.
-        const char *keep(const char *alias) {
-            const size_t n = strnlen(alias, ZFX_NAME_SIZE - 1);
-            if (n == 0) return "";
-            if (blocks_ == nullptr || blocks_->used + n > sizeof blocks_->text) {
-                auto *b = static_cast<Block *>(mem_alloc(sizeof(Block)));
-                if (b == nullptr) return nullptr;
-                b->next = blocks_;
-                b->used = 0;
-                blocks_ = b;
-            }
-            char *at = blocks_->text + blocks_->used;
-            std::memcpy(at, alias, n);
-            blocks_->used += n;
-            return at;
-        }
-
-    private:
-        struct Block {
-            Block *next;
-            size_t used;
-            char text[64 * 1024 - 64];
-        };
-        Block *blocks_ = nullptr;
-    };
-
     void release() {
         std::free(entries_);
-        std::free(bitmaps_);
         std::free(ends_);
         std::free(starts_);
         entries_ = nullptr;
-        bitmaps_ = nullptr;
         ends_ = nullptr;
         starts_ = nullptr;
     }
 
     uint32_t *starts_ = nullptr;
     uint32_t *ends_ = nullptr;
-    const Entry *next_ = nullptr;
-    Bitmap *bitmaps_ = nullptr;
     Entry *entries_ = nullptr;
-    Aliases aliases_;
+    const Entry *next_ = nullptr;
+    kvdb_datum found_{};
 };
 
 struct Section {
@@ -343,6 +270,7 @@ struct Section {
     uint32_t handle;
     ZoneTable *zones;
     MemberIndex *members;
+    volatile uint32_t touched;  // what MemberIndex::touch read
     char line[kLineSize];
 };
 
@@ -355,7 +283,7 @@ void take_bitmap(uint8_t *dst, size_t size, const Tlv &e) {
 
 // One member line: the member, the LUN column, the VSAN and fabric ID. The WWN and LUN texts are
 // left in the process-wide scratch strings, as the section has always left them.
-void member_line(Section &s, const MemberText &m) {
+void member_line(Section &s, const zfx_zone_member_node &m) {
     MemberShape shape{};
     const bool known = member_shape(m.type, shape);
     Line line(s.line, sizeof s.line);
@@ -365,7 +293,7 @@ void member_line(Section &s, const MemberText &m) {
         fmt_wwn(zfx_sp_wwn_str, wwn);
         line.text("member pwwn ").text(zfx_sp_wwn_str, FMT_WWN_SIZE - 1).text(" ");
     } else if (known && shape.alias) {
-        line.text("member device-alias ").left(m.alias, m.alias_len, 15).text(" ");
+        line.text("member device-alias ").left(m.device_alias, 15).text(" ");
     }
     if (known && shape.lun) {
         line.text("lun ").text(lun_str, std::strlen(fmt_lun(lun_str, m.lun))).text(" ");
@@ -399,23 +327,16 @@ int32_t zone_text(Section &s, uint32_t id) {
     }
     // Member keys carry the zone id the record itself holds.
     return for_each_member(members, [&](uint32_t member_id) {
-        MemberText text;
-        switch (s.members->find(zone.id, uint16_t(member_id), text)) {
-            case MemberIndex::Lookup::decoded: break;
-            case MemberIndex::Lookup::malformed: return ZFX_ERR_KVDB;
-            case MemberIndex::Lookup::absent: {
-                uint8_t key[ZFX_ZONE_DB_KEY_SIZE];
-                zfx_zone_db_key(key, ZFX_KVDB_ZONE_MEMBER_KEY, uint16_t(member_id), zone.id);
-                int32_t status;
-                const kvdb_datum *value = fetch(s.store, key, sizeof key, status);
-                zfx_zone_member_node m{};
-                if (value == nullptr || !decode_member(value->data, value->len, m)) return ZFX_ERR_KVDB;
-                text.take(m, m.device_alias);
-                member_line(s, text);
-                return 0;
-            }
+        const kvdb_datum *value = s.members->find(zone.id, uint16_t(member_id));
+        if (value == nullptr) {
+            uint8_t key[ZFX_ZONE_DB_KEY_SIZE];
+            zfx_zone_db_key(key, ZFX_KVDB_ZONE_MEMBER_KEY, uint16_t(member_id), zone.id);
+            int32_t status;
+            value = fetch(s.store, key, sizeof key, status);
         }
-        member_line(s, text);
+        zfx_zone_member_node m{};
+        if (value == nullptr || !decode_member(value->data, value->len, m)) return ZFX_ERR_KVDB;
+        member_line(s, m);
         return 0;
     });
 }
@@ -490,8 +411,11 @@ int32_t zfx_zone_generate_ascii_config(kvdb_store *store) {
 
     ZoneTable zones(store);
     MemberIndex members(store, zones, header.zones);
-    Section s{store, gen_handle, &zones, &members, {}};
-    if (const int32_t r = for_each_id(header.zones, kZoneBits, [&](uint32_t id) { return zone_text(s, id); }))
+    Section s{store, gen_handle, &zones, &members, 0, {}};
+    if (const int32_t r = for_each_id(header.zones, kZoneBits, [&](uint32_t id) {
+            s.touched = s.touched + members.touch(id);
+            return zone_text(s, id);
+        }))
         return r;
     if (const int32_t r = for_each_id(header.zonesets, kIdBits, [&](uint32_t id) { return zoneset_text(s, id); }))
         return r;
