@@ -49,10 +49,22 @@ struct Generation {
 std::mutex g_lock;
 std::map<uint32_t, std::unique_ptr<Generation>> g_gens;
 uint32_t g_last_handle;
+// The generation found last: text comes line by line, nearly always to the same generation.
+uint32_t g_found_handle;
+Generation *g_found;
 
 Generation *find(uint32_t handle) {
+    if (g_found != nullptr && g_found_handle == handle) return g_found;
     auto it = g_gens.find(handle);
-    return it == g_gens.end() ? nullptr : it->second.get();
+    if (it == g_gens.end()) return nullptr;
+    g_found_handle = handle;
+    g_found = it->second.get();
+    return g_found;
+}
+
+// Forgets the generation found last when it ends (call under g_lock).
+void forget(uint32_t handle) {
+    if (g_found_handle == handle) g_found = nullptr;
 }
 
 Element *element_of(Generation &g, uint32_t number) {
@@ -180,6 +192,7 @@ int32_t finish(uint32_t handle, char *&text, uint32_t &len) {
         if (it == g_gens.end()) return PTXT_ERR_HANDLE;
         g = std::move(it->second);
         g_gens.erase(it);
+        forget(handle);
     }
     try {
         text = render(*g, len, true);
@@ -200,6 +213,7 @@ int32_t ptxt_hdl_init(uint32_t *handle) {
     try {
         auto g = std::make_unique<Generation>();
         if (++g_last_handle == 0) ++g_last_handle;
+        forget(g_last_handle);
         g_gens[g_last_handle] = std::move(g);
         *handle = g_last_handle;
         return 0;
@@ -210,6 +224,7 @@ int32_t ptxt_hdl_init(uint32_t *handle) {
 
 int32_t ptxt_hdl_release(uint32_t handle) {
     std::lock_guard<std::mutex> lock(g_lock);
+    forget(handle);
     return g_gens.erase(handle) != 0 ? 0 : PTXT_ERR_HANDLE;
 }
 

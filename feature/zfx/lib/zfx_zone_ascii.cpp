@@ -214,14 +214,21 @@ public:
         return &found_;
     }
 
-    // Reads a byte of each line of the records of zone's group, all at once, before the zone
-    // pass decodes them one by one: the reads of the whole group wait on memory together instead
-    // of one after another. Returns what it read, for the caller to keep.
-    uint32_t touch(uint32_t zone) const {
+    // Reads a byte of each line of the records of zone's group and of the groups after it, at
+    // least kAhead records, all at once and each record once, before the zone pass decodes them
+    // one by one: the reads wait on memory together instead of one after another. Returns what
+    // it read, for the caller to keep.
+    uint32_t touch(uint32_t zone) {
+        constexpr uint32_t kAhead = 64;
         uint32_t sum = 0;
         if (entries_ == nullptr || zone >= kZoneBits) return sum;
-        for (const Entry *e = entries_ + starts_[zone], *last = entries_ + ends_[zone]; e != last; ++e)
-            sum += e->data[0] + e->data[e->len - 1];
+        const uint32_t total = starts_[kZoneBits];
+        const uint32_t until = std::min(total, std::max(ends_[zone], starts_[zone] + kAhead));
+        for (uint32_t i = std::max(touched_, starts_[zone]); i < until; ++i) {
+            const Entry &e = entries_[i];  // places a walk left empty have no record
+            if (e.data != nullptr) sum += e.data[0] + e.data[e.len - 1];
+        }
+        touched_ = std::max(touched_, until);
         return sum;
     }
 
@@ -262,6 +269,7 @@ private:
     uint32_t *ends_ = nullptr;
     Entry *entries_ = nullptr;
     const Entry *next_ = nullptr;
+    uint32_t touched_ = 0;
     kvdb_datum found_{};
 };
 
@@ -334,7 +342,8 @@ int32_t zone_text(Section &s, uint32_t id) {
             int32_t status;
             value = fetch(s.store, key, sizeof key, status);
         }
-        zfx_zone_member_node m{};
+        zfx_zone_member_node m;
+        std::memset(&m, 0, sizeof m);
         if (value == nullptr || !decode_member(value->data, value->len, m)) return ZFX_ERR_KVDB;
         member_line(s, m);
         return 0;
