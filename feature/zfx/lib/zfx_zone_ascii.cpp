@@ -139,9 +139,9 @@ int32_t for_each_member(const Tlv &bits, Visit &&visit) {
 // grouped by zone, so that a zone's members come from its group rather than from a store lookup
 // each. A zone's group has a place for each member its record's bitmap names, filled in the
 // table's key order, so no sort is needed. The table is ordered by member id first, so a zone's
-// records lie all over it: the zone pass has the next zone's records fetched into the cache while
-// it writes the current one (prefetch). Whatever the index does not hold (no memory for it, a
-// value the walk could not read, a zone id that two records claim, a key past the first one that
+// records lie all over it: the zone pass reads the records of a group and of the groups after it
+// together (touch) before decoding them one by one. Whatever the index does not hold (no memory
+// for it, a value the walk could not read, a group that is full, a key past the first one that
 // does not look like a member key) is looked up in the store as before: the text and its failures
 // are the same either way.
 class MemberIndex {
@@ -150,27 +150,24 @@ public:
         // The groups, by the zone id the records hold (member keys carry that one).
         starts_ = static_cast<uint32_t *>(mem_zalloc_array(kZoneBits + 1, sizeof(uint32_t)));
         ends_ = static_cast<uint32_t *>(mem_zalloc_array(kZoneBits, sizeof(uint32_t)));
-        uint8_t *claims = static_cast<uint8_t *>(mem_zalloc_array(kZoneBits, sizeof(uint8_t)));
-        if (starts_ == nullptr || ends_ == nullptr || claims == nullptr) {
-            std::free(claims);
+        if (starts_ == nullptr || ends_ == nullptr) {
             release();
             return;
         }
         // Group z has its places from starts_[z] to starts_[z + 1] (counted into starts_[z + 1]
-        // first); the walk fills them in order, ends_[z] the first one not filled.
+        // first); the walk fills them in order, ends_[z] the first one not filled. An entry is
+        // the record of its own key, whichever zone record asks for it: when two records hold one
+        // id, the first one's count sizes the group and what does not fit is looked up.
         for_each_id(zone_ids, kZoneBits, [&](uint32_t id) {
             NamedRecord zone;
-            if (zones.get(id, zone) != Found::yes || zone.id >= kZoneBits) return 0;
-            // Two records with one id: their members are looked up.
-            starts_[zone.id + 1] = claims[zone.id]++ == 0 ? count_ids(members_element(zone)) : 0;
+            if (zones.get(id, zone) == Found::yes && zone.id < kZoneBits && starts_[zone.id + 1] == 0)
+                starts_[zone.id + 1] = count_ids(members_element(zone));
             return 0;
         });
         for (uint32_t z = 0; z < kZoneBits; ++z) {
-            if (claims[z] > 1) starts_[z + 1] = 0;
             starts_[z + 1] += starts_[z];
             ends_[z] = starts_[z];
         }
-        std::free(claims);
         const uint32_t total = starts_[kZoneBits];
         entries_ = static_cast<Entry *>(mem_zalloc_array(total, sizeof(Entry)));
         if (entries_ == nullptr) {
