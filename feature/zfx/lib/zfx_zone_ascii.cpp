@@ -70,11 +70,11 @@ Found fetch_named(kvdb_store *store, uint8_t table, uint32_t id, NamedRecord &re
 }
 
 // The zone records, read with one walk of the zone table in key order and kept by zone id for
-// both passes: each record is checked once, when a pass first asks for it, and the zoneset pass
-// takes its zone names from here instead of looking every member zone up again. What the walk
-// did not bring (no memory for the table, a value it could not read, a key past the first one
-// that is not a zone key) is looked up in the store when first asked for, and kept as well: the
-// text and its failures are the same either way.
+// both passes: each record is checked once, where the walk reads it, and the zoneset pass takes
+// its zone names from here instead of looking every member zone up again. What the walk did not
+// bring (no memory for the table, a value it could not read, a key past the first one that is
+// not a zone key) is looked up in the store when first asked for, and kept as well: the text and
+// its failures are the same either way.
 class ZoneTable {
 public:
     explicit ZoneTable(kvdb_store *store) : store_(store) {
@@ -87,8 +87,7 @@ public:
             const uint32_t id = load_le16(k + 2);
             // Only the key a lookup of the id would ask for, and only a value the walk could read.
             if (load_le16(k + 4) != 0 || id >= kZoneBits || value.data == nullptr) return;
-            slots_[id].value = value;
-            slots_[id].walked = true;
+            slots_[id].found = check_named(&value, slots_[id].rec);
         });
     }
     ~ZoneTable() { std::free(slots_); }
@@ -99,22 +98,14 @@ public:
     Found get(uint32_t id, NamedRecord &rec) {
         if (slots_ == nullptr || id >= kZoneBits) return fetch_named(store_, ZFX_KVDB_ZONE_KEY, id, rec);
         Slot &slot = slots_[id];
-        if (slot.found == Found::unread) {
-            if (slot.walked) {
-                slot.found = check_named(&slot.value, slot.rec);
-            } else {
-                slot.found = fetch_named(store_, ZFX_KVDB_ZONE_KEY, id, slot.rec);
-            }
-        }
+        if (slot.found == Found::unread) slot.found = fetch_named(store_, ZFX_KVDB_ZONE_KEY, id, slot.rec);
         rec = slot.rec;
         return slot.found;
     }
 
 private:
     struct Slot {
-        kvdb_datum value;
         NamedRecord rec;
-        bool walked;
         Found found;
     };
     kvdb_store *store_;
