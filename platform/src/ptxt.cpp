@@ -49,10 +49,22 @@ struct Generation {
 std::mutex g_lock;
 std::map<uint32_t, std::unique_ptr<Generation>> g_gens;
 uint32_t g_last_handle;
+// The generation found last: text comes line by line, nearly always to the same generation.
+uint32_t g_found_handle;
+Generation *g_found;
 
 Generation *find(uint32_t handle) {
+    if (g_found != nullptr && g_found_handle == handle) return g_found;
     auto it = g_gens.find(handle);
-    return it == g_gens.end() ? nullptr : it->second.get();
+    if (it == g_gens.end()) return nullptr;
+    g_found_handle = handle;
+    g_found = it->second.get();
+    return g_found;
+}
+
+// Forgets the generation found last when it ends (call under g_lock).
+void forget(uint32_t handle) {
+    if (g_found_handle == handle) g_found = nullptr;
 }
 
 Element *element_of(Generation &g, uint32_t number) {
@@ -62,23 +74,23 @@ Element *element_of(Generation &g, uint32_t number) {
 }
 
 // Appends text to an element: each line is indented when it begins, a line left open continues
-// with the next piece.
+// with the next piece. A whole line goes in with one copy, its "\n" included.
 void append(Element &e, const char *text, uint32_t level) {
     const char *p = text;
-    while (*p != '\0') {
-        const char *nl = std::strchr(p, '\n');
-        const size_t n = nl != nullptr ? size_t(nl - p) : std::strlen(p);
+    const char *const end = text + std::strlen(text);
+    while (p != end) {
+        const char *nl = static_cast<const char *>(std::memchr(p, '\n', size_t(end - p)));
+        const size_t n = nl != nullptr ? size_t(nl - p) : size_t(end - p);
         if (!e.open && n > 0) {
-            char indent[2 * PTXT_LEVEL_MAX];
-            std::memset(indent, ' ', sizeof indent);
-            e.put(indent, 2 * size_t(level));
+            static constexpr char kIndent[2 * PTXT_LEVEL_MAX + 1] = "                                                                ";
+            e.put(kIndent, 2 * size_t(level));
         }
-        e.put(p, n);
         if (nl != nullptr) {
-            e.put("\n", 1);
+            e.put(p, n + 1);
             e.open = false;
             p = nl + 1;
         } else {
+            e.put(p, n);
             e.open = e.open || n > 0;
             p += n;
         }
@@ -123,8 +135,10 @@ std::vector<size_t> render_order(const Generation &g) {
 }
 
 // Renders the whole text into one block from malloc, sized exactly (texts run to megabytes: one
-// copy of each line, no regrowth). NULL when it cannot be allocated.
-char *render(const Generation &g, uint32_t &len) {
+// copy of each line, no regrowth). With consume, each chunk is released once copied, so that a
+// generation that ends with its rendering never holds its text twice. NULL when the block cannot
+// be allocated (nothing is released then).
+char *render(Generation &g, uint32_t &len, bool consume) {
     const std::vector<size_t> order = render_order(g);
     size_t total = g.group_lines.size();
     for (const Element &e : g.elements) total += e.size + (e.open ? 1 : 0);
@@ -132,10 +146,11 @@ char *render(const Generation &g, uint32_t &len) {
     if (block == nullptr) return nullptr;
     char *p = block;
     for (size_t i : order) {
-        const Element &e = g.elements[i];
-        for (const std::string &c : e.chunks) {
+        Element &e = g.elements[i];
+        for (std::string &c : e.chunks) {
             std::memcpy(p, c.data(), c.size());
             p += c.size();
+            if (consume) std::string().swap(c);
         }
         if (e.open) *p++ = '\n';
     }
@@ -177,9 +192,10 @@ int32_t finish(uint32_t handle, char *&text, uint32_t &len) {
         if (it == g_gens.end()) return PTXT_ERR_HANDLE;
         g = std::move(it->second);
         g_gens.erase(it);
+        forget(handle);
     }
     try {
-        text = render(*g, len);
+        text = render(*g, len, true);
         return text != nullptr ? 0 : PTXT_ERR_NO_MEMORY;
     } catch (const std::bad_alloc &) {
         return PTXT_ERR_NO_MEMORY;
@@ -197,6 +213,7 @@ int32_t ptxt_hdl_init(uint32_t *handle) {
     try {
         auto g = std::make_unique<Generation>();
         if (++g_last_handle == 0) ++g_last_handle;
+        forget(g_last_handle);
         g_gens[g_last_handle] = std::move(g);
         *handle = g_last_handle;
         return 0;
@@ -207,6 +224,7 @@ int32_t ptxt_hdl_init(uint32_t *handle) {
 
 int32_t ptxt_hdl_release(uint32_t handle) {
     std::lock_guard<std::mutex> lock(g_lock);
+    forget(handle);
     return g_gens.erase(handle) != 0 ? 0 : PTXT_ERR_HANDLE;
 }
 
@@ -259,7 +277,7 @@ int32_t ptxt_render(uint32_t handle, char **text, uint32_t *len) {
     *text = nullptr;
     uint32_t n = 0;
     const int32_t st = with_generation(handle, [&](Generation &g) {
-        *text = render(g, n);
+        *text = render(g, n, false);
         return *text != nullptr ? int32_t(0) : PTXT_ERR_NO_MEMORY;
     });
     if (st == 0 && len != nullptr) *len = n;

@@ -197,7 +197,7 @@ ZFX_API int32_t zfx_kvdb_restore_fabric_distribute(kvdb_store *store);
  *                                          "attribute read-only\n" (level 1, in the order of the
  *                                          record's elements)
  *                                          one line per member, in ascending member id, at level 1,
- *                                          in three pieces: "member pwwn <wwn> " or
+ *                                          made of: "member pwwn <wwn> " or
  *                                          "member device-alias <alias padded to 15> " (none for
  *                                          an unknown type), "lun <lun> " or 11 blanks, then
  *                                          "vsan <v>\n" for fabric ID 1, otherwise

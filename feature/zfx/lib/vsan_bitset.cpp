@@ -10,6 +10,7 @@
 #include <bit>
 
 #include "platform/bits.h"
+#include "zfx_gen_text.hpp"
 #include "zfx_internal.hpp"
 
 namespace {
@@ -184,11 +185,7 @@ inline uint32_t put_item(char *p, bool sep, int32_t first, int32_t last) {
 
 // The whole text, unbounded; buffer needs VSAN_BITSET_TEXT_SIZE bytes.
 int32_t render(char *buf, const vsan_bitset *s) {
-    uint32_t n = 0;
-    walk_runs(s, 0, [&](int32_t first, int32_t last) {
-        n += put_item(buf + n, n > 0, first, last);
-        return true;
-    });
+    const size_t n = zfx::put_ranges(buf, VSAN_BITSET_TEXT_MAX, s);
     buf[n] = '\0';
     return int32_t(n);
 }
@@ -209,6 +206,21 @@ void apply_in_run(vsan_bitset *dst, int32_t start, int32_t count, Op op) {
 }
 
 }  // namespace
+
+namespace zfx {
+
+size_t put_ranges(char *out, size_t max, const vsan_bitset *set) {
+    size_t n = 0;
+    walk_runs(set, 0, [&](int32_t first, int32_t last) {
+        const bool sep = n > 0;
+        if (item_len(sep, first, last) > max - n) return false;
+        n += put_item(out + n, sep, first, last);
+        return true;
+    });
+    return n;
+}
+
+}  // namespace zfx
 
 extern "C" {
 

@@ -45,22 +45,16 @@ int32_t zfx2_afid_table_config_get(kvdb_store *store, zfx2_afid_table_list **lis
 int32_t zfx2_afid_table_config_show(uint32_t handle, const zfx2_afid_table_list *list, uint8_t is_default) {
     const uint32_t count = list_count(list);
     if (count == 0) return 0;
-    char line[kRangeLineSize];
-    char ranges[VSAN_BITSET_TEXT_SIZE];
-    char wwn[kWwnTextSize];
-    emit(handle, ZFX_ELEM_AFID, kBaseLevel, line, sizeof line, "%s\n", "autonomous-fabric-id database");
+    char buf[kRangeLineSize];
+    Line line(buf, sizeof buf);
+    line.text("autonomous-fabric-id database").end().add(handle, ZFX_ELEM_AFID, kBaseLevel);
     for (uint32_t i = 0; i < count; ++i) {
         const zfx2_afid_table_entry &e = list->entries[i];
-        wwn_text(wwn, e.wwn);
-        const int afid = ntoh16(e.afid);
-        if (is_default) {
-            emit(handle, ZFX_ELEM_AFID, 1, line, sizeof line, "switch-wwn %s default-autonomous-fabric-id %4d\n", wwn,
-                 afid);
-        } else {
-            vsan_bitset_sprintf(ranges, &e.vsans);
-            emit(handle, ZFX_ELEM_AFID, 1, line, sizeof line, "switch-wwn %s autonomous-fabric-id %4d vsan-ranges %s\n",
-                 wwn, afid, ranges);
-        }
+        const int32_t afid = ntoh16(e.afid);
+        line.text("switch-wwn ").wwn(e.wwn);
+        if (is_default) line.text(" default-autonomous-fabric-id ").dec(afid, 4);
+        else line.text(" autonomous-fabric-id ").dec(afid, 4).text(" vsan-ranges ").ranges(&e.vsans);
+        line.end().add(handle, ZFX_ELEM_AFID, 1);
     }
     return 0;
 }

@@ -140,10 +140,15 @@ struct PfcidText {
     char line[kPfcidLineSize];
 
     void fcid_line(const zfx2_pfcid_entry &e) {
-        char wwn[kWwnTextSize];
-        wwn_text(wwn, e.id.pwwn);
-        emit(handle, ZFX_ELEM_PFCID, 2, line, sizeof line, "pwwn %s fcid 0x%02x%02x%02x\n", wwn, e.fcid[1], e.fcid[2],
-             e.fcid[3]);
+        Line(line, sizeof line)
+            .text("pwwn ")
+            .wwn(e.id.pwwn)
+            .text(" fcid 0x")
+            .hex2(e.fcid[1])
+            .hex2(e.fcid[2])
+            .hex2(e.fcid[3])
+            .end()
+            .add(handle, ZFX_ELEM_PFCID, 2);
     }
 
     // The FCID records under one domain record, in list order.
@@ -172,11 +177,23 @@ struct PfcidText {
             if (d.afid != afid || d.vsan != vsan) {
                 afid = d.afid;
                 vsan = d.vsan;
-                emit(handle, ZFX_ELEM_PFCID, 0, line, sizeof line, "zfx fcdomain database autonomous-fabric-num %d vsan %d\n",
-                     int(afid), int(vsan));
+                Line(line, sizeof line)
+                    .text("zfx fcdomain database autonomous-fabric-num ")
+                    .dec(afid)
+                    .text(" vsan ")
+                    .dec(int32_t(vsan))
+                    .end()
+                    .add(handle, ZFX_ELEM_PFCID, 0);
             }
-            emit(handle, ZFX_ELEM_PFCID, 1, line, sizeof line, "native-autonomous-fabric-num %d native-vsan %d domain %d\n",
-                 int(d.id.domain.native_afid), int(d.id.domain.native_vsan), int(d.fcid[1]));
+            Line(line, sizeof line)
+                .text("native-autonomous-fabric-num ")
+                .dec(d.id.domain.native_afid)
+                .text(" native-vsan ")
+                .dec(int32_t(d.id.domain.native_vsan))
+                .text(" domain ")
+                .dec(d.fcid[1])
+                .end()
+                .add(handle, ZFX_ELEM_PFCID, 1);
             fcids_under(list->entries[i], index);
         }
     }

@@ -23,16 +23,14 @@ void fill_rdi(uint8_t *out, const kvdb_datum &key, const kvdb_datum &value, cons
     copy_value(out + offsetof(zfx_rdi_entry, vsans), sizeof(vsan_bitset), &value);
 }
 
-// Adds "<head><ranges><tail>" to the global settings for set, after taking out the VSANs that are
-// never configured (0, 4094, 4095); a set left empty adds nothing. The range text is cut after
+// Adds the line the words of head begin (the line's words up to the ranges), the range text of
+// set and tail end ("\n" or " force\n") to the global settings, after taking out the VSANs that
+// are never configured (0, 4094, 4095); a set left empty adds nothing. The range text is cut after
 // its last whole run where the whole line would not fit its buffer.
-void vdom_line(uint32_t handle, vsan_bitset *set, const char *head, const char *tail) {
+void vdom_line(uint32_t handle, vsan_bitset *set, Line &head, const char *tail) {
     for (int32_t v : {0, 4094, 4095}) vsan_bitset_clear_bit(set, v);
     if (vsan_bitset_first_bit(set) < 0) return;
-    char ranges[VSAN_BITSET_TEXT_SIZE];
-    range_text(ranges, set, ZFX_VDOM_LINE_SIZE - 1 - std::strlen(head) - std::strlen(tail));
-    char line[ZFX_VDOM_LINE_SIZE];
-    emit(handle, ZFX_ELEM_GLOBAL, 0, line, sizeof line, "%s%s%s", head, ranges, tail);
+    head.ranges(set, ZFX_VDOM_LINE_SIZE - 1 - head.length() - std::strlen(tail)).text(tail).add(handle, ZFX_ELEM_GLOBAL, 0);
 }
 
 }  // namespace
@@ -80,8 +78,10 @@ int32_t zfx2_rdi_mode_generate_ascii_config(uint32_t handle, kvdb_store *store) 
                               value->len - uint32_t(offsetof(vsan_bitset, bits))};
         copy_value(set.bits, sizeof set.bits, &bits);
     }
-    vdom_line(handle, &set, "zfx virtual-fcdomain-add vsan-ranges ",
-              (flags & ZFX_GFLAG_VDOM_FORCE) != 0 ? " force\n" : "\n");
+    char buf[ZFX_VDOM_LINE_SIZE];
+    Line line(buf, sizeof buf);
+    line.text("zfx virtual-fcdomain-add vsan-ranges ");
+    vdom_line(handle, &set, line, (flags & ZFX_GFLAG_VDOM_FORCE) != 0 ? " force\n" : "\n");
     return 0;
 }
 
@@ -94,12 +94,12 @@ int32_t zfx2_rdi_mode_generate_ascii_config2(uint32_t handle, kvdb_store *store)
     uint32_t size = 0;
     zfx_rdi_get_next(store, -1, &list, &size);
     if (list == nullptr) return 0;
+    char buf[ZFX_VDOM_LINE_SIZE];
     for (uint32_t i = 0, n = list_count(list); i < n; ++i) {
         zfx_rdi_entry &e = list->entries[i];
-        char head[96];  // the words before the ranges, for any AFID
-        fmt_bounded(head, sizeof head, "zfx virtual-fcdomain-add2 autonomous-fabric-ID %d  vsan-ranges ",
-                    int(ntoh16(e.afid)));
-        vdom_line(handle, &e.vsans, head, "\n");
+        Line line(buf, sizeof buf);
+        line.text("zfx virtual-fcdomain-add2 autonomous-fabric-ID ").dec(ntoh16(e.afid)).text("  vsan-ranges ");
+        vdom_line(handle, &e.vsans, line, "\n");
     }
     zfx_tracked_free(list);
     return 0;

@@ -5,6 +5,7 @@
 #include "zfx_gen_text.hpp"
 #include "zfx_kvdb_walk.hpp"
 
+#include <algorithm>
 #include <initializer_list>
 
 namespace zfx {
@@ -36,6 +37,53 @@ const zfx2_sg_entry *entry_at(uint32_t index, const zfx2_sg_list *a, const zfx2_
     return index < list_count(a) && list_count(b) != 0 ? &a->entries[index] : nullptr;
 }
 
+// The entries of a list in the order of what the differences compare (name, fabric ID, VSANs),
+// so that each question "does the other list hold this group / member / member with these
+// VSANs" is a binary search rather than a pass over the whole list: the answers are those of
+// zfx2_sg_name_check_if_in_cfg2 and zfx2_sg_member_check_if_in_cfg2. Without memory for the
+// order (order NULL) those answer instead.
+class SgIndex {
+public:
+    // order: room for the list's entry count, kept by the caller for as long as the index.
+    SgIndex(const zfx2_sg_list *list, uint32_t *order) : list_(list), order_(order) {
+        if (order_ == nullptr) return;
+        const uint32_t n = list_count(list);
+        for (uint32_t i = 0; i < n; ++i) order_[i] = i;
+        std::sort(order_, order_ + n, [&](uint32_t a, uint32_t b) { return compare(entry(a), entry(b), kVsans) < 0; });
+    }
+
+    // Depth of a comparison: the name alone, the name and fabric ID, or all three.
+    enum Depth { kName, kAfid, kVsans };
+
+    // Whether the list holds an entry equal to entry index of other up to depth (other's entries
+    // against an empty list: never).
+    bool holds(uint32_t index, const zfx2_sg_list *other, Depth depth) const {
+        if (order_ == nullptr) {
+            if (depth == kName) return zfx2_sg_name_check_if_in_cfg2(index, other, list_) != 0;
+            return zfx2_sg_member_check_if_in_cfg2(index, other, list_, depth == kVsans) != 0;
+        }
+        const zfx2_sg_entry *e = entry_at(index, other, list_);
+        if (e == nullptr) return false;
+        const uint32_t *end = order_ + list_count(list_);
+        const uint32_t *first = order_;
+        const uint32_t *at = std::lower_bound(first, end, e, [&](uint32_t i, const zfx2_sg_entry *x) {
+            return compare(entry(i), *x, depth) < 0;
+        });
+        return at != end && compare(entry(*at), *e, depth) == 0;
+    }
+
+private:
+    const zfx2_sg_entry &entry(uint32_t i) const { return list_->entries[i]; }
+    static int compare(const zfx2_sg_entry &a, const zfx2_sg_entry &b, Depth depth) {
+        if (const int c = std::strncmp(a.name, b.name, ZFX2_SG_NAME_SIZE); c != 0 || depth == kName) return c;
+        if (a.afid != b.afid) return a.afid < b.afid ? -1 : 1;
+        return depth == kAfid ? 0 : std::memcmp(&a.vsans, &b.vsans, sizeof a.vsans);
+    }
+
+    const zfx2_sg_list *list_;
+    uint32_t *order_;
+};
+
 // A pass over one list. It keeps the name of the last group line it wrote, so that a group's
 // members share one group line.
 struct Pass {
@@ -47,17 +95,15 @@ struct Pass {
     void group(const zfx2_sg_entry &e, const char *word = "") {
         if (same_name(e.name, last)) return;
         std::memcpy(last, e.name, sizeof last);
-        emit(handle, ZFX_ELEM_SERVICE_GROUP, kBaseLevel, line, sizeof line, "%szfx service-group name %.80s\n", word,
-             e.name);
+        Line(line, sizeof line).text(word).text("zfx service-group name ").text_max(e.name, 80).end().add(
+            handle, ZFX_ELEM_SERVICE_GROUP, kBaseLevel);
     }
     // A member line at level 1, its range text cut after the last run that fits the line.
     void member(const zfx2_sg_entry &e, const char *word = "") {
-        char ranges[VSAN_BITSET_TEXT_SIZE];
-        const int afid = ntoh16(e.afid);
-        const int words = std::snprintf(nullptr, 0, "%sautonomous-fabric-id %2d vsan-ranges \n", word, afid);
-        range_text(ranges, &e.vsans, sizeof line - 1 - size_t(words));
-        emit(handle, ZFX_ELEM_SERVICE_GROUP, 1, line, sizeof line, "%sautonomous-fabric-id %2d vsan-ranges %s\n", word,
-             afid, ranges);
+        Line l(line, sizeof line);
+        l.text(word).text("autonomous-fabric-id ").dec(ntoh16(e.afid), 2).text(" vsan-ranges ");
+        // The words and the "\n" take their room first; the ranges get the rest.
+        l.ranges(&e.vsans, sizeof line - 2 - l.length()).end().add(handle, ZFX_ELEM_SERVICE_GROUP, 1);
     }
 };
 
@@ -145,29 +191,32 @@ int32_t zfx2_sg_table_active_show(uint32_t handle, const zfx2_sg_list *active, u
         pass.group(active->entries[i]);
         pass.member(active->entries[i]);
     }
-    emit(handle, ZFX_ELEM_SERVICE_GROUP, kBaseLevel, pass.line, sizeof pass.line, "%s",
-         policy == 0 ? "zfx service-group activate\n" : "zfx service-group activate default-sg-deny\n");
+    Line(pass.line, sizeof pass.line)
+        .text(policy == 0 ? "zfx service-group activate\n" : "zfx service-group activate default-sg-deny\n")
+        .add(handle, ZFX_ELEM_SERVICE_GROUP, kBaseLevel);
     return 0;
 }
 
 int32_t zfx2_sg_table_config_show(uint32_t handle, const zfx2_sg_list *configured, const zfx2_sg_list *active) {
     const uint32_t n_active = list_count(active), n_cfg = list_count(configured);
+    // Both orders in one block.
+    uint32_t *orders = static_cast<uint32_t *>(mem_zalloc_array(size_t(n_active) + n_cfg, sizeof(uint32_t)));
+    const SgIndex in_configured(configured, orders), in_active(active, orders != nullptr ? orders + n_cfg : nullptr);
     // Removed groups: an active group the configured table no longer names.
     Pass removed{handle};
     for (uint32_t i = 0; i < n_active; ++i) {
         const zfx2_sg_entry &e = active->entries[i];
         if (same_name(e.name, removed.last)) continue;
         std::memcpy(removed.last, e.name, sizeof removed.last);
-        if (!zfx2_sg_name_check_if_in_cfg2(i, active, configured)) {
-            emit(handle, ZFX_ELEM_SERVICE_GROUP, kBaseLevel, removed.line, sizeof removed.line,
-                 "no zfx service-group name %.80s\n", e.name);
+        if (!in_configured.holds(i, active, SgIndex::kName)) {
+            Line(removed.line, sizeof removed.line).text("no zfx service-group name ").text_max(e.name, 80).end().add(
+                handle, ZFX_ELEM_SERVICE_GROUP, kBaseLevel);
         }
     }
     // Removed members of groups that stay.
     Pass gone{handle};
     for (uint32_t i = 0; i < n_active; ++i) {
-        if (!zfx2_sg_name_check_if_in_cfg2(i, active, configured) ||
-            zfx2_sg_member_check_if_in_cfg2(i, active, configured, 0))
+        if (!in_configured.holds(i, active, SgIndex::kName) || in_configured.holds(i, active, SgIndex::kAfid))
             continue;
         gone.group(active->entries[i]);
         gone.member(active->entries[i], "no ");
@@ -175,10 +224,11 @@ int32_t zfx2_sg_table_config_show(uint32_t handle, const zfx2_sg_list *configure
     // Added members, and members whose VSANs changed, written with their configured ranges.
     Pass added{handle};
     for (uint32_t i = 0; i < n_cfg; ++i) {
-        if (zfx2_sg_member_check_if_in_cfg2(i, configured, active, 1)) continue;
+        if (in_active.holds(i, configured, SgIndex::kVsans)) continue;
         added.group(configured->entries[i]);
         added.member(configured->entries[i]);
     }
+    std::free(orders);
     return 0;
 }
 

@@ -43,7 +43,7 @@ int32_t flag_line(uint32_t handle, kvdb_store *store, int32_t (*reader)(uint8_t 
     const int32_t status = reader(&flag, store);
     if (status == 0 && flag != 0) {
         char buf[kGlobalLineSize];
-        emit(handle, ZFX_ELEM_GLOBAL, 0, buf, sizeof buf, "%s", line);
+        Line(buf, sizeof buf).text(line).add(handle, ZFX_ELEM_GLOBAL, 0);
         commit_reqd = 1;
     }
     return status;
@@ -167,9 +167,9 @@ int32_t zfx_global_flags_mode_generate_ascii_config(uint32_t handle, kvdb_store 
     zfx_global_flags_kvdb_restore(store, &flags);
     char buf[kGlobalLineSize];
     if (flags & ZFX_GFLAG_FCDOMAIN_CHECK_IGNORE)
-        emit(handle, ZFX_ELEM_GLOBAL, 0, buf, sizeof buf, "%s", "zfx fcdomain check-ignore\n");
+        Line(buf, sizeof buf).text("zfx fcdomain check-ignore\n").add(handle, ZFX_ELEM_GLOBAL, 0);
     if (flags & ZFX_GFLAG_SHARE_HW_ENTRIES)
-        emit(handle, ZFX_ELEM_GLOBAL, 0, buf, sizeof buf, "%s", "zfx share-hw-entries\n");
+        Line(buf, sizeof buf).text("zfx share-hw-entries\n").add(handle, ZFX_ELEM_GLOBAL, 0);
     return 0;
 }
 
@@ -180,7 +180,7 @@ int32_t zfx_ascii_gen_from_kvdb(kvdb_store *store) {
     const bool distribute = zfx_kvdb_restore_fabric_distribute(store) == 1;
     if (distribute) {
         char buf[kGlobalLineSize];
-        emit(handle, ZFX_ELEM_GLOBAL, 0, buf, sizeof buf, "%s", "zfx distribute\n");
+        Line(buf, sizeof buf).text("zfx distribute\n").add(handle, ZFX_ELEM_GLOBAL, 0);
     }
     // The NAT line alone never calls for a commit: only what follows the reset counts.
     commit_reqd = 0;
@@ -188,7 +188,7 @@ int32_t zfx_ascii_gen_from_kvdb(kvdb_store *store) {
     for (Section run : kSections) result = run(handle, store);
     if (commit_reqd == 1 && distribute) {
         char buf[kGlobalLineSize];
-        result = emit(handle, ZFX_ELEM_COMMIT, 0, buf, sizeof buf, "%s", "zfx commit\n");
+        result = Line(buf, sizeof buf).text("zfx commit\n").add(handle, ZFX_ELEM_COMMIT, 0);
     }
     return result;
 }

@@ -232,7 +232,7 @@ int32_t decode_device_reply(const void *payload, uint32_t length, Entry **entrie
         *count = n;
         return ZFX_ERR_NO_ENTRIES;
     }
-    const TlvWalk walk(p + kTlvArrayOffset, length - kTlvArrayOffset, /*aligned=*/true);
+    const TlvWalk walk(p + kTlvArrayOffset, length - kTlvArrayOffset);
     CheckSink check;
     if (!walk.ok() || walk_device_reply(walk, n, check) != 0) return ZFX_ERR_INVALID_ARG;
     auto *out = static_cast<Entry *>(mem_zalloc_array(size_t(n), sizeof(Entry)));

@@ -1,4 +1,4 @@
-// Line emission and the text forms shared by the sections of the configuration text.
+// The line builder and the text forms shared by the sections of the configuration text.
 #include "zfx_gen_text.hpp"
 
 #include "platform/fmt.h"
@@ -7,42 +7,73 @@ namespace zfx {
 
 uint32_t gen_handle;
 
-int32_t emit(uint32_t handle, uint32_t element, int32_t level, char *buf, size_t size, const char *fmt, ...) {
-    if (buf == nullptr || size < 2) return ZFX_ERR_INVALID_ARG;
-    va_list ap;
-    va_start(ap, fmt);
-    const int n = std::vsnprintf(buf, size, fmt, ap);
-    va_end(ap);
-    if (n < 0) return ZFX_ERR_INVALID_ARG;
-    if (size_t(n) >= size) {
-        const size_t f = std::strlen(fmt);
-        if (f != 0 && fmt[f - 1] == '\n') buf[size - 2] = '\n';
+namespace {
+
+constexpr char kHex[] = "0123456789abcdef";
+
+}  // namespace
+
+Line &Line::left(const char *s, size_t n, size_t width) {
+    put(s, n);
+    static constexpr char kSpaces[] = "                ";
+    for (size_t pad = n < width ? width - n : 0; pad != 0;) {
+        const size_t k = pad < sizeof kSpaces - 1 ? pad : sizeof kSpaces - 1;
+        put(kSpaces, k);
+        pad -= k;
     }
-    return level < 0 ? ptxt_elem_str_add(handle, element, buf)
-                     : ptxt_elem_str_add_indent(handle, element, buf, uint32_t(level));
+    return *this;
 }
 
-static_assert(kWwnTextSize == FMT_WWN_SIZE);
+Line &Line::dec(int32_t v, uint32_t width) {
+    char tmp[16];
+    char *p = tmp + sizeof tmp;
+    // The magnitude as unsigned, so that INT32_MIN has one too.
+    uint32_t u = v < 0 ? 0u - uint32_t(v) : uint32_t(v);
+    do {
+        *--p = char('0' + u % 10);
+        u /= 10;
+    } while (u != 0);
+    if (v < 0) *--p = '-';
+    const size_t n = size_t(tmp + sizeof tmp - p);
+    for (size_t pad = n < width ? width - n : 0; pad != 0; --pad) put(" ", 1);
+    return put(p, n);
+}
 
-void wwn_text(char (&out)[kWwnTextSize], const uint8_t *wwn) {
+Line &Line::hex2(uint8_t b) {
+    const char t[2] = {kHex[b >> 4], kHex[b & 0xF]};
+    return put(t, 2);
+}
+
+Line &Line::wwn(const uint8_t *wwn) {
     plat_wwn w;
     std::memcpy(w.bytes, wwn, sizeof w.bytes);
-    fmt_wwn(out, w);
+    char t[FMT_WWN_SIZE];
+    return put(fmt_wwn(t, w), FMT_WWN_SIZE - 1);
 }
 
-size_t cut_ranges(char *text, size_t max) {
-    size_t len = std::strlen(text);
-    if (len <= max) return len;
-    // Runs are joined by ","; the cut falls on the last separator within the limit.
-    len = max;
-    while (len > 0 && text[len] != ',') --len;
-    text[len] = '\0';
-    return len;
+Line &Line::lun(const uint8_t *lun) {
+    char t[FMT_LUN_SIZE];
+    return put(t, std::strlen(fmt_lun(t, lun)));
 }
 
-size_t range_text(char (&out)[VSAN_BITSET_TEXT_SIZE], const vsan_bitset *set, size_t room) {
-    vsan_bitset_sprintf(out, set);
-    return cut_ranges(out, room);
+Line &Line::ranges(const vsan_bitset *set, size_t room) {
+    const size_t space = size_ - 1 - len_;
+    if (room <= space) {
+        len_ += put_ranges(buf_ + len_, room, set);
+        return *this;
+    }
+    // The line's end may fall within a run: cut whole runs to room first, then the line.
+    char t[VSAN_BITSET_TEXT_SIZE];
+    return put(t, put_ranges(t, room < VSAN_BITSET_TEXT_MAX ? room : VSAN_BITSET_TEXT_MAX, set));
+}
+
+int32_t Line::add(uint32_t handle, uint32_t element, int32_t level) {
+    buf_[len_] = '\0';
+    const int32_t status = level < 0 ? ptxt_elem_str_add(handle, element, buf_)
+                                     : ptxt_elem_str_add_indent(handle, element, buf_, uint32_t(level));
+    len_ = 0;
+    cut_ = false;
+    return status;
 }
 
 void report_null_store(const char *message) { std::perror(message); }

@@ -4,8 +4,10 @@
 //
 // The platform's walkers (platform/tlvbuf.h) trust the array they are given: they know no length
 // and read every header up to the count word. TlvWalk first checks, against the bytes available,
-// that every element the count claims lies within them, and only then walks with the platform's
-// walker; an array that fails is not walked at all. Usage:
+// that every element the count claims lies within them; an array that fails is not walked at
+// all. An array that passes is then walked without another check, by the platform's layout and
+// size rule (tlv_elem_size), inline: the walk reads each header once and calls nothing, which
+// matters to readers that walk one array per stored record. Usage:
 //
 //     TlvWalk walk(array, bytes_from_array_start);
 //     if (!walk.ok()) return <the function's malformed result>;
@@ -20,6 +22,10 @@ namespace zfx {
 // Bytes one element with an n-byte value occupies, cut to 16 bits as every size computation of
 // the zone messages keeps it.
 inline uint16_t tlv_size(uint32_t n) { return static_cast<uint16_t>(tlvbuf_size_get(n)); }
+
+// Bytes an element whose header gives length n occupies: the platform's tlvbuf_size_get for a
+// 16-bit length (4 + n rounded up to a multiple of 4), without the call.
+constexpr uint32_t tlv_elem_size(uint16_t n) { return 4 + ((uint32_t(n) + 3) & ~3u); }
 
 // Value length of a string element: its characters and the terminator, cut to 16 bits.
 inline uint16_t tlv_str_len(const char *s) { return static_cast<uint16_t>(std::strlen(s) + 1); }
@@ -53,10 +59,9 @@ bool tlv_array_valid(const void *array, size_t avail);
 
 class TlvWalk {
 public:
-    // aligned: walk with tlvbuf_aligned_get_next_tlv (arrays the sender declares aligned).
-    TlvWalk(void *array, size_t avail, bool aligned = false)
-        : array_(array), ok_(tlv_array_valid(array, avail)), aligned_(aligned) {
-        count_ = ok_ ? tlvbuf_get_num_tlvs(array, 0) : 0;
+    TlvWalk(void *array, size_t avail)
+        : array_(static_cast<uint8_t *>(array)), ok_(tlv_array_valid(array, avail)) {
+        count_ = ok_ ? load<uint32_t>(array_) : 0;
     }
 
     bool ok() const { return ok_; }
@@ -65,23 +70,21 @@ public:
     // The next element; false at the end (at once for an array that is not ok).
     bool next(Tlv &e) {
         if (seen_ == count_) return false;
-        void *value = nullptr;
-        const int32_t r =
-            aligned_ ? tlvbuf_aligned_get_next_tlv(array_, &e.type, &e.len, &value, 0, &cursor_)
-                     : tlvbuf_get_next_tlv(array_, &e.type, &e.len, &value, 0, &cursor_);
-        if (r != 0) return false;
-        e.value = static_cast<uint8_t *>(value);
+        uint8_t *h = array_ + offset_;
+        e.type = load<uint16_t>(h);
+        e.len = load<uint16_t>(h + 2);
+        e.value = e.len != 0 ? h + 4 : nullptr;
+        offset_ += tlv_elem_size(e.len);
         ++seen_;
         return true;
     }
 
 private:
-    void *array_;
+    uint8_t *array_;
     bool ok_;
-    bool aligned_;
     uint32_t count_;
     uint32_t seen_ = 0;
-    uint32_t cursor_ = 0;
+    size_t offset_ = 4;
 };
 
 }  // namespace zfx

@@ -32,20 +32,17 @@ void fill_topo(uint8_t *out, const kvdb_datum &key, const kvdb_datum &value, con
 // Returns how many entries it wrote.
 uint32_t topo_pass(uint32_t handle, const zfx_vsan_topo_list *list, bool (*take)(uint32_t membership),
                    const char *word, bool database_line) {
-    char line[kRangeLineSize];
-    char ranges[VSAN_BITSET_TEXT_SIZE];
-    char wwn[kWwnTextSize];
+    char buf[kRangeLineSize];
+    Line line(buf, sizeof buf);
     uint32_t written = 0;
     const uint32_t count = list_count(list);
     for (uint32_t i = 0; i < count; ++i) {
         const zfx_vsan_topo_entry &e = list->entries[i];
         if (!take(ntoh32(e.membership))) continue;
         if (written++ == 0 && database_line)
-            emit(handle, ZFX_ELEM_TOPOLOGY, kBaseLevel, line, sizeof line, "%s\n", "zfx vsan-topology database");
-        wwn_text(wwn, e.wwn);
-        vsan_bitset_sprintf(ranges, &e.vsans);
-        emit(handle, ZFX_ELEM_TOPOLOGY, 1, line, sizeof line, "%sautonomous-fabric-id %4d switch-wwn %s vsan-ranges %s\n",
-             word, int(ntoh16(e.afid)), wwn, ranges);
+            line.text("zfx vsan-topology database").end().add(handle, ZFX_ELEM_TOPOLOGY, kBaseLevel);
+        line.text(word).text("autonomous-fabric-id ").dec(ntoh16(e.afid), 4).text(" switch-wwn ").wwn(e.wwn);
+        line.text(" vsan-ranges ").ranges(&e.vsans).end().add(handle, ZFX_ELEM_TOPOLOGY, 1);
     }
     return written;
 }
@@ -84,8 +81,8 @@ int32_t zfx_vsan_topo_config_show(uint32_t handle, const zfx_vsan_topo_list *lis
     const uint32_t activated = topo_pass(
         handle, list, [](uint32_t m) { return (m & ZFX_VT_FLAG_ACTIVE) != 0; }, "", true);
     if (activated != 0) {
-        char line[64];
-        emit(handle, ZFX_ELEM_TOPOLOGY, kBaseLevel, line, sizeof line, "%s\n", "zfx vsan-topology activate");
+        char buf[64];
+        Line(buf, sizeof buf).text("zfx vsan-topology activate").end().add(handle, ZFX_ELEM_TOPOLOGY, kBaseLevel);
     }
     topo_pass(handle, list, [](uint32_t m) { return m == ZFX_VT_FLAG_CONFIG; }, "", true);
     // Removals follow whatever the configured pass wrote, without a database line of their own.
@@ -111,8 +108,8 @@ int32_t zfx_vsan_topology_generate_ascii_config(uint32_t handle, kvdb_store *sto
     const int32_t status = zfx_vt_get_vsan_topo_flag_in_kvdb(store, &record, &first_word);
     if (status != 0) return status;
     if (ntoh32(record.mode) == ZFX_VT_MODE_AUTO) {
-        char line[64];
-        emit(handle, ZFX_ELEM_TOPOLOGY, kBaseLevel, line, sizeof line, "%s\n", "zfx vsan-topology auto");
+        char buf[64];
+        Line(buf, sizeof buf).text("zfx vsan-topology auto").end().add(handle, ZFX_ELEM_TOPOLOGY, kBaseLevel);
         commit_reqd = 1;
     }
     return 0;

@@ -32,90 +32,21 @@ constexpr uint32_t kIdBits = 8 * ZFX_MEMBER_BITMAP_SIZE;  // member ids, zoneset
 constexpr char kNoLun[] = "           ";
 constexpr const char *kQos[] = {nullptr, "low", "medium", "high"};
 
-// The member records of the whole member table, found with one walk and grouped by zone id, so
-// that a zone's members come from its group rather than from a store lookup each. The table is
-// ordered by member id first, so a zone's members lie all over it, and a lookup per member was
-// the largest cost of the text on a large store. Whatever the index does not hold (no memory for
-// it, a value the walk could not read, a key past the first one that does not look like a member
-// key) is looked up in the store as before: the text and its failures are the same either way.
-class MemberIndex {
-public:
-    // zones: one past the highest zone id the text will ask for; members of other zones are
-    // left to lookups.
-    MemberIndex(kvdb_store *store, uint32_t zones) : zones_(zones) {
-        constexpr uint8_t start[2] = {ZFX_KVDB_ZONE_MEMBER_KEY, 0};
-        constexpr KeyShape shape{ZFX_KVDB_ZONE_MEMBER_KEY, kind_bit(0), ZFX_ZONE_DB_KEY_SIZE, 1, 1};
-        const auto indexed = [](const kvdb_datum &key, const void *bound) { return zone_of(key) < *static_cast<const uint32_t *>(bound); };
-        const TableWalk walk{shape, start, sizeof start, 0, false, indexed, &zones_};
-        // Zone z's entries lie at starts_[z] .. starts_[z + 1]. A first walk counts them (into
-        // starts_[z + 2]); the sums make starts_[z + 1] the group's start, and the second walk fills
-        // each group from there, leaving starts_[z + 1] at its end, which is the next one's start.
-        starts_ = static_cast<uint32_t *>(mem_zalloc_array(zones_ + 2, sizeof(uint32_t)));
-        if (starts_ == nullptr) return;
-        const uint32_t n = walk_table(store, walk, UINT32_MAX, [&](const kvdb_datum &key, const kvdb_datum &) {
-            ++starts_[zone_of(key) + 2];
-        });
-        entries_ = static_cast<Entry *>(mem_zalloc_array(n, sizeof(Entry)));
-        if (entries_ == nullptr) return;
-        for (uint32_t z = 2; z < zones_ + 2; ++z) starts_[z] += starts_[z - 1];
-        // The second walk reaches no more keys than the first (a walk that ends early leaves
-        // empty entries, which find passes over).
-        walk_table(store, walk, n, [&](const kvdb_datum &key, const kvdb_datum &value) {
-            entries_[starts_[zone_of(key) + 1]++] = Entry{load_le16(static_cast<uint8_t *>(key.data) + 2), value};
-        });
-        for (uint32_t z = 0; z < zones_; ++z)
-            std::sort(entries_ + starts_[z], entries_ + starts_[z + 1], [](const Entry &a, const Entry &b) { return a.member < b.member; });
-    }
-    ~MemberIndex() {
-        std::free(entries_);
-        std::free(starts_);
-    }
-    MemberIndex(const MemberIndex &) = delete;
-    MemberIndex &operator=(const MemberIndex &) = delete;
-
-    // The value of the member's record, or NULL when the index does not hold one.
-    const kvdb_datum *find(uint16_t zone, uint16_t member) const {
-        if (entries_ == nullptr || zone >= zones_) return nullptr;
-        const Entry *first = entries_ + starts_[zone], *last = entries_ + starts_[zone + 1];
-        const Entry *e = std::lower_bound(first, last, member, [](const Entry &a, uint16_t m) { return a.member < m; });
-        return e != last && e->member == member && e->value.data != nullptr ? &e->value : nullptr;
-    }
-
-private:
-    struct Entry {
-        uint16_t member;
-        kvdb_datum value;
-    };
-    static uint32_t zone_of(const kvdb_datum &key) { return load_le16(static_cast<uint8_t *>(key.data) + 4); }
-
-    uint32_t zones_;
-    uint32_t *starts_ = nullptr;
-    Entry *entries_ = nullptr;
-};
-
-struct Section {
-    kvdb_store *store;
-    uint32_t handle;
-    const MemberIndex *members;
-    char line[kLineSize];
-};
-
 // A zone or zoneset record, checked: its stored id, its name, and its array.
 struct NamedRecord {
     uint16_t id;
-    char name[ZFX_NAME_SIZE];
+    const char *name;  // in the record; name_len characters, no terminator
+    uint8_t name_len;
     uint8_t *array;
     size_t avail;
 };
 
-enum class Found { yes, empty, failed };
+enum class Found : uint8_t { unread, yes, empty, failed };
 
-// Looks up the record of table and id. empty: a value with no data.
-Found fetch_named(kvdb_store *store, uint8_t table, uint32_t id, NamedRecord &rec) {
-    uint8_t key[ZFX_ZONE_DB_KEY_SIZE];
-    zfx_zone_db_key(key, table, uint16_t(id), 0);
-    int32_t status;
-    const kvdb_datum *value = fetch(store, key, sizeof key, status);
+// Checks a record the store gave for a zone or zoneset key (value NULL: the lookup failed).
+// empty: a value with no data; failed: no value, or one shorter than its fixed part or whose
+// array does not lie within it.
+Found check_named(const kvdb_datum *value, NamedRecord &rec) {
     if (value == nullptr) return Found::failed;
     if (value->data == nullptr || value->len == 0) return Found::empty;
     const size_t array_off = offsetof(zfx_zone_rec_head, tlvs);
@@ -123,11 +54,221 @@ Found fetch_named(kvdb_store *store, uint8_t table, uint32_t id, NamedRecord &re
     if (value->len < sizeof(zfx_zone_rec_head) || !tlv_array_valid(data + array_off, value->len - array_off))
         return Found::failed;
     rec.id = load_le16(data);
-    copy_str_to_buf(ZFX_NAME_SIZE, rec.name, reinterpret_cast<const char *>(data + offsetof(zfx_zone_rec_head, name)));
+    rec.name = reinterpret_cast<const char *>(data + offsetof(zfx_zone_rec_head, name));
+    rec.name_len = uint8_t(strnlen(rec.name, ZFX_NAME_SIZE - 1));
     rec.array = data + array_off;
     rec.avail = value->len - array_off;
     return Found::yes;
 }
+
+// Looks up the record of table and id.
+Found fetch_named(kvdb_store *store, uint8_t table, uint32_t id, NamedRecord &rec) {
+    uint8_t key[ZFX_ZONE_DB_KEY_SIZE];
+    zfx_zone_db_key(key, table, uint16_t(id), 0);
+    int32_t status;
+    return check_named(fetch(store, key, sizeof key, status), rec);
+}
+
+// The zone records, read with one walk of the zone table in key order and kept by zone id for
+// both passes: each record is checked once, where the walk reads it, and the zoneset pass takes
+// its zone names from here instead of looking every member zone up again. What the walk did not
+// bring (no memory for the table, a value it could not read, a key past the first one that is
+// not a zone key) is looked up in the store when first asked for, and kept as well: the text and
+// its failures are the same either way.
+class ZoneTable {
+public:
+    explicit ZoneTable(kvdb_store *store) : store_(store) {
+        slots_ = static_cast<Slot *>(mem_zalloc_array(kZoneBits, sizeof(Slot)));
+        if (slots_ == nullptr) return;
+        constexpr uint8_t start[2] = {ZFX_KVDB_ZONE_KEY, 0};
+        constexpr KeyShape shape{ZFX_KVDB_ZONE_KEY, kind_bit(0), ZFX_ZONE_DB_KEY_SIZE, 1, 1};
+        walk_table(store, TableWalk{shape, start, sizeof start}, UINT32_MAX, [&](const kvdb_datum &key, const kvdb_datum &value) {
+            const uint8_t *k = static_cast<const uint8_t *>(key.data);
+            const uint32_t id = load_le16(k + 2);
+            // Only the key a lookup of the id would ask for, and only a value the walk could read.
+            if (load_le16(k + 4) != 0 || id >= kZoneBits || value.data == nullptr) return;
+            slots_[id].found = check_named(&value, slots_[id].rec);
+        });
+    }
+    ~ZoneTable() { std::free(slots_); }
+    ZoneTable(const ZoneTable &) = delete;
+    ZoneTable &operator=(const ZoneTable &) = delete;
+
+    // The zone record of id, checked.
+    Found get(uint32_t id, NamedRecord &rec) {
+        if (slots_ == nullptr || id >= kZoneBits) return fetch_named(store_, ZFX_KVDB_ZONE_KEY, id, rec);
+        Slot &slot = slots_[id];
+        if (slot.found == Found::unread) slot.found = fetch_named(store_, ZFX_KVDB_ZONE_KEY, id, slot.rec);
+        rec = slot.rec;
+        return slot.found;
+    }
+
+private:
+    struct Slot {
+        NamedRecord rec;
+        Found found;
+    };
+    kvdb_store *store_;
+    Slot *slots_ = nullptr;
+};
+
+// The bytes of a member bitmap element's bits (they follow its 4-byte count word) that name
+// member ids: at most kIdBits of them.
+uint32_t member_bytes(const Tlv &bits) {
+    const uint32_t n = bits.len > 4 ? bits.len - 4u : 0u;
+    return n < ZFX_MEMBER_BITMAP_SIZE ? n : ZFX_MEMBER_BITMAP_SIZE;
+}
+
+// for_each_id over the member ids a member bitmap element names.
+template <typename Visit>
+int32_t for_each_member(const Tlv &bits, Visit &&visit) {
+    const uint32_t n = member_bytes(bits);
+    return n == 0 ? 0 : for_each_id(bits.value + 4, 8 * n, visit);
+}
+
+// The member records the zones ask for, found with one walk of the member table in key order and
+// grouped by zone, so that a zone's members come from its group rather than from a store lookup
+// each. A zone's group has a place for each member its record's bitmap names, filled in the
+// table's key order, so no sort is needed. The table is ordered by member id first, so a zone's
+// records lie all over it: the zone pass reads the records of a group and of the groups after it
+// together (touch) before decoding them one by one. Whatever the index does not hold (no memory
+// for it, a value the walk could not read, a group that is full, a key past the first one that
+// does not look like a member key) is looked up in the store as before: the text and its failures
+// are the same either way.
+class MemberIndex {
+public:
+    MemberIndex(kvdb_store *store, ZoneTable &zones, const uint8_t *zone_ids) {
+        // The groups, by the zone id the records hold (member keys carry that one).
+        starts_ = static_cast<uint32_t *>(mem_zalloc_array(kZoneBits + 1, sizeof(uint32_t)));
+        ends_ = static_cast<uint32_t *>(mem_zalloc_array(kZoneBits, sizeof(uint32_t)));
+        if (starts_ == nullptr || ends_ == nullptr) {
+            release();
+            return;
+        }
+        // Group z has its places from starts_[z] to starts_[z + 1] (counted into starts_[z + 1]
+        // first); the walk fills them in order, ends_[z] the first one not filled. An entry is
+        // the record of its own key, whichever zone record asks for it: when two records hold one
+        // id, the first one's count sizes the group and what does not fit is looked up.
+        for_each_id(zone_ids, kZoneBits, [&](uint32_t id) {
+            NamedRecord zone;
+            if (zones.get(id, zone) == Found::yes && zone.id < kZoneBits && starts_[zone.id + 1] == 0)
+                starts_[zone.id + 1] = count_ids(members_element(zone));
+            return 0;
+        });
+        for (uint32_t z = 0; z < kZoneBits; ++z) {
+            starts_[z + 1] += starts_[z];
+            ends_[z] = starts_[z];
+        }
+        const uint32_t total = starts_[kZoneBits];
+        entries_ = static_cast<Entry *>(mem_zalloc_array(total, sizeof(Entry)));
+        if (entries_ == nullptr) {
+            release();
+            return;
+        }
+        constexpr uint8_t start[2] = {ZFX_KVDB_ZONE_MEMBER_KEY, 0};
+        constexpr KeyShape shape{ZFX_KVDB_ZONE_MEMBER_KEY, kind_bit(0), ZFX_ZONE_DB_KEY_SIZE, 1, 1};
+        walk_table(store, TableWalk{shape, start, sizeof start}, UINT32_MAX, [&](const kvdb_datum &key, const kvdb_datum &value) {
+            const uint8_t *k = static_cast<const uint8_t *>(key.data);
+            const uint32_t zone = load_le16(k + 4);
+            // A member the zone's bitmap does not name would only take the place of one it names,
+            // which is then looked up: the text is the same, and the walk need not read the
+            // bitmaps (they lie all over the zone table). A value the walk could not read, or one
+            // too long for an entry, is left to the lookup.
+            if (zone >= kZoneBits || ends_[zone] == starts_[zone + 1] || value.data == nullptr || value.len == 0 ||
+                value.len > UINT16_MAX)
+                return;
+            entries_[ends_[zone]++] = Entry{static_cast<const uint8_t *>(value.data), uint16_t(value.len), load_le16(k + 2)};
+        });
+    }
+    ~MemberIndex() { release(); }
+    MemberIndex(const MemberIndex &) = delete;
+    MemberIndex &operator=(const MemberIndex &) = delete;
+
+    // The value of the member's record, or NULL when the index does not hold one.
+    const kvdb_datum *find(uint16_t zone, uint16_t member) {
+        if (entries_ == nullptr || zone >= kZoneBits) return nullptr;
+        const Entry *first = entries_ + starts_[zone], *last = entries_ + ends_[zone];
+        // The zone pass asks for a zone's members in ascending id, which is the group's order
+        // below id 256: the entry after the last one found is tried first.
+        const Entry *e = next_ != nullptr && next_ >= first && next_ < last && next_->member == member ? next_ : nullptr;
+        if (e == nullptr) {
+            // A group is in the table's key order: the member id's low byte first.
+            const auto rank = [](uint16_t id) { return uint16_t(id << 8 | id >> 8); };
+            e = std::lower_bound(first, last, rank(member), [&](const Entry &a, uint16_t r) { return rank(a.member) < r; });
+        }
+        if (e == last || e->member != member) return nullptr;
+        next_ = e + 1;
+        found_ = kvdb_datum{const_cast<uint8_t *>(e->data), e->len};
+        return &found_;
+    }
+
+    // Reads a byte of each line of the records of zone's group and of the groups after it, at
+    // least kAhead records, all at once and each record once, before the zone pass decodes them
+    // one by one: the reads wait on memory together instead of one after another. Returns what
+    // it read, for the caller to keep.
+    uint32_t touch(uint32_t zone) {
+        constexpr uint32_t kAhead = 64;
+        uint32_t sum = 0;
+        if (entries_ == nullptr || zone >= kZoneBits) return sum;
+        const uint32_t total = starts_[kZoneBits];
+        const uint32_t until = std::min(total, std::max(ends_[zone], starts_[zone] + kAhead));
+        for (uint32_t i = std::max(touched_, starts_[zone]); i < until; ++i) {
+            const Entry &e = entries_[i];  // places a walk left empty have no record
+            if (e.data != nullptr) sum += e.data[0] + e.data[e.len - 1];
+        }
+        touched_ = std::max(touched_, until);
+        return sum;
+    }
+
+private:
+    struct Entry {
+        const uint8_t *data;
+        uint16_t len;
+        uint16_t member;
+    };
+
+    // The last member bitmap element of a zone record (the one the zone pass takes).
+    static Tlv members_element(const NamedRecord &zone) {
+        Tlv found{};
+        TlvWalk walk(zone.array, zone.avail);
+        for (Tlv e; walk.next(e);)
+            if (e.type == ZFX_TLV_ZONE_MEMBERS) found = e;
+        return found;
+    }
+    static uint32_t count_ids(const Tlv &bits) {
+        uint32_t n = 0;
+        for_each_member(bits, [&](uint32_t) {
+            ++n;
+            return 0;
+        });
+        return n;
+    }
+
+    void release() {
+        std::free(entries_);
+        std::free(ends_);
+        std::free(starts_);
+        entries_ = nullptr;
+        ends_ = nullptr;
+        starts_ = nullptr;
+    }
+
+    uint32_t *starts_ = nullptr;
+    uint32_t *ends_ = nullptr;
+    Entry *entries_ = nullptr;
+    const Entry *next_ = nullptr;
+    uint32_t touched_ = 0;
+    kvdb_datum found_{};
+};
+
+struct Section {
+    kvdb_store *store;
+    uint32_t handle;
+    ZoneTable *zones;
+    MemberIndex *members;
+    volatile uint32_t touched;  // what MemberIndex::touch read
+    char line[kLineSize];
+};
 
 // A bitmap element's bits (after its 4-byte count word) into dst, at most size bytes; dst is
 // cleared first, so a short element leaves the rest of it empty.
@@ -136,58 +277,61 @@ void take_bitmap(uint8_t *dst, size_t size, const Tlv &e) {
     if (e.len > 4) std::memcpy(dst, e.value + 4, size_t(e.len - 4) < size ? size_t(e.len - 4) : size);
 }
 
-// One member line in three pieces: the member, the LUN column, the VSAN and fabric ID.
+// One member line: the member, the LUN column, the VSAN and fabric ID. The WWN and LUN texts are
+// left in the process-wide scratch strings, as the section has always left them.
 void member_line(Section &s, const zfx_zone_member_node &m) {
     MemberShape shape{};
     const bool known = member_shape(m.type, shape);
+    Line line(s.line, sizeof s.line);
     if (known && shape.pwwn) {
         plat_wwn wwn;
         std::memcpy(wwn.bytes, m.pwwn, sizeof wwn.bytes);
         fmt_wwn(zfx_sp_wwn_str, wwn);
-        emit(s.handle, ZFX_ELEM_ZONE, 1, s.line, sizeof s.line, "member pwwn %s ", zfx_sp_wwn_str);
+        line.text("member pwwn ").text(zfx_sp_wwn_str, FMT_WWN_SIZE - 1).text(" ");
     } else if (known && shape.alias) {
-        emit(s.handle, ZFX_ELEM_ZONE, 1, s.line, sizeof s.line, "member device-alias %-15s ", m.device_alias);
+        line.text("member device-alias ").left(m.device_alias, 15).text(" ");
     }
     if (known && shape.lun) {
-        fmt_lun(lun_str, m.lun);
-        emit(s.handle, ZFX_ELEM_ZONE, 1, s.line, sizeof s.line, "lun %s ", lun_str);
+        line.text("lun ").text(lun_str, std::strlen(fmt_lun(lun_str, m.lun))).text(" ");
     } else {
-        emit(s.handle, ZFX_ELEM_ZONE, 1, s.line, sizeof s.line, "%s", kNoLun);
+        line.text(kNoLun, sizeof kNoLun - 1);
     }
-    if (m.afid == 1)
-        emit(s.handle, ZFX_ELEM_ZONE, 1, s.line, sizeof s.line, "vsan %d\n", int32_t(m.vsan));
-    else
-        emit(s.handle, ZFX_ELEM_ZONE, 1, s.line, sizeof s.line, "vsan %d autonomous-fabric-id %d\n",
-             int32_t(m.vsan), int32_t(m.afid));
+    line.text("vsan ").dec(int32_t(m.vsan));
+    if (m.afid != 1) line.text(" autonomous-fabric-id ").dec(int32_t(m.afid));
+    line.end().add(s.handle, ZFX_ELEM_ZONE, 1);
 }
 
 int32_t zone_text(Section &s, uint32_t id) {
     NamedRecord zone;
-    const Found found = fetch_named(s.store, ZFX_KVDB_ZONE_KEY, id, zone);
+    const Found found = s.zones->get(id, zone);
     if (found != Found::yes) return found == Found::empty ? 0 : ZFX_ERR_KVDB;
-    emit(s.handle, ZFX_ELEM_ZONE, 0, s.line, sizeof s.line, "zfx zone name %s\n", zone.name);
+    Line line(s.line, sizeof s.line);
+    line.text("zfx zone name ").text(zone.name, zone.name_len).end().add(s.handle, ZFX_ELEM_ZONE, 0);
     commit_reqd = 1;
-    uint8_t members[ZFX_MEMBER_BITMAP_SIZE] = {};
-    TlvWalk walk(zone.array, zone.avail);
+    Tlv members{};  // the last member bitmap element counts
+    TlvWalk walk(zone.array, zone.avail);  // checked when the record was read
     for (Tlv e; walk.next(e);) {
         if (e.type == ZFX_TLV_ZONE_QOS && e.len >= 4) {
             const uint32_t qos = load_le32(e.value);
             if (qos < std::size(kQos) && kQos[qos] != nullptr)
-                emit(s.handle, ZFX_ELEM_ZONE, 1, s.line, sizeof s.line, "attribute qos priority %s\n", kQos[qos]);
+                line.text("attribute qos priority ").text(kQos[qos]).end().add(s.handle, ZFX_ELEM_ZONE, 1);
         } else if (e.type == ZFX_TLV_ZONE_READ_ONLY && e.len >= 4 && load_be32(e.value) == 1) {
-            emit(s.handle, ZFX_ELEM_ZONE, 1, s.line, sizeof s.line, "%s", "attribute read-only\n");
+            line.text("attribute read-only\n").add(s.handle, ZFX_ELEM_ZONE, 1);
         } else if (e.type == ZFX_TLV_ZONE_MEMBERS) {
-            take_bitmap(members, sizeof members, e);
+            members = e;
         }
     }
     // Member keys carry the zone id the record itself holds.
-    return for_each_id(members, kIdBits, [&](uint32_t member_id) {
-        uint8_t key[ZFX_ZONE_DB_KEY_SIZE];
-        zfx_zone_db_key(key, ZFX_KVDB_ZONE_MEMBER_KEY, uint16_t(member_id), zone.id);
-        int32_t status;
+    return for_each_member(members, [&](uint32_t member_id) {
         const kvdb_datum *value = s.members->find(zone.id, uint16_t(member_id));
-        if (value == nullptr) value = fetch(s.store, key, sizeof key, status);
-        zfx_zone_member_node m{};
+        if (value == nullptr) {
+            uint8_t key[ZFX_ZONE_DB_KEY_SIZE];
+            zfx_zone_db_key(key, ZFX_KVDB_ZONE_MEMBER_KEY, uint16_t(member_id), zone.id);
+            int32_t status;
+            value = fetch(s.store, key, sizeof key, status);
+        }
+        zfx_zone_member_node m;
+        std::memset(&m, 0, sizeof m);
         if (value == nullptr || !decode_member(value->data, value->len, m)) return ZFX_ERR_KVDB;
         member_line(s, m);
         return 0;
@@ -197,7 +341,8 @@ int32_t zone_text(Section &s, uint32_t id) {
 int32_t zoneset_text(Section &s, uint32_t id) {
     NamedRecord zoneset;
     if (fetch_named(s.store, ZFX_KVDB_ZONESET_KEY, id, zoneset) != Found::yes) return ZFX_ERR_KVDB;
-    emit(s.handle, ZFX_ELEM_ZONE, 0, s.line, sizeof s.line, "zfx zoneset name %s\n", zoneset.name);
+    Line line(s.line, sizeof s.line);
+    line.text("zfx zoneset name ").text(zoneset.name, zoneset.name_len).end().add(s.handle, ZFX_ELEM_ZONE, 0);
     commit_reqd = 1;
     // The full bitmap (60) when the record has one, otherwise the short one (4).
     uint8_t zones[ZFX_ZONE_BITMAP_SIZE] = {};
@@ -215,9 +360,8 @@ int32_t zoneset_text(Section &s, uint32_t id) {
     if (!full) std::memcpy(zones, short_zones, sizeof short_zones);
     return for_each_id(zones, kZoneBits, [&](uint32_t zone_id) {
         NamedRecord zone;
-        const Found found = fetch_named(s.store, ZFX_KVDB_ZONE_KEY, zone_id, zone);
-        if (found == Found::yes)
-            emit(s.handle, ZFX_ELEM_ZONE, 1, s.line, sizeof s.line, "member %s\n", zone.name);
+        const Found found = s.zones->get(zone_id, zone);
+        if (found == Found::yes) line.text("member ").text(zone.name, zone.name_len).end().add(s.handle, ZFX_ELEM_ZONE, 1);
         return found == Found::failed ? ZFX_ERR_KVDB : 0;
     });
 }
@@ -235,8 +379,10 @@ int32_t activation_text(Section &s) {
     uint32_t options = 0;
     const bool force = zfx_zone_kvdb_restore_options_from_kvdb(s.store, &options) == 0 &&
                        (load_be32(&options) & ZFX_ZONE_OPTIONS_FORCE) != 0;
-    emit(s.handle, ZFX_ELEM_ZONE, 0, s.line, sizeof s.line, force ? "zfx zoneset activate name %s force\n"
-                                                                 : "zfx zoneset activate name %s\n", name);
+    Line line(s.line, sizeof s.line);
+    line.text("zfx zoneset activate name ").text(name);
+    if (force) line.text(" force");
+    line.end().add(s.handle, ZFX_ELEM_ZONE, 0);
     return 0;
 }
 
@@ -260,14 +406,13 @@ int32_t zfx_zone_generate_ascii_config(kvdb_store *store) {
     if (bit_next(header.zones, kZoneBits, 0) == kZoneBits)
         std::memcpy(header.zones, header.zones_short, sizeof header.zones_short);
 
-    uint32_t last_zone = 0;
-    for_each_id(header.zones, kZoneBits, [&](uint32_t id) {
-        last_zone = id;
-        return 0;
-    });
-    const MemberIndex members(store, last_zone + 1);
-    Section s{store, gen_handle, &members, {}};
-    if (const int32_t r = for_each_id(header.zones, kZoneBits, [&](uint32_t id) { return zone_text(s, id); }))
+    ZoneTable zones(store);
+    MemberIndex members(store, zones, header.zones);
+    Section s{store, gen_handle, &zones, &members, 0, {}};
+    if (const int32_t r = for_each_id(header.zones, kZoneBits, [&](uint32_t id) {
+            s.touched = s.touched + members.touch(id);
+            return zone_text(s, id);
+        }))
         return r;
     if (const int32_t r = for_each_id(header.zonesets, kIdBits, [&](uint32_t id) { return zoneset_text(s, id); }))
         return r;

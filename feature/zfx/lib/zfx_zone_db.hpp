@@ -16,7 +16,15 @@ struct MemberShape {
 };
 
 // The shape of a member type; false for a type that is none of 0, 1, 240, 241.
-bool member_shape(uint32_t type, MemberShape &shape);
+inline bool member_shape(uint32_t type, MemberShape &shape) {
+    switch (type) {
+        case ZFX_MEMBER_PWWN: shape = {true, false, false}; return true;
+        case ZFX_MEMBER_DEVICE_ALIAS: shape = {false, true, false}; return true;
+        case ZFX_MEMBER_PWWN_LUN: shape = {true, false, true}; return true;
+        case ZFX_MEMBER_DEVICE_ALIAS_LUN: shape = {false, true, true}; return true;
+        default: return false;
+    }
+}
 
 // Decodes a stored member record of len bytes into m (see zfx_zone_decode_member_from_kvdb_cfg);
 // false, with m untouched, when the record is shorter than its head or its array does not lie

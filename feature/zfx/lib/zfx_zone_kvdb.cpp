@@ -15,16 +15,6 @@
 
 namespace zfx {
 
-bool member_shape(uint32_t type, MemberShape &shape) {
-    switch (type) {
-        case ZFX_MEMBER_PWWN: shape = {true, false, false}; return true;
-        case ZFX_MEMBER_DEVICE_ALIAS: shape = {false, true, false}; return true;
-        case ZFX_MEMBER_PWWN_LUN: shape = {true, false, true}; return true;
-        case ZFX_MEMBER_DEVICE_ALIAS_LUN: shape = {false, true, true}; return true;
-        default: return false;
-    }
-}
-
 namespace {
 
 enum class Field : uint8_t { type, pwwn, vsan, afid, lun, alias };
