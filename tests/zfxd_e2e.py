@@ -129,6 +129,10 @@ if not zfx("status", "--vsan", "10").startswith("zfx is enabled\nprotocol versio
 if zfx("info", "get", "activate-time").strip() in ("", "none"):
     fail("no activation time after an activation")
 
+dump = run(args.bin_store, "dump", store).stdout
+if 'zfxd info 32 = "1"' not in dump or "zfxd activation-time " not in dump or "unknown or malformed" in dump:
+    fail("zfx-store dump does not show zfxd's records:\n" + dump)
+
 # One zfxd per store and per socket.
 second = run(args.bin_zfxd, "--store", store, "--socket", os.path.join(work, "other.sock"), rc=1)
 if "another zfxd serves this store" not in second.stderr:

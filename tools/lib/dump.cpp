@@ -16,7 +16,9 @@
 #include "tlv.hpp"
 #include "zfx_ascii_cfg.h"
 #include "zfx_fabric.h"
+#include "zfx_service.h"
 #include "zfx_zone_db.h"
+#include "zfxd_protocol.h"
 
 namespace zfxtool {
 namespace {
@@ -166,6 +168,14 @@ Line decode(const uint8_t *k, uint32_t klen, const uint8_t *v, uint32_t vlen) {
             if (kind == ZFX2_SG_KIND_POLICY && klen == 2 && vlen >= 4 && table == ZFX2_SG_ACTIVE_TABLE)
                 return load<uint32_t>(v) != 0 ? "service-group-policy deny" : "service-group-policy permit";
             return "";
+        }
+        case ZFXD_KVDB_SERVICE_TABLE: {
+            // zfxd's own records: its settable values and the activation time.
+            if (klen != 6) return "";
+            const uint32_t key = load<uint32_t>(k + 2);
+            if (key == ZFX_INFO_KEY_ACTIVATE_TIME)
+                return vlen == 8 ? format("zfxd activation-time %u.%06u", load<uint32_t>(v), load<uint32_t>(v + 4)) : "";
+            return format("zfxd info %u = \"%s\"", key, text_field(v, vlen).c_str());
         }
         case ZFX2_PFCID_TABLE: {
             if (klen != sizeof(zfx2_pfcid_key) || vlen < sizeof(zfx2_pfcid_value)) return "";
