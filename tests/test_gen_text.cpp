@@ -124,38 +124,17 @@ TEST(GenText, EdgeFabricsKeepTheirText) {
     }
 }
 
-struct Section {
-    int32_t status;
-    std::string text;
-    bool operator==(const Section &) const = default;
-};
-
-std::ostream &operator<<(std::ostream &os, const Section &s) { return os << s.status << "\n" << s.text; }
-
-// The zone section alone, in a generation of its own.
-Section zone_section(kvdb_store *store) {
-    uint32_t handle = 0;
-    EXPECT_EQ(ptxt_hdl_init(&handle), 0);
-    zfx_gen_request take_handle{0, handle, 0, 0};
-    zfx_ascii_cfg_generate(&take_handle);  // makes it the generation in progress
-    ptxt_elem_add(handle, ZFX_PTXT_GROUP, ZFX_ELEM_ZONE, ZFX_PTXT_ELEM_KIND);
-    Section out{zfx_zone_generate_ascii_config(store), ""};
-    char *text = nullptr;
-    EXPECT_EQ(ptxt_render(handle, &text, nullptr), 0);
-    out.text = text;
-    std::free(text);
-    ptxt_hdl_release(handle);
-    return out;
-}
+using Section = zfxtest::SectionResult;
+using zfxtest::zone_section_on;
 
 // The zone section of the records read through walks, and read one lookup at a time.
 std::pair<Section, Section> both_ways(const std::vector<Record> &records) {
     Prefix p;
     zfxtest::put(p.config(), records);
-    const Section walked = zone_section(Reader(p.config()).get());
+    const Section walked = zone_section_on(Reader(p.config()).get());
     const kvdb_mem_faults no_cursor{0, 0, nullptr, 0, 1};
     kvdb_mem_inject(p.config().c_str(), &no_cursor);
-    const Section looked_up = zone_section(Reader(p.config()).get());
+    const Section looked_up = zone_section_on(Reader(p.config()).get());
     kvdb_mem_inject(p.config().c_str(), nullptr);
     return {walked, looked_up};
 }

@@ -17,30 +17,7 @@ const Bytes kWwn = {0x20, 0x00, 0x00, 0x11, 0x22, 0x33, 0x44, 0x55};
 const Bytes kLun = {0x00, 0x01, 0, 0, 0, 0, 0, 0};
 const Bytes kAttr = zeros(8);
 
-struct Result {
-    int32_t status;
-    std::string text;
-    bool operator==(const Result &) const = default;
-};
-
-std::ostream &operator<<(std::ostream &os, const Result &r) { return os << r.status << " \"" << r.text << "\""; }
-
-// Runs the zone section alone on a store, in a generation of its own.
-Result zone_section_on(kvdb_store *store) {
-    uint32_t handle = 0;
-    EXPECT_EQ(ptxt_hdl_init(&handle), 0);
-    zfx_gen_request take_handle{0, handle, 0, 0};
-    zfx_ascii_cfg_generate(&take_handle);  // makes it the generation in progress
-    ptxt_elem_add(handle, ZFX_PTXT_GROUP, ZFX_ELEM_ZONE, ZFX_PTXT_ELEM_KIND);
-    commit_reqd = 0;
-    Result out{zfx_zone_generate_ascii_config(store), ""};
-    char *text = nullptr;
-    EXPECT_EQ(ptxt_render(handle, &text, nullptr), 0);
-    out.text = text;
-    std::free(text);
-    ptxt_hdl_release(handle);
-    return out;
-}
+using Result = zfxtest::SectionResult;
 
 Result zone_section(const std::vector<Record> &records) {
     Stored r(records);

@@ -5,21 +5,7 @@
 file(REMOVE_RECURSE ${WORK})
 file(MAKE_DIRECTORY ${WORK})
 
-function(run expect_rc)
-  execute_process(COMMAND ${EMULATOR} ${ARGN} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
-  if(NOT rc EQUAL expect_rc)
-    message(FATAL_ERROR "${ARGN}: exit ${rc}, expected ${expect_rc}\nstdout: ${out}\nstderr: ${err}")
-  endif()
-  set(out "${out}" PARENT_SCOPE)
-  set(err "${err}" PARENT_SCOPE)
-endfunction()
-
-function(expect_text haystack needle)
-  string(FIND "${haystack}" "${needle}" at)
-  if(at EQUAL -1)
-    message(FATAL_ERROR "expected '${needle}' in:\n${haystack}")
-  endif()
-endfunction()
+include(${CMAKE_CURRENT_LIST_DIR}/run.cmake)
 
 run(0 ${STORE} demo ${WORK}/demo)
 execute_process(COMMAND ${EMULATOR} ${GEN} --prefix ${WORK}/demo OUTPUT_FILE ${WORK}/demo.txt RESULT_VARIABLE rc)

@@ -6,21 +6,8 @@ cmake_minimum_required(VERSION 3.25)  # lists keep their empty elements
 file(REMOVE_RECURSE ${WORK})
 file(MAKE_DIRECTORY ${WORK})
 
-function(run expect_rc)
-  execute_process(COMMAND ${EMULATOR} ${ZFX} ${ARGN} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
-  if(NOT rc EQUAL expect_rc)
-    message(FATAL_ERROR "zfx ${ARGN}: exit ${rc}, expected ${expect_rc}\nstdout: ${out}\nstderr: ${err}")
-  endif()
-  set(out "${out}" PARENT_SCOPE)
-  set(err "${err}" PARENT_SCOPE)
-endfunction()
-
-function(expect_text haystack needle)
-  string(FIND "${haystack}" "${needle}" at)
-  if(at EQUAL -1)
-    message(FATAL_ERROR "expected '${needle}' in:\n${haystack}")
-  endif()
-endfunction()
+set(RUN_PREFIX ${ZFX})
+include(${CMAKE_CURRENT_LIST_DIR}/run.cmake)
 
 # Every command with arguments it accepts.
 set(commands

@@ -11,6 +11,7 @@
 
 #include "platform/ptxt.h"
 #include "zfx_ascii_cfg.h"
+#include "zfx_zone_db.h"
 
 namespace zfxtest {
 
@@ -158,6 +159,24 @@ std::string section(const std::vector<Record> &records) {
     const std::string feature = "feature zfx\n";
     EXPECT_EQ(text.rfind(feature, 0), 0u) << text;
     return text.substr(std::min(text.size(), feature.size()));
+}
+
+std::ostream &operator<<(std::ostream &os, const SectionResult &r) { return os << r.status << " \"" << r.text << "\""; }
+
+SectionResult zone_section_on(kvdb_store *store) {
+    uint32_t handle = 0;
+    EXPECT_EQ(ptxt_hdl_init(&handle), 0);
+    zfx_gen_request take_handle{0, handle, 0, 0};
+    zfx_ascii_cfg_generate(&take_handle);  // makes it the generation in progress
+    ptxt_elem_add(handle, ZFX_PTXT_GROUP, ZFX_ELEM_ZONE, ZFX_PTXT_ELEM_KIND);
+    commit_reqd = 0;
+    SectionResult out{zfx_zone_generate_ascii_config(store), ""};
+    char *text = nullptr;
+    EXPECT_EQ(ptxt_render(handle, &text, nullptr), 0);
+    out.text = text != nullptr ? text : "";
+    std::free(text);
+    ptxt_hdl_release(handle);
+    return out;
 }
 
 }  // namespace zfxtest

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <initializer_list>
+#include <ostream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -104,6 +105,15 @@ private:
 std::string generate(std::initializer_list<std::pair<uint32_t, kvdb_store *>> stores);
 // Generates from the configuration store at location alone.
 std::string generate_from(const std::string &location);
+// The zone section alone (zfx_zone_generate_ascii_config) on a store, in a generation of its own:
+// its result and its text.
+struct SectionResult {
+    int32_t status;
+    std::string text;
+    bool operator==(const SectionResult &) const = default;
+};
+std::ostream &operator<<(std::ostream &os, const SectionResult &r);
+SectionResult zone_section_on(kvdb_store *store);
 // Generates from a store of records alone and returns the text after its feature line.
 std::string section(const std::vector<Record> &records);
 
