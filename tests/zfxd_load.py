@@ -22,6 +22,7 @@ import random
 import re
 import shutil
 import signal
+import socket
 import subprocess
 import sys
 import tempfile
@@ -68,11 +69,16 @@ def start():
     p = subprocess.Popen(emu + [args.bin_zfxd, "--store", store, "--socket", sock], stdout=log, stderr=log)
     running.append(p)
     for _ in range(1200):
-        if os.path.exists(sock) and run(args.bin_zfx, "--socket", sock, "status", rc=None).returncode == 0:
-            return p
+        if os.path.exists(sock):
+            try:
+                with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as s:
+                    s.connect(sock)
+                return p
+            except OSError:
+                pass
         if p.poll() is not None:
             fail(f"zfxd exited with {p.returncode} at start; log:\n" + open(log.name).read()[-3000:])
-        time.sleep(0.05)
+        time.sleep(0.02)
     fail("zfxd did not start listening")
 
 
@@ -232,9 +238,9 @@ def check_store():
     for z, ids in zones.items():
         if ids != members.get(z, set()):
             fail(f"zone {z}'s member bitmap {sorted(ids)} is not its member records {sorted(members.get(z, set()))}")
-    if zones or sets:
-        if header is None or header != (set(sets), set(zones), set(zones)):
-            fail(f"the header's bitmaps {header} are not the {len(sets)} zonesets and {len(zones)} zones there are")
+    # The header's short zone bitmap holds the first 251 bytes of the full one: ids 1 to 2007.
+    if (zones or sets) and (header is None or header != (set(sets), set(zones), {z for z in zones if z <= 2007})):
+        fail(f"the header's bitmaps do not hold the {len(sets)} zonesets and {len(zones)} zones there are")
     for s, ids in sets.items():
         if not ids <= set(zones):
             fail(f"zoneset {s} names zones that do not exist: {sorted(ids - set(zones))}")
@@ -307,7 +313,7 @@ def part_crash():
         tag = f"r{k}"
         p, log = load(tag, args.clients, 1000000, args.seed + k)
         # Let it run a while first, so that zfxd dies in the middle of the changes.
-        time.sleep(rng.uniform(0.05, 0.3) * (4 if emu else 1))
+        time.sleep(rng.uniform(0.05, 0.25) * (2 if emu else 1))
         stop(zfxd, signal.SIGKILL)
         finish(p)
         zfxd = start()
