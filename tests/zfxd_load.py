@@ -387,6 +387,10 @@ def part_reads():
     print(f"{len(texts)} texts read during {args.clients} x {args.requests} changes, each one whole")
 
 
-{"load": part_load, "crash": part_crash, "reads": part_reads}[args.part]()
-shutil.rmtree(scratch, ignore_errors=True)
+try:
+    {"load": part_load, "crash": part_crash, "reads": part_reads}[args.part]()
+finally:  # an unexpected error too leaves no process and no scratch store behind
+    for p in running:
+        p.kill()
+    shutil.rmtree(scratch, ignore_errors=True)
 print(f"zfxd {args.part}: passed")
