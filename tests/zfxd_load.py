@@ -19,7 +19,6 @@ usage: zfxd_load.py --part P --bin-zfxd P --bin-load P --bin-zfx P --bin-gen P -
 import argparse
 import os
 import random
-import re
 import shutil
 import signal
 import socket
@@ -130,6 +129,10 @@ class Client:
         else:
             fail("an unknown change in the log: " + " ".join(change))
 
+    def sizes(self):
+        """sizes() of state(), counted without building it."""
+        return len(self.zones), sum(len(z[2]) for z in self.zones.values()), len(self.sets), sum(len(z) for z in self.sets.values())
+
     def state(self):
         """What the configuration text shows of the client's objects."""
         return (frozenset((n, q, r, frozenset(m)) for n, (q, r, m) in self.zones.items()),
@@ -201,6 +204,11 @@ def parse(text):
 
 
 EMPTY = Client().state()
+
+
+def sizes(state):
+    zones, sets = state
+    return len(zones), sum(len(z[3]) for z in zones), len(sets), sum(len(z) for _, z in sets)
 
 
 def ranges(text):
@@ -278,6 +286,8 @@ def compare(seen, expected, what):
 # ---- the parts ------------------------------------------------------------------------------
 
 def part_load():
+    if run(args.bin_load, "--help").stdout.count("--clients") == 0 or "--clients" not in run(args.bin_load, "--clients", "0", rc=2).stderr:
+        fail("zfx-load's --help, or its refusal of a bad count")
     zfxd = start()
     p, log = load("", args.clients, args.requests, args.seed)
     rc, out, err = finish(p)
@@ -309,11 +319,14 @@ def part_crash():
     zfxd = start()
     rounds = []  # per round: client -> [candidate Client models]
     actives = {None}  # what the active zoneset may be: (name, zones) or None
+    in_flight = applied = 0  # changes unanswered at a kill, and those of them the store holds
     for k in range(args.kills):
         tag = f"r{k}"
         p, log = load(tag, args.clients, 1000000, args.seed + k)
         # Let it run a while first, so that zfxd dies in the middle of the changes.
         time.sleep(rng.uniform(0.05, 0.25) * (2 if emu else 1))
+        if p.poll() is not None:
+            fail(f"kill {k + 1}: zfx-load ended before zfxd was killed: {finish(p)[2]}")
         stop(zfxd, signal.SIGKILL)
         finish(p)
         zfxd = start()
@@ -334,6 +347,8 @@ def part_crash():
                 if not match:
                     fail(f"after kill {k + 1}: client {c}'s objects are neither its acknowledged changes nor those and "
                          f"its unanswered one:\n  seen {sorted(seen.get(c, EMPTY)[1])[:3]}\n  acked {sorted(cands[0].state()[1])[:3]}")
+                if len(cands) == 2 and r is round_:
+                    applied += match[0] is cands[1]
                 r[c] = match[:1]  # the store has decided; later rounds leave these objects alone
         # The active zoneset: client 0's last acknowledged activation, else what it was; its
         # unanswered activation may have happened too.
@@ -349,8 +364,10 @@ def part_crash():
         if now not in actives or name != (now[0] if now else None):
             fail(f"after kill {k + 1}: the active zoneset is {now} (text: {name}), not one of {actives}")
         actives = {now}
-        changes = sum(len(m[0].zones) for r in rounds for m in r.values())
-        print(f"kill {k + 1}: {len(round_)} clients, {changes} zones so far, store consistent")
+        in_flight += sum(1 for _, pending in read_log(log).values() if pending is not None)
+        zones = sum(len(m[0].zones) for r in rounds for m in r.values())
+        print(f"kill {k + 1}: {len(round_)} clients, {zones} zones so far, {in_flight} changes unanswered at kills so far, "
+              f"{applied} of them made")
     stop(zfxd, signal.SIGTERM)
 
 
@@ -365,25 +382,24 @@ def part_reads():
         fail(f"zfx-load exit {rc}:\n{out}{err}")
     if len(texts) < 3:
         fail(f"only {len(texts)} texts were read while the load ran: give it more requests")
-    # Every state each client passes through, after each of its changes; client 0's with the
-    # name of the zoneset it activated last, the one the text's activate line names.
-    passed = {}
-    for c, (acked, _) in read_log(log).items():
-        m, states = Client(), set()
-        states.add((m.state(), None))
-        for ch in acked:
-            m.apply(ch)
-            states.add((m.state(), m.active[0] if m.active else None))
-        passed[c] = states
-    for i, text in enumerate(texts):
-        seen, name = parse(text)
-        for c in set(seen) | set(passed):
-            if c not in passed:
-                fail(f"text {i}: objects of no client: {c}")
-            st = seen.get(c, EMPTY)
-            ok = any(s == st and (c != "c0" or a == name) for s, a in passed[c])
-            if not ok:
-                fail(f"text {i}: client {c}'s objects are not what any whole number of its changes made")
+    # Each text is, for every client, the state after some number of its changes, a number that
+    # does not go down from one text to the next (they were read one after the other). The
+    # client's model goes forward until it matches; the sizes tell quickly where it cannot.
+    logs, seen = read_log(log), [parse(t) for t in texts]
+    for i, (states, _) in enumerate(seen):
+        if set(states) - set(logs):
+            fail(f"text {i}: objects of no client: {sorted(set(states) - set(logs))}")
+    for c, (acked, _) in logs.items():
+        m, k = Client(), 0
+        for i, (states, name) in enumerate(seen):
+            want = states.get(c, EMPTY)
+            while not (m.sizes() == sizes(want) and m.state() == want and
+                       (c != "c0" or (m.active[0] if m.active else None) == name)):
+                if k == len(acked):
+                    fail(f"text {i}: client {c}'s objects are not what any whole number of its changes made "
+                         "(after what the text before showed)")
+                m.apply(acked[k])
+                k += 1
     print(f"{len(texts)} texts read during {args.clients} x {args.requests} changes, each one whole")
 
 

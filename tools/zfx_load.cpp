@@ -338,8 +338,8 @@ int main(int argc, char **argv) {
             std::printf("%s%s", kUsage, kHelp);
             return kExitOk;
         } else if (a == "--socket") {
-            ok = args.value(a, o.socket, error) && !o.socket.empty();
-            if (ok || error.empty()) error = "--socket needs a path";
+            ok = args.value(a, o.socket, error);
+            if (ok && o.socket.empty()) ok = false, error = "--socket needs a path";
         } else if (a == "--clients") {
             ok = args.number(a, 64, o.clients, error, 1);
         } else if (a == "--requests") {
@@ -349,9 +349,10 @@ int main(int argc, char **argv) {
         } else if (a == "--seed") {
             ok = args.number(a, UINT64_MAX, o.seed, error);
         } else if (a == "--tag") {
-            ok = args.value(a, o.tag, error) && o.tag.size() <= 16 &&
-                 std::all_of(o.tag.begin(), o.tag.end(), [](char ch) { return std::isalnum((unsigned char)ch) != 0; });
-            if (!ok && error.empty()) error = "--tag takes at most 16 letters and digits";
+            ok = args.value(a, o.tag, error);
+            // The tag goes into names, before the client's part that the checker splits off at "-".
+            if (ok && (o.tag.size() > 16 || !std::all_of(o.tag.begin(), o.tag.end(), [](char ch) { return std::isalnum((unsigned char)ch) != 0; })))
+                ok = false, error = "--tag takes at most 16 letters and digits";
         } else if (a == "--log") {
             ok = args.value(a, o.log, error);
         } else {
