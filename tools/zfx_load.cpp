@@ -104,8 +104,7 @@ struct Client {
     size_t pick(size_t n) { return size_t(rng() % n); }
 };
 
-// Sends one request through send and times it. Returns the result; a -1 (no answer came, or
-// the connection is gone) stops the client.
+// Sends one request through send, records how long its answer took, and returns its result.
 template <typename Send>
 uint32_t timed(Client &c, Send send) {
     const auto t0 = std::chrono::steady_clock::now();
@@ -114,7 +113,9 @@ uint32_t timed(Client &c, Send send) {
     return r;
 }
 
-// Records a change's outcome; true when it was acknowledged, so that the caller applies it.
+// Records a change's outcome; true when it was acknowledged, so that the caller applies it to
+// the client's objects. One left unanswered (the connection is gone, or no answer came in time)
+// may or may not have been made: the client stops there, since what it owns is no longer known.
 bool outcome(Client &c, uint32_t r, const std::string &change) {
     const char *word = "ok";
     if (r == 0) {
