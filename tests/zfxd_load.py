@@ -372,7 +372,7 @@ def part_crash():
 
 
 def part_reads():
-    start()
+    zfxd = start()
     p, log = load("", args.clients, args.requests, args.seed)
     texts = []
     while p.poll() is None:
@@ -400,6 +400,7 @@ def part_reads():
                          "(after what the text before showed)")
                 m.apply(acked[k])
                 k += 1
+    stop(zfxd, signal.SIGTERM)
     print(f"{len(texts)} texts read during {args.clients} x {args.requests} changes, each one whole")
 
 
