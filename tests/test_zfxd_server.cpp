@@ -84,11 +84,12 @@ bool hung_up(int fd) {
     }
 }
 
-// A served client: an enabled-status query answers.
+// A served client: a query waiting at most one second (the bound every hostile client must leave
+// the others) is answered.
 bool served(const Running &r) {
     plat_endpoint *ep = plat_endpoint_open_socket(r.socket().c_str());
-    zfx_status_reply *reply = nullptr;
-    const bool ok = ep != nullptr && zfx_is_zfx_enabled(ep, &reply) == 0 && reply->enabled == 1;
+    zfx_info_record *reply = ep != nullptr ? zfx_dlg_get_info_with_timeout(ep, ZFXD_INFO_ZONES, 1) : nullptr;
+    const bool ok = reply != nullptr;
     std::free(reply);
     plat_endpoint_close(ep);
     return ok;
