@@ -25,7 +25,9 @@
 namespace zfxd {
 namespace {
 
+using zfxtool::id_bit;
 using zfxtool::load;
+using zfxtool::set_id_bit;
 
 void put_be32(Bytes &out, uint32_t v) {
     const uint32_t n = htonl(v);
@@ -33,24 +35,20 @@ void put_be32(Bytes &out, uint32_t v) {
     out.insert(out.end(), p, p + 4);
 }
 
-using zfxtool::id_bit;
-using zfxtool::set_id_bit;
-
 Answer status(int32_t result) { return Answer{result, false, {}}; }
 Answer reply(Bytes bytes) { return Answer{0, true, std::move(bytes)}; }
 
 // ---- requests ------------------------------------------------------------------------------------
 
-// The three zone message kinds: where the entry's ids and the TLV array lie.
-struct Kind {
+// The three zone message layouts: where the entry's ids and the TLV array lie.
+struct Layout {
     uint32_t array_at;   // 28, 12, 16
     uint32_t id_at;      // zoneset 24, zone 8, member 12
     uint32_t parent_at;  // member 8; 0 for none
-    const char *name;
 };
-constexpr Kind kZoneset{28, 24, 0, "zoneset"};
-constexpr Kind kZone{12, 8, 0, "zone"};
-constexpr Kind kMember{16, 12, 8, "member"};
+constexpr Layout kZoneset{28, 24, 0};
+constexpr Layout kZone{12, 8, 0};
+constexpr Layout kMember{16, 12, 8};
 
 // A zone message as received: its header fields in host order and its elements (the first of
 // each type), checked to lie within the payload.
@@ -92,7 +90,7 @@ struct Aligned {
     std::vector<uint32_t> words;
 };
 
-bool parse(const Kind &kind, const uint8_t *p, uint32_t n, Msg &msg) {
+bool parse(const Layout &kind, const uint8_t *p, uint32_t n, Msg &msg) {
     if (n < kind.array_at + 4) return false;
     msg.flags = load<uint16_t>(p + 4);
     msg.id = ntohl(load<uint32_t>(p + kind.id_at));
