@@ -3,18 +3,12 @@
 
 #include <cstring>
 
+#include "byte_order.hpp"
+
 namespace {
 
-uint32_t get32(const uint8_t *p) {
-    return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3];
-}
-
-void put32(uint8_t *p, uint32_t v) {
-    p[0] = uint8_t(v >> 24);
-    p[1] = uint8_t(v >> 16);
-    p[2] = uint8_t(v >> 8);
-    p[3] = uint8_t(v);
-}
+using plat::load_be32;
+using plat::store_be32;
 
 // The header's 32-bit words from offset 8 on, in their order, as members of plat_frame: one
 // table serves the writer and the reader.
@@ -50,27 +44,27 @@ extern "C" {
 void plat_frame_encode(const plat_frame *frame, void *out) {
     auto *p = static_cast<uint8_t *>(out);
     std::memset(p, 0, PLAT_FRAME_HEADER_SIZE);
-    put32(p, PLAT_FRAME_MAGIC);
-    put32(p + 4, PLAT_FRAME_VERSION << 16 | frame->kind);
-    each_word([&](size_t at, uint32_t plat_frame::*field) { put32(p + at, frame->*field); });
-    each_signed([&](size_t at, int32_t plat_frame::*field) { put32(p + at, uint32_t(frame->*field)); });
+    store_be32(p, PLAT_FRAME_MAGIC);
+    store_be32(p + 4, PLAT_FRAME_VERSION << 16 | frame->kind);
+    each_word([&](size_t at, uint32_t plat_frame::*field) { store_be32(p + at, frame->*field); });
+    each_signed([&](size_t at, int32_t plat_frame::*field) { store_be32(p + at, uint32_t(frame->*field)); });
 }
 
 int32_t plat_frame_decode(const void *buf, size_t len, uint32_t max_payload, plat_frame *frame) {
     if (len < PLAT_FRAME_HEADER_SIZE) return PLAT_FRAME_SHORT;
     const auto *p = static_cast<const uint8_t *>(buf);
-    if (get32(p) != PLAT_FRAME_MAGIC) return PLAT_FRAME_BAD_MAGIC;
-    if (get32(p + 4) >> 16 != PLAT_FRAME_VERSION) return PLAT_FRAME_BAD_VERSION;
+    if (load_be32(p) != PLAT_FRAME_MAGIC) return PLAT_FRAME_BAD_MAGIC;
+    if (load_be32(p + 4) >> 16 != PLAT_FRAME_VERSION) return PLAT_FRAME_BAD_VERSION;
     plat_frame f{};
-    f.kind = uint16_t(get32(p + 4));
+    f.kind = uint16_t(load_be32(p + 4));
     if (f.kind != PLAT_FRAME_CALL && f.kind != PLAT_FRAME_ANSWER) return PLAT_FRAME_BAD_KIND;
-    each_word([&](size_t at, uint32_t plat_frame::*field) { f.*field = get32(p + at); });
-    each_signed([&](size_t at, int32_t plat_frame::*field) { f.*field = int32_t(get32(p + at)); });
+    each_word([&](size_t at, uint32_t plat_frame::*field) { f.*field = load_be32(p + at); });
+    each_signed([&](size_t at, int32_t plat_frame::*field) { f.*field = int32_t(load_be32(p + at)); });
     // A receive is the endpoint's own business: it never crosses the wire.
     if (f.op < PLAT_OP_REQ_RESP || f.op > PLAT_OP_RAW_SEND || f.op == PLAT_OP_RECV || f.want_reply > 1)
         return PLAT_FRAME_BAD_OP;
     const uint32_t known = PLAT_FRAME_HAS_PAYLOAD | PLAT_FRAME_HAS_OPT_A;
-    if ((f.flags & ~known) != 0 || get32(p + 76) != 0 ||
+    if ((f.flags & ~known) != 0 || load_be32(p + 76) != 0 ||
         ((f.flags & PLAT_FRAME_HAS_PAYLOAD) == 0 && f.payload_length != 0) ||
         ((f.flags & PLAT_FRAME_HAS_OPT_A) == 0 && f.opt_a_length != 0))
         return PLAT_FRAME_BAD_FLAGS;

@@ -4,21 +4,14 @@
 #include <cerrno>
 #include <cstring>
 
+#include "byte_order.hpp"
 #include "endpoint_impl.hpp"
 #include "platform/dir.h"
 
 namespace {
 
-uint32_t load_be32(const uint8_t *p) {
-    return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3];
-}
-
-void store_be32(uint8_t *p, uint32_t v) {
-    p[0] = uint8_t(v >> 24);
-    p[1] = uint8_t(v >> 16);
-    p[2] = uint8_t(v >> 8);
-    p[3] = uint8_t(v);
-}
+using plat::load_be32;
+using plat::store_be32;
 
 void hold(xqb_msg *held, plat_msg *msg) {
     plat_msg_free(held->msg);

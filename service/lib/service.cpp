@@ -30,9 +30,8 @@ using zfxtool::load;
 using zfxtool::set_id_bit;
 
 void put_be32(Bytes &out, uint32_t v) {
-    const uint32_t n = htonl(v);
-    const auto *p = reinterpret_cast<const uint8_t *>(&n);
-    out.insert(out.end(), p, p + 4);
+    const Bytes b = zfxtool::be32(v);
+    out.insert(out.end(), b.begin(), b.end());
 }
 
 Answer status(int32_t result) { return Answer{result, false, {}}; }

@@ -36,17 +36,6 @@ Bytes service_key(uint32_t key) {
 
 Bytes flags_key() { return {uint8_t(ZFX_KVDB_GLOBAL_FLAGS_KEY), 0x01}; }
 
-std::string hex(const uint8_t *p, size_t n) {
-    static const char digits[] = "0123456789abcdef";
-    std::string out;
-    for (size_t i = 0; i < n; ++i) {
-        if (i != 0) out += ' ';
-        out += digits[p[i] >> 4];
-        out += digits[p[i] & 15];
-    }
-    return out;
-}
-
 // The ids of a zoneset's zones in a stored zoneset record's array: the full bitmap (type 60)
 // when the record has one, else the short one (type 4).
 bool zoneset_zones(const uint8_t *array, size_t len, std::vector<uint16_t> &zones) {
@@ -130,10 +119,10 @@ std::string ZoneDb::rebuild(kvdb_store *store, const std::string &location) {
          k = kvdb_move2location(store, KVDB_LOC_NEXT, &cursor)) {
         const auto *kp = static_cast<const uint8_t *>(k->data);
         const kvdb_datum *v = kvdb_getvalue(store, &cursor);
-        if (v == nullptr) return location + ": a record cannot be read (key " + hex(kp, k->len) + ")";
+        if (v == nullptr) return location + ": a record cannot be read (key " + zfxtool::hex(kp, k->len) + ")";
         const auto *vp = static_cast<const uint8_t *>(v->data);
         const uint32_t vlen = vp != nullptr ? v->len : 0;
-        const std::string bad = location + ": a malformed record (key " + hex(kp, k->len) + ", " + std::to_string(vlen) + " value bytes)";
+        const std::string bad = location + ": a malformed record (key " + zfxtool::hex(kp, k->len) + ", " + std::to_string(vlen) + " value bytes)";
         const uint8_t table = kp[0];
         const bool six = k->len == ZFX_ZONE_DB_KEY_SIZE;
         const uint16_t first = six ? load<uint16_t>(kp + 2) : 0, second = six ? load<uint16_t>(kp + 4) : 0;

@@ -23,18 +23,6 @@
 namespace zfxtool {
 namespace {
 
-std::string hex(const uint8_t *p, size_t n) {
-    static const char digits[] = "0123456789abcdef";
-    std::string out;
-    out.reserve(n * 3);
-    for (size_t i = 0; i < n; ++i) {
-        if (i != 0) out += ' ';
-        out += digits[p[i] >> 4];
-        out += digits[p[i] & 15];
-    }
-    return out;
-}
-
 
 // Ids of a bitmap in the zone database's bit order (id n: 0x80 >> n % 8 of byte n / 8), as runs.
 std::string id_runs(const uint8_t *bits, size_t bytes) {

@@ -34,7 +34,6 @@ Bytes bytes_of(const T &value) {
 
 Bytes set_bytes(const VsanSet &set) { return bytes_of(set.bits); }
 
-Bytes be32(uint32_t v) { return {uint8_t(v >> 24), uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)}; }
 
 void copy_name(char (&field)[ZFX_NAME_SIZE], const std::string &name) {
     std::memset(field, 0, sizeof field);
@@ -382,6 +381,20 @@ std::string write_fabric(const Fabric &fabric, const std::string &dir, const std
         error = write_store(debug_store, debug, replace);
     return error;
 }
+
+std::string hex(const uint8_t *p, size_t n) {
+    static const char digits[] = "0123456789abcdef";
+    std::string out;
+    out.reserve(n * 3);
+    for (size_t i = 0; i < n; ++i) {
+        if (i != 0) out += ' ';
+        out += digits[p[i] >> 4];
+        out += digits[p[i] & 15];
+    }
+    return out;
+}
+
+Bytes be32(uint32_t v) { return {uint8_t(v >> 24), uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)}; }
 
 std::string format(const char *fmt, ...) {
     char buf[512];

@@ -171,6 +171,10 @@ std::string write_store(const std::string &location, const std::vector<Record> &
 // what it held before).
 std::string write_fabric(const Fabric &fabric, const std::string &dir, const std::string &debug_dir, bool replace);
 
+// Bytes as two-digit lower-case hexadecimal joined by blanks ("01 ff 20").
+std::string hex(const uint8_t *p, size_t n);
+// A 32-bit number's bytes in network order.
+Bytes be32(uint32_t v);
 // printf into a string (at most 511 characters).
 std::string format(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 // Formats bytes for people: a WWN "aa:bb:...", a LUN "0x0001" (as the zone text does).

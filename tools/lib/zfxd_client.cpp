@@ -101,11 +101,7 @@ uint32_t Connection::reply_length() const { return relay_->length; }
 // ---- reading the replies ---------------------------------------------------------------------
 
 namespace {
-uint32_t load32(const uint8_t *p) {
-    uint32_t v;
-    std::memcpy(&v, p, sizeof v);
-    return v;
-}
+uint32_t load32(const uint8_t *p) { return load<uint32_t>(p); }
 uint32_t load_be32(const uint8_t *p) { return ntohl(load32(p)); }
 }  // namespace
 
