@@ -108,6 +108,9 @@ ZFX_EXTERN_C_BEGIN
 #define ZFXD_ERR_STORE ((int32_t)0x40A10007)       /* the store transaction failed: nothing changed */
 /* A create without its required elements answers the library's ZFX_ERR_CREATE_INCOMPLETE. */
 
+/* The name server's answer for a port name it does not know (platform/dir.h's DIR_ERR_NOT_FOUND). */
+#define ZFXD_DIR_ERR_NOT_FOUND ((int32_t)0x40520002)
+
 /* The name of a status of the service or of the library's request path, for messages:
  * "ZFXD_ERR_NOT_FOUND", "ZFX_ERR_CREATE_INCOMPLETE", ...; NULL for one it does not know. */
 static inline const char *zfxd_status_name(int32_t status) {
@@ -125,6 +128,8 @@ static inline const char *zfxd_status_name(int32_t status) {
         case ZFX_ERR_INVALID_ARG: return "ZFX_ERR_INVALID_ARG";
         case ZFX_ERR_INVALID_VALUE: return "ZFX_ERR_INVALID_VALUE";
         case ZFX_ERR_CHANNEL: return "ZFX_ERR_CHANNEL";
+        case ZFX_ERR_SEND: return "ZFX_ERR_SEND";
+        case ZFXD_DIR_ERR_NOT_FOUND: return "DIR_ERR_NOT_FOUND";
         case -1: return "channel failure";
         default: break;
     }
@@ -148,6 +153,8 @@ static inline const char *zfxd_status_text(int32_t status) {
         case ZFX_ERR_INVALID_ARG: return "the request could not be built or the reply is missing";
         case ZFX_ERR_INVALID_VALUE: return "an argument is out of range";
         case ZFX_ERR_CHANNEL: return "the channel failed";
+        case ZFX_ERR_SEND: return "the transport refused the message";
+        case ZFXD_DIR_ERR_NOT_FOUND: return "the name server has no entry for the port name";
         case -1: return "the channel failed";
         default: break;
     }

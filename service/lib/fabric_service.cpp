@@ -18,6 +18,8 @@ namespace {
 
 using zfxtool::load;
 
+static_assert(ZFXD_DIR_ERR_NOT_FOUND == DIR_ERR_NOT_FOUND, "zfx names the name server's status as the client does");
+
 Answer status(int32_t result) { return Answer{result, false, {}}; }
 Answer reply(Bytes bytes) { return Answer{0, true, std::move(bytes)}; }
 

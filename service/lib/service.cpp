@@ -733,7 +733,8 @@ Answer Service::handle(uint32_t msg_type, uint32_t opcode, const uint8_t *payloa
                                                              : "request " + std::to_string(msg_type) + "/" + std::to_string(opcode);
     }
     // Changes (and refused changes) at level 1, queries at level 2; a store failure always.
-    const bool change = db_.changes() != changes || (a.result != 0 && !a.has_reply && opcode != ZFXD_OP_GET);
+    // The fabric's requests are all questions.
+    const bool change = db_.changes() != changes || (a.result != 0 && !a.has_reply && opcode != ZFXD_OP_GET && !FabricService::serves(msg_type));
     const int level = a.result == ZFXD_ERR_STORE ? 0 : change ? 1 : 2;
     log(level, "uid " + std::to_string(peer.uid) + " pid " + std::to_string(peer.pid) + ": " + what + ": " + describe(a.result));
     return a;
