@@ -45,7 +45,7 @@ const std::pair<uint32_t, uint32_t> kRaw[] = {{ZFX_SAP, ZFX_XQB_NATIVE_DOMAIN}, 
 const char kFabric[] =
     "device 21:00:00:00:00:00:00:00 fcid 0x0a0001 vsans 1,10 value 7 name a\n"
     "device 21:00:00:00:00:00:00:01 fcid 0x0a0002 vsans 10-12 per-vsan 10:5,12:9\n"
-    "device 22:00:00:00:00:00:00:00 fcid 0x0b0001 vsans 0x10\n"
+    "device 22:00:00:00:00:00:00:00 fcid 0x0b0001 vsans 16\n"
     "native-domain 1 10\nproxy-domains 1 2,3\nnext-hop 1 10 10\nnat 1 10 0x0a0001 0x0b0001 0x140001 0x140002\n";
 const uint16_t kElements[] = {ZFX_TLV_ZONESET_NAME, ZFX_TLV_ZONESET_ZONE_NAME, ZFX_TLV_ZONE_NAME, ZFX_TLV_MEMBER_PWWN,
                               ZFX_TLV_MEMBER_VSAN, ZFX_TLV_MEMBER_AFID, ZFX_TLV_MEMBER_TYPE, ZFX_TLV_MEMBER_LUN,
