@@ -120,6 +120,25 @@ std::vector<std::pair<uint32_t, uint32_t>> pairs_of(const FabricDevice &d) {
     return out;
 }
 
+std::vector<std::pair<uint32_t, uint32_t>> pairs_of(const zfx_device_ns_entry &e) {
+    std::vector<std::pair<uint32_t, uint32_t>> out;
+    for (uint32_t k = 0; k < e.pair_count; ++k) out.emplace_back(e.pairs[k].vsan, e.pairs[k].value);
+    return out;
+}
+
+// A split raw query: sent, its reply received by the request's token, parsed, both dropped.
+template <typename Send, typename Parse>
+int32_t split(plat_endpoint *ep, Send send, Parse parse) {
+    xqb_msg msg = XQB_MSG_EMPTY;
+    EXPECT_EQ(send(&msg), 0);
+    const xqb_recv_opts opts{XQB_SELECT_TOKEN, 0, 5, xqb_rr_token_get(&msg), {}};
+    xqb_drop(ep, &msg);
+    EXPECT_EQ(xqb_recv(ep, &msg, &opts), 0);
+    const int32_t r = parse(&msg);
+    xqb_drop(ep, &msg);
+    return r;
+}
+
 void expect_ns_block(const uint8_t *block, const FabricDevice &d) {
     dir_entry e;
     std::memcpy(&e, block, sizeof e);
@@ -224,7 +243,7 @@ TEST_P(Fabric, DeviceWalkInEveryView) {
         uint32_t count = 0;
         ASSERT_EQ(zfx_device_entry_get_next(ep_, handle, &entries, &count), 0);
         if (count == 0) break;
-        ++batches;
+        ASSERT_LE(++batches, kDevices) << "the walk does not end";
         EXPECT_LE(count, ZFXD_DEVICE_BATCH);
         for (uint32_t i = 0; i < count && model != fabric_.devices.end(); ++i, ++model) expect_entry(entries[i], model->second);
         std::free(entries);
@@ -240,11 +259,10 @@ TEST_P(Fabric, DeviceWalkInEveryView) {
             uint32_t count = 0;
             ASSERT_EQ((second ? zfx2_device_ns_entry_get_next : zfx_device_ns_entry_get_next)(ep_, handle, &ns, &count), 0);
             if (count == 0) break;
+            ASSERT_NE(model, fabric_.devices.end()) << "the walk does not end";
             for (uint32_t i = 0; i < count && model != fabric_.devices.end(); ++i, ++model) {
                 expect_ns_block(ns[i].ns_block, model->second);
-                std::vector<std::pair<uint32_t, uint32_t>> got;
-                for (uint32_t k = 0; k < ns[i].pair_count; ++k) got.emplace_back(ns[i].pairs[k].vsan, ns[i].pairs[k].value);
-                EXPECT_EQ(got, second ? pairs_of(model->second) : decltype(got){});
+                EXPECT_EQ(pairs_of(ns[i]), second ? pairs_of(model->second) : decltype(pairs_of(ns[i])){});
                 EXPECT_EQ(vsan_bitset_equal(&ns[i].vsans, &model->second.vsans.bits) != 0, !second);
                 std::free(ns[i].pairs);
             }
@@ -322,9 +340,7 @@ TEST_P(Fabric, PerVsanValuesAndTlvReplies) {
         ASSERT_EQ(ns_count, count);
         for (int32_t i = 0; i < count; ++i) {
             expect_entry(entries[i], *c.devices[i]);
-            std::vector<std::pair<uint32_t, uint32_t>> got;
-            for (uint32_t k = 0; k < ns[i].pair_count; ++k) got.emplace_back(ns[i].pairs[k].vsan, ns[i].pairs[k].value);
-            EXPECT_EQ(got, pairs_of(*c.devices[i]));
+            EXPECT_EQ(pairs_of(ns[i]), pairs_of(*c.devices[i]));
             std::free(ns[i].pairs);
         }
         std::free(entries);
@@ -347,28 +363,21 @@ TEST_P(Fabric, RawQueriesFramesAndNameServer) {
     for (uint32_t vsan : {10u, 20u, 30u, 40u}) {
         const auto it = fabric_.native_domains.find(vsan);
         const int32_t want = it != fabric_.native_domains.end() ? 0 : ZFXD_ERR_NOT_FOUND;
-        uint32_t domain = 0xDEAD, split = 0xDEAD;
+        uint32_t domain = 0xDEAD, by_parts = 0xDEAD;
         EXPECT_EQ(zfx_get_native_domain(ep_, vsan, 0, &domain), want) << vsan;
-        xqb_msg msg = XQB_MSG_EMPTY;
-        ASSERT_EQ(zfx_send_get_native_domain(ep_, vsan, 0, &msg), 0);
-        const xqb_recv_opts opts{XQB_SELECT_TOKEN, 0, 5, xqb_rr_token_get(&msg), {}};
-        xqb_drop(ep_, &msg);
-        ASSERT_EQ(xqb_recv(ep_, &msg, &opts), 0);
-        EXPECT_EQ(zfx_parse_get_native_domain(&msg, &split), want);
-        xqb_drop(ep_, &msg);
+        EXPECT_EQ(split(ep_, [&](xqb_msg *m) { return zfx_send_get_native_domain(ep_, vsan, 0, m); },
+                        [&](xqb_msg *m) { return zfx_parse_get_native_domain(m, &by_parts); }),
+                  want);
         EXPECT_EQ(domain, want == 0 ? it->second : 0xDEAD);
-        EXPECT_EQ(split, domain);
+        EXPECT_EQ(by_parts, domain);
 
         zfx_proxy_domain_list list{}, list2{};
         const auto proxy = fabric_.proxy_domains.find(vsan);
         const int32_t want_proxy = proxy != fabric_.proxy_domains.end() ? 0 : ZFXD_ERR_NOT_FOUND;
         EXPECT_EQ(zfx_get_proxy_domain_list(ep_, vsan, &list), want_proxy);
-        ASSERT_EQ(zfx_send_get_proxy_domain_list(ep_, vsan, &msg), 0);
-        const xqb_recv_opts opts2{XQB_SELECT_TOKEN, 0, 5, xqb_rr_token_get(&msg), {}};
-        xqb_drop(ep_, &msg);
-        ASSERT_EQ(xqb_recv(ep_, &msg, &opts2), 0);
-        EXPECT_EQ(zfx_parse_get_proxy_domain_list(&msg, &list2), want_proxy);
-        xqb_drop(ep_, &msg);
+        EXPECT_EQ(split(ep_, [&](xqb_msg *m) { return zfx_send_get_proxy_domain_list(ep_, vsan, m); },
+                        [&](xqb_msg *m) { return zfx_parse_get_proxy_domain_list(m, &list2); }),
+                  want_proxy);
         if (want_proxy != 0) continue;
         std::vector<uint8_t> got;
         for (uint32_t d = 0; d < 256; ++d)
