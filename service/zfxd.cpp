@@ -14,6 +14,7 @@
 
 #include "cli.hpp"
 #include "fabric.hpp"
+#include "fabric_file.hpp"
 #include "server.hpp"
 #include "store_guard.hpp"
 #include "zfxd_protocol.h"
@@ -21,15 +22,26 @@
 namespace {
 
 const char kUsage[] =
-    "usage: zfxd --store DIR [--socket PATH] [--socket-mode MODE]\n"
+    "usage: zfxd --store DIR [--fabric FILE] [--socket PATH] [--socket-mode MODE]\n"
     "\n"
     "Serves the zone database of the store directory DIR (its configuration store\n"
     "DIR/zfx_startup_config, created when missing) on a Unix-domain socket: zone, zoneset and\n"
     "member changes and queries, activation, status, info and zoneset status requests, as the\n"
     "library sends them. Every accepted change is in the store before it is answered; at start\n"
-    "the database is rebuilt from the store.\n"
+    "the database is rebuilt from the store. The routing, raw-message and device requests (device\n"
+    "entries, per-VSAN values, name-server entries, native and proxy domains, next hops, NAT,\n"
+    "frames handed over) are answered from the fabric description FILE, an empty fabric without.\n"
     "\n"
     "  --store DIR         the store directory (required); one zfxd per store\n"
+    "  --fabric FILE       the fabric description: lines of\n"
+    "                        device PWWN fcid FCID vsans RANGES [afid N] [value N]\n"
+    "                               [per-vsan V:N,...] [node WWN] [name TEXT]\n"
+    "                        native-domain VSAN DOMAIN\n"
+    "                        proxy-domains VSAN DOMAIN[,DOMAIN...]\n"
+    "                        next-hop VSAN DOMAIN NEXT-VSAN\n"
+    "                        nat VSAN NEXT-VSAN SID DID NEW-SID NEW-DID\n"
+    "                      (# comments); a bad line is refused as FILE:LINE: what is wrong, and so\n"
+    "                      is a device AFID the store's topology and AFID tables do not hold\n"
     "  --socket PATH       the socket to listen on (default: $" ZFXD_SOCKET_ENV ", else " ZFXD_SOCKET_DEFAULT ")\n"
     "  --socket-mode MODE  the socket's permissions, octal (default 0600: its owner only;\n"
     "                      0660 lets its group in)\n"
@@ -52,7 +64,7 @@ int usage_error(const std::string &what) {
 
 int main(int argc, char **argv) {
     zfxtool::Args args(argc, argv, 1);
-    std::string dir, error;
+    std::string dir, fabric_path, error;
     const char *env_socket = std::getenv(ZFXD_SOCKET_ENV);
     std::string socket = env_socket != nullptr && *env_socket != '\0' ? env_socket : ZFXD_SOCKET_DEFAULT;
     mode_t mode = 0600;
@@ -64,6 +76,8 @@ int main(int argc, char **argv) {
         }
         if (opt == "--store") {
             if (!args.value(opt, dir, error)) return usage_error(error);
+        } else if (opt == "--fabric") {
+            if (!args.value(opt, fabric_path, error)) return usage_error(error);
         } else if (opt == "--socket") {
             if (!args.value(opt, socket, error)) return usage_error(error);
         } else if (opt == "--socket-mode") {
@@ -99,6 +113,7 @@ int main(int argc, char **argv) {
     zfxtool::guard_store_reads("zfxd");
     const std::string location = zfxtool::config_location(dir);
     zfxd::ZoneDb db;
+    zfxd::FabricDesc fabric;
     {
         const zfxtool::StoreGuard guard(location);
         if (zfxtool::walk_store(location) == zfxtool::StoreState::damaged) {
@@ -106,12 +121,13 @@ int main(int argc, char **argv) {
             return zfxtool::kExitFailure;
         }
         error = db.open(location);
+        if (error.empty() && !fabric_path.empty()) zfxd::load_fabric(fabric_path, zfxd::store_afids(location), fabric, error);
     }
     if (!error.empty()) {
         std::fprintf(stderr, "zfxd: %s\n", error.c_str());
         return zfxtool::kExitFailure;
     }
-    zfxd::Service service(db, stderr);
+    zfxd::Service service(db, stderr, &fabric);
     zfxd::Server server(service);
     error = server.listen(socket, mode);
     if (!error.empty()) {
@@ -124,7 +140,8 @@ int main(int argc, char **argv) {
     sigaction(SIGTERM, &sa, nullptr);
     std::signal(SIGPIPE, SIG_IGN);
     service.log(0, "serving " + dir + " on " + socket + " (" + std::to_string(db.zones().size()) + " zones, " +
-                       std::to_string(db.zonesets().size()) + " zonesets" + (db.active() ? ", " + db.active()->name + " active" : "") + ")");
+                       std::to_string(db.zonesets().size()) + " zonesets" + (db.active() ? ", " + db.active()->name + " active" : "") + ", " +
+                       std::to_string(fabric.devices.size()) + " devices)");
     const int rc = server.run(g_stop);
     service.log(0, "stopped");
     return rc == 0 ? zfxtool::kExitOk : zfxtool::kExitFailure;

@@ -31,18 +31,24 @@ set(commands
   "status --vsan 4095 --form split"
   "info get activate-time"
   "info set log-level -1"
-  "check-ignore on")
+  "check-ignore on"
+  "show device --ns"
+  "show native-domain 10"
+  "show proxy-domains 4095"
+  "show next-hop 10 0x0a0001 0xef0000"
+  "show nat next-hop 10 20 0x0a0001 0x0b0001"
+  "ns get 21:00:00:24:ff:4c:8a:01 --vsan 10")
 
 run(0 --help)
 expect_text("${out}" "usage: zfx [--socket PATH] [--debug] COMMAND")
 expect_text("${out}" "exit status")
-string(REGEX MATCHALL "\n  (zone|zoneset|show|status|info|check-ignore)[ \n]" listed "${out}")
+string(REGEX MATCHALL "\n  (zone|zoneset|show|status|info|check-ignore|ns)[ \n]" listed "${out}")
 list(LENGTH listed n_listed)
 list(LENGTH commands n_commands)
 if(NOT n_listed EQUAL n_commands)
   message(FATAL_ERROR "zfx --help lists ${n_listed} commands, this script checks ${n_commands}")
 endif()
-foreach(group zone "zone member" zoneset show info)
+foreach(group zone "zone member" zoneset show "show nat" info ns)
   separate_arguments(words UNIX_COMMAND "${group}")
   run(0 ${words} --help)
   expect_text("${out}" "usage: zfx ${group} ")
@@ -52,7 +58,7 @@ set(ENV{ZFXD_SOCKET} ${WORK}/no-zfxd.sock)
 foreach(command IN LISTS commands)
   separate_arguments(args UNIX_COMMAND "${command}")
   # The command's path: its words up to the first argument.
-  string(REGEX MATCH "^(zone member [a-z]+|(zone|zoneset|show|info) [a-z-]+|[a-z-]+)" path "${command}")
+  string(REGEX MATCH "^(zone member [a-z]+|show nat [a-z-]+|(zone|zoneset|show|info|ns) [a-z-]+|[a-z-]+)" path "${command}")
   run(0 ${args} --help)
   expect_text("${out}" "usage: zfx ${path}")
   expect_text("${out}" "${path}:\n")
@@ -91,7 +97,15 @@ set(usage_errors
   "info get 4294967296|unknown info key '4294967296'|info get"
   "info get activate-time --timeout 3|activate-time is read one way|info get"
   "info set log-level 2147483648|VALUE takes a number from -2147483648 to 2147483647|info set"
-  "check-ignore maybe|check-ignore takes on or off, not 'maybe'|check-ignore")
+  "check-ignore maybe|check-ignore takes on or off, not 'maybe'|check-ignore"
+  "show device extra|show device: unexpected argument 'extra'|show device"
+  "show native-domain 0|show native-domain takes a VSAN from 1 to 4095, not '0'|show native-domain"
+  "show proxy-domains 4096|show proxy-domains takes a VSAN from 1 to 4095, not '4096'|show proxy-domains"
+  "show next-hop 10 0x0a01|an FCID is 0x and six hexadecimal digits (domain, area, port), as 0x0a0001, not '0x0a01'|show next-hop"
+  "show nat next-hop 10 20 0x0a0001|show nat next-hop: missing argument|show nat next-hop"
+  "show nat next-hop 10 10x 0x0a0001 0x0b0001|NEXT-VSAN takes a VSAN from 1 to 4095, not '10x'|show nat next-hop"
+  "ns get 21:00|a port WWN is eight hexadecimal pairs, aa:bb:cc:dd:ee:ff:00:11, not '21:00'|ns get"
+  "ns get 21:00:00:24:ff:4c:8a:01 --vsan 4096|--vsan takes a number from 1 to 4095, not '4096'|ns get")
 foreach(case IN LISTS usage_errors)
   string(REPLACE "|" ";" parts "${case}")
   list(GET parts 0 command)

@@ -4,6 +4,8 @@
 // multi-entry replies are zfxd_client's.
 #include <arpa/inet.h>
 
+#include <cctype>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdarg>
@@ -19,6 +21,7 @@
 
 #include "cli.hpp"
 #include "fabric.hpp"
+#include "platform/dlg.h"
 #include "zfx_common.h"
 #include "zfx_service.h"
 #include "zfx_zone_db.h"
@@ -218,6 +221,8 @@ const InfoKey kInfoKeys[] = {
     {"changes", ZFXD_INFO_CHANGES},      {"activate-time", ZFX_INFO_KEY_ACTIVATE_TIME},
     {"default-zone", ZFXD_INFO_DEFAULT_ZONE}, {"log-level", ZFXD_INFO_LOG_LEVEL},
     {"check-ignore", ZFXD_INFO_CHECK_IGNORE},
+    {"devices", ZFXD_INFO_DEVICES},      {"frames", ZFXD_INFO_FRAMES},
+    {"last-frame", ZFXD_INFO_LAST_FRAME},
 };
 
 bool digits(const std::string &text, size_t from = 0) {
@@ -642,6 +647,217 @@ void check_ignore(Session &s, const Parsed &p) {
     s.check(uint32_t(zfx_set_fcdomain_check_ignore(s.conn().ep(), on ? 1 : 0)));
 }
 
+// ---- the fabric: devices, domains, next hops, NAT, the name server --------------------------
+
+// Rows in aligned columns: the first row is the header; each column as wide as its widest cell,
+// two blanks between columns, no blanks at the end of a line.
+void table(Session &s, const std::vector<std::vector<std::string>> &rows) {
+    std::vector<size_t> width;
+    for (const auto &row : rows)
+        for (size_t i = 0; i < row.size(); ++i) {
+            if (width.size() <= i) width.push_back(0);
+            width[i] = std::max(width[i], row[i].size());
+        }
+    for (const auto &row : rows) {
+        std::string line;
+        for (size_t i = 0; i < row.size(); ++i) line += i + 1 < row.size() ? row[i] + std::string(width[i] - row[i].size() + 2, ' ') : row[i];
+        while (!line.empty() && line.back() == ' ') line.pop_back();
+        s.out += line + "\n";
+    }
+}
+
+std::string fcid_text(uint32_t fcid) { return format("0x%06x", fcid); }
+
+uint32_t fcid_arg(const std::string &text) {
+    if (text.size() == 8 && text.rfind("0x", 0) == 0 && std::all_of(text.begin() + 2, text.end(), [](char c) { return std::isxdigit((unsigned char)c) != 0; }))
+        return uint32_t(std::stoul(text.substr(2), nullptr, 16));
+    throw Usage{"an FCID is 0x and six hexadecimal digits (domain, area, port), as 0x0a0001, not '" + printable(text) + "'"};
+}
+
+uint32_t vsan_arg(const std::string &text, const char *what) {
+    if (digits(text) && std::stoull(text) >= 1 && std::stoull(text) <= ZFX_VSAN_MAX) return uint32_t(std::stoull(text));
+    throw Usage{std::string(what) + " takes a VSAN from 1 to " + std::to_string(ZFX_VSAN_MAX) + ", not '" + printable(text) + "'"};
+}
+
+Wwn wwn_arg(const std::string &text) {
+    Wwn w;
+    if (!parse_wwn(text, w)) throw Usage{"a port WWN is eight hexadecimal pairs, aa:bb:cc:dd:ee:ff:00:11, not '" + printable(text) + "'"};
+    return w;
+}
+
+// Address words travel as a frame header holds them: the address in network order.
+uint32_t address_word(uint32_t fcid) { return htonl(fcid); }
+uint32_t address_of(uint32_t word) { return ntohl(word) & 0xFFFFFFu; }
+
+Wwn entry_wwn(const void *p) {
+    Wwn w;
+    std::memcpy(w.data(), p, 8);
+    return w;
+}
+
+// The device walk: batch after batch from the start until one comes empty, each batch after the
+// last device of the one before. fetch(handle, count) asks for the next batch and hands back its
+// entries' port WWNs through keep; a batch that does not move forward is a malformed reply.
+template <typename Fetch>
+void walk(Session &s, Fetch fetch) {
+    zfx_device_entry *handle = nullptr;
+    s.check(uint32_t(zfx_device_entry_handle_init(&handle)));
+    std::optional<Wwn> last;
+    for (;;) {
+        std::vector<Wwn> wwns;
+        fetch(handle, wwns);
+        if (wwns.empty()) return;
+        for (const Wwn &w : wwns) {
+            if (last && !(*last < w)) s.malformed("device " + wwn_text(w) + " came after " + wwn_text(*last));
+            last = w;
+        }
+    }
+}
+
+std::vector<zfx_device_entry> device_entries(Session &s) {
+    std::vector<zfx_device_entry> all;
+    walk(s, [&](zfx_device_entry *handle, std::vector<Wwn> &wwns) {
+        zfx_device_entry *entries = nullptr;
+        uint32_t count = 0;
+        const int32_t r = zfx_device_entry_get_next(s.conn().ep(), handle, &entries, &count);
+        const Owned<zfx_device_entry> owned(entries);
+        s.check(uint32_t(r));
+        for (uint32_t i = 0; i < count; ++i) {
+            all.push_back(entries[i]);
+            wwns.push_back(entry_wwn(entries[i].pwwn));
+        }
+    });
+    return all;
+}
+
+uint32_t entry_word(const zfx_device_entry &e, size_t at) {
+    uint32_t v;
+    std::memcpy(&v, reinterpret_cast<const uint8_t *>(&e) + at, 4);
+    return ntohl(v);
+}
+
+dir_entry ns_of(const uint8_t *block) {
+    dir_entry d;
+    std::memcpy(&d, block, sizeof d);
+    d.symbolic_name[sizeof d.symbolic_name - 1] = '\0';
+    return d;
+}
+
+void show_device(Session &s, const Parsed &p) {
+    if (!p.has("--ns")) {
+        std::vector<std::vector<std::string>> rows{{"PWWN", "FCID", "AFID", "VSANS", "VALUE"}};
+        for (const zfx_device_entry &e : device_entries(s)) {
+            const bool per_vsan = (e.flags & ZFX_DEVICE_FLAG_PER_VSAN) != 0;
+            rows.push_back({wwn_text(entry_wwn(e.pwwn)), fcid_text(entry_word(e, ZFXD_DEVICE_FCID_AT) & 0xFFFFFFu),
+                            std::to_string(entry_word(e, ZFXD_DEVICE_AFID_AT)), vsan_text(e.vsans),
+                            per_vsan ? "per-vsan" : std::to_string(e.vsan_value)});
+        }
+        table(s, rows);
+        s.out += format("%zu devices\n", rows.size() - 1);
+        return;
+    }
+    // The second-generation name-server view: the block and the values VSAN by VSAN.
+    std::vector<std::vector<std::string>> rows{{"PWWN", "FCID", "NODE", "VSAN:VALUE", "NAME"}};
+    walk(s, [&](zfx_device_entry *handle, std::vector<Wwn> &wwns) {
+        zfx_device_ns_entry *entries = nullptr;
+        uint32_t count = 0;
+        const int32_t r = zfx2_device_ns_entry_get_next(s.conn().ep(), handle, &entries, &count);
+        struct Release {
+            zfx_device_ns_entry *e;
+            uint32_t n;
+            ~Release() {
+                for (uint32_t i = 0; e != nullptr && i < n; ++i) std::free(e[i].pairs);
+                std::free(e);
+            }
+        } release{entries, count};
+        s.check(uint32_t(r));
+        for (uint32_t i = 0; i < count; ++i) {
+            const dir_entry d = ns_of(entries[i].ns_block);
+            std::string pairs;
+            for (uint32_t k = 0; k < entries[i].pair_count; ++k)
+                pairs += format("%s%u:%u", k == 0 ? "" : ",", entries[i].pairs[k].vsan, entries[i].pairs[k].value);
+            wwns.push_back(entry_wwn(d.port_name));
+            rows.push_back({wwn_text(entry_wwn(d.port_name)), fcid_text(address_of(d.port_id)), wwn_text(entry_wwn(d.node_name)),
+                            pairs.empty() ? "-" : pairs, d.symbolic_name[0] != '\0' ? printable(d.symbolic_name) : "-"});
+        }
+    });
+    table(s, rows);
+    s.out += format("%zu devices\n", rows.size() - 1);
+}
+
+void show_native_domain(Session &s, const Parsed &p) {
+    const uint32_t vsan = vsan_arg(p.pos[0], "show native-domain");
+    uint32_t domain = 0;
+    s.check(uint32_t(zfx_get_native_domain(s.conn().ep(), vsan, 0, &domain)));
+    table(s, {{"VSAN", "NATIVE-DOMAIN"}, {std::to_string(vsan), format("%u (0x%02x)", domain, domain)}});
+}
+
+void show_proxy_domains(Session &s, const Parsed &p) {
+    const uint32_t vsan = vsan_arg(p.pos[0], "show proxy-domains");
+    zfx_proxy_domain_list list{};
+    s.check(uint32_t(zfx_get_proxy_domain_list(s.conn().ep(), vsan, &list)));
+    std::string domains;
+    for (uint32_t d = 0; d < 8 * ZFX_PROXY_DOMAIN_LIST_SIZE; ++d)
+        if (id_bit(list.domain_list, d)) domains += (domains.empty() ? "" : ",") + std::to_string(d);
+    table(s, {{"VSAN", "COUNT", "PROXY-DOMAINS"}, {std::to_string(vsan), std::to_string(list.value), domains.empty() ? "-" : domains}});
+}
+
+void show_next_hop(Session &s, const Parsed &p) {
+    const uint32_t vsan = vsan_arg(p.pos[0], "show next-hop");
+    // The destinations asked: the FCIDs given, or one address in each domain of the fabric's
+    // devices (the next hop goes by domain), in ascending order.
+    std::vector<uint32_t> fcids;
+    for (size_t i = 1; i < p.pos.size(); ++i) fcids.push_back(fcid_arg(p.pos[i]));
+    if (fcids.empty()) {
+        std::set<uint32_t> domains;
+        for (const zfx_device_entry &e : device_entries(s)) domains.insert((entry_word(e, ZFXD_DEVICE_FCID_AT) >> 16) & 0xFF);
+        for (uint32_t d : domains) fcids.push_back(d << 16);
+    }
+    std::vector<std::vector<std::string>> rows{{"VSAN", "DESTINATION", "DOMAIN", "NEXT-HOP"}};
+    for (uint32_t fcid : fcids) {
+        uint32_t next = 0;
+        s.check(uint32_t(zfx_get_next_hop_vsan(s.conn().ep(), vsan, address_word(fcid), &next)));
+        // The library answers the flow's own VSAN when the service knows no next hop.
+        rows.push_back({std::to_string(vsan), fcid_text(fcid), std::to_string(fcid >> 16), next == vsan ? "-" : std::to_string(next)});
+    }
+    table(s, rows);
+}
+
+// The NAT rewrite of a flow. The library asks the forwarding driver for the next VSAN before it
+// asks the service, and a development machine has no driver: the next VSAN is given here and
+// the service is asked with the library's request record, as the library sends it.
+void show_nat_next_hop(Session &s, const Parsed &p) {
+    const uint32_t vsan = vsan_arg(p.pos[0], "VSAN"), next = vsan_arg(p.pos[1], "NEXT-VSAN");
+    const uint32_t sid = fcid_arg(p.pos[2]), did = fcid_arg(p.pos[3]);
+    zfx_nat_next_hop_request req{htonl(vsan), htonl(next), address_word(sid), address_word(did)};
+    void *reply = nullptr;
+    uint32_t length = sizeof req;
+    const int32_t r = dlg_remote_req_resp(ZFX_MSG_NAT_NEXT_HOP, ZFXD_OP_REMOTE, &req, &reply, &length, ZFX_SERVICE_NAME, 0, ZFX_SAP,
+                                          ZFX_NODE_REMOTE, s.conn().ep(), 1);
+    const Owned<void> owned(reply);
+    s.check(uint32_t(r));
+    if (reply == nullptr || length < sizeof(zfx_nat_next_hop_reply)) s.malformed(format("%u bytes", length));
+    zfx_nat_next_hop_reply got;
+    std::memcpy(&got, reply, sizeof got);
+    table(s, {{"VSAN", "SID", "DID", "NEXT-VSAN", "NAT-SID", "NAT-DID"},
+              {std::to_string(vsan), fcid_text(sid), fcid_text(did), std::to_string(next), fcid_text(address_of(got.sid)),
+               fcid_text(address_of(got.did))}});
+}
+
+void ns_get(Session &s, const Parsed &p) {
+    const Wwn pwwn = wwn_arg(p.pos[0]);
+    uint32_t words[2];
+    std::memcpy(words, pwwn.data(), 8);
+    dir_entry e{};
+    // The port-name words are the WWN's halves as numbers: the client sends them in network
+    // order, which puts the WWN on the wire in printing order.
+    s.check(uint32_t(zfx_ns_get_entry_given_portname(s.conn().ep(), ntohl(words[0]), ntohl(words[1]), p.number("--vsan", 0), &e)));
+    if (entry_wwn(e.port_name) != pwwn) s.malformed("the entry of " + wwn_text(entry_wwn(e.port_name)) + " came");
+    table(s, {{"PWWN", "FCID", "NODE", "CLASS", "TYPE", "NAME"},
+              {wwn_text(pwwn), fcid_text(address_of(e.port_id)), wwn_text(entry_wwn(e.node_name)), std::to_string(ntohl(e.class_of_service)),
+               std::to_string(e.port_type), e.symbolic_name[0] != '\0' ? printable(e.symbolic_name) : "-"}});
+}
+
 // ---- the table --------------------------------------------------------------------------------
 
 const Opt kQos{"--qos", Kind::text};
@@ -732,20 +948,42 @@ const std::vector<Command> &commands() {
         {"info get", "KEY [--form record|text|number] [--timeout S]", 1, 1, {{"--form", Kind::text}, {"--timeout", Kind::number, 1, 600}}, info_get,
          "Prints a named value of the service. KEY is a number or one of: zones, zonesets, members,\n"
          "active-zoneset (its id, 0 for none), changes, activate-time, default-zone (0 deny, 1\n"
-         "permit), log-level, check-ignore. activate-time prints \"YYYY-MM-DD HH:MM:SS.UUUUUU UTC\",\n"
+         "permit), log-level, check-ignore, devices, frames (handed over), last-frame (HDR0 HDR1\n"
+         "LENGTH CHECK). activate-time prints \"YYYY-MM-DD HH:MM:SS.UUUUUU UTC\",\n"
          "or \"none\". --form picks the query: record (default; a failure is an error), text or\n"
          "number (these two print an empty text or 0 when the request fails: they cannot tell).\n"
          "--timeout waits S seconds (record and number forms) instead of the library's 4.\n"},
         {"info set", "KEY VALUE", 2, 2, {}, info_set,
          "Sets a named value (default-zone, log-level, or a key by number) to the number VALUE.\n"},
         {"check-ignore", "on|off", 1, 1, {}, check_ignore, "Makes the service ignore its fcdomain check (on), or heed it again (off).\n"},
+        {"show device", "[--ns]", 0, 0, {{"--ns", Kind::flag}}, show_device,
+         "Walks the fabric's devices in batches, in port WWN order, and prints one line each:\n"
+         "    PWWN  FCID  AFID  VSANS  VALUE      (VALUE: per-vsan when it differs per VSAN)\n"
+         "  or with --ns the name-server view, its values asked VSAN by VSAN where they differ:\n"
+         "    PWWN  FCID  NODE  VSAN:VALUE  NAME  (pairs joined by \",\"; - for none)\n"
+         "  then \"N devices\".\n"},
+        {"show native-domain", "VSAN", 1, 1, {}, show_native_domain, "Prints the VSAN's native domain:\n    VSAN  NATIVE-DOMAIN\n"},
+        {"show proxy-domains", "VSAN", 1, 1, {}, show_proxy_domains,
+         "Prints the VSAN's proxy domains, ascending:\n    VSAN  COUNT  PROXY-DOMAINS (joined by \",\")\n"},
+        {"show next-hop", "VSAN [FCID...]", 1, kMany, {}, show_next_hop,
+         "Prints the next-hop VSAN from VSAN towards each FCID (0x0a0001: domain, area, port), or\n"
+         "towards each domain of the fabric's devices:\n"
+         "    VSAN  DESTINATION  DOMAIN  NEXT-HOP   (- when the traffic stays in VSAN)\n"},
+        {"show nat next-hop", "VSAN NEXT-VSAN SID DID", 4, 4, {}, show_nat_next_hop,
+         "Prints how NAT rewrites the flow from SID to DID in VSAN when it crosses into NEXT-VSAN:\n"
+         "    VSAN  SID  DID  NEXT-VSAN  NAT-SID  NAT-DID\n"
+         "  (the service refuses a flow it has no rewrite for).\n"},
+        {"ns get", "PWWN [--vsan N]", 1, 1, {kVsan}, ns_get,
+         "Prints the name server's entry of a port, in VSAN N when given:\n"
+         "    PWWN  FCID  NODE  CLASS  TYPE  NAME\n"},
     };
     return table;
 }
 
 const char kGlobal[] =
     "\n"
-    "Configures and reads the zfx feature's zone database through its service, zfxd.\n"
+    "Configures and reads the zfx feature's zone database through its service, zfxd, and reads\n"
+    "the fabric it serves: devices, native and proxy domains, next hops, NAT, name-server entries.\n"
     "\n"
     "options (before COMMAND):\n"
     "  --socket PATH  zfxd's socket (default: $" ZFXD_SOCKET_ENV ", else " ZFXD_SOCKET_DEFAULT ")\n"

@@ -43,6 +43,14 @@
  *   8626 status (ZFX_MSG_STATUS)    1                     enabled (short form, VSAN form kind 2) and NAT in a
  *                                                         VSAN (VSAN form kind 1)
  *   8647 fcdomain check-ignore      3 ignore, 4 stop ignoring
+ *   8611 device entries             ZFXD_OP_REMOTE  2     the batch of devices after the cursor (see the fabric)
+ *   8634 per-VSAN value             ZFXD_OP_GET     1     a device's value in one VSAN
+ *   8497 device entries, TLV        ZFXD_OP_GET     1     the batch after the cursor as a TLV-encoded reply
+ *   8496 FCR query                  ZFXD_OP_GET     1     the devices the items name, as a TLV-encoded reply
+ *   8620 next hop                   ZFXD_OP_REMOTE  2     the next-hop VSAN towards a destination
+ *   8641 NAT next hop               ZFXD_OP_REMOTE  2     the addresses a flow takes in its next VSAN
+ *   raw transport messages                                the native domain, proxy domains, frame hand-over and
+ *                                                         the name server's entry of a port (see the fabric)
  *
  * Objects are named by name where a request carries one, by id otherwise. A create that gives
  * no id gets the lowest free one (zones 1..8191, zonesets 1..2047, members 1..2047 in a zone).
@@ -81,6 +89,7 @@ ZFX_EXTERN_C_BEGIN
 #define ZFXD_OP_DEACTIVATE 4u /* 8604 */
 #define ZFXD_OP_INFO_GET 1u   /* 8605 */
 #define ZFXD_OP_INFO_SET 3u   /* 8605 */
+#define ZFXD_OP_REMOTE 2u     /* 8611, 8620, 8641: the library's remote and batch requests */
 
 /* Activation value A: bit 0 activates with force (stored in the zone options word). */
 #define ZFXD_ACTIVATE_FORCE 0x1u
@@ -99,6 +108,9 @@ ZFX_EXTERN_C_BEGIN
 #define ZFXD_ERR_STORE ((int32_t)0x40A10007)       /* the store transaction failed: nothing changed */
 /* A create without its required elements answers the library's ZFX_ERR_CREATE_INCOMPLETE. */
 
+/* The name server's answer for a port name it does not know (platform/dir.h's DIR_ERR_NOT_FOUND). */
+#define ZFXD_DIR_ERR_NOT_FOUND ((int32_t)0x40520002)
+
 /* The name of a status of the service or of the library's request path, for messages:
  * "ZFXD_ERR_NOT_FOUND", "ZFX_ERR_CREATE_INCOMPLETE", ...; NULL for one it does not know. */
 static inline const char *zfxd_status_name(int32_t status) {
@@ -116,6 +128,8 @@ static inline const char *zfxd_status_name(int32_t status) {
         case ZFX_ERR_INVALID_ARG: return "ZFX_ERR_INVALID_ARG";
         case ZFX_ERR_INVALID_VALUE: return "ZFX_ERR_INVALID_VALUE";
         case ZFX_ERR_CHANNEL: return "ZFX_ERR_CHANNEL";
+        case ZFX_ERR_SEND: return "ZFX_ERR_SEND";
+        case ZFXD_DIR_ERR_NOT_FOUND: return "DIR_ERR_NOT_FOUND";
         case -1: return "channel failure";
         default: break;
     }
@@ -139,6 +153,8 @@ static inline const char *zfxd_status_text(int32_t status) {
         case ZFX_ERR_INVALID_ARG: return "the request could not be built or the reply is missing";
         case ZFX_ERR_INVALID_VALUE: return "an argument is out of range";
         case ZFX_ERR_CHANNEL: return "the channel failed";
+        case ZFX_ERR_SEND: return "the transport refused the message";
+        case ZFXD_DIR_ERR_NOT_FOUND: return "the name server has no entry for the port name";
         case -1: return "the channel failed";
         default: break;
     }
@@ -161,6 +177,20 @@ static inline const char *zfxd_status_text(int32_t status) {
 #define ZFXD_INFO_LOG_LEVEL 33u     /* zfxd's log: 0 errors, 1 changes (default), 2 every request */
 /* Read-only: whether the fcdomain check is ignored (8647), 0 or 1. */
 #define ZFXD_INFO_CHECK_IGNORE 34u
+/* Read-only, about the fabric (below): devices in it; frames handed over since zfxd started; the
+ * last frame handed over, as "HDR0 HDR1 LENGTH CHECK" (header words 0 and 1 in host order and
+ * the check of its data, ZFXD_FRAME_CHECK, as 0x and eight hexadecimal digits; the length in
+ * decimal), or the empty text before the first. */
+#define ZFXD_INFO_DEVICES 35u
+#define ZFXD_INFO_FRAMES 36u
+#define ZFXD_INFO_LAST_FRAME 37u
+
+/* The check of a frame's data: 32-bit FNV-1a over its data_len bytes. */
+static inline uint32_t zfxd_frame_check(const uint8_t *data, uint32_t length) {
+    uint32_t h = 2166136261u;
+    for (uint32_t i = 0; i < length; ++i) h = (h ^ data[i]) * 16777619u;
+    return h;
+}
 
 /* ---- zoneset status (8616) -------------------------------------------------------------------- */
 /* Reply: a u32 count, then count entries (network order), one per zoneset the selector names
@@ -195,6 +225,77 @@ ZFX_STATIC_ASSERT(sizeof(zfxd_zoneset_info_block) == 20, "zoneset information bl
  * text of a settable info value (no terminator), or for ZFX_INFO_KEY_ACTIVATE_TIME the seconds
  * and microseconds as two u32 in host order. The library's readers pass over this table. */
 #define ZFXD_KVDB_SERVICE_TABLE 0x77u
+
+/* ---- the fabric -------------------------------------------------------------------------------
+ * zfxd answers the routing, raw-message and device requests from the fabric description it loads
+ * at start (zfxd --fabric FILE; the format is service/lib/fabric_file.hpp's and the README's),
+ * an empty fabric without one. Nothing of the fabric is written to the store.
+ *
+ * Raw transport messages to ZFX_SAP (node ZFX_NODE_REMOTE), answered under their reply token:
+ *   ZFX_XQB_NATIVE_DOMAIN      key1 is the VSAN; key2 is not read. The reply (8 bytes): status 0
+ *                              and the domain's address word, network order, 00 DD 00 00; for a
+ *                              VSAN without a native domain the status ZFXD_ERR_NOT_FOUND (in
+ *                              network order, as every reply status here) and a zero word.
+ *   ZFX_XQB_PROXY_DOMAIN_LIST  the key is the VSAN. The reply (44 bytes): status 0, a zero word,
+ *                              the proxy domains as a bitmap (domain d is bit 0x80 >> (d % 8) of
+ *                              byte d / 8), and the value, the number of proxy domains (network
+ *                              order); a VSAN without proxy domains: status ZFXD_ERR_NOT_FOUND,
+ *                              the rest zero.
+ *   ZFX_XQB_FORWARD_FRAME      no reply. A frame whose message holds its 128-byte header and
+ *                              exactly data_len bytes more is counted (ZFXD_INFO_FRAMES) and kept
+ *                              as the last frame (ZFXD_INFO_LAST_FRAME); any other is refused
+ *                              (ZFXD_ERR_MALFORMED, logged) and not counted.
+ * Any other opcode, or a message too short for its request, answers ZFXD_ERR_UNSUPPORTED or
+ * ZFXD_ERR_MALFORMED as the call's result, with no reply.
+ *
+ * The name server (DIR_NODE, DIR_SAP, DIR_OP_GET_ENTRY_BY_PORTNAME): the port-name words are the
+ * port WWN's bytes 0 to 3 and 4 to 7 read in network order (the request carries the WWN in
+ * printing order); the query's scope is a VSAN the device must be known in, 0 for any. The reply:
+ * status 0, count 1, entry length DIR_ENTRY_SIZE, and the device's entry (ZFXD_NS_ENTRY below);
+ * for an unknown port name, or a device not in the scope's VSAN, status DIR_ERR_NOT_FOUND and
+ * count 0.
+ *
+ * The devices, ordered by port WWN (its 8 bytes compared in order), are the device entries of the
+ * walk. zfxd fills these bytes of each zfx_device_entry, every other byte zero:
+ *   0   the port WWN, in printing order
+ *   8   the value in every VSAN (host order, as the library hands it on); 0 for a device whose
+ *       values are per VSAN (flags ZFX_DEVICE_FLAG_PER_VSAN)
+ *   12  ZFXD_DEVICE_FCID_AT: the FCID, a word in network order (00 DD AA PP), as in a frame header
+ *   16  ZFXD_DEVICE_AFID_AT: the AFID, network order
+ *   20  the VSANs the device is known in
+ *   2100 flags: ZFX_DEVICE_FLAG_PER_VSAN when its values are per VSAN
+ *   4252 the name-server block: the device's name-server entry (a dir_entry: port_id the FCID word,
+ *       port_name, node_name, class of service ZFXD_NS_CLASS in network order, port type
+ *       ZFXD_NS_PORT_TYPE, the symbolic name), the rest of the block zero.
+ * 8611 (operation 2) answers the devices after the cursor's port WWN, at most ZFXD_DEVICE_BATCH of
+ * them, back to back; after the last device, an empty reply (no entries, status 0): the end of
+ * the walk. A request shorter than 8 bytes is ZFXD_ERR_MALFORMED.
+ * 8634 (operation 1) answers a device's value in a VSAN in 4 bytes (host order): the device's
+ * value, or for a per-VSAN device the value of that VSAN. An unknown port WWN, a VSAN the device
+ * is not known in, or a per-VSAN device without a value for the VSAN: ZFXD_ERR_NOT_FOUND.
+ * 8497 and 8496 (operation 1, asynchronous sends) are answered under the send's token with a
+ * TLV-encoded reply as zfx2_device_entry_parse reads it: the entry count (host order), a zero
+ * word, then per device the element ZFX_TLV_DEVICE_ENTRY (the entry's first 4252 bytes),
+ * ZFXD_TLV_NS_BLOCK (the 768-byte block), ZFXD_TLV_PAIR_COUNT (the pair count, host order) and
+ * that many ZFXD_TLV_PAIR elements, one zfx_pv_vsan_pair (host order) per VSAN of the device that
+ * has a value, in ascending VSAN order. 8497 carries the cursor and answers the batch 8611 would;
+ * 8496 carries items of {port WWN (8 bytes, printing order), VSAN (network order; 0: any)} and
+ * answers the devices they name, in item order, an unknown port WWN or one not in the item's
+ * VSAN left out; more than ZFXD_DEVICE_BATCH items is ZFXD_ERR_INVALID. No device: count 0.
+ *
+ * 8620 (operation 2) {VSAN, DID}: the next hop of the fabric's next-hop table for the VSAN and
+ * the DID's domain, 4 bytes in network order; none: ZFXD_ERR_NOT_FOUND (the library keeps the
+ * flow's VSAN). 8641 (operation 2) {VSAN, next VSAN, SID, DID}: the fabric's NAT rewrite of the
+ * flow, {new SID, new DID} as address words; none: ZFXD_ERR_NOT_FOUND (nothing changes).
+ */
+#define ZFXD_DEVICE_BATCH 64u        /* device entries per batch: 64 x 5020 bytes, well within a frame */
+#define ZFXD_DEVICE_FCID_AT 12u
+#define ZFXD_DEVICE_AFID_AT 16u
+#define ZFXD_NS_CLASS 3u             /* class of service of every device */
+#define ZFXD_NS_PORT_TYPE 1u         /* N_Port */
+#define ZFXD_TLV_NS_BLOCK 70u
+#define ZFXD_TLV_PAIR_COUNT 71u
+#define ZFXD_TLV_PAIR 72u
 
 /* ---- where and how much ----------------------------------------------------------------------- */
 #define ZFXD_SOCKET_ENV "ZFXD_SOCKET"           /* overrides the default socket path */

@@ -172,15 +172,15 @@ bool Server::serve(Client &c) {
             break;
         }
         const uint8_t *payload = c.in.data() + at + PLAT_FRAME_HEADER_SIZE + f.opt_a_length;
-        Answer a;
-        // The feature's service answers its own access point; raw transport messages are not
-        // among what it serves.
-        if (f.sap != ZFX_SAP || f.op == PLAT_OP_RAW_SEND) a.result = ZFXD_ERR_UNSUPPORTED;
-        else a = service_.handle(f.msg_type, f.opcode, payload, f.payload_length, c.peer);
+        const Answer a = service_.dispatch(Request{f.op, f.msg_type, f.opcode, f.sap, payload, f.payload_length}, c.peer);
         at += plat_frame_size(&f);
-        // A waited request that asked for no reply gets none; sends get theirs queued.
+        // A waited request that asked for no reply gets none, nor does a raw message sent without
+        // the request option; sends get theirs queued.
         const bool with_reply = a.has_reply && (f.want_reply != 0 || f.op == PLAT_OP_SEND_REQUEST);
-        const plat_answer answer{a.result, 0, with_reply ? a.reply.data() : nullptr, with_reply ? uint32_t(a.reply.size()) : 0, 0};
+        // An empty reply (the end of the device walk) is still a reply, not none.
+        static const uint8_t empty = 0;
+        const uint8_t *bytes = a.reply.empty() ? &empty : a.reply.data();
+        const plat_answer answer{a.result, 0, with_reply ? bytes : nullptr, with_reply ? uint32_t(a.reply.size()) : 0, 0};
         const plat_frame out = plat_frame_for_answer(&f, &answer);
         const size_t start = c.out.size();
         c.out.resize(start + PLAT_FRAME_HEADER_SIZE);

@@ -14,6 +14,7 @@
 #include <optional>
 #include <set>
 
+#include "platform/endpoint.h"
 #include "tlv.hpp"
 #include "zfx_ascii_cfg.h"
 #include "zfx_common.h"
@@ -274,7 +275,7 @@ public:
     Answer zoneset(uint32_t opcode, const uint8_t *p, uint32_t n);
     Answer member(uint32_t opcode, const uint8_t *p, uint32_t n);
     Answer activation(uint32_t opcode, const uint8_t *p, uint32_t n);
-    Answer info(uint32_t opcode, const uint8_t *p, uint32_t n, int &log_level);
+    Answer info(uint32_t opcode, const uint8_t *p, uint32_t n, int &log_level, const FabricService &fabric);
     Answer zoneset_status(uint32_t opcode, const uint8_t *p, uint32_t n);
     Answer enabled(uint32_t opcode, const uint8_t *p, uint32_t n);
     Answer check_ignore(uint32_t opcode, const uint8_t *p, uint32_t n);
@@ -573,7 +574,7 @@ std::optional<long> decimal(const char *text) {
     return v;
 }
 
-Answer Handler::info(uint32_t opcode, const uint8_t *p, uint32_t n, int &log_level) {
+Answer Handler::info(uint32_t opcode, const uint8_t *p, uint32_t n, int &log_level, const FabricService &fabric) {
     if (n < sizeof(zfx_info_record)) return status(ZFXD_ERR_MALFORMED);
     const uint32_t key = ntohl(load<uint32_t>(p));
     what_ = "info " + std::to_string(key);
@@ -598,6 +599,10 @@ Answer Handler::info(uint32_t opcode, const uint8_t *p, uint32_t n, int &log_lev
         std::memcpy(out.data() + 4, s.c_str(), s.size());
         return reply(out);
     };
+    if (const std::optional<std::string> text = fabric.info(key)) {
+        std::memcpy(out.data() + 4, text->c_str(), std::min<size_t>(text->size(), ZFX_INFO_TEXT_SIZE - 1));
+        return reply(out);
+    }
     const std::optional<ActiveState> &active = db_.active();
     switch (key) {
         case ZFXD_INFO_ZONES: return number(long(db_.zones().size()));
@@ -684,7 +689,8 @@ Answer Handler::check_ignore(uint32_t opcode, const uint8_t *, uint32_t n) {
 
 }  // namespace
 
-Service::Service(ZoneDb &db, std::FILE *log) : db_(db), log_(log) {
+Service::Service(ZoneDb &db, std::FILE *log, const FabricDesc *fabric)
+    : db_(db), log_(log), fabric_(fabric != nullptr ? *fabric : empty_) {
     if (const auto level = db_.info(ZFXD_INFO_LOG_LEVEL)) log_level_ = std::atoi(level->c_str());
 }
 
@@ -707,11 +713,14 @@ Answer Service::handle(uint32_t msg_type, uint32_t opcode, const uint8_t *payloa
         case ZFX_MSG_ZONESET: a = h.zoneset(opcode, p, length); break;
         case ZFX_MSG_ZONE_MEMBER: a = h.member(opcode, p, length); break;
         case ZFX_MSG_ZONE_ACTIVATION: a = h.activation(opcode, p, length); break;
-        case ZFX_MSG_INFO: a = h.info(opcode, p, length, log_level_); break;
+        case ZFX_MSG_INFO: a = h.info(opcode, p, length, log_level_, fabric_); break;
         case ZFX_MSG_ZONESET_STATUS: a = h.zoneset_status(opcode, p, length); break;
         case ZFX_MSG_STATUS: a = h.enabled(opcode, p, length); break;
         case ZFX_MSG_FCDOMAIN_CHECK_IGNORE: a = h.check_ignore(opcode, p, length); break;
-        default: a = status(ZFXD_ERR_UNSUPPORTED); break;
+        default:
+            if (FabricService::serves(msg_type)) a = fabric_.request(msg_type, opcode, p, length, what);
+            else a = status(ZFXD_ERR_UNSUPPORTED);
+            break;
     }
     if (what.empty()) {
         // Refused before the handler could say more: the request's kind and operation.
@@ -724,10 +733,27 @@ Answer Service::handle(uint32_t msg_type, uint32_t opcode, const uint8_t *payloa
                                                              : "request " + std::to_string(msg_type) + "/" + std::to_string(opcode);
     }
     // Changes (and refused changes) at level 1, queries at level 2; a store failure always.
-    const bool change = db_.changes() != changes || (a.result != 0 && !a.has_reply && opcode != ZFXD_OP_GET);
+    // The fabric's requests are all questions.
+    const bool change = db_.changes() != changes || (a.result != 0 && !a.has_reply && opcode != ZFXD_OP_GET && !FabricService::serves(msg_type));
     const int level = a.result == ZFXD_ERR_STORE ? 0 : change ? 1 : 2;
     log(level, "uid " + std::to_string(peer.uid) + " pid " + std::to_string(peer.pid) + ": " + what + ": " + describe(a.result));
     return a;
+}
+
+Answer Service::handle_raw(uint32_t sap, uint32_t opcode, const uint8_t *payload, uint32_t length, const Peer &peer) {
+    static const uint8_t none[1] = {0};
+    std::string what;
+    const Answer a = fabric_.raw(sap, opcode, payload != nullptr ? payload : none, length, what);
+    // Raw messages change nothing: every one is logged at level 2, a refused one at level 1.
+    log(a.result == 0 ? 2 : 1, "uid " + std::to_string(peer.uid) + " pid " + std::to_string(peer.pid) + ": " + what + ": " + describe(a.result));
+    return a;
+}
+
+Answer Service::dispatch(const Request &r, const Peer &peer) {
+    if (r.op == PLAT_OP_RAW_SEND) return handle_raw(r.sap, r.opcode, r.payload, r.length, peer);
+    // The feature's service answers its own access point.
+    if (r.sap != ZFX_SAP) return status(ZFXD_ERR_UNSUPPORTED);
+    return handle(r.msg_type, r.opcode, r.payload, r.length, peer);
 }
 
 }  // namespace zfxd

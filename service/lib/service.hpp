@@ -8,6 +8,8 @@
 #include <cstdio>
 #include <string>
 
+#include "fabric_file.hpp"
+#include "fabric_service.hpp"
 #include "zone_db.hpp"
 
 namespace zfxd {
@@ -24,12 +26,31 @@ struct Answer {
     Bytes reply;
 };
 
+// What one frame asks of the service: its operation (PLAT_OP_*), message type, operation code
+// and access point, and the payload as the library sent it.
+struct Request {
+    uint32_t op = 0;
+    uint32_t msg_type = 0;
+    uint32_t opcode = 0;
+    uint32_t sap = 0;
+    const uint8_t *payload = nullptr;
+    uint32_t length = 0;
+};
+
 class Service {
 public:
-    // log receives one line per change (and per request at log level 2); NULL logs nothing.
-    Service(ZoneDb &db, std::FILE *log);
+    // log receives one line per change (and per request at log level 2); NULL logs nothing. The
+    // routing, raw-message and device requests are answered from fabric (which must outlive the
+    // service); without one, from an empty fabric.
+    Service(ZoneDb &db, std::FILE *log, const FabricDesc *fabric = nullptr);
 
+    // Any request a frame carries: channel requests to the feature's access point go to handle,
+    // raw transport messages to handle_raw; anything else is ZFXD_ERR_UNSUPPORTED.
+    Answer dispatch(const Request &request, const Peer &peer);
+    // A channel request.
     Answer handle(uint32_t msg_type, uint32_t opcode, const uint8_t *payload, uint32_t length, const Peer &peer);
+    // A raw transport message to access point sap (the feature's, or the name server's).
+    Answer handle_raw(uint32_t sap, uint32_t opcode, const uint8_t *payload, uint32_t length, const Peer &peer);
 
     // The log's level (ZFXD_INFO_LOG_LEVEL): 0 errors only, 1 changes, 2 every request.
     int log_level() const { return log_level_; }
@@ -40,6 +61,8 @@ private:
     ZoneDb &db_;
     std::FILE *log_;
     int log_level_ = 1;
+    FabricDesc empty_;
+    FabricService fabric_;
 };
 
 }  // namespace zfxd

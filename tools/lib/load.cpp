@@ -29,12 +29,10 @@
 // per name, shared by both tables).
 #include "load.hpp"
 
+#include "text_lines.hpp"
+
 #include <algorithm>
-#include <cctype>
-#include <fstream>
-#include <iostream>
 #include <set>
-#include <sstream>
 #include <string_view>
 
 #include "zfx_ascii_cfg.h"
@@ -47,57 +45,18 @@ namespace {
 constexpr size_t kNameMax = ZFX_NAME_SIZE - 1;           // what a zone, zoneset or alias field keeps
 constexpr size_t kGroupNameMax = ZFX2_SG_NAME_SIZE - 1;  // what a service-group name record keeps
 
-using Words = std::vector<std::string>;
-
 // A parse failure: what is wrong with the line at hand.
-struct Bad {
-    std::string what;
-};
+using Bad = LineError;
 
-bool hex_digit(char c) { return std::isxdigit(static_cast<unsigned char>(c)) != 0; }
-
-// The "0x" before a LUN or an FCID, in either case like the digits after it.
-bool hex_prefix(const std::string &text) { return text.size() >= 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X'); }
-
-uint64_t number(const std::string &text, uint64_t max, const char *what) {
-    if (text.empty() || text.size() > 10 || !std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; }))
-        throw Bad{std::string("malformed ") + what + " '" + text + "'"};
-    const uint64_t v = std::stoull(text);
-    if (v > max) throw Bad{std::string(what) + " " + text + " is out of range (at most " + std::to_string(max) + ")"};
-    return v;
-}
-
-uint32_t vsan_number(const std::string &text) { return uint32_t(number(text, VSAN_BITSET_NUMBITS - 1, "VSAN")); }
 uint16_t afid_number(const std::string &text) { return uint16_t(number(text, 0xFFFF, "autonomous fabric ID")); }
 
-Wwn wwn(const std::string &text) {
-    Wwn w;
-    if (!parse_wwn(text, w)) throw Bad{"malformed WWN '" + text + "'"};
-    return w;
-}
+Wwn wwn(const std::string &text) { return wwn_word(text); }
+VsanSet ranges(const std::string &text) { return vsan_ranges(text); }
 
 Wwn lun(const std::string &text) {
     Wwn l;
     if (!parse_lun(text, l)) throw Bad{"malformed LUN '" + text + "'"};
     return l;
-}
-
-// VSAN range text: runs "a" or "a-b" joined by ",".
-VsanSet ranges(const std::string &text) {
-    VsanSet set;
-    std::stringstream runs(text);
-    std::string run;
-    bool any = false;
-    while (std::getline(runs, run, ',')) {
-        const size_t dash = run.find('-');
-        const uint32_t first = vsan_number(run.substr(0, dash));
-        const uint32_t last = dash == std::string::npos ? first : vsan_number(run.substr(dash + 1));
-        if (last < first) throw Bad{"VSAN range '" + run + "' runs backwards"};
-        set.add(int32_t(first), int32_t(last));
-        any = true;
-    }
-    if (!any || text.back() == ',') throw Bad{"malformed VSAN ranges '" + text + "'"};
-    return set;
 }
 
 std::string name(const std::string &text, size_t max, const char *what) {
@@ -318,9 +277,7 @@ private:
 
     void fcid(const Words &w) {
         const std::string &text = w[3];
-        if (text.size() != 8 || !hex_prefix(text) || !std::all_of(text.begin() + 2, text.end(), hex_digit))
-            throw Bad{"malformed FCID '" + text + "' (0x and six hexadecimal digits)"};
-        const unsigned long v = std::stoul(text.substr(2), nullptr, 16);
+        const uint32_t v = fcid_number(text);
         const PfcidFcid p{pfcid_afid_, pfcid_vsan_, wwn(w[1]), {uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)}};
         if (p.fcid[0] != f_.pfcid_domains.back().domain) throw Bad{"the FCID's domain differs from the domain it stands under"};
         // An FCID stands under every domain line of its fabric with its domain: keep one record.
@@ -417,34 +374,6 @@ private:
     uint32_t pfcid_vsan_ = 0;
 };
 
-constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";  // what some editors put before UTF-8 text
-
-// A line as the loader reads it: without the CR of a CRLF line end and without trailing blanks,
-// its indentation (blanks and tabs, any number) apart. body is empty for a blank line.
-struct TextLine {
-    bool indented = false;
-    std::string_view body;
-};
-
-TextLine normalise(std::string_view raw) {
-    if (raw.ends_with('\r')) raw.remove_suffix(1);
-    while (raw.ends_with(' ')) raw.remove_suffix(1);
-    const size_t indent = raw.find_first_not_of(" \t");
-    if (indent == std::string_view::npos) return {};
-    return {indent > 0, raw.substr(indent)};
-}
-
-// The words of a line's body: what runs of blanks (and, in another feature's lines, tabs) separate.
-Words words(std::string_view body) {
-    Words out;
-    for (size_t at = body.find_first_not_of(" \t"); at != std::string_view::npos; at = body.find_first_not_of(" \t", at)) {
-        const size_t end = std::min(body.find_first_of(" \t", at), body.size());
-        out.emplace_back(body.substr(at, end - at));
-        at = end;
-    }
-    return out;
-}
-
 // Whether an unindented line is the feature's own: every command the generators write starts
 // like one of these, and so do the lines of its blocks, which unindented are a mistake in zfx
 // text rather than another feature's line.
@@ -463,53 +392,33 @@ bool feature_line(const Words &w) {
 bool load_text(const std::string &text, const std::string &source, Fabric &fabric, std::string &error,
                const LoadOptions &options, size_t *skipped) {
     Loader loader(fabric);
-    std::string_view rest(text);
-    if (rest.starts_with(kByteOrderMark)) rest.remove_prefix(kByteOrderMark.size());
-    size_t line_number = 0, foreign_lines = 0;
+    size_t foreign_lines = 0;
     bool in_foreign = false;  // the lines at hand are another feature's block
-    try {
-        while (!rest.empty()) {
-            const size_t end = std::min(rest.find('\n'), rest.size());
-            const TextLine line = normalise(rest.substr(0, end));
-            rest.remove_prefix(std::min(end + 1, rest.size()));
-            ++line_number;
-            if (line.body.empty() || line.body[0] == '!') continue;  // blank lines and comments end no block
-            const Words w = words(line.body);
-            if (!line.indented) in_foreign = !feature_line(w);
-            if (in_foreign) {
-                if (!options.skip_foreign) throw Bad{"not a line of the zfx configuration (another feature's? --skip-foreign skips those)"};
-                ++foreign_lines;
-                loader.foreign();
-                continue;
-            }
-            // Names end at the first control character in a record (or print as one), so a line
-            // holding one could not come back as it was.
-            if (std::any_of(line.body.begin(), line.body.end(), [](char c) { return (unsigned char)c < 0x20 || c == 0x7F; }))
-                throw Bad{"a control character in the line"};
-            loader.line(line.indented, w);
+    const bool read = each_line(text, source, [&](const TextLine &line) {
+        if (line.body.empty() || line.body[0] == '!') return;  // blank lines and comments end no block
+        const Words w = words(line.body);
+        if (!line.indented) in_foreign = !feature_line(w);
+        if (in_foreign) {
+            if (!options.skip_foreign) throw Bad{"not a line of the zfx configuration (another feature's? --skip-foreign skips those)"};
+            ++foreign_lines;
+            loader.foreign();
+            return;
         }
-        loader.finish();
-    } catch (const Bad &bad) {
-        error = source + ":" + std::to_string(line_number) + ": " + bad.what;
-        return false;
-    }
+        // Names end at the first control character in a record (or print as one), so a line
+        // holding one could not come back as it was.
+        if (std::any_of(line.body.begin(), line.body.end(), [](char c) { return (unsigned char)c < 0x20 || c == 0x7F; }))
+            throw Bad{"a control character in the line"};
+        loader.line(line.indented, w);
+    }, error);
+    if (!read) return false;
+    loader.finish();
     if (skipped != nullptr) *skipped = foreign_lines;
     return true;
 }
 
 bool load_file(const std::string &path, Fabric &fabric, std::string &error, const LoadOptions &options, size_t *skipped) {
-    std::ostringstream text;
-    if (path == "-") {
-        text << std::cin.rdbuf();
-    } else {
-        std::ifstream file(path, std::ios::binary);
-        if (!file) {
-            error = path + ": cannot read the file";
-            return false;
-        }
-        text << file.rdbuf();
-    }
-    return load_text(text.str(), path, fabric, error, options, skipped);
+    std::string text;
+    return read_text(path, text, error) && load_text(text, path, fabric, error, options, skipped);
 }
 
 }  // namespace zfxtool

@@ -1,0 +1,480 @@
+// zfxd's fabric requests driven by the library's own request functions, in process and over the
+// socket to a running server: a generated fabric of more devices than three batches hold, each
+// answer held against the fabric description it came from. The forwarding driver the NAT lookup
+// asks first is played here (open and ioctl), answering the fabric's next hops.
+#include <arpa/inet.h>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdarg>
+#include <cstring>
+#include <memory>
+#include <random>
+#include <thread>
+
+#include "fabric_file.hpp"
+#include "platform/dlg.h"
+#include "platform/socket.h"
+#include "server.hpp"
+#include "service.hpp"
+#include "store.hpp"
+#include "tlv.hpp"
+#include "zfx_service.h"
+#include "zfxd_protocol.h"
+
+namespace {
+
+const zfxd::FabricDesc *g_fabric = nullptr;  // what the played driver answers from
+int g_driver_fd = -1;
+
+template <typename F>
+F libc(const char *name) {
+    return reinterpret_cast<F>(dlsym(RTLD_NEXT, name));
+}
+
+int driver_open(const char *path, int flags, mode_t mode, const char *name) {
+    if (std::strcmp(path, ZFX_FCFWD_PATH) != 0) return libc<int (*)(const char *, int, ...)>(name)(path, flags, mode);
+    return g_driver_fd = libc<int (*)(const char *, int, ...)>("open")("/dev/null", O_RDONLY);
+}
+
+}  // namespace
+
+#define DRIVER_API extern "C" __attribute__((visibility("default")))
+#define DRIVER_OPEN(name)                                                          \
+    DRIVER_API int name(const char *path, int flags, ...) {                        \
+        va_list ap;                                                                \
+        va_start(ap, flags);                                                       \
+        const mode_t mode = flags & (O_CREAT | O_TMPFILE) ? va_arg(ap, mode_t) : 0; \
+        va_end(ap);                                                                \
+        return driver_open(path, flags, mode, #name);                              \
+    }
+DRIVER_OPEN(open)
+DRIVER_OPEN(open64)
+
+// The driver's next hop is the fabric's, and the flow's own VSAN where the fabric has none.
+DRIVER_API int ioctl(int fd, unsigned long request, ...) __THROW {
+    va_list ap;
+    va_start(ap, request);
+    auto *arg = va_arg(ap, zfx_fcfwd_next_hop_arg *);
+    va_end(ap);
+    if (fd != g_driver_fd || g_driver_fd < 0) return libc<int (*)(int, unsigned long, ...)>("ioctl")(fd, request, arg);
+    if (request != ZFX_FCFWD_IOC_NEXT_HOP) return errno = ENOTTY, -1;
+    const auto it = g_fabric->next_hops.find({arg->vsan, uint8_t(ntohl(arg->did) >> 16)});
+    arg->next_hop = it != g_fabric->next_hops.end() ? it->second : arg->vsan;
+    return 0;
+}
+
+namespace {
+
+using zfxd::FabricDesc;
+using zfxd::FabricDevice;
+using zfxtool::Wwn;
+
+constexpr uint32_t kDevices = 3 * ZFXD_DEVICE_BATCH + 7;
+constexpr uint32_t kVsans[] = {10, 20, 30, 40};
+
+// A fabric description of kDevices devices in shuffled order: every fourth with values per VSAN
+// (one VSAN of its set left without a value), every device in one to four VSANs; native domains
+// for three VSANs, proxy domains, next hops and NAT rewrites for a few flows.
+std::string fabric_text() {
+    std::mt19937 rng(7);
+    std::vector<uint32_t> order(kDevices);
+    for (uint32_t i = 0; i < kDevices; ++i) order[i] = i;
+    std::shuffle(order.begin(), order.end(), rng);
+    std::string t = "# generated\n";
+    for (uint32_t i : order) {
+        std::vector<uint32_t> vsans;
+        for (uint32_t k = 0; k < 4; ++k)
+            if ((i + k) % 3 != 0 || k == i % 4) vsans.push_back(kVsans[k]);
+        std::string ranges, per;
+        for (size_t k = 0; k < vsans.size(); ++k) {
+            ranges += (k == 0 ? "" : ",") + std::to_string(vsans[k]);
+            // A per-VSAN device's last VSAN has no value, unless it has only the one.
+            if (k + 1 < vsans.size() || k == 0) per += (k == 0 ? "" : ",") + zfxtool::format("%u:%u", vsans[k], 1000 + i);
+        }
+        t += zfxtool::format("device 21:00:00:24:ff:%02x:%02x:%02x fcid 0x%02x%02x%02x vsans %s", i >> 16, (i >> 8) & 0xFF, i & 0xFF,
+                             1 + i % 23, i / 23, i % 7, ranges.c_str());
+        t += i % 4 == 0 ? " per-vsan " + per : " value " + std::to_string(i * 3);
+        t += zfxtool::format(" node 20:00:00:24:ff:%02x:%02x:%02x name host-%u afid %u\n", i >> 16, (i >> 8) & 0xFF, i & 0xFF, i, 1 + i % 2);
+    }
+    t += "native-domain 10 1\nnative-domain 20 0x2\nnative-domain 30 239\n";
+    t += "proxy-domains 10 5,3,239\nproxy-domains 40 1\n";
+    t += "next-hop 10 2 20\nnext-hop 10 3 30\nnext-hop 20 1 10\n";
+    t += "nat 10 20 0x010000 0x020001 0x140001 0x140002\nnat 20 10 0x020001 0x010000 0x0a0009 0x0a0008\n";
+    return t;
+}
+
+const Wwn &wwn_of(const zfx_device_entry &e) { return *reinterpret_cast<const Wwn *>(e.pwwn); }
+
+// The pairs the second-generation view must give: each VSAN of the set with a value, ascending.
+std::vector<std::pair<uint32_t, uint32_t>> pairs_of(const FabricDevice &d) {
+    std::vector<std::pair<uint32_t, uint32_t>> out;
+    for (int32_t v = vsan_bitset_first_bit(&d.vsans.bits); v >= 0; v = vsan_bitset_next_bit(&d.vsans.bits, v)) {
+        if (!d.per_vsan) out.emplace_back(v, d.value);
+        else if (d.values.count(uint32_t(v)) != 0) out.emplace_back(v, d.values.at(uint32_t(v)));
+    }
+    return out;
+}
+
+std::vector<std::pair<uint32_t, uint32_t>> pairs_of(const zfx_device_ns_entry &e) {
+    std::vector<std::pair<uint32_t, uint32_t>> out;
+    for (uint32_t k = 0; k < e.pair_count; ++k) out.emplace_back(e.pairs[k].vsan, e.pairs[k].value);
+    return out;
+}
+
+// A split raw query: sent, its reply received by the request's token, parsed, both dropped.
+template <typename Send, typename Parse>
+int32_t split(plat_endpoint *ep, Send send, Parse parse) {
+    xqb_msg msg = XQB_MSG_EMPTY;
+    EXPECT_EQ(send(&msg), 0);
+    const xqb_recv_opts opts{XQB_SELECT_TOKEN, 0, 5, xqb_rr_token_get(&msg), {}};
+    xqb_drop(ep, &msg);
+    EXPECT_EQ(xqb_recv(ep, &msg, &opts), 0);
+    const int32_t r = parse(&msg);
+    xqb_drop(ep, &msg);
+    return r;
+}
+
+void expect_ns_block(const uint8_t *block, const FabricDevice &d) {
+    dir_entry e;
+    std::memcpy(&e, block, sizeof e);
+    EXPECT_EQ(ntohl(e.port_id), d.fcid);
+    EXPECT_EQ(std::memcmp(e.port_name, d.pwwn.data(), 8), 0);
+    EXPECT_EQ(std::memcmp(e.node_name, d.node.data(), 8), 0);
+    EXPECT_EQ(std::string(e.symbolic_name), d.name);
+    EXPECT_EQ(ntohl(e.class_of_service), ZFXD_NS_CLASS);
+}
+
+void expect_entry(const zfx_device_entry &e, const FabricDevice &d) {
+    const auto *b = reinterpret_cast<const uint8_t *>(&e);
+    EXPECT_EQ(wwn_of(e), d.pwwn);
+    EXPECT_EQ(ntohl(zfxtool::load<uint32_t>(b + ZFXD_DEVICE_FCID_AT)), d.fcid);
+    EXPECT_EQ(ntohl(zfxtool::load<uint32_t>(b + ZFXD_DEVICE_AFID_AT)), d.afid);
+    EXPECT_TRUE(vsan_bitset_equal(&e.vsans, &d.vsans.bits));
+    EXPECT_EQ(e.flags, d.per_vsan ? ZFX_DEVICE_FLAG_PER_VSAN : 0);
+    EXPECT_EQ(e.vsan_value, d.per_vsan ? 0 : d.value);
+    expect_ns_block(e.ns_block, d);
+}
+
+enum class Transport { inproc, socket };
+
+// zfxd on a fresh store with the generated fabric, reached in process or over its socket.
+class Fabric : public ::testing::TestWithParam<Transport> {
+protected:
+    void SetUp() override {
+        std::string error;
+        ASSERT_TRUE(zfxd::parse_fabric(fabric_text(), "gen", {{2, {}}}, fabric_, error)) << error;
+        ASSERT_EQ(fabric_.devices.size(), kDevices);
+        g_fabric = &fabric_;
+        ASSERT_EQ(db_.open(prefix_.config()), "");
+        service_ = std::make_unique<zfxd::Service>(db_, nullptr, &fabric_);
+        if (GetParam() == Transport::inproc) {
+            ep_ = plat_endpoint_open_inproc(handle, this);
+        } else {
+            socket_ = ::testing::TempDir() + "zfxd-fabric-" + std::to_string(getpid()) + ".sock";
+            server_ = std::make_unique<zfxd::Server>(*service_);
+            ASSERT_EQ(server_->listen(socket_, 0600), "");
+            thread_ = std::thread([this] { server_->run(stop_); });
+            ep_ = plat_endpoint_open_socket(socket_.c_str());
+        }
+        ASSERT_NE(ep_, nullptr);
+    }
+    void TearDown() override {
+        plat_endpoint_close(ep_);
+        if (thread_.joinable()) {
+            stop_ = 1;
+            // A connection wakes the loop, which then sees stop.
+            plat_endpoint_close(plat_endpoint_open_socket(socket_.c_str()));
+            thread_.join();
+        }
+    }
+    static void handle(void *ctx, const plat_call *call, plat_answer *answer) {
+        auto *self = static_cast<Fabric *>(ctx);
+        if (call->op == PLAT_OP_RECV) return;
+        self->last_ = self->service_->dispatch({uint32_t(call->op), call->msg_type, call->opcode, call->sap,
+                                                static_cast<const uint8_t *>(call->payload), call->length},
+                                               zfxd::Peer{});
+        static const uint8_t empty = 0;
+        answer->result = self->last_.result;
+        const bool reply = self->last_.has_reply && (call->op != PLAT_OP_RAW_SEND || call->want_reply != 0);
+        answer->reply = reply ? (self->last_.reply.empty() ? &empty : self->last_.reply.data()) : nullptr;
+        answer->reply_length = reply ? uint32_t(self->last_.reply.size()) : 0;
+    }
+    // The reply to an asynchronous send with tag, as its payload.
+    zfxtest::Bytes received(uint32_t tag) {
+        const xqb_recv_opts wait{XQB_SELECT_ANY, 0, 5, 0, {}};
+        xqb_msg held = XQB_MSG_EMPTY;
+        EXPECT_EQ(xqb_recv(ep_, &held, &wait), 0);
+        if (held.msg == nullptr) return {};
+        EXPECT_EQ(plat_msg_info_get(held.msg)->tag, tag);
+        void *payload = nullptr;
+        uint32_t len = 0;
+        EXPECT_EQ(dlg_parse_response(held.msg, &payload, &len), 0);
+        zfxtest::Bytes out(static_cast<uint8_t *>(payload), static_cast<uint8_t *>(payload) + len);
+        xqb_drop(ep_, &held);
+        return out;
+    }
+
+    FabricDesc fabric_;
+    zfxtest::Prefix prefix_;
+    zfxd::ZoneDb db_;
+    std::unique_ptr<zfxd::Service> service_;
+    zfxd::Answer last_;
+    std::string socket_;
+    std::unique_ptr<zfxd::Server> server_;
+    std::thread thread_;
+    volatile std::sig_atomic_t stop_ = 0;
+    plat_endpoint *ep_ = nullptr;
+};
+
+// The walk in its three views covers every device once, in port WWN order, in several batches;
+// a walk that starts after a device continues with the next one.
+TEST_P(Fabric, DeviceWalkInEveryView) {
+    zfx_device_entry *handle = nullptr;
+    ASSERT_EQ(zfx_device_entry_handle_init(&handle), 0);
+    auto model = fabric_.devices.begin();
+    uint32_t batches = 0;
+    for (;;) {
+        zfx_device_entry *entries = nullptr;
+        uint32_t count = 0;
+        ASSERT_EQ(zfx_device_entry_get_next(ep_, handle, &entries, &count), 0);
+        if (count == 0) break;
+        ASSERT_LE(++batches, kDevices) << "the walk does not end";
+        EXPECT_LE(count, ZFXD_DEVICE_BATCH);
+        for (uint32_t i = 0; i < count && model != fabric_.devices.end(); ++i, ++model) expect_entry(entries[i], model->second);
+        std::free(entries);
+    }
+    EXPECT_EQ(model, fabric_.devices.end());
+    EXPECT_EQ(batches, (kDevices + ZFXD_DEVICE_BATCH - 1) / ZFXD_DEVICE_BATCH);
+
+    for (const bool second : {false, true}) {
+        ASSERT_EQ(zfx_device_entry_handle_init(&handle), 0);
+        model = fabric_.devices.begin();
+        for (;;) {
+            zfx_device_ns_entry *ns = nullptr;
+            uint32_t count = 0;
+            ASSERT_EQ((second ? zfx2_device_ns_entry_get_next : zfx_device_ns_entry_get_next)(ep_, handle, &ns, &count), 0);
+            if (count == 0) break;
+            ASSERT_NE(model, fabric_.devices.end()) << "the walk does not end";
+            for (uint32_t i = 0; i < count && model != fabric_.devices.end(); ++i, ++model) {
+                expect_ns_block(ns[i].ns_block, model->second);
+                EXPECT_EQ(pairs_of(ns[i]), second ? pairs_of(model->second) : decltype(pairs_of(ns[i])){});
+                EXPECT_EQ(vsan_bitset_equal(&ns[i].vsans, &model->second.vsans.bits) != 0, !second);
+                std::free(ns[i].pairs);
+            }
+            std::free(ns);
+        }
+        EXPECT_EQ(model, fabric_.devices.end()) << "second generation " << second;
+    }
+
+    // After a given device: the next one comes first; a local cursor moves as the library's does.
+    const auto start = std::next(fabric_.devices.begin(), 100);
+    uint32_t words[2];
+    std::memcpy(words, start->first.data(), 8);
+    zfx_device_entry_handle_init_with_wwn(&handle, words[0], words[1]);
+    zfx_device_entry cursor = *handle, *entries = nullptr;
+    uint32_t count = 0;
+    ASSERT_EQ(zfx_dlg_ns_device_entry_get(ep_, &cursor, &entries, &count), 0);
+    ASSERT_EQ(count, ZFXD_DEVICE_BATCH);
+    EXPECT_EQ(wwn_of(entries[0]), std::next(start)->first);
+    EXPECT_EQ(wwn_of(cursor), wwn_of(entries[count - 1]));
+    std::free(entries);
+}
+
+// Per-VSAN values, and the TLV-encoded replies of both asynchronous sends decoded by both parsers.
+TEST_P(Fabric, PerVsanValuesAndTlvReplies) {
+    for (const auto &[wwn, d] : fabric_.devices) {
+        if (!d.per_vsan) continue;
+        uint32_t words[2];
+        std::memcpy(words, wwn.data(), 8);
+        for (uint32_t v : kVsans) {
+            void *reply = nullptr;
+            const int32_t r = zfx2_dlg_pv_vsan_entry_get(ep_, words[0], words[1], v, &reply);
+            const auto want = d.values.find(v);
+            EXPECT_EQ(r, want != d.values.end() ? 0 : ZFXD_ERR_NOT_FOUND) << zfxtool::wwn_text(wwn) << " vsan " << v;
+            if (r == 0 && reply != nullptr) {
+                EXPECT_EQ(zfxtool::load<uint32_t>(static_cast<uint8_t *>(reply)), want->second);
+            }
+            std::free(reply);
+        }
+    }
+
+    zfx_device_entry *handle = nullptr;
+    const auto start = std::next(fabric_.devices.begin(), kDevices - 5);  // four devices follow it
+    uint32_t words[2];
+    std::memcpy(words, start->first.data(), 8);
+    zfx_device_entry_handle_init_with_wwn(&handle, words[0], words[1]);
+    ASSERT_EQ(zfx2_device_ns_entry_send_req(ep_, handle, 41), 0);
+    const zfxtest::Bytes batch = received(41);
+    EXPECT_EQ(wwn_of(*handle), start->first) << "the send leaves the cursor";
+
+    std::vector<uint8_t> items(4 + 3 * sizeof(zfx_fcr_query_item), 0);
+    const uint32_t n = 3;
+    std::memcpy(items.data(), &n, 4);
+    std::memcpy(items.data() + 4, fabric_.devices.rbegin()->first.data(), 8);           // any VSAN
+    std::memcpy(items.data() + 16, std::prev(fabric_.devices.end(), 2)->first.data(), 8);  // with a VSAN it has
+    const uint32_t has = htonl(uint32_t(vsan_bitset_first_bit(&std::prev(fabric_.devices.end(), 2)->second.vsans.bits)));
+    std::memcpy(items.data() + 24, &has, 4);
+    std::memcpy(items.data() + 28, "\x99\x99\x99\x99\x99\x99\x99\x99", 8);  // no such device
+    ASSERT_EQ(zfx_fcr_query_entry_send(ep_, reinterpret_cast<const zfx_fcr_query *>(items.data()), 42), 0);
+    const zfxtest::Bytes fcr = received(42);
+
+    const struct {
+        const zfxtest::Bytes &reply;
+        std::vector<const FabricDevice *> devices;
+    } cases[] = {
+        {batch, {&std::next(start, 1)->second, &std::next(start, 2)->second, &std::next(start, 3)->second, &std::next(start, 4)->second}},
+        {fcr, {&fabric_.devices.rbegin()->second, &std::prev(fabric_.devices.end(), 2)->second}},
+    };
+    for (const auto &c : cases) {
+        zfx_device_entry *entries = nullptr;
+        zfx_device_ns_entry *ns = nullptr;
+        int32_t count = -1, ns_count = -1;
+        ASSERT_EQ(zfx2_device_entry_parse_checked(c.reply.data(), uint32_t(c.reply.size()), &entries, &count), 0);
+        ASSERT_EQ(zfx2_device_ns_entry_parse_checked(c.reply.data(), uint32_t(c.reply.size()), &ns, &ns_count), 0);
+        ASSERT_EQ(size_t(count), c.devices.size());
+        ASSERT_EQ(ns_count, count);
+        // The forms without a length read the same reply alike.
+        zfx_device_entry *unchecked = nullptr;
+        zfx_device_ns_entry *unchecked_ns = nullptr;
+        int32_t n1 = -1, n2 = -1;
+        ASSERT_EQ(zfx2_device_entry_parse(c.reply.data(), &unchecked, &n1), 0);
+        ASSERT_EQ(zfx2_device_ns_entry_parse(c.reply.data(), &unchecked_ns, &n2), 0);
+        EXPECT_EQ(std::memcmp(unchecked, entries, size_t(count) * sizeof *entries), 0);
+        EXPECT_EQ(n1, count);
+        EXPECT_EQ(n2, count);
+        for (int32_t i = 0; i < n2; ++i) std::free(unchecked_ns[i].pairs);
+        std::free(unchecked);
+        std::free(unchecked_ns);
+        for (int32_t i = 0; i < count; ++i) {
+            expect_entry(entries[i], *c.devices[i]);
+            EXPECT_EQ(pairs_of(ns[i]), pairs_of(*c.devices[i]));
+            std::free(ns[i].pairs);
+        }
+        std::free(entries);
+        std::free(ns);
+    }
+
+    // After the last device, the walk's end: no entries.
+    std::memcpy(words, fabric_.devices.rbegin()->first.data(), 8);
+    zfx_device_entry_handle_init_with_wwn(&handle, words[0], words[1]);
+    ASSERT_EQ(zfx2_device_ns_entry_send_req(ep_, handle, 43), 0);
+    const zfxtest::Bytes none = received(43);
+    zfx_device_entry *entries = nullptr;
+    int32_t count = -1;
+    EXPECT_EQ(zfx2_device_entry_parse_checked(none.data(), uint32_t(none.size()), &entries, &count), ZFX_ERR_NO_ENTRIES);
+    EXPECT_EQ(count, 0);
+}
+
+// The raw transport queries, combined and split, the frame hand-over and the name server.
+TEST_P(Fabric, RawQueriesFramesAndNameServer) {
+    for (uint32_t vsan : {10u, 20u, 30u, 40u}) {
+        const auto it = fabric_.native_domains.find(vsan);
+        const int32_t want = it != fabric_.native_domains.end() ? 0 : ZFXD_ERR_NOT_FOUND;
+        uint32_t domain = 0xDEAD, by_parts = 0xDEAD;
+        EXPECT_EQ(zfx_get_native_domain(ep_, vsan, 0, &domain), want) << vsan;
+        EXPECT_EQ(split(ep_, [&](xqb_msg *m) { return zfx_send_get_native_domain(ep_, vsan, 0, m); },
+                        [&](xqb_msg *m) { return zfx_parse_get_native_domain(m, &by_parts); }),
+                  want);
+        EXPECT_EQ(domain, want == 0 ? it->second : 0xDEAD);
+        EXPECT_EQ(by_parts, domain);
+
+        zfx_proxy_domain_list list{}, list2{};
+        const auto proxy = fabric_.proxy_domains.find(vsan);
+        const int32_t want_proxy = proxy != fabric_.proxy_domains.end() ? 0 : ZFXD_ERR_NOT_FOUND;
+        EXPECT_EQ(zfx_get_proxy_domain_list(ep_, vsan, &list), want_proxy);
+        EXPECT_EQ(split(ep_, [&](xqb_msg *m) { return zfx_send_get_proxy_domain_list(ep_, vsan, m); },
+                        [&](xqb_msg *m) { return zfx_parse_get_proxy_domain_list(m, &list2); }),
+                  want_proxy);
+        if (want_proxy != 0) continue;
+        std::vector<uint8_t> got;
+        for (uint32_t d = 0; d < 256; ++d)
+            if (zfxtool::id_bit(list.domain_list, d)) got.push_back(uint8_t(d));
+        EXPECT_EQ(got, proxy->second);
+        EXPECT_EQ(list.value, proxy->second.size());
+        EXPECT_EQ(std::memcmp(list.domain_list, list2.domain_list, sizeof list.domain_list), 0);
+    }
+
+    // Frames arrive whole (header words, length, the check of the data); one whose message is
+    // not its header and data is refused and not counted.
+    std::vector<uint32_t> words(ZFX_FRAME_HEADER_SIZE / 4 + 300 / 4, 0);
+    auto *frame = reinterpret_cast<zfx_frame_record *>(words.data());
+    for (uint32_t len : {0u, 1u, 300u}) {
+        frame->hdr[0] = 0x22010203u + len;
+        frame->hdr[1] = 0x01040506u;
+        frame->data_len = len;
+        for (uint32_t i = 0; i < len; ++i) frame->data[i] = uint8_t(i * 7 + len);
+        ASSERT_EQ(zfx_forward_frame(ep_, frame), 0);
+        EXPECT_EQ(frame->hdr[0], 0x22010203u + len);
+    }
+    std::vector<uint8_t> bad(ZFX_FRAME_HEADER_SIZE + 4, 0);
+    bad[16] = 5;  // data_len 5, four bytes follow
+    // Refused by the service: in process the send returns its status; over the socket a send
+    // does not wait for the answer.
+    const int32_t refused = xqb_send(ep_, ZFX_NODE_REMOTE, ZFX_SAP, ZFX_XQB_FORWARD_FRAME, bad.data(), uint32_t(bad.size()), nullptr, 0, nullptr);
+    EXPECT_EQ(refused, GetParam() == Transport::inproc ? ZFXD_ERR_MALFORMED : 0);
+    EXPECT_EQ(zfx_dlg_get_info_int(ep_, ZFXD_INFO_FRAMES), 3);
+    zfx_info_record *last = zfx_dlg_get_info(ep_, ZFXD_INFO_LAST_FRAME);
+    ASSERT_NE(last, nullptr);
+    EXPECT_EQ(std::string(last->value), zfxtool::format("0x%08x 0x%08x 300 0x%08x", frame->hdr[0], frame->hdr[1], zfxd_frame_check(frame->data, 300)));
+    std::free(last);
+    EXPECT_EQ(zfx_dlg_get_info_int(ep_, ZFXD_INFO_DEVICES), int32_t(kDevices));
+
+    // The name server: every device in any VSAN and in one of its own; none outside them.
+    for (const auto &[wwn, d] : fabric_.devices) {
+        const uint32_t w1 = zfxtool::load<uint32_t>(wwn.data()), w2 = zfxtool::load<uint32_t>(wwn.data() + 4);
+        const uint32_t own = uint32_t(vsan_bitset_first_bit(&d.vsans.bits)), other = uint32_t(vsan_bitset_find_free_bit(&d.vsans.bits, 1));
+        for (const auto &[scope, want] : {std::pair{0u, 0}, std::pair{own, 0}, std::pair{other, ZFXD_DIR_ERR_NOT_FOUND}}) {
+            dir_entry e{};
+            ASSERT_EQ(zfx_ns_get_entry_given_portname(ep_, ntohl(w1), ntohl(w2), scope, &e), want) << zfxtool::wwn_text(wwn);
+            if (want == 0) expect_ns_block(reinterpret_cast<const uint8_t *>(&e), d);
+        }
+    }
+}
+
+// Next hops from the service; NAT rewrites after the driver's next hop; the load-balancing hash
+// over flows of the fabric (devices that share a VSAN) stays within its path count, 0 paths
+// included.
+TEST_P(Fabric, RoutingAndTheHashOverTheFabricsFlows) {
+    for (uint32_t vsan : kVsans)
+        for (uint32_t domain : {1u, 2u, 3u, 4u}) {
+            const uint32_t did = htonl(domain << 16 | 0x0102);
+            uint32_t next = 0;
+            ASSERT_EQ(zfx_get_next_hop_vsan(ep_, vsan, did, &next), 0);
+            const auto it = fabric_.next_hops.find({vsan, uint8_t(domain)});
+            EXPECT_EQ(next, it != fabric_.next_hops.end() ? it->second : vsan) << vsan << " " << domain;
+        }
+    for (const auto &[key, rewrite] : fabric_.nat) {
+        uint32_t vsan = key[0], sid = htonl(key[2]), did = htonl(key[3]);
+        ASSERT_EQ(zfx_nat_get_next_hop_info(ep_, &vsan, &sid, &did), 0);
+        EXPECT_EQ(vsan, key[1]);
+        EXPECT_EQ(ntohl(sid), rewrite.first);
+        EXPECT_EQ(ntohl(did), rewrite.second);
+        // Another source in the same flow direction has no rewrite: nothing changes.
+        vsan = key[0], sid = htonl(key[2] + 1), did = htonl(key[3]);
+        ASSERT_EQ(zfx_nat_get_next_hop_info(ep_, &vsan, &sid, &did), 0);
+        EXPECT_EQ(vsan, key[0]);
+        EXPECT_EQ(ntohl(sid), key[2] + 1);
+    }
+    for (auto a = fabric_.devices.begin(); a != std::next(fabric_.devices.begin(), 40); ++a)
+        for (const auto &[b, dst] : fabric_.devices) {
+            const FabricDevice &src = a->second;
+            vsan_bitset common = src.vsans.bits;
+            vsan_bitset_intersection(&common, &dst.vsans.bits);
+            for (int32_t v = vsan_bitset_first_bit(&common); v >= 0; v = vsan_bitset_next_bit(&common, v))
+                for (const uint8_t paths : {0, 1, 2, 3, 5, 8, 255}) {
+                    uint8_t path = 0xFF;
+                    ASSERT_EQ(zfx2_software_load_balancing_vsan_sid_did_hash(uint32_t(v), htonl(src.fcid), htonl(dst.fcid), 0, 0, 0, paths, &path), 0);
+                    ASSERT_LT(path, std::max<uint8_t>(paths, 1)) << paths << " paths";
+                }
+        }
+}
+
+INSTANTIATE_TEST_SUITE_P(Transports, Fabric, ::testing::Values(Transport::inproc, Transport::socket),
+                         [](const auto &param) { return param.param == Transport::inproc ? "inproc" : "socket"; });
+
+}  // namespace
