@@ -612,7 +612,7 @@ bool hex_digit(char c) { return std::isxdigit(static_cast<unsigned char>(c)) != 
 uint8_t hex_value(char c) { return uint8_t(c <= '9' ? c - '0' : (c | 0x20) - 'a' + 10); }
 }  // namespace
 
-bool parse_wwn(const std::string &text, Wwn &out) {
+bool parse_wwn(std::string_view text, Wwn &out) {
     if (text.size() != 23) return false;
     Wwn w{};
     for (size_t i = 0; i < 8; ++i) {
@@ -624,7 +624,7 @@ bool parse_wwn(const std::string &text, Wwn &out) {
     return true;
 }
 
-bool parse_lun(const std::string &text, Wwn &out) {
+bool parse_lun(std::string_view text, Wwn &out) {
     // "0x" (or "0X"), then 1 to 4 levels of four digits joined by "-": 5n + 1 characters for n levels.
     if (text.size() < 2 || text[0] != '0' || (text[1] != 'x' && text[1] != 'X') || text.size() < 6 || text.size() > 21 || (text.size() - 1) % 5 != 0) return false;
     const size_t n = (text.size() - 1) / 5;
