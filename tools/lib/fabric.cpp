@@ -471,13 +471,18 @@ std::string status_text(int32_t status) {
     }
 }
 
-// The keys the store at location holds now (none when there is no store there); false when the
-// store is damaged.
-bool existing_keys(const std::string &location, std::vector<Bytes> &keys) {
+// The keys the store at location holds now (none when there is no store there), and whether it
+// is there, absent or damaged.
+StoreState store_keys(const std::string &location, std::vector<Bytes> &keys) {
     keys.clear();
     return walk_store(location, [&keys](const uint8_t *k, uint32_t klen, const uint8_t *, uint32_t) {
-               keys.emplace_back(k, k + klen);
-           }) != StoreState::damaged;
+        keys.emplace_back(k, k + klen);
+    });
+}
+
+// The same, false when the store is damaged.
+bool existing_keys(const std::string &location, std::vector<Bytes> &keys) {
+    return store_keys(location, keys) != StoreState::damaged;
 }
 
 std::string not_empty(const std::string &location) {
@@ -495,7 +500,8 @@ using StorePtr = std::unique_ptr<kvdb_store, decltype(&kvdb_close)>;
 template <typename Write>
 std::string write_with(const std::string &location, bool replace, Write &&write) {
     std::vector<Bytes> old;
-    if (!existing_keys(location, old)) return damaged_text(location);
+    const StoreState state = store_keys(location, old);
+    if (state == StoreState::damaged) return damaged_text(location);
     if (!old.empty() && !replace) return not_empty(location);
     // The store directory's parents are made as needed (an in-memory location has none).
     std::error_code ec;
@@ -517,6 +523,9 @@ std::string write_with(const std::string &location, bool replace, Write &&write)
     if (status == 0) status = write(store.get());
     if (status == 0) status = kvdb_txn_commit(store.get());
     else kvdb_txn_abort(store.get());
+    // A write reads pages that no walk of the records does (the tree of free pages): a store that
+    // was there and fails there is as damaged as one whose records do not read.
+    if (status == KVDB_ERR_IO && state == StoreState::readable) return damaged_text(location);
     return status == 0 ? "" : location + ": cannot write the store: " + status_text(status);
 }
 
