@@ -71,6 +71,7 @@ struct kvdb_store {
     // Writing. A NULL value deletes the key. append: the key must sort after every key held
     // (KVDB_ERR_INVALID otherwise).
     virtual int32_t put(std::string_view /*key*/, const std::string_view * /*value*/, bool /*append*/) { return KVDB_ERR_INVALID; }
+    virtual int32_t clear() { return KVDB_ERR_INVALID; }
     virtual int32_t begin() { return KVDB_ERR_INVALID; }
     virtual int32_t end(bool /*commit*/) { return KVDB_ERR_INVALID; }
 };
@@ -190,6 +191,13 @@ struct MemWriter final : kvdb_store {
             return 0;
         }
         target->insert_or_assign(std::string(key), Value(*value));
+        return 0;
+    }
+    int32_t clear() override {
+        std::lock_guard<std::mutex> g(g_lock);
+        if (!in_txn && store->pending) return KVDB_ERR_TXN;
+        // Readers hold the committed map: a new one replaces it under them.
+        (in_txn ? store->pending : store->data) = std::make_shared<Map>();
         return 0;
     }
     int32_t begin() override {
@@ -341,6 +349,18 @@ struct LmdbWriter final : kvdb_store {
         }
         // LMDB refuses a key out of order for an append as if it were there already.
         int32_t st = append && rc == MDB_KEYEXIST ? KVDB_ERR_INVALID : lmdb_status(rc);
+        if (own) {
+            int32_t end_st = end(st == 0);
+            if (st == 0) st = end_st;
+        }
+        return st;
+    }
+    int32_t clear() override {
+        const bool own = txn == nullptr;
+        if (own) {
+            if (int32_t st = begin()) return st;
+        }
+        int32_t st = lmdb_status(mdb_drop(txn, env->dbi, 0));
         if (own) {
             int32_t end_st = end(st == 0);
             if (st == 0) st = end_st;
@@ -568,6 +588,15 @@ int32_t kvdb_delete(kvdb_store *store, const kvdb_datum *key) {
     if (writer(store) == nullptr || !valid_key(key)) return KVDB_ERR_INVALID;
     try {
         return store->put(view(*key), nullptr, false);
+    } catch (const std::bad_alloc &) {
+        return KVDB_ERR_NO_MEMORY;
+    }
+}
+
+int32_t kvdb_clear(kvdb_store *store) {
+    if (writer(store) == nullptr) return KVDB_ERR_INVALID;
+    try {
+        return store->clear();
     } catch (const std::bad_alloc &) {
         return KVDB_ERR_NO_MEMORY;
     }

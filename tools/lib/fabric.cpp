@@ -471,18 +471,11 @@ std::string status_text(int32_t status) {
     }
 }
 
-// The keys the store at location holds now (none when there is no store there), and whether it
-// is there, absent or damaged.
-StoreState store_keys(const std::string &location, std::vector<Bytes> &keys) {
-    keys.clear();
-    return walk_store(location, [&keys](const uint8_t *k, uint32_t klen, const uint8_t *, uint32_t) {
-        keys.emplace_back(k, k + klen);
-    });
-}
-
-// The same, false when the store is damaged.
-bool existing_keys(const std::string &location, std::vector<Bytes> &keys) {
-    return store_keys(location, keys) != StoreState::damaged;
+// Whether the store at location is there, absent or damaged, and whether it holds records (read
+// whole, so that damage shows before anything is written).
+StoreState store_state(const std::string &location, bool &holds_records) {
+    holds_records = false;
+    return walk_store(location, [&holds_records](const uint8_t *, uint32_t, const uint8_t *, uint32_t) { holds_records = true; });
 }
 
 std::string not_empty(const std::string &location) {
@@ -499,10 +492,10 @@ using StorePtr = std::unique_ptr<kvdb_store, decltype(&kvdb_close)>;
 // status. An exception from write leaves the store as it was (closing the handle aborts).
 template <typename Write>
 std::string write_with(const std::string &location, bool replace, Write &&write) {
-    std::vector<Bytes> old;
-    const StoreState state = store_keys(location, old);
+    bool old = false;
+    const StoreState state = store_state(location, old);
     if (state == StoreState::damaged) return damaged_text(location);
-    if (!old.empty() && !replace) return not_empty(location);
+    if (old && !replace) return not_empty(location);
     // The store directory's parents are made as needed (an in-memory location has none).
     std::error_code ec;
     if (location.rfind(KVDB_LOCATION_MEM_PREFIX, 0) != 0)
@@ -513,13 +506,10 @@ std::string write_with(const std::string &location, bool replace, Write &&write)
     int32_t status = 0;
     const StorePtr store(kvdb_create(location.c_str(), &status), kvdb_close);
     if (store == nullptr) return location + ": cannot create the store: " + status_text(status);
+    // Emptied whole rather than key by key: deleting a key moves the contents of its page,
+    // which LMDB does by the page's own offsets, trusted even where the walk could not check them.
     status = kvdb_txn_begin(store.get());
-    for (const Bytes &k : old) {
-        if (status != 0) break;
-        const kvdb_datum key = datum(k);
-        status = kvdb_delete(store.get(), &key);
-    }
-    old = {};
+    if (status == 0 && old) status = kvdb_clear(store.get());
     if (status == 0) status = write(store.get());
     if (status == 0) status = kvdb_txn_commit(store.get());
     else kvdb_txn_abort(store.get());
@@ -561,17 +551,16 @@ std::string write_fabric(const Fabric &fabric, const std::string &dir, const std
     ConfigPlan config(fabric, kActiveChunkSize);
     const std::vector<Record> debug = debug_records(fabric);
     const std::string debug_store = debug_location(debug_dir);
-    std::vector<Bytes> old_debug;
-    if (!existing_keys(debug_store, old_debug)) return damaged_text(debug_store);
+    bool old_debug = false, old_config = false;
+    if (store_state(debug_store, old_debug) == StoreState::damaged) return damaged_text(debug_store);
     if (!replace) {
-        std::vector<Bytes> old_config;
-        if (!existing_keys(config_location(dir), old_config)) return damaged_text(config_location(dir));
-        if (!old_config.empty()) return not_empty(config_location(dir));
-        if (!old_debug.empty()) return not_empty(debug_store);
+        if (store_state(config_location(dir), old_config) == StoreState::damaged) return damaged_text(config_location(dir));
+        if (old_config) return not_empty(config_location(dir));
+        if (old_debug) return not_empty(debug_store);
     }
     std::string error = write_config(config_location(dir), config, replace);
     // A fabric without a logging level writes no debug store, but empties one it replaces.
-    if (error.empty() && (!debug.empty() || (replace && !old_debug.empty())))
+    if (error.empty() && (!debug.empty() || (replace && old_debug)))
         error = write_store(debug_store, debug, replace);
     return error;
 }
