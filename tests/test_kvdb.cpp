@@ -95,6 +95,57 @@ TEST_P(StoreTest, MatchesAnOrderedMapAfterRandomWritesAndTransactions) {
     EXPECT_EQ(kvdb_read_failure(r.get()), 0);
 }
 
+// An append takes a key only after the last one the store (or its open transaction) holds; what
+// it refuses leaves the store as it was. A clear empties the store for the appends that follow.
+TEST_P(StoreTest, AppendTakesKeysInOrderOnly) {
+    const auto contents = [&] {
+        zfxtest::Reader r(loc);
+        kvdb_cursor c{};
+        std::string walked;
+        for (kvdb_datum *k = kvdb_move2location(r.get(), KVDB_LOC_FIRST, &c); k; k = kvdb_move2location(r.get(), KVDB_LOC_NEXT, &c))
+            walked += str(k) + "=" + str(kvdb_getvalue(r.get(), &c)) + ";";
+        return walked;
+    };
+    zfxtest::put(loc, {{{'m'}, {'0'}}});
+    const std::string m0{'m', '\0'}, mff{'m', '\xff'};
+    const struct {
+        std::string key;
+        int32_t status;
+    } steps[] = {{"a", KVDB_ERR_INVALID}, {"m", KVDB_ERR_INVALID}, {m0, 0}, {m0, KVDB_ERR_INVALID},
+                 {"n", 0},                {mff, KVDB_ERR_INVALID}, {"\xff", 0}};
+    kvdb_store *w = writer();
+    ASSERT_EQ(kvdb_txn_begin(w), 0);
+    std::string expect = "m=0;";
+    for (const auto &s : steps) {
+        kvdb_datum key = d(s.key), value = d(s.key);
+        EXPECT_EQ(kvdb_append(w, &key, &value), s.status) << s.key;
+        if (s.status == 0) expect += s.key + "=" + s.key + ";";
+    }
+    ASSERT_EQ(kvdb_txn_commit(w), 0);
+    EXPECT_EQ(contents(), expect);
+    // Cleared in the same transaction, the store takes any first key again; a reader opened
+    // before keeps what it saw.
+    zfxtest::Reader before(loc);
+    ASSERT_EQ(kvdb_txn_begin(w), 0);
+    ASSERT_EQ(kvdb_clear(w), 0);
+    const std::string a = "a";
+    kvdb_datum ka = d(a);
+    EXPECT_EQ(kvdb_append(w, &ka, nullptr), 0);
+    EXPECT_EQ(kvdb_append(nullptr, &ka, nullptr), KVDB_ERR_INVALID);
+    EXPECT_EQ(kvdb_clear(before.get()), KVDB_ERR_INVALID);
+    ASSERT_EQ(kvdb_txn_commit(w), 0);
+    EXPECT_EQ(contents(), "a=;");
+    int32_t st;
+    EXPECT_EQ(str(kvdb_fetch(before.get(), &ka, &st)), "<null>");
+    const std::string n = "n";
+    kvdb_datum kn = d(n);
+    EXPECT_EQ(str(kvdb_fetch(before.get(), &kn, &st)), "n");
+    // Outside a transaction a clear is one of its own.
+    ASSERT_EQ(kvdb_clear(w), 0);
+    kvdb_close(w);
+    EXPECT_EQ(contents(), "");
+}
+
 TEST_P(StoreTest, ReadHandleKeepsItsSnapshotAndValuesUntilClosed) {
     zfxtest::put(loc, {{{'a'}, {'1'}}, {{'b'}, {'2'}}});
     zfxtest::Reader before(loc);

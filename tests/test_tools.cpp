@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
+#include <set>
 #include <sstream>
 
 #include "dump.hpp"
@@ -191,6 +193,68 @@ TEST(Tools, AStoreThatHoldsRecordsIsReplacedOnlyWhenAskedTo) {
     // Replacing leaves nothing of the old stores behind, the debug store's level included.
     ASSERT_EQ(write_fabric(small, p.path(), p.path(), true), "");
     EXPECT_EQ(text_at(p), "feature zfx\nzfx nat\n");
+}
+
+using RecordMap = std::map<Bytes, Bytes>;
+
+RecordMap stored(const std::string &location) {
+    RecordMap out;
+    EXPECT_EQ(walk_store(location, [&out](const uint8_t *k, uint32_t klen, const uint8_t *v, uint32_t vlen) {
+                  out[Bytes(k, k + klen)] = Bytes(v, v + vlen);
+              }),
+              StoreState::readable);
+    return out;
+}
+
+// The writer appends the configuration store's records in key order, building each value as it
+// writes it. The store it leaves must hold the list config_records gives, the last of equal keys
+// kept as puts would leave it, and the zone database's records must be the ones the per-object
+// builders (the service's) make: for the demo, with a topology entry listed twice, for seeded
+// fabrics, and for LMDB stores replaced by other fabrics.
+TEST(Tools, TheWriterStoresWhatThePerObjectBuildersMake) {
+    std::vector<Fabric> fabrics{demo_fabric()};
+    fabrics[0].topology.push_back(fabrics[0].topology.front());
+    fabrics[0].topology.back().vsans.add(3000, 3001);
+    for (const SynthParams &p : seeded_fabrics()) fabrics.push_back(synth_fabric(p));
+    Prefix lmdb(zfxtest::Backend::lmdb);
+    for (size_t i = 0; i < fabrics.size(); ++i) {
+        const Fabric &f = fabrics[i];
+        // Every third fabric replaces the one before in the same LMDB store.
+        Prefix mem;
+        const Prefix &p = i % 3 == 0 ? lmdb : mem;
+        ASSERT_EQ(write_fabric(f, p.path(), p.path(), i % 3 == 0), "") << i;
+        const RecordMap store = stored(p.config());
+        RecordMap listed;
+        for (const auto &[k, v] : config_records(f)) listed[k] = v;
+        EXPECT_EQ(store, listed) << "fabric " << i;
+
+        RecordMap built;
+        std::vector<uint16_t> zone_ids, zoneset_ids;
+        for (const Zone &z : f.zones) {
+            built.insert(zone_record(z));
+            zone_ids.push_back(z.id);
+            const std::vector<uint16_t> ids = member_ids(z);
+            for (size_t m = 0; m < ids.size(); ++m) built.insert(member_record(z.id, ids[m], z.members[m]));
+        }
+        for (const Zoneset &s : f.zonesets) {
+            built.insert(zoneset_record(s));
+            zoneset_ids.push_back(s.id);
+        }
+        std::sort(zone_ids.begin(), zone_ids.end());
+        built.insert(zone_db_header_record(zone_ids, zoneset_ids));
+        built.insert(zone_options_record(f.active && f.active->force));
+        if (f.active) {
+            std::vector<const Zone *> zones;
+            for (uint16_t id : std::set<uint16_t>(f.active->zones.begin(), f.active->zones.end())) zones.push_back(f.zone(id));
+            for (Record &r : active_records(*f.active, zones, kActiveChunkSize)) built.insert(std::move(r));
+        }
+        size_t seen = 0;
+        for (const auto &[k, v] : built) {
+            const auto it = store.find(k);
+            seen += it != store.end() && it->second == v;
+        }
+        EXPECT_EQ(seen, built.size()) << "fabric " << i << ": zone database records differ from the builders'";
+    }
 }
 
 TEST(Tools, SynthIsTheSameForTheSameSeed) {

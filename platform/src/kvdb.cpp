@@ -68,8 +68,10 @@ struct kvdb_store {
     virtual int32_t current(kvdb_datum & /*value*/) { return KVDB_ERR_INVALID; }
     virtual bool move_fails() { return false; }
 
-    // Writing. A NULL value deletes the key.
-    virtual int32_t put(std::string_view /*key*/, const std::string_view * /*value*/) { return KVDB_ERR_INVALID; }
+    // Writing. A NULL value deletes the key. append: the key must sort after every key held
+    // (KVDB_ERR_INVALID otherwise).
+    virtual int32_t put(std::string_view /*key*/, const std::string_view * /*value*/, bool /*append*/) { return KVDB_ERR_INVALID; }
+    virtual int32_t clear() { return KVDB_ERR_INVALID; }
     virtual int32_t begin() { return KVDB_ERR_INVALID; }
     virtual int32_t end(bool /*commit*/) { return KVDB_ERR_INVALID; }
 };
@@ -171,7 +173,7 @@ struct MemWriter final : kvdb_store {
     std::shared_ptr<MemStore> store;
     bool in_txn = false;
 
-    int32_t put(std::string_view key, const std::string_view *value) override {
+    int32_t put(std::string_view key, const std::string_view *value, bool append) override {
         std::lock_guard<std::mutex> g(g_lock);
         if (!in_txn && store->pending) return KVDB_ERR_TXN;
         std::shared_ptr<Map> &target = in_txn ? store->pending : store->data;
@@ -183,7 +185,19 @@ struct MemWriter final : kvdb_store {
             target->erase(it);
             return 0;
         }
+        if (append) {
+            if (!target->empty() && target->rbegin()->first >= key) return KVDB_ERR_INVALID;
+            target->emplace_hint(target->end(), std::string(key), Value(*value));
+            return 0;
+        }
         target->insert_or_assign(std::string(key), Value(*value));
+        return 0;
+    }
+    int32_t clear() override {
+        std::lock_guard<std::mutex> g(g_lock);
+        if (!in_txn && store->pending) return KVDB_ERR_TXN;
+        // Readers hold the committed map: a new one replaces it under them.
+        (in_txn ? store->pending : store->data) = std::make_shared<Map>();
         return 0;
     }
     int32_t begin() override {
@@ -320,7 +334,7 @@ struct LmdbWriter final : kvdb_store {
     Env *env = nullptr;
     MDB_txn *txn = nullptr;
 
-    int32_t put(std::string_view key, const std::string_view *value) override {
+    int32_t put(std::string_view key, const std::string_view *value, bool append) override {
         const bool own = txn == nullptr;
         if (own) {
             if (int32_t st = begin()) return st;
@@ -331,9 +345,22 @@ struct LmdbWriter final : kvdb_store {
             rc = mdb_del(txn, env->dbi, &k, nullptr);
         } else {
             MDB_val v = mval(*value);
-            rc = mdb_put(txn, env->dbi, &k, &v, 0);
+            rc = mdb_put(txn, env->dbi, &k, &v, append ? MDB_APPEND : 0);
         }
-        int32_t st = lmdb_status(rc);
+        // LMDB refuses a key out of order for an append as if it were there already.
+        int32_t st = append && rc == MDB_KEYEXIST ? KVDB_ERR_INVALID : lmdb_status(rc);
+        if (own) {
+            int32_t end_st = end(st == 0);
+            if (st == 0) st = end_st;
+        }
+        return st;
+    }
+    int32_t clear() override {
+        const bool own = txn == nullptr;
+        if (own) {
+            if (int32_t st = begin()) return st;
+        }
+        int32_t st = lmdb_status(mdb_drop(txn, env->dbi, 0));
         if (own) {
             int32_t end_st = end(st == 0);
             if (st == 0) st = end_st;
@@ -536,21 +563,40 @@ int32_t kvdb_read_failure(const kvdb_store *store) {
     return store != nullptr && !store->writer ? store->failure : KVDB_ERR_INVALID;
 }
 
-int32_t kvdb_put(kvdb_store *store, const kvdb_datum *key, const kvdb_datum *value) {
+namespace {
+int32_t store_value(kvdb_store *store, const kvdb_datum *key, const kvdb_datum *value, bool append) {
     if (writer(store) == nullptr || !valid_key(key)) return KVDB_ERR_INVALID;
     if (value != nullptr && value->len != 0 && value->data == nullptr) return KVDB_ERR_INVALID;
     const std::string_view v = value == nullptr ? std::string_view() : view(*value);
     try {
-        return store->put(view(*key), &v);
+        return store->put(view(*key), &v, append);
     } catch (const std::bad_alloc &) {
         return KVDB_ERR_NO_MEMORY;
     }
+}
+}  // namespace
+
+int32_t kvdb_put(kvdb_store *store, const kvdb_datum *key, const kvdb_datum *value) {
+    return store_value(store, key, value, false);
+}
+
+int32_t kvdb_append(kvdb_store *store, const kvdb_datum *key, const kvdb_datum *value) {
+    return store_value(store, key, value, true);
 }
 
 int32_t kvdb_delete(kvdb_store *store, const kvdb_datum *key) {
     if (writer(store) == nullptr || !valid_key(key)) return KVDB_ERR_INVALID;
     try {
-        return store->put(view(*key), nullptr);
+        return store->put(view(*key), nullptr, false);
+    } catch (const std::bad_alloc &) {
+        return KVDB_ERR_NO_MEMORY;
+    }
+}
+
+int32_t kvdb_clear(kvdb_store *store) {
+    if (writer(store) == nullptr) return KVDB_ERR_INVALID;
+    try {
+        return store->clear();
     } catch (const std::bad_alloc &) {
         return KVDB_ERR_NO_MEMORY;
     }

@@ -9,6 +9,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -184,8 +185,8 @@ std::string lun_text(const Wwn &lun);
 // digits joined by ":" (the bytes in printing order), a LUN "0x" and one to four levels of four
 // hexadecimal digits joined by "-" (each level the big-endian value of two bytes; levels left
 // out are zero). Either case of digit. False, out untouched, for text of any other shape.
-bool parse_wwn(const std::string &text, Wwn &out);
-bool parse_lun(const std::string &text, Wwn &out);
+bool parse_wwn(std::string_view text, Wwn &out);
+bool parse_lun(std::string_view text, Wwn &out);
 
 // The word of a zone's QoS priority (ZFX_ZONE_QOS_*): "none", "low", "medium", "high";
 // "unknown" for anything above.

@@ -29,11 +29,16 @@
 // per name, shared by both tables).
 #include "load.hpp"
 
-#include "text_lines.hpp"
-
 #include <algorithm>
+#include <cctype>
+#include <fstream>
+#include <cstdio>
+#include <memory>
 #include <set>
 #include <string_view>
+#include <charconv>
+#include <map>
+#include <tuple>
 
 #include "zfx_ascii_cfg.h"
 #include "zfx_fabric.h"
@@ -45,31 +50,74 @@ namespace {
 constexpr size_t kNameMax = ZFX_NAME_SIZE - 1;           // what a zone, zoneset or alias field keeps
 constexpr size_t kGroupNameMax = ZFX2_SG_NAME_SIZE - 1;  // what a service-group name record keeps
 
+// A line's words point into the text; one vector serves every line.
+using Words = std::vector<std::string_view>;
+
 // A parse failure: what is wrong with the line at hand.
-using Bad = LineError;
+struct Bad {
+    std::string what;
+};
 
-uint16_t afid_number(const std::string &text) { return uint16_t(number(text, 0xFFFF, "autonomous fabric ID")); }
+bool hex_digit(char c) { return std::isxdigit(static_cast<unsigned char>(c)) != 0; }
 
-Wwn wwn(const std::string &text) { return wwn_word(text); }
-VsanSet ranges(const std::string &text) { return vsan_ranges(text); }
+// The "0x" before a LUN or an FCID, in either case like the digits after it.
+bool hex_prefix(std::string_view text) { return text.size() >= 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X'); }
 
-Wwn lun(const std::string &text) {
+// "what 'text'", for messages.
+std::string quoted(const char *what, std::string_view text) { return std::string(what) + " '" + std::string(text) + "'"; }
+
+uint64_t number(std::string_view text, uint64_t max, const char *what) {
+    uint64_t v = 0;
+    if (text.empty() || text.size() > 10 || !std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; }))
+        throw Bad{std::string("malformed ") + quoted(what, text)};
+    std::from_chars(text.data(), text.data() + text.size(), v);
+    if (v > max) throw Bad{std::string(what) + " " + std::string(text) + " is out of range (at most " + std::to_string(max) + ")"};
+    return v;
+}
+
+uint32_t vsan_number(std::string_view text) { return uint32_t(number(text, VSAN_BITSET_NUMBITS - 1, "VSAN")); }
+uint16_t afid_number(std::string_view text) { return uint16_t(number(text, 0xFFFF, "autonomous fabric ID")); }
+
+Wwn wwn(std::string_view text) {
+    Wwn w;
+    if (!parse_wwn(text, w)) throw Bad{quoted("malformed WWN", text)};
+    return w;
+}
+
+Wwn lun(std::string_view text) {
     Wwn l;
-    if (!parse_lun(text, l)) throw Bad{"malformed LUN '" + text + "'"};
+    if (!parse_lun(text, l)) throw Bad{quoted("malformed LUN", text)};
     return l;
 }
 
-std::string name(const std::string &text, size_t max, const char *what) {
-    if (text.size() > max) throw Bad{std::string(what) + " '" + text + "' is longer than " + std::to_string(max) + " characters"};
-    return text;
+// VSAN range text: runs "a" or "a-b" joined by ",".
+VsanSet ranges(std::string_view text) {
+    VsanSet set;
+    for (std::string_view rest = text; !rest.empty();) {
+        const size_t comma = std::min(rest.find(','), rest.size());
+        const std::string_view run = rest.substr(0, comma);
+        rest.remove_prefix(std::min(comma + 1, rest.size()));
+        const size_t dash = run.find('-');
+        const uint32_t first = vsan_number(run.substr(0, dash));
+        const uint32_t last = dash == std::string_view::npos ? first : vsan_number(run.substr(dash + 1));
+        if (last < first) throw Bad{quoted("VSAN range", run) + " runs backwards"};
+        set.add(int32_t(first), int32_t(last));
+    }
+    if (text.empty() || text.back() == ',') throw Bad{quoted("malformed VSAN ranges", text)};
+    return set;
+}
+
+std::string name(std::string_view text, size_t max, const char *what) {
+    if (text.size() > max) throw Bad{quoted(what, text) + " is longer than " + std::to_string(max) + " characters"};
+    return std::string(text);
 }
 
 // Words of a line from the given one on must be exactly these (a "*" takes any word).
-bool shape(const Words &w, std::initializer_list<const char *> want, size_t from = 0) {
+bool shape(const Words &w, std::initializer_list<std::string_view> want, size_t from = 0) {
     if (w.size() != from + want.size()) return false;
     size_t i = from;
-    for (const char *s : want) {
-        if (std::string(s) != "*" && w[i] != s) return false;
+    for (std::string_view s : want) {
+        if (s != "*" && w[i] != s) return false;
         ++i;
     }
     return true;
@@ -157,7 +205,7 @@ private:
         }
         if (shape(w, {"no", "zfx", "service-group", "name", "*"})) {
             if (!sg_activated_) throw Bad{"a removed service group, but no service groups are activated"};
-            return void(sg_removed_groups_.push_back(w[4]));
+            return void(sg_removed_groups_.emplace_back(w[4]));
         }
         if (shape(w, {"zfx", "fcdomain", "database", "autonomous-fabric-num", "*", "vsan", "*"})) {
             pfcid_afid_ = afid_number(w[4]);
@@ -198,10 +246,12 @@ private:
         throw Bad{"not a line of this block"};
     }
 
-    void zone(const std::string &zone_name) {
-        if (!zone_names_.insert(name(zone_name, kNameMax, "zone name")).second) throw Bad{"zone " + zone_name + " is defined twice"};
+    void zone(std::string_view zone_name) {
+        const uint16_t id = uint16_t(f_.zones.size() + 1);
+        if (!zone_ids_.emplace(name(zone_name, kNameMax, "zone name"), id).second)
+            throw Bad{"zone " + std::string(zone_name) + " is defined twice"};
         if (f_.zones.size() == ZFX_ZONE_ID_MAX) throw Bad{"more than 8191 zones"};
-        f_.zones.push_back({uint16_t(f_.zones.size() + 1), zone_name, ZFX_ZONE_QOS_NONE, false, {}});
+        f_.zones.push_back({id, std::string(zone_name), ZFX_ZONE_QOS_NONE, false, {}});
         block_ = Block::zone;
     }
 
@@ -211,7 +261,7 @@ private:
         if (shape(w, {"attribute", "qos", "priority", "*"})) {
             for (uint32_t q = ZFX_ZONE_QOS_LOW; q <= ZFX_ZONE_QOS_HIGH; ++q)
                 if (w[3] == qos_word(q)) return void(z.qos = q);
-            throw Bad{"unknown QoS priority '" + w[3] + "' (low, medium or high)"};
+            throw Bad{quoted("unknown QoS priority", w[3]) + " (low, medium or high)"};
         }
         // member pwwn W | device-alias A, [lun L], vsan V, [autonomous-fabric-id F]
         if (w.size() < 3 || w[0] != "member" || (w[1] != "pwwn" && w[1] != "device-alias"))
@@ -236,17 +286,18 @@ private:
         z.members.push_back(m);
     }
 
-    void zoneset(const std::string &set_name) {
-        if (!zoneset_names_.insert(name(set_name, kNameMax, "zoneset name")).second) throw Bad{"zoneset " + set_name + " is defined twice"};
+    void zoneset(std::string_view set_name) {
+        if (!zoneset_names_.insert(name(set_name, kNameMax, "zoneset name")).second)
+            throw Bad{"zoneset " + std::string(set_name) + " is defined twice"};
         if (f_.zonesets.size() == ZFX_ZONESET_ID_MAX) throw Bad{"more than 2047 zonesets"};
-        f_.zonesets.push_back({uint16_t(f_.zonesets.size() + 1), set_name, {}});
+        f_.zonesets.push_back({uint16_t(f_.zonesets.size() + 1), std::string(set_name), {}});
         block_ = Block::zoneset;
     }
 
-    void zoneset_member(const std::string &zone_name) {
-        for (const Zone &z : f_.zones)
-            if (z.name == zone_name) return f_.zonesets.back().zones.push_back(z.id);
-        throw Bad{"zoneset member " + zone_name + " is no zone defined before it"};
+    void zoneset_member(std::string_view zone_name) {
+        const auto it = zone_ids_.find(zone_name);
+        if (it == zone_ids_.end()) throw Bad{"zoneset member " + std::string(zone_name) + " is no zone defined before it"};
+        f_.zonesets.back().zones.push_back(it->second);
     }
 
     void topology_line(const Words &w) {
@@ -276,17 +327,17 @@ private:
     }
 
     void fcid(const Words &w) {
-        const std::string &text = w[3];
-        const uint32_t v = fcid_number(text);
+        const std::string_view text = w[3];
+        if (text.size() != 8 || !hex_prefix(text) || !std::all_of(text.begin() + 2, text.end(), hex_digit))
+            throw Bad{quoted("malformed FCID", text) + " (0x and six hexadecimal digits)"};
+        uint32_t v = 0;
+        std::from_chars(text.data() + 2, text.data() + text.size(), v, 16);
         const PfcidFcid p{pfcid_afid_, pfcid_vsan_, wwn(w[1]), {uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)}};
         if (p.fcid[0] != f_.pfcid_domains.back().domain) throw Bad{"the FCID's domain differs from the domain it stands under"};
         // An FCID stands under every domain line of its fabric with its domain: keep one record.
-        for (const PfcidFcid &o : f_.pfcid_fcids)
-            if (o.afid == p.afid && o.vsan == p.vsan && o.pwwn == p.pwwn) {
-                if (o.fcid != p.fcid) throw Bad{"port WWN " + w[1] + " has two FCIDs"};
-                return;
-            }
-        f_.pfcid_fcids.push_back(p);
+        const auto [it, added] = fcid_index_.emplace(std::tuple(p.afid, p.vsan, p.pwwn), f_.pfcid_fcids.size());
+        if (added) return f_.pfcid_fcids.push_back(p);
+        if (f_.pfcid_fcids[it->second].fcid != p.fcid) throw Bad{"port WWN " + std::string(w[1]) + " has two FCIDs"};
     }
 
     // Both service-group tables from the passes. Group ids follow the order the passes show (each
@@ -361,7 +412,9 @@ private:
 
     Fabric &f_;
     Block block_ = Block::none;
-    std::set<std::string> zone_names_, zoneset_names_;
+    std::map<std::string, uint16_t, std::less<>> zone_ids_;  // by name
+    std::set<std::string> zoneset_names_;
+    std::map<std::tuple<uint16_t, uint32_t, Wwn>, size_t> fcid_index_;  // (AFID, VSAN, port WWN) -> in pfcid_fcids
     std::optional<std::string> active_name_;
     bool active_force_ = false;
     std::vector<TopologyEntry> topo_pending_;
@@ -373,6 +426,44 @@ private:
     uint16_t pfcid_afid_ = 0;
     uint32_t pfcid_vsan_ = 0;
 };
+
+constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";  // what some editors put before UTF-8 text
+
+// A line as the loader reads it: without the CR of a CRLF line end and without trailing blanks,
+// its indentation (blanks and tabs, any number) apart. body is empty for a blank line.
+struct TextLine {
+    bool indented = false;
+    std::string_view body;
+};
+
+// Blanks and tabs, tested a character at a time: the standard searches for a set of characters
+// look each one up in the set with a call of their own.
+bool blank(char c) { return c == ' ' || c == '\t'; }
+
+TextLine normalise(std::string_view raw) {
+    if (raw.ends_with('\r')) raw.remove_suffix(1);
+    while (raw.ends_with(' ')) raw.remove_suffix(1);
+    size_t indent = 0;
+    while (indent < raw.size() && blank(raw[indent])) ++indent;
+    if (indent == raw.size()) return {};
+    return {indent > 0, raw.substr(indent)};
+}
+
+// The words of a line's body: what runs of blanks (and, in another feature's lines, tabs) separate.
+void words(std::string_view body, Words &out) {
+    out.clear();
+    const size_t n = body.size();
+    for (size_t at = 0; at < n;) {
+        if (blank(body[at])) {
+            ++at;
+            continue;
+        }
+        size_t end = at;
+        while (end < n && !blank(body[end])) ++end;
+        out.push_back(body.substr(at, end - at));
+        at = end;
+    }
+}
 
 // Whether an unindented line is the feature's own: every command the generators write starts
 // like one of these, and so do the lines of its blocks, which unindented are a mistake in zfx
@@ -387,38 +478,111 @@ bool feature_line(const Words &w) {
     });
 }
 
-}  // namespace
+// Text fed to a loader in pieces, as it is read: whole lines go to the loader at once, the
+// words of each pointing into the piece, and only a line that a piece cuts short waits for the
+// next one. The text is never held whole.
+class TextFeed {
+public:
+    TextFeed(Fabric &fabric, const LoadOptions &options) : loader_(fabric), options_(options) {}
 
-bool load_text(const std::string &text, const std::string &source, Fabric &fabric, std::string &error,
-               const LoadOptions &options, size_t *skipped) {
-    Loader loader(fabric);
-    size_t foreign_lines = 0;
-    bool in_foreign = false;  // the lines at hand are another feature's block
-    const bool read = each_line(text, source, [&](const TextLine &line) {
+    // Reads the whole lines of text (and, at_end, the last one without its "\n"); returns what
+    // is left of text, the start of a line the next piece ends. Throws Bad.
+    std::string_view feed(std::string_view text, bool at_end) {
+        if (!started_ && text.starts_with(kByteOrderMark)) text.remove_prefix(kByteOrderMark.size());
+        started_ = true;
+        while (!text.empty()) {
+            const size_t end = text.find('\n');
+            if (end == std::string_view::npos && !at_end) break;
+            line(text.substr(0, std::min(end, text.size())));
+            text.remove_prefix(std::min(end + 1, text.size()));
+        }
+        return text;
+    }
+
+    void finish() { loader_.finish(); }
+    size_t line_number() const { return line_number_; }
+    size_t foreign_lines() const { return foreign_lines_; }
+
+private:
+    void line(std::string_view raw) {
+        const TextLine line = normalise(raw);
+        ++line_number_;
         if (line.body.empty() || line.body[0] == '!') return;  // blank lines and comments end no block
-        const Words w = words(line.body);
-        if (!line.indented) in_foreign = !feature_line(w);
-        if (in_foreign) {
-            if (!options.skip_foreign) throw Bad{"not a line of the zfx configuration (another feature's? --skip-foreign skips those)"};
-            ++foreign_lines;
-            loader.foreign();
+        words(line.body, words_);
+        if (!line.indented) in_foreign_ = !feature_line(words_);
+        if (in_foreign_) {
+            if (!options_.skip_foreign) throw Bad{"not a line of the zfx configuration (another feature's? --skip-foreign skips those)"};
+            ++foreign_lines_;
+            loader_.foreign();
             return;
         }
         // Names end at the first control character in a record (or print as one), so a line
         // holding one could not come back as it was.
         if (std::any_of(line.body.begin(), line.body.end(), [](char c) { return (unsigned char)c < 0x20 || c == 0x7F; }))
             throw Bad{"a control character in the line"};
-        loader.line(line.indented, w);
-    }, error);
-    if (!read) return false;
-    loader.finish();
-    if (skipped != nullptr) *skipped = foreign_lines;
+        loader_.line(line.indented, words_);
+    }
+
+    Loader loader_;
+    const LoadOptions &options_;
+    Words words_;
+    size_t line_number_ = 0, foreign_lines_ = 0;
+    bool in_foreign_ = false;  // the lines at hand are another feature's block
+    bool started_ = false;     // the text's first bytes came (a byte-order mark goes only there)
+};
+
+// Runs read (which feeds the text to feed and returns false, with error set, when the text
+// cannot be read) and turns a parse failure into "SOURCE:LINE: what".
+template <typename Read>
+bool load(const std::string &source, Fabric &fabric, std::string &error, const LoadOptions &options, size_t *skipped,
+          Read &&read) {
+    TextFeed feed(fabric, options);
+    try {
+        if (!read(feed)) return false;
+        feed.finish();
+    } catch (const Bad &bad) {
+        error = source + ":" + std::to_string(feed.line_number()) + ": " + bad.what;
+        return false;
+    }
+    if (skipped != nullptr) *skipped = feed.foreign_lines();
     return true;
 }
 
+}  // namespace
+
+bool load_text(const std::string &text, const std::string &source, Fabric &fabric, std::string &error,
+               const LoadOptions &options, size_t *skipped) {
+    return load(source, fabric, error, options, skipped, [&text](TextFeed &feed) {
+        feed.feed(text, true);
+        return true;
+    });
+}
+
 bool load_file(const std::string &path, Fabric &fabric, std::string &error, const LoadOptions &options, size_t *skipped) {
-    std::string text;
-    return read_text(path, text, error) && load_text(text, path, fabric, error, options, skipped);
+    FILE *const in = path == "-" ? stdin : std::fopen(path.c_str(), "rb");
+    if (in == nullptr) {
+        error = path + ": cannot read the file";
+        return false;
+    }
+    const std::unique_ptr<FILE, int (*)(FILE *)> closer(in == stdin ? nullptr : in, std::fclose);
+    return load(path, fabric, error, options, skipped, [&](TextFeed &feed) {
+        constexpr size_t kPiece = size_t(256) << 10;
+        std::string buffer;  // a line cut short by the last piece, then the next piece
+        for (bool at_end = false; !at_end;) {
+            const size_t kept = buffer.size();
+            buffer.resize(kept + kPiece);
+            const size_t got = std::fread(buffer.data() + kept, 1, kPiece, in);
+            buffer.resize(kept + got);
+            if (std::ferror(in)) {
+                error = path + ": cannot read the file";
+                return false;
+            }
+            at_end = got == 0;
+            const std::string_view rest = feed.feed(buffer, at_end);
+            buffer.erase(0, buffer.size() - rest.size());
+        }
+        return true;
+    });
 }
 
 }  // namespace zfxtool

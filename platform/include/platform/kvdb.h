@@ -130,8 +130,17 @@ PLAT_API int32_t kvdb_read_failure(const kvdb_store *store);
 PLAT_API kvdb_store *kvdb_create(const char *location, int32_t *status);
 /* Stores value under key, replacing what was there. value may be NULL for an empty value. */
 PLAT_API int32_t kvdb_put(kvdb_store *store, const kvdb_datum *key, const kvdb_datum *value);
+/* Stores value under key like kvdb_put, for a key that sorts after every key the store holds
+ * (in the open transaction, when there is one): the way to write records that come in key order.
+ * It skips the search for the key's place, and an LMDB store fills its pages whole instead of
+ * splitting them in half. KVDB_ERR_INVALID when key does not sort after the store's last key. */
+PLAT_API int32_t kvdb_append(kvdb_store *store, const kvdb_datum *key, const kvdb_datum *value);
 /* Removes key; KVDB_NOT_FOUND when it is not there. */
 PLAT_API int32_t kvdb_delete(kvdb_store *store, const kvdb_datum *key);
+/* Removes every key (in the open transaction, when there is one), as deleting each would, but
+ * without reading the records: an LMDB store gives its pages back whole (mdb_drop), so that a
+ * store is emptied without LMDB moving the contents of its pages about. */
+PLAT_API int32_t kvdb_clear(kvdb_store *store);
 /* Starts a transaction: the puts and deletes that follow are seen by handles opened after
  * kvdb_txn_commit, all together, and by none when kvdb_txn_abort (or kvdb_close) ends it. */
 PLAT_API int32_t kvdb_txn_begin(kvdb_store *store);
