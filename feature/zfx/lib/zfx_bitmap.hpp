@@ -30,6 +30,15 @@ inline uint32_t bit_next(const uint8_t *bits, uint32_t nbits, uint32_t from) {
     return nbits;
 }
 
+// One past the highest id that is set among the first nbits ids (nbits a multiple of 8), 0 when
+// none is: what a table indexed by the ids of a bitmap needs to hold them all.
+inline uint32_t bit_end(const uint8_t *bits, uint32_t nbits) {
+    for (uint32_t byte = nbits / 8; byte-- > 0;) {
+        if (bits[byte] != 0) return byte * 8 + 8 - uint32_t(std::countr_zero(bits[byte]));
+    }
+    return 0;
+}
+
 // Calls visit(id) for every set id from 1 below nbits, in ascending order; stops early, with its
 // result, at the first call that returns nonzero. Returns 0 otherwise.
 template <typename Visit>

@@ -74,11 +74,14 @@ Found fetch_named(kvdb_store *store, uint8_t table, uint32_t id, NamedRecord &re
 // its zone names from here instead of looking every member zone up again. What the walk did not
 // bring (no memory for the table, a value it could not read, a key past the first one that is
 // not a zone key) is looked up in the store when first asked for, and kept as well: the text and
-// its failures are the same either way.
+// its failures are the same either way. The table holds the ids below limit (one past the highest
+// the header names): a small fabric's generation does not clear and map a table for every id
+// there could be. A zone above them (a zoneset naming a zone the header does not) is looked up
+// each time it is asked for.
 class ZoneTable {
 public:
-    explicit ZoneTable(kvdb_store *store) : store_(store) {
-        slots_ = static_cast<Slot *>(mem_zalloc_array(kZoneBits, sizeof(Slot)));
+    ZoneTable(kvdb_store *store, uint32_t limit) : store_(store), limit_(limit < kZoneBits ? limit : kZoneBits) {
+        slots_ = limit_ != 0 ? static_cast<Slot *>(mem_zalloc_array(limit_, sizeof(Slot))) : nullptr;
         if (slots_ == nullptr) return;
         constexpr uint8_t start[2] = {ZFX_KVDB_ZONE_KEY, 0};
         constexpr KeyShape shape{ZFX_KVDB_ZONE_KEY, kind_bit(0), ZFX_ZONE_DB_KEY_SIZE, 1, 1};
@@ -86,7 +89,7 @@ public:
             const uint8_t *k = static_cast<const uint8_t *>(key.data);
             const uint32_t id = load_le16(k + 2);
             // Only the key a lookup of the id would ask for, and only a value the walk could read.
-            if (load_le16(k + 4) != 0 || id >= kZoneBits || value.data == nullptr) return;
+            if (load_le16(k + 4) != 0 || id >= limit_ || value.data == nullptr) return;
             slots_[id].found = check_named(&value, slots_[id].rec);
         });
     }
@@ -96,12 +99,15 @@ public:
 
     // The zone record of id, checked.
     Found get(uint32_t id, NamedRecord &rec) {
-        if (slots_ == nullptr || id >= kZoneBits) return fetch_named(store_, ZFX_KVDB_ZONE_KEY, id, rec);
+        if (slots_ == nullptr || id >= limit_) return fetch_named(store_, ZFX_KVDB_ZONE_KEY, id, rec);
         Slot &slot = slots_[id];
         if (slot.found == Found::unread) slot.found = fetch_named(store_, ZFX_KVDB_ZONE_KEY, id, slot.rec);
         rec = slot.rec;
         return slot.found;
     }
+
+    // One past the highest id the table holds.
+    uint32_t limit() const { return limit_; }
 
 private:
     struct Slot {
@@ -109,6 +115,7 @@ private:
         Found found;
     };
     kvdb_store *store_;
+    uint32_t limit_;
     Slot *slots_ = nullptr;
 };
 
@@ -137,10 +144,12 @@ int32_t for_each_member(const Tlv &bits, Visit &&visit) {
 // are the same either way.
 class MemberIndex {
 public:
-    MemberIndex(kvdb_store *store, ZoneTable &zones, const uint8_t *zone_ids) {
-        // The groups, by the zone id the records hold (member keys carry that one).
-        starts_ = static_cast<uint32_t *>(mem_zalloc_array(kZoneBits + 1, sizeof(uint32_t)));
-        ends_ = static_cast<uint32_t *>(mem_zalloc_array(kZoneBits, sizeof(uint32_t)));
+    MemberIndex(kvdb_store *store, ZoneTable &zones, const uint8_t *zone_ids) : groups_(zones.limit()) {
+        // The groups, by the zone id the records hold (member keys carry that one), for the ids
+        // the zone table holds.
+        if (groups_ == 0) return;
+        starts_ = static_cast<uint32_t *>(mem_zalloc_array(groups_ + 1, sizeof(uint32_t)));
+        ends_ = static_cast<uint32_t *>(mem_zalloc_array(groups_, sizeof(uint32_t)));
         if (starts_ == nullptr || ends_ == nullptr) {
             release();
             return;
@@ -151,15 +160,15 @@ public:
         // id, the first one's count sizes the group and what does not fit is looked up.
         for_each_id(zone_ids, kZoneBits, [&](uint32_t id) {
             NamedRecord zone;
-            if (zones.get(id, zone) == Found::yes && zone.id < kZoneBits && starts_[zone.id + 1] == 0)
+            if (zones.get(id, zone) == Found::yes && zone.id < groups_ && starts_[zone.id + 1] == 0)
                 starts_[zone.id + 1] = count_ids(members_element(zone));
             return 0;
         });
-        for (uint32_t z = 0; z < kZoneBits; ++z) {
+        for (uint32_t z = 0; z < groups_; ++z) {
             starts_[z + 1] += starts_[z];
             ends_[z] = starts_[z];
         }
-        const uint32_t total = starts_[kZoneBits];
+        const uint32_t total = starts_[groups_];
         entries_ = static_cast<Entry *>(mem_zalloc_array(total, sizeof(Entry)));
         if (entries_ == nullptr) {
             release();
@@ -174,7 +183,7 @@ public:
             // which is then looked up: the text is the same, and the walk need not read the
             // bitmaps (they lie all over the zone table). A value the walk could not read, or one
             // too long for an entry, is left to the lookup.
-            if (zone >= kZoneBits || ends_[zone] == starts_[zone + 1] || value.data == nullptr || value.len == 0 ||
+            if (zone >= groups_ || ends_[zone] == starts_[zone + 1] || value.data == nullptr || value.len == 0 ||
                 value.len > UINT16_MAX)
                 return;
             entries_[ends_[zone]++] = Entry{static_cast<const uint8_t *>(value.data), uint16_t(value.len), load_le16(k + 2)};
@@ -186,7 +195,7 @@ public:
 
     // The value of the member's record, or NULL when the index does not hold one.
     const kvdb_datum *find(uint16_t zone, uint16_t member) {
-        if (entries_ == nullptr || zone >= kZoneBits) return nullptr;
+        if (entries_ == nullptr || zone >= groups_) return nullptr;
         const Entry *first = entries_ + starts_[zone], *last = entries_ + ends_[zone];
         // The zone pass asks for a zone's members in ascending id, which is the group's order
         // below id 256: the entry after the last one found is tried first.
@@ -209,8 +218,8 @@ public:
     uint32_t touch(uint32_t zone) {
         constexpr uint32_t kAhead = 64;
         uint32_t sum = 0;
-        if (entries_ == nullptr || zone >= kZoneBits) return sum;
-        const uint32_t total = starts_[kZoneBits];
+        if (entries_ == nullptr || zone >= groups_) return sum;
+        const uint32_t total = starts_[groups_];
         const uint32_t until = std::min(total, std::max(ends_[zone], starts_[zone] + kAhead));
         for (uint32_t i = std::max(touched_, starts_[zone]); i < until; ++i) {
             const Entry &e = entries_[i];  // places a walk left empty have no record
@@ -253,6 +262,7 @@ private:
         starts_ = nullptr;
     }
 
+    uint32_t groups_;
     uint32_t *starts_ = nullptr;
     uint32_t *ends_ = nullptr;
     Entry *entries_ = nullptr;
@@ -406,7 +416,7 @@ int32_t zfx_zone_generate_ascii_config(kvdb_store *store) {
     if (bit_next(header.zones, kZoneBits, 0) == kZoneBits)
         std::memcpy(header.zones, header.zones_short, sizeof header.zones_short);
 
-    ZoneTable zones(store);
+    ZoneTable zones(store, bit_end(header.zones, kZoneBits));
     MemberIndex members(store, zones, header.zones);
     Section s{store, gen_handle, &zones, &members, 0, {}};
     if (const int32_t r = for_each_id(header.zones, kZoneBits, [&](uint32_t id) {
