@@ -271,13 +271,20 @@ private:
     kvdb_datum found_{};
 };
 
+// The section's lines are gathered: a zone's member lines (and its attribute lines) go to the
+// text service together, and so do the member lines of a zoneset.
+constexpr size_t kGatherSize = 4 * kLineSize;
+
 struct Section {
+    Section(kvdb_store *st, uint32_t h, ZoneTable *z, MemberIndex *m)
+        : store(st), handle(h), zones(z), members(m), out(text, sizeof text, kLineSize) {}
     kvdb_store *store;
     uint32_t handle;
     ZoneTable *zones;
     MemberIndex *members;
-    volatile uint32_t touched;  // what MemberIndex::touch read
-    char line[kLineSize];
+    volatile uint32_t touched = 0;  // what MemberIndex::touch read
+    char text[kGatherSize];
+    Line out;  // every line of the section; what it keeps goes over when the section ends
 };
 
 // A bitmap element's bits (after its 4-byte count word) into dst, at most size bytes; dst is
@@ -287,22 +294,24 @@ void take_bitmap(uint8_t *dst, size_t size, const Tlv &e) {
     if (e.len > 4) std::memcpy(dst, e.value + 4, size_t(e.len - 4) < size ? size_t(e.len - 4) : size);
 }
 
-// One member line: the member, the LUN column, the VSAN and fabric ID. The WWN and LUN texts are
-// left in the process-wide scratch strings, as the section has always left them.
-void member_line(Section &s, const zfx_zone_member_node &m) {
+// One member line: the member, the LUN column, the VSAN and fabric ID, from the record where it
+// lies; what the record lacks reads as zero (an empty alias). The WWN and LUN texts are left in
+// the process-wide scratch strings, as the section has always left them.
+void member_line(Section &s, const MemberView &m) {
+    static constexpr uint8_t kZero[8] = {};
     MemberShape shape{};
     const bool known = member_shape(m.type, shape);
-    Line line(s.line, sizeof s.line);
+    Line &line = s.out;
     if (known && shape.pwwn) {
         plat_wwn wwn;
-        std::memcpy(wwn.bytes, m.pwwn, sizeof wwn.bytes);
+        std::memcpy(wwn.bytes, m.pwwn != nullptr ? m.pwwn : kZero, sizeof wwn.bytes);
         fmt_wwn(zfx_sp_wwn_str, wwn);
         line.text("member pwwn ").text(zfx_sp_wwn_str, FMT_WWN_SIZE - 1).text(" ");
     } else if (known && shape.alias) {
-        line.text("member device-alias ").left(m.device_alias, 15).text(" ");
+        line.text("member device-alias ").left(m.alias != nullptr ? m.alias : "", m.alias_len, 15).text(" ");
     }
     if (known && shape.lun) {
-        line.text("lun ").text(lun_str, std::strlen(fmt_lun(lun_str, m.lun))).text(" ");
+        line.text("lun ").text(lun_str, std::strlen(fmt_lun(lun_str, m.lun != nullptr ? m.lun : kZero))).text(" ");
     } else {
         line.text(kNoLun, sizeof kNoLun - 1);
     }
@@ -315,7 +324,7 @@ int32_t zone_text(Section &s, uint32_t id) {
     NamedRecord zone;
     const Found found = s.zones->get(id, zone);
     if (found != Found::yes) return found == Found::empty ? 0 : ZFX_ERR_KVDB;
-    Line line(s.line, sizeof s.line);
+    Line &line = s.out;
     line.text("zfx zone name ").text(zone.name, zone.name_len).end().add(s.handle, ZFX_ELEM_ZONE, 0);
     commit_reqd = 1;
     Tlv members{};  // the last member bitmap element counts
@@ -340,9 +349,8 @@ int32_t zone_text(Section &s, uint32_t id) {
             int32_t status;
             value = fetch(s.store, key, sizeof key, status);
         }
-        zfx_zone_member_node m;
-        std::memset(&m, 0, sizeof m);
-        if (value == nullptr || !decode_member(value->data, value->len, m)) return ZFX_ERR_KVDB;
+        MemberView m;
+        if (value == nullptr || !view_member(value->data, value->len, m)) return ZFX_ERR_KVDB;
         member_line(s, m);
         return 0;
     });
@@ -351,7 +359,7 @@ int32_t zone_text(Section &s, uint32_t id) {
 int32_t zoneset_text(Section &s, uint32_t id) {
     NamedRecord zoneset;
     if (fetch_named(s.store, ZFX_KVDB_ZONESET_KEY, id, zoneset) != Found::yes) return ZFX_ERR_KVDB;
-    Line line(s.line, sizeof s.line);
+    Line &line = s.out;
     line.text("zfx zoneset name ").text(zoneset.name, zoneset.name_len).end().add(s.handle, ZFX_ELEM_ZONE, 0);
     commit_reqd = 1;
     // The full bitmap (60) when the record has one, otherwise the short one (4).
@@ -389,7 +397,7 @@ int32_t activation_text(Section &s) {
     uint32_t options = 0;
     const bool force = zfx_zone_kvdb_restore_options_from_kvdb(s.store, &options) == 0 &&
                        (load_be32(&options) & ZFX_ZONE_OPTIONS_FORCE) != 0;
-    Line line(s.line, sizeof s.line);
+    Line &line = s.out;
     line.text("zfx zoneset activate name ").text(name);
     if (force) line.text(" force");
     line.end().add(s.handle, ZFX_ELEM_ZONE, 0);
@@ -418,7 +426,7 @@ int32_t zfx_zone_generate_ascii_config(kvdb_store *store) {
 
     ZoneTable zones(store, bit_end(header.zones, kZoneBits));
     MemberIndex members(store, zones, header.zones);
-    Section s{store, gen_handle, &zones, &members, 0, {}};
+    Section s(store, gen_handle, &zones, &members);
     if (const int32_t r = for_each_id(header.zones, kZoneBits, [&](uint32_t id) {
             s.touched = s.touched + members.touch(id);
             return zone_text(s, id);
