@@ -39,6 +39,15 @@ inline uint32_t bit_end(const uint8_t *bits, uint32_t nbits) {
     return 0;
 }
 
+// How many ids from 1 below nbits (nbits a multiple of 8) are set: the ids for_each_id visits.
+inline uint32_t bit_count(const uint8_t *bits, uint32_t nbits) {
+    const uint32_t bytes = nbits / 8;
+    uint32_t n = 0, byte = 0;
+    for (; byte + 8 <= bytes; byte += 8) n += uint32_t(std::popcount(load<uint64_t>(bits + byte)));
+    for (; byte < bytes; ++byte) n += uint32_t(std::popcount(bits[byte]));
+    return bytes != 0 && (bits[0] & 0x80u) != 0 ? n - 1 : n;  // id 0 names nothing
+}
+
 // Calls visit(id) for every set id from 1 below nbits, in ascending order; stops early, with its
 // result, at the first call that returns nonzero. Returns 0 otherwise.
 template <typename Visit>

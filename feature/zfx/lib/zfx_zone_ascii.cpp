@@ -32,13 +32,13 @@ constexpr uint32_t kIdBits = 8 * ZFX_MEMBER_BITMAP_SIZE;  // member ids, zoneset
 constexpr char kNoLun[] = "           ";
 constexpr const char *kQos[] = {nullptr, "low", "medium", "high"};
 
-// A zone or zoneset record, checked: its stored id, its name, and its array.
+// A zone or zoneset record, checked: its stored id, its name, and its array (which lies within
+// the record: walk it with TlvChecked).
 struct NamedRecord {
     uint16_t id;
     const char *name;  // in the record; name_len characters, no terminator
     uint8_t name_len;
     uint8_t *array;
-    size_t avail;
 };
 
 enum class Found : uint8_t { unread, yes, empty, failed };
@@ -57,7 +57,6 @@ Found check_named(const kvdb_datum *value, NamedRecord &rec) {
     rec.name = reinterpret_cast<const char *>(data + offsetof(zfx_zone_rec_head, name));
     rec.name_len = uint8_t(strnlen(rec.name, ZFX_NAME_SIZE - 1));
     rec.array = data + array_off;
-    rec.avail = value->len - array_off;
     return Found::yes;
 }
 
@@ -239,18 +238,14 @@ private:
     // The last member bitmap element of a zone record (the one the zone pass takes).
     static Tlv members_element(const NamedRecord &zone) {
         Tlv found{};
-        TlvWalk walk(zone.array, zone.avail);
+        TlvWalk walk(zone.array, TlvChecked{});
         for (Tlv e; walk.next(e);)
             if (e.type == ZFX_TLV_ZONE_MEMBERS) found = e;
         return found;
     }
     static uint32_t count_ids(const Tlv &bits) {
-        uint32_t n = 0;
-        for_each_member(bits, [&](uint32_t) {
-            ++n;
-            return 0;
-        });
-        return n;
+        const uint32_t n = member_bytes(bits);
+        return n == 0 ? 0 : bit_count(bits.value + 4, 8 * n);
     }
 
     void release() {
@@ -328,7 +323,7 @@ int32_t zone_text(Section &s, uint32_t id) {
     line.text("zfx zone name ").text(zone.name, zone.name_len).end().add(s.handle, ZFX_ELEM_ZONE, 0);
     commit_reqd = 1;
     Tlv members{};  // the last member bitmap element counts
-    TlvWalk walk(zone.array, zone.avail);  // checked when the record was read
+    TlvWalk walk(zone.array, TlvChecked{});
     for (Tlv e; walk.next(e);) {
         if (e.type == ZFX_TLV_ZONE_QOS && e.len >= 4) {
             const uint32_t qos = load_le32(e.value);
@@ -366,7 +361,7 @@ int32_t zoneset_text(Section &s, uint32_t id) {
     uint8_t zones[ZFX_ZONE_BITMAP_SIZE] = {};
     uint8_t short_zones[ZFX_MEMBER_BITMAP_SIZE] = {};
     bool full = false;
-    TlvWalk walk(zoneset.array, zoneset.avail);
+    TlvWalk walk(zoneset.array, TlvChecked{});
     for (Tlv e; walk.next(e);) {
         if (e.type == ZFX_TLV_ZONESET_ZONES_EXT) {
             take_bitmap(zones, sizeof zones, e);
