@@ -84,13 +84,25 @@ public:
         if (slots_ == nullptr) return;
         constexpr uint8_t start[2] = {ZFX_KVDB_ZONE_KEY, 0};
         constexpr KeyShape shape{ZFX_KVDB_ZONE_KEY, kind_bit(0), ZFX_ZONE_DB_KEY_SIZE, 1, 1};
+        // A record is checked kAhead records after the walk met it, its lines asked for when it
+        // was met: the walk's reads of the records overlap instead of waiting one by one.
+        struct Met {
+            uint32_t id;
+            kvdb_datum value;
+        } met[kAhead];
+        uint32_t n = 0;
+        const auto check = [&](const Met &m) { slots_[m.id].found = check_named(&m.value, slots_[m.id].rec); };
         walk_table(store, TableWalk{shape, start, sizeof start}, UINT32_MAX, [&](const kvdb_datum &key, const kvdb_datum &value) {
             const uint8_t *k = static_cast<const uint8_t *>(key.data);
             const uint32_t id = load_le16(k + 2);
             // Only the key a lookup of the id would ask for, and only a value the walk could read.
             if (load_le16(k + 4) != 0 || id >= limit_ || value.data == nullptr) return;
-            slots_[id].found = check_named(&value, slots_[id].rec);
+            prefetch_value(value.data, value.len);
+            Met &m = met[n++ % kAhead];
+            if (n > kAhead) check(m);
+            m = Met{id, value};
         });
+        for (uint32_t i = n > kAhead ? n - kAhead : 0; i < n; ++i) check(met[i % kAhead]);
     }
     ~ZoneTable() { std::free(slots_); }
     ZoneTable(const ZoneTable &) = delete;
@@ -109,6 +121,7 @@ public:
     uint32_t limit() const { return limit_; }
 
 private:
+    static constexpr uint32_t kAhead = 8;
     struct Slot {
         NamedRecord rec;
         Found found;
@@ -210,22 +223,19 @@ public:
         return &found_;
     }
 
-    // Reads a byte of each line of the records of zone's group and of the groups after it, at
-    // least kAhead records, all at once and each record once, before the zone pass decodes them
-    // one by one: the reads wait on memory together instead of one after another. Returns what
-    // it read, for the caller to keep.
-    uint32_t touch(uint32_t zone) {
+    // Asks for the lines of the records of zone's group and of the groups after it, at least
+    // kAhead records, all at once and each record once, before the zone pass decodes them one by
+    // one: the reads wait on memory together instead of one after another.
+    void touch(uint32_t zone) {
         constexpr uint32_t kAhead = 64;
-        uint32_t sum = 0;
-        if (entries_ == nullptr || zone >= groups_) return sum;
+        if (entries_ == nullptr || zone >= groups_) return;
         const uint32_t total = starts_[groups_];
         const uint32_t until = std::min(total, std::max(ends_[zone], starts_[zone] + kAhead));
         for (uint32_t i = std::max(touched_, starts_[zone]); i < until; ++i) {
             const Entry &e = entries_[i];  // places a walk left empty have no record
-            if (e.data != nullptr) sum += e.data[0] + e.data[e.len - 1];
+            if (e.data != nullptr) prefetch_value(e.data, e.len);
         }
         touched_ = std::max(touched_, until);
-        return sum;
     }
 
 private:
@@ -277,7 +287,6 @@ struct Section {
     uint32_t handle;
     ZoneTable *zones;
     MemberIndex *members;
-    volatile uint32_t touched = 0;  // what MemberIndex::touch read
     char text[kGatherSize];
     Line out;  // every line of the section; what it keeps goes over when the section ends
 };
@@ -423,7 +432,7 @@ int32_t zfx_zone_generate_ascii_config(kvdb_store *store) {
     MemberIndex members(store, zones, header.zones);
     Section s(store, gen_handle, &zones, &members);
     if (const int32_t r = for_each_id(header.zones, kZoneBits, [&](uint32_t id) {
-            s.touched = s.touched + members.touch(id);
+            members.touch(id);
             return zone_text(s, id);
         }))
         return r;
