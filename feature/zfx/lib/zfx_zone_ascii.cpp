@@ -31,15 +31,34 @@ constexpr uint32_t kIdBits = 8 * ZFX_MEMBER_BITMAP_SIZE;  // member ids, zoneset
 // The LUN column of a member without a LUN: as wide as "lun 0x0000 ".
 constexpr char kNoLun[] = "           ";
 constexpr const char *kQos[] = {nullptr, "low", "medium", "high"};
+// What is asked for ahead of a record's reading: a zone record's name, attributes and member
+// bitmap lie within it.
+constexpr size_t kRecordAhead = 512;
 
-// A zone or zoneset record, checked: its stored id, its name, and its array (which lies within
-// the record: walk it with TlvChecked).
+// A zone or zoneset record, checked: its stored id, its name, its array (which lies within the
+// record: walk it with TlvChecked), and how many member ids its last member bitmap element names
+// (what the member index needs of a zone, taken while the record is at hand).
 struct NamedRecord {
     uint16_t id;
-    const char *name;  // in the record; name_len characters, no terminator
     uint8_t name_len;
+    uint16_t members;
+    uint32_t len;      // the record's bytes
+    const char *name;  // in the record; name_len characters, no terminator
     uint8_t *array;
 };
+
+// The bytes of a member bitmap element's bits (they follow its 4-byte count word) that name
+// member ids: at most kIdBits of them.
+uint32_t member_bytes(const Tlv &bits) {
+    const uint32_t n = bits.len > 4 ? bits.len - 4u : 0u;
+    return n < ZFX_MEMBER_BITMAP_SIZE ? n : ZFX_MEMBER_BITMAP_SIZE;
+}
+
+// How many member ids a member bitmap element names.
+uint32_t count_members(const Tlv &bits) {
+    const uint32_t n = member_bytes(bits);
+    return n == 0 ? 0 : bit_count(bits.value + 4, 8 * n);
+}
 
 enum class Found : uint8_t { unread, yes, empty, failed };
 
@@ -57,6 +76,12 @@ Found check_named(const kvdb_datum *value, NamedRecord &rec) {
     rec.name = reinterpret_cast<const char *>(data + offsetof(zfx_zone_rec_head, name));
     rec.name_len = uint8_t(strnlen(rec.name, ZFX_NAME_SIZE - 1));
     rec.array = data + array_off;
+    rec.len = value->len;
+    Tlv members{};  // the last member bitmap element counts, as in the zone pass
+    TlvWalk walk(rec.array, TlvChecked{});
+    for (Tlv e; walk.next(e);)
+        if (e.type == ZFX_TLV_ZONE_MEMBERS) members = e;
+    rec.members = uint16_t(count_members(members));
     return Found::yes;
 }
 
@@ -120,6 +145,14 @@ public:
     // One past the highest id the table holds.
     uint32_t limit() const { return limit_; }
 
+    // Asks for the first bytes (at most max) of the zone record of id, when the walk read it: a
+    // pass reading the records in id order, or a zoneset's zone names, asks ahead of its reads.
+    void prefetch(uint32_t id, size_t max) const {
+        if (slots_ == nullptr || id >= limit_ || slots_[id].found != Found::yes) return;
+        const NamedRecord &r = slots_[id].rec;
+        prefetch_value(r.name - offsetof(zfx_zone_rec_head, name), r.len, max);
+    }
+
 private:
     static constexpr uint32_t kAhead = 8;
     struct Slot {
@@ -130,13 +163,6 @@ private:
     uint32_t limit_;
     Slot *slots_ = nullptr;
 };
-
-// The bytes of a member bitmap element's bits (they follow its 4-byte count word) that name
-// member ids: at most kIdBits of them.
-uint32_t member_bytes(const Tlv &bits) {
-    const uint32_t n = bits.len > 4 ? bits.len - 4u : 0u;
-    return n < ZFX_MEMBER_BITMAP_SIZE ? n : ZFX_MEMBER_BITMAP_SIZE;
-}
 
 // for_each_id over the member ids a member bitmap element names.
 template <typename Visit>
@@ -173,7 +199,7 @@ public:
         for_each_id(zone_ids, kZoneBits, [&](uint32_t id) {
             NamedRecord zone;
             if (zones.get(id, zone) == Found::yes && zone.id < groups_ && starts_[zone.id + 1] == 0)
-                starts_[zone.id + 1] = count_ids(members_element(zone));
+                starts_[zone.id + 1] = zone.members;
             return 0;
         });
         for (uint32_t z = 0; z < groups_; ++z) {
@@ -244,19 +270,6 @@ private:
         uint16_t len;
         uint16_t member;
     };
-
-    // The last member bitmap element of a zone record (the one the zone pass takes).
-    static Tlv members_element(const NamedRecord &zone) {
-        Tlv found{};
-        TlvWalk walk(zone.array, TlvChecked{});
-        for (Tlv e; walk.next(e);)
-            if (e.type == ZFX_TLV_ZONE_MEMBERS) found = e;
-        return found;
-    }
-    static uint32_t count_ids(const Tlv &bits) {
-        const uint32_t n = member_bytes(bits);
-        return n == 0 ? 0 : bit_count(bits.value + 4, 8 * n);
-    }
 
     void release() {
         std::free(entries_);
@@ -380,6 +393,11 @@ int32_t zoneset_text(Section &s, uint32_t id) {
         }
     }
     if (!full) std::memcpy(zones, short_zones, sizeof short_zones);
+    // The names lie in zone records read long before: ask for all of them first.
+    for_each_id(zones, kZoneBits, [&](uint32_t zone_id) {
+        s.zones->prefetch(zone_id, offsetof(zfx_zone_rec_head, name) + ZFX_NAME_SIZE);
+        return 0;
+    });
     return for_each_id(zones, kZoneBits, [&](uint32_t zone_id) {
         NamedRecord zone;
         const Found found = s.zones->get(zone_id, zone);
@@ -431,7 +449,17 @@ int32_t zfx_zone_generate_ascii_config(kvdb_store *store) {
     ZoneTable zones(store, bit_end(header.zones, kZoneBits));
     MemberIndex members(store, zones, header.zones);
     Section s(store, gen_handle, &zones, &members);
+    // The zone pass reads the zone records in id order, not the walk's: it asks for the record
+    // of the zone kZonesAhead zones on before each one it writes.
+    constexpr uint32_t kZonesAhead = 8;
+    uint32_t ahead = bit_next(header.zones, kZoneBits, 1);
+    for (uint32_t i = 0; i < kZonesAhead && ahead < kZoneBits; ++i, ahead = bit_next(header.zones, kZoneBits, ahead + 1))
+        zones.prefetch(ahead, kRecordAhead);
     if (const int32_t r = for_each_id(header.zones, kZoneBits, [&](uint32_t id) {
+            if (ahead < kZoneBits) {
+                zones.prefetch(ahead, kRecordAhead);
+                ahead = bit_next(header.zones, kZoneBits, ahead + 1);
+            }
             members.touch(id);
             return zone_text(s, id);
         }))
