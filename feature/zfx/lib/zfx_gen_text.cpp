@@ -25,18 +25,31 @@ Line &Line::left(const char *s, size_t n, size_t width) {
 }
 
 Line &Line::dec(int32_t v, uint32_t width) {
-    char tmp[16];
-    char *p = tmp + sizeof tmp;
     // The magnitude as unsigned, so that INT32_MIN has one too.
     uint32_t u = v < 0 ? 0u - uint32_t(v) : uint32_t(v);
+    size_t n = v < 0 ? 2 : 1;  // characters: the sign, then the digits
+    for (uint32_t rest = u; rest >= 10; rest /= 10) ++n;
+    for (size_t pad = n < width ? width - n : 0; pad != 0; --pad) put(" ", 1);
+    if (n > line_size_ - 1 - length()) {
+        // Cut: the text as snprintf would have cut it.
+        char tmp[16];
+        char *p = tmp + sizeof tmp;
+        do {
+            *--p = char('0' + u % 10);
+            u /= 10;
+        } while (u != 0);
+        if (v < 0) *--p = '-';
+        return put(p, n);
+    }
+    // The digits straight into the line, from the last one back.
+    char *p = buf_ + len_ + n;
     do {
         *--p = char('0' + u % 10);
         u /= 10;
     } while (u != 0);
     if (v < 0) *--p = '-';
-    const size_t n = size_t(tmp + sizeof tmp - p);
-    for (size_t pad = n < width ? width - n : 0; pad != 0; --pad) put(" ", 1);
-    return put(p, n);
+    len_ += n;
+    return *this;
 }
 
 Line &Line::hex2(uint8_t b) {
