@@ -138,6 +138,20 @@ TEST(ZoneDb, DecodeFillsOnlyWhatTheRecordCarries) {
     EXPECT_EQ(m.afid, 0x0300);  // the low 16 bits of the host-order word
     EXPECT_STREQ(m.device_alias, "kept");
     EXPECT_EQ(m.id, 0u);
+    // The last of repeated elements counts; a WWN or LUN shorter than 8 bytes counts as none; an
+    // alias without its terminator is cut to 67 characters, a later empty one empties it.
+    const Bytes wwn{1, 2, 3, 4, 5, 6, 7, 8}, lun{9, 8, 7, 6, 5, 4, 3, 2};
+    const Bytes rec2 = cat({le16(4), {0, 0},
+                            tlv_array({tlv(10, wwn), tlv(10, {1, 1, 1, 1}), tlv(44, lun), tlv(44, {}), tlv(11, le32(7)),
+                                       tlv(11, le32(9)), tlv(65, Bytes(80, 'x'))})});
+    ASSERT_EQ(zfx_zone_decode_member_from_kvdb_cfg(rec2.data(), &m), 0);
+    EXPECT_EQ(Bytes(m.pwwn, m.pwwn + 8), wwn);
+    EXPECT_EQ(Bytes(m.lun, m.lun + 8), lun);
+    EXPECT_EQ(m.vsan, 9u);
+    EXPECT_EQ(std::string(m.device_alias), std::string(67, 'x'));
+    const Bytes rec3 = cat({le16(4), {0, 0}, tlv_array({tlv(65, {'a', 'b', 0, 'c'}), tlv(65, {})})});
+    ASSERT_EQ(zfx_zone_decode_member_from_kvdb_cfg(rec3.data(), &m), 0);
+    EXPECT_STREQ(m.device_alias, "");
     EXPECT_EQ(zfx_zone_decode_member_from_kvdb_cfg(nullptr, &m), ZFX_ERR_INVALID_ARG);
     EXPECT_EQ(zfx_zone_decode_member_from_kvdb_cfg(rec.data(), nullptr), ZFX_ERR_INVALID_ARG);
 }

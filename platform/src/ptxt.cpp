@@ -24,13 +24,17 @@ struct Element {
     size_t size = 0;
     bool open = false;  // the last line has no "\n" yet
 
-    void put(const char *p, size_t n) {
-        if (chunks.empty() || chunks.back().size() + n > kChunk) {
+    // Appends lead spaces (a line's indentation), then the n characters at p.
+    void put(size_t lead, const char *p, size_t n) {
+        const size_t total = lead + n;
+        if (chunks.empty() || chunks.back().size() + total > kChunk) {
             chunks.emplace_back();
-            chunks.back().reserve(n > kChunk ? n : kChunk);
+            chunks.back().reserve(total > kChunk ? total : kChunk);
         }
-        chunks.back().append(p, n);
-        size += n;
+        std::string &c = chunks.back();
+        if (lead != 0) c.append(lead, ' ');
+        c.append(p, n);
+        size += total;
     }
 };
 
@@ -74,26 +78,17 @@ Element *element_of(Generation &g, uint32_t number) {
 }
 
 // Appends text to an element: each line is indented when it begins, a line left open continues
-// with the next piece. A whole line goes in with one copy, its "\n" included.
+// with the next piece. A whole line goes in with one copy, its indentation and "\n" included;
+// the text is read once (each line's end found as its terminator would be).
 void append(Element &e, const char *text, uint32_t level) {
-    const char *p = text;
-    const char *const end = text + std::strlen(text);
-    while (p != end) {
-        const char *nl = static_cast<const char *>(std::memchr(p, '\n', size_t(end - p)));
-        const size_t n = nl != nullptr ? size_t(nl - p) : size_t(end - p);
-        if (!e.open && n > 0) {
-            static constexpr char kIndent[2 * PTXT_LEVEL_MAX + 1] = "                                                                ";
-            e.put(kIndent, 2 * size_t(level));
-        }
-        if (nl != nullptr) {
-            e.put(p, n + 1);
-            e.open = false;
-            p = nl + 1;
-        } else {
-            e.put(p, n);
-            e.open = e.open || n > 0;
-            p += n;
-        }
+    const size_t indent = 2 * size_t(level);
+    for (const char *p = text; *p != '\0';) {
+        const char *const nl = strchrnul(p, '\n');
+        const bool whole = *nl == '\n';
+        const size_t n = size_t(nl - p) + (whole ? 1 : 0);
+        e.put(!e.open && nl != p ? indent : 0, p, n);
+        e.open = !whole && (e.open || nl != p);
+        p += n;
     }
 }
 

@@ -30,6 +30,28 @@ inline uint32_t bit_next(const uint8_t *bits, uint32_t nbits, uint32_t from) {
     return nbits;
 }
 
+// One past the highest id that is set among the first nbits ids (nbits a multiple of 8), 0 when
+// none is: what a table indexed by the ids of a bitmap needs to hold them all.
+inline uint32_t bit_end(const uint8_t *bits, uint32_t nbits) {
+    for (uint32_t byte = nbits / 8; byte-- > 0;) {
+        if (bits[byte] != 0) return byte * 8 + 8 - uint32_t(std::countr_zero(bits[byte]));
+    }
+    return 0;
+}
+
+// How many ids from 1 below nbits (nbits a multiple of 8) are set: the ids for_each_id visits.
+inline uint32_t bit_count(const uint8_t *bits, uint32_t nbits) {
+    const uint32_t bytes = nbits / 8;
+    uint32_t n = 0, byte = 0;
+    // Zero words (most of a bitmap) are passed over: without a population-count instruction
+    // (the switch's processor) each count is a call.
+    for (; byte + 8 <= bytes; byte += 8) {
+        if (const uint64_t w = load<uint64_t>(bits + byte); w != 0) n += uint32_t(std::popcount(w));
+    }
+    for (; byte < bytes; ++byte) n += uint32_t(std::popcount(bits[byte]));
+    return bytes != 0 && (bits[0] & 0x80u) != 0 ? n - 1 : n;  // id 0 names nothing
+}
+
 // Calls visit(id) for every set id from 1 below nbits, in ascending order; stops early, with its
 // result, at the first call that returns nonzero. Returns 0 otherwise.
 template <typename Visit>

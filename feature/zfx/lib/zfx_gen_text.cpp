@@ -25,18 +25,31 @@ Line &Line::left(const char *s, size_t n, size_t width) {
 }
 
 Line &Line::dec(int32_t v, uint32_t width) {
-    char tmp[16];
-    char *p = tmp + sizeof tmp;
     // The magnitude as unsigned, so that INT32_MIN has one too.
     uint32_t u = v < 0 ? 0u - uint32_t(v) : uint32_t(v);
+    size_t n = v < 0 ? 2 : 1;  // characters: the sign, then the digits
+    for (uint32_t rest = u; rest >= 10; rest /= 10) ++n;
+    for (size_t pad = n < width ? width - n : 0; pad != 0; --pad) put(" ", 1);
+    if (n > line_size_ - 1 - length()) {
+        // Cut: the text as snprintf would have cut it.
+        char tmp[16];
+        char *p = tmp + sizeof tmp;
+        do {
+            *--p = char('0' + u % 10);
+            u /= 10;
+        } while (u != 0);
+        if (v < 0) *--p = '-';
+        return put(p, n);
+    }
+    // The digits straight into the line, from the last one back.
+    char *p = buf_ + len_ + n;
     do {
         *--p = char('0' + u % 10);
         u /= 10;
     } while (u != 0);
     if (v < 0) *--p = '-';
-    const size_t n = size_t(tmp + sizeof tmp - p);
-    for (size_t pad = n < width ? width - n : 0; pad != 0; --pad) put(" ", 1);
-    return put(p, n);
+    len_ += n;
+    return *this;
 }
 
 Line &Line::hex2(uint8_t b) {
@@ -57,7 +70,7 @@ Line &Line::lun(const uint8_t *lun) {
 }
 
 Line &Line::ranges(const vsan_bitset *set, size_t room) {
-    const size_t space = size_ - 1 - len_;
+    const size_t space = line_size_ - 1 - length();
     if (room <= space) {
         len_ += put_ranges(buf_ + len_, room, set);
         return *this;
@@ -67,14 +80,36 @@ Line &Line::ranges(const vsan_bitset *set, size_t room) {
     return put(t, put_ranges(t, room < VSAN_BITSET_TEXT_MAX ? room : VSAN_BITSET_TEXT_MAX, set));
 }
 
-int32_t Line::add(uint32_t handle, uint32_t element, int32_t level) {
-    buf_[len_] = '\0';
-    const int32_t status = level < 0 ? ptxt_elem_str_add(handle, element, buf_)
-                                     : ptxt_elem_str_add_indent(handle, element, buf_, uint32_t(level));
-    len_ = 0;
-    cut_ = false;
+int32_t Line::hand(size_t n) {
+    // The line being built after them, if any, keeps its first character.
+    const char kept = n < len_ ? buf_[n] : '\0';
+    buf_[n] = '\0';
+    const int32_t status = level_ < 0 ? ptxt_elem_str_add(handle_, element_, buf_)
+                                      : ptxt_elem_str_add_indent(handle_, element_, buf_, uint32_t(level_));
+    if (n < len_) buf_[n] = kept;
+    // What is left (the line being built) moves to the buffer's start.
+    std::memmove(buf_, buf_ + n, len_ - n);
+    len_ -= n;
+    start_ = 0;
     return status;
 }
+
+int32_t Line::add(uint32_t handle, uint32_t element, int32_t level) {
+    // Kept lines for another element or level go first, on their own.
+    int32_t status = start_ != 0 && (handle != handle_ || element != element_ || level != level_) ? flush() : 0;
+    handle_ = handle;
+    element_ = element;
+    level_ = level;
+    start_ = len_;
+    cut_ = false;
+    if (!gather_ || capacity_ - len_ < line_size_) {
+        const int32_t handed = hand(len_);
+        if (status == 0) status = handed;
+    }
+    return status;
+}
+
+int32_t Line::flush() { return start_ != 0 ? hand(start_) : 0; }
 
 void report_null_store(const char *message) { std::perror(message); }
 

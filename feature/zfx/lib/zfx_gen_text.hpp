@@ -25,18 +25,33 @@ constexpr size_t kRangeLineSize = VSAN_BITSET_TEXT_SIZE + 128;
 // not in the set. Returns its length. (vsan_bitset_sprintf is this with no limit.)
 size_t put_ranges(char *out, size_t max, const vsan_bitset *set);
 
-// A line of the configuration text, built piece by piece in a caller's buffer of size bytes
-// (at least 2) and handed to the text service in one call. The pieces are the exact forms the
-// text has always used ("%s", "%-15s", "%.80s", "%d", "%4d", "%02x", WWN, LUN and range text),
-// written straight into the line, with no format string to interpret. A line longer than the
-// buffer is cut as snprintf cuts it, after size - 1 characters; when it was to end with "\n"
-// (end()) the cut line still does, so that the next line never runs into it.
+// A line of the configuration text, built piece by piece in a caller's buffer and handed to the
+// text service. The pieces are the exact forms the text has always used ("%s", "%-15s", "%.80s",
+// "%d", "%4d", "%02x", WWN, LUN and range text), written straight into the line, with no format
+// string to interpret. A line longer than its size is cut as snprintf cuts it, after size - 1
+// characters; when it was to end with "\n" (end()) the cut line still does, so that the next line
+// never runs into it.
+//
+// A builder made with a buffer of one line's size hands each line over as add() is called:
 //
 //     char buf[N];
 //     Line(buf, sizeof buf).text("zfx zone name ").text(name).end().add(handle, element, 1);
+//
+// A builder made with a larger buffer gathers its lines: while they go to the same element at
+// the same level and the buffer has room for another whole line, add() keeps them, and they go
+// to the text service together, in one call (the service indents every line of a call alike, so
+// the text is the same). They are handed over when a line for another element or level comes,
+// when the buffer is full, by flush(), and at the latest when the builder is destroyed.
 class Line {
 public:
-    Line(char *buf, size_t size) : buf_(buf), size_(size) {}
+    Line(char *buf, size_t size) : Line(buf, size, size) {}
+    // Lines of at most line_size - 1 characters (line_size at least 2) gathered in capacity bytes
+    // (at least line_size).
+    Line(char *buf, size_t capacity, size_t line_size)
+        : buf_(buf), capacity_(capacity), line_size_(line_size), gather_(capacity > line_size) {}
+    ~Line() { flush(); }
+    Line(const Line &) = delete;
+    Line &operator=(const Line &) = delete;
 
     Line &text(const char *s) { return put(s, std::strlen(s)); }
     Line &text(const char *s, size_t n) { return put(s, n); }
@@ -58,30 +73,49 @@ public:
     // The line's "\n".
     Line &end() {
         put("\n", 1);
-        if (cut_) buf_[size_ - 2] = '\n';
+        if (cut_) buf_[start_ + line_size_ - 2] = '\n';
         return *this;
     }
 
-    // Hands the line to element at level (kBaseLevel: the base level); the builder may be used
-    // for another line afterwards. Returns the configuration-text service's status.
+    // Ends the line and gives it to element at level (kBaseLevel: the base level); the builder
+    // goes on with the next line. Returns the configuration-text service's status for the lines
+    // handed over in this call (0 when they are all kept for later).
     int32_t add(uint32_t handle, uint32_t element, int32_t level);
+    // Hands the lines kept over; returns the service's status (0 when there were none).
+    int32_t flush();
 
-    size_t length() const { return len_; }
+    // The characters of the line being built.
+    size_t length() const { return len_ - start_; }
 
 private:
     Line &put(const char *s, size_t n) {
-        const size_t room = size_ - 1 - len_;
-        const size_t k = n < room ? n : room;
-        std::memcpy(buf_ + len_, s, k);
-        len_ += k;
-        cut_ = cut_ || k < n;
+        const size_t room = line_size_ - 1 - (len_ - start_);
+        // The piece that fits whole is copied with its own length, which the compiler knows for
+        // the words of the text: a few moves instead of a call.
+        if (n <= room) {
+            std::memcpy(buf_ + len_, s, n);
+            len_ += n;
+            return *this;
+        }
+        std::memcpy(buf_ + len_, s, room);
+        len_ += room;
+        cut_ = true;
         return *this;
     }
+    // Hands the first n characters of the buffer to the kept lines' element.
+    int32_t hand(size_t n);
 
     char *buf_;
-    size_t size_;
+    size_t capacity_;
+    size_t line_size_;
+    bool gather_;
+    size_t start_ = 0;  // where the line being built begins; the kept lines lie before it
     size_t len_ = 0;
     bool cut_ = false;
+    // Where the kept lines go.
+    uint32_t handle_ = 0;
+    uint32_t element_ = 0;
+    int32_t level_ = 0;
 };
 
 // The report of a section handed no store, through perror as the system reports it.

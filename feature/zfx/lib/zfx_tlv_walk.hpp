@@ -57,12 +57,17 @@ inline void tlv_copy_text(char *dst, const Tlv &e, size_t max) {
 // array's start: each header whole, each value whole (the last element's padding may be absent).
 bool tlv_array_valid(const void *array, size_t avail);
 
+// Says that an array has passed tlv_array_valid already (a stored record checked where it was
+// read): a TlvWalk made with it walks the array without checking it again.
+struct TlvChecked {};
+
 class TlvWalk {
 public:
     TlvWalk(void *array, size_t avail)
         : array_(static_cast<uint8_t *>(array)), ok_(tlv_array_valid(array, avail)) {
         count_ = ok_ ? load<uint32_t>(array_) : 0;
     }
+    TlvWalk(void *array, TlvChecked) : array_(static_cast<uint8_t *>(array)), ok_(true), count_(load<uint32_t>(array_)) {}
 
     bool ok() const { return ok_; }
     uint32_t count() const { return count_; }

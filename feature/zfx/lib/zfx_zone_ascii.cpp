@@ -31,15 +31,34 @@ constexpr uint32_t kIdBits = 8 * ZFX_MEMBER_BITMAP_SIZE;  // member ids, zoneset
 // The LUN column of a member without a LUN: as wide as "lun 0x0000 ".
 constexpr char kNoLun[] = "           ";
 constexpr const char *kQos[] = {nullptr, "low", "medium", "high"};
+// What is asked for ahead of a record's reading: a zone record's name, attributes and member
+// bitmap lie within it.
+constexpr size_t kRecordAhead = 512;
 
-// A zone or zoneset record, checked: its stored id, its name, and its array.
+// A zone or zoneset record, checked: its stored id, its name, its array (which lies within the
+// record: walk it with TlvChecked), and how many member ids its last member bitmap element names
+// (what the member index needs of a zone, taken while the record is at hand).
 struct NamedRecord {
     uint16_t id;
-    const char *name;  // in the record; name_len characters, no terminator
     uint8_t name_len;
+    uint16_t members;
+    uint32_t len;      // the record's bytes
+    const char *name;  // in the record; name_len characters, no terminator
     uint8_t *array;
-    size_t avail;
 };
+
+// The bytes of a member bitmap element's bits (they follow its 4-byte count word) that name
+// member ids: at most kIdBits of them.
+uint32_t member_bytes(const Tlv &bits) {
+    const uint32_t n = bits.len > 4 ? bits.len - 4u : 0u;
+    return n < ZFX_MEMBER_BITMAP_SIZE ? n : ZFX_MEMBER_BITMAP_SIZE;
+}
+
+// How many member ids a member bitmap element names.
+uint32_t count_members(const Tlv &bits) {
+    const uint32_t n = member_bytes(bits);
+    return n == 0 ? 0 : bit_count(bits.value + 4, 8 * n);
+}
 
 enum class Found : uint8_t { unread, yes, empty, failed };
 
@@ -57,7 +76,12 @@ Found check_named(const kvdb_datum *value, NamedRecord &rec) {
     rec.name = reinterpret_cast<const char *>(data + offsetof(zfx_zone_rec_head, name));
     rec.name_len = uint8_t(strnlen(rec.name, ZFX_NAME_SIZE - 1));
     rec.array = data + array_off;
-    rec.avail = value->len - array_off;
+    rec.len = value->len;
+    Tlv members{};  // the last member bitmap element counts, as in the zone pass
+    TlvWalk walk(rec.array, TlvChecked{});
+    for (Tlv e; walk.next(e);)
+        if (e.type == ZFX_TLV_ZONE_MEMBERS) members = e;
+    rec.members = uint16_t(count_members(members));
     return Found::yes;
 }
 
@@ -74,21 +98,36 @@ Found fetch_named(kvdb_store *store, uint8_t table, uint32_t id, NamedRecord &re
 // its zone names from here instead of looking every member zone up again. What the walk did not
 // bring (no memory for the table, a value it could not read, a key past the first one that is
 // not a zone key) is looked up in the store when first asked for, and kept as well: the text and
-// its failures are the same either way.
+// its failures are the same either way. The table holds the ids below limit (one past the highest
+// the header names): a small fabric's generation does not clear and map a table for every id
+// there could be. A zone above them (a zoneset naming a zone the header does not) is looked up
+// each time it is asked for.
 class ZoneTable {
 public:
-    explicit ZoneTable(kvdb_store *store) : store_(store) {
-        slots_ = static_cast<Slot *>(mem_zalloc_array(kZoneBits, sizeof(Slot)));
+    ZoneTable(kvdb_store *store, uint32_t limit) : store_(store), limit_(limit < kZoneBits ? limit : kZoneBits) {
+        slots_ = limit_ != 0 ? static_cast<Slot *>(mem_zalloc_array(limit_, sizeof(Slot))) : nullptr;
         if (slots_ == nullptr) return;
         constexpr uint8_t start[2] = {ZFX_KVDB_ZONE_KEY, 0};
         constexpr KeyShape shape{ZFX_KVDB_ZONE_KEY, kind_bit(0), ZFX_ZONE_DB_KEY_SIZE, 1, 1};
+        // A record is checked kAhead records after the walk met it, its lines asked for when it
+        // was met: the walk's reads of the records overlap instead of waiting one by one.
+        struct Met {
+            uint32_t id;
+            kvdb_datum value;
+        } met[kAhead];
+        uint32_t n = 0;
+        const auto check = [&](const Met &m) { slots_[m.id].found = check_named(&m.value, slots_[m.id].rec); };
         walk_table(store, TableWalk{shape, start, sizeof start}, UINT32_MAX, [&](const kvdb_datum &key, const kvdb_datum &value) {
             const uint8_t *k = static_cast<const uint8_t *>(key.data);
             const uint32_t id = load_le16(k + 2);
             // Only the key a lookup of the id would ask for, and only a value the walk could read.
-            if (load_le16(k + 4) != 0 || id >= kZoneBits || value.data == nullptr) return;
-            slots_[id].found = check_named(&value, slots_[id].rec);
+            if (load_le16(k + 4) != 0 || id >= limit_ || value.data == nullptr) return;
+            prefetch_value(value.data, value.len);
+            Met &m = met[n++ % kAhead];
+            if (n > kAhead) check(m);
+            m = Met{id, value};
         });
+        for (uint32_t i = n > kAhead ? n - kAhead : 0; i < n; ++i) check(met[i % kAhead]);
     }
     ~ZoneTable() { std::free(slots_); }
     ZoneTable(const ZoneTable &) = delete;
@@ -96,28 +135,34 @@ public:
 
     // The zone record of id, checked.
     Found get(uint32_t id, NamedRecord &rec) {
-        if (slots_ == nullptr || id >= kZoneBits) return fetch_named(store_, ZFX_KVDB_ZONE_KEY, id, rec);
+        if (slots_ == nullptr || id >= limit_) return fetch_named(store_, ZFX_KVDB_ZONE_KEY, id, rec);
         Slot &slot = slots_[id];
         if (slot.found == Found::unread) slot.found = fetch_named(store_, ZFX_KVDB_ZONE_KEY, id, slot.rec);
         rec = slot.rec;
         return slot.found;
     }
 
+    // One past the highest id the table holds.
+    uint32_t limit() const { return limit_; }
+
+    // Asks for the first bytes (at most max) of the zone record of id, when the walk read it: a
+    // pass reading the records in id order, or a zoneset's zone names, asks ahead of its reads.
+    void prefetch(uint32_t id, size_t max) const {
+        if (slots_ == nullptr || id >= limit_ || slots_[id].found != Found::yes) return;
+        const NamedRecord &r = slots_[id].rec;
+        prefetch_value(r.name - offsetof(zfx_zone_rec_head, name), r.len, max);
+    }
+
 private:
+    static constexpr uint32_t kAhead = 8;
     struct Slot {
         NamedRecord rec;
         Found found;
     };
     kvdb_store *store_;
+    uint32_t limit_;
     Slot *slots_ = nullptr;
 };
-
-// The bytes of a member bitmap element's bits (they follow its 4-byte count word) that name
-// member ids: at most kIdBits of them.
-uint32_t member_bytes(const Tlv &bits) {
-    const uint32_t n = bits.len > 4 ? bits.len - 4u : 0u;
-    return n < ZFX_MEMBER_BITMAP_SIZE ? n : ZFX_MEMBER_BITMAP_SIZE;
-}
 
 // for_each_id over the member ids a member bitmap element names.
 template <typename Visit>
@@ -137,10 +182,12 @@ int32_t for_each_member(const Tlv &bits, Visit &&visit) {
 // are the same either way.
 class MemberIndex {
 public:
-    MemberIndex(kvdb_store *store, ZoneTable &zones, const uint8_t *zone_ids) {
-        // The groups, by the zone id the records hold (member keys carry that one).
-        starts_ = static_cast<uint32_t *>(mem_zalloc_array(kZoneBits + 1, sizeof(uint32_t)));
-        ends_ = static_cast<uint32_t *>(mem_zalloc_array(kZoneBits, sizeof(uint32_t)));
+    MemberIndex(kvdb_store *store, ZoneTable &zones, const uint8_t *zone_ids) : groups_(zones.limit()) {
+        // The groups, by the zone id the records hold (member keys carry that one), for the ids
+        // the zone table holds.
+        if (groups_ == 0) return;
+        starts_ = static_cast<uint32_t *>(mem_zalloc_array(groups_ + 1, sizeof(uint32_t)));
+        ends_ = static_cast<uint32_t *>(mem_zalloc_array(groups_, sizeof(uint32_t)));
         if (starts_ == nullptr || ends_ == nullptr) {
             release();
             return;
@@ -151,15 +198,15 @@ public:
         // id, the first one's count sizes the group and what does not fit is looked up.
         for_each_id(zone_ids, kZoneBits, [&](uint32_t id) {
             NamedRecord zone;
-            if (zones.get(id, zone) == Found::yes && zone.id < kZoneBits && starts_[zone.id + 1] == 0)
-                starts_[zone.id + 1] = count_ids(members_element(zone));
+            if (zones.get(id, zone) == Found::yes && zone.id < groups_ && starts_[zone.id + 1] == 0)
+                starts_[zone.id + 1] = zone.members;
             return 0;
         });
-        for (uint32_t z = 0; z < kZoneBits; ++z) {
+        for (uint32_t z = 0; z < groups_; ++z) {
             starts_[z + 1] += starts_[z];
             ends_[z] = starts_[z];
         }
-        const uint32_t total = starts_[kZoneBits];
+        const uint32_t total = starts_[groups_];
         entries_ = static_cast<Entry *>(mem_zalloc_array(total, sizeof(Entry)));
         if (entries_ == nullptr) {
             release();
@@ -174,7 +221,7 @@ public:
             // which is then looked up: the text is the same, and the walk need not read the
             // bitmaps (they lie all over the zone table). A value the walk could not read, or one
             // too long for an entry, is left to the lookup.
-            if (zone >= kZoneBits || ends_[zone] == starts_[zone + 1] || value.data == nullptr || value.len == 0 ||
+            if (zone >= groups_ || ends_[zone] == starts_[zone + 1] || value.data == nullptr || value.len == 0 ||
                 value.len > UINT16_MAX)
                 return;
             entries_[ends_[zone]++] = Entry{static_cast<const uint8_t *>(value.data), uint16_t(value.len), load_le16(k + 2)};
@@ -186,7 +233,7 @@ public:
 
     // The value of the member's record, or NULL when the index does not hold one.
     const kvdb_datum *find(uint16_t zone, uint16_t member) {
-        if (entries_ == nullptr || zone >= kZoneBits) return nullptr;
+        if (entries_ == nullptr || zone >= groups_) return nullptr;
         const Entry *first = entries_ + starts_[zone], *last = entries_ + ends_[zone];
         // The zone pass asks for a zone's members in ascending id, which is the group's order
         // below id 256: the entry after the last one found is tried first.
@@ -202,22 +249,19 @@ public:
         return &found_;
     }
 
-    // Reads a byte of each line of the records of zone's group and of the groups after it, at
-    // least kAhead records, all at once and each record once, before the zone pass decodes them
-    // one by one: the reads wait on memory together instead of one after another. Returns what
-    // it read, for the caller to keep.
-    uint32_t touch(uint32_t zone) {
+    // Asks for the lines of the records of zone's group and of the groups after it, at least
+    // kAhead records, all at once and each record once, before the zone pass decodes them one by
+    // one: the reads wait on memory together instead of one after another.
+    void touch(uint32_t zone) {
         constexpr uint32_t kAhead = 64;
-        uint32_t sum = 0;
-        if (entries_ == nullptr || zone >= kZoneBits) return sum;
-        const uint32_t total = starts_[kZoneBits];
+        if (entries_ == nullptr || zone >= groups_) return;
+        const uint32_t total = starts_[groups_];
         const uint32_t until = std::min(total, std::max(ends_[zone], starts_[zone] + kAhead));
         for (uint32_t i = std::max(touched_, starts_[zone]); i < until; ++i) {
             const Entry &e = entries_[i];  // places a walk left empty have no record
-            if (e.data != nullptr) sum += e.data[0] + e.data[e.len - 1];
+            if (e.data != nullptr) prefetch_value(e.data, e.len);
         }
         touched_ = std::max(touched_, until);
-        return sum;
     }
 
 private:
@@ -226,23 +270,6 @@ private:
         uint16_t len;
         uint16_t member;
     };
-
-    // The last member bitmap element of a zone record (the one the zone pass takes).
-    static Tlv members_element(const NamedRecord &zone) {
-        Tlv found{};
-        TlvWalk walk(zone.array, zone.avail);
-        for (Tlv e; walk.next(e);)
-            if (e.type == ZFX_TLV_ZONE_MEMBERS) found = e;
-        return found;
-    }
-    static uint32_t count_ids(const Tlv &bits) {
-        uint32_t n = 0;
-        for_each_member(bits, [&](uint32_t) {
-            ++n;
-            return 0;
-        });
-        return n;
-    }
 
     void release() {
         std::free(entries_);
@@ -253,6 +280,7 @@ private:
         starts_ = nullptr;
     }
 
+    uint32_t groups_;
     uint32_t *starts_ = nullptr;
     uint32_t *ends_ = nullptr;
     Entry *entries_ = nullptr;
@@ -261,13 +289,19 @@ private:
     kvdb_datum found_{};
 };
 
+// The section's lines are gathered: a zone's member lines (and its attribute lines) go to the
+// text service together, and so do the member lines of a zoneset.
+constexpr size_t kGatherSize = 4 * kLineSize;
+
 struct Section {
+    Section(kvdb_store *st, uint32_t h, ZoneTable *z, MemberIndex *m)
+        : store(st), handle(h), zones(z), members(m), out(text, sizeof text, kLineSize) {}
     kvdb_store *store;
     uint32_t handle;
     ZoneTable *zones;
     MemberIndex *members;
-    volatile uint32_t touched;  // what MemberIndex::touch read
-    char line[kLineSize];
+    char text[kGatherSize];
+    Line out;  // every line of the section; what it keeps goes over when the section ends
 };
 
 // A bitmap element's bits (after its 4-byte count word) into dst, at most size bytes; dst is
@@ -277,22 +311,24 @@ void take_bitmap(uint8_t *dst, size_t size, const Tlv &e) {
     if (e.len > 4) std::memcpy(dst, e.value + 4, size_t(e.len - 4) < size ? size_t(e.len - 4) : size);
 }
 
-// One member line: the member, the LUN column, the VSAN and fabric ID. The WWN and LUN texts are
-// left in the process-wide scratch strings, as the section has always left them.
-void member_line(Section &s, const zfx_zone_member_node &m) {
+// One member line: the member, the LUN column, the VSAN and fabric ID, from the record where it
+// lies; what the record lacks reads as zero (an empty alias). The WWN and LUN texts are left in
+// the process-wide scratch strings, as the section has always left them.
+void member_line(Section &s, const MemberView &m) {
+    static constexpr uint8_t kZero[8] = {};
     MemberShape shape{};
     const bool known = member_shape(m.type, shape);
-    Line line(s.line, sizeof s.line);
+    Line &line = s.out;
     if (known && shape.pwwn) {
         plat_wwn wwn;
-        std::memcpy(wwn.bytes, m.pwwn, sizeof wwn.bytes);
+        std::memcpy(wwn.bytes, m.pwwn != nullptr ? m.pwwn : kZero, sizeof wwn.bytes);
         fmt_wwn(zfx_sp_wwn_str, wwn);
         line.text("member pwwn ").text(zfx_sp_wwn_str, FMT_WWN_SIZE - 1).text(" ");
     } else if (known && shape.alias) {
-        line.text("member device-alias ").left(m.device_alias, 15).text(" ");
+        line.text("member device-alias ").left(m.alias != nullptr ? m.alias : "", m.alias_len, 15).text(" ");
     }
     if (known && shape.lun) {
-        line.text("lun ").text(lun_str, std::strlen(fmt_lun(lun_str, m.lun))).text(" ");
+        line.text("lun ").text(lun_str, std::strlen(fmt_lun(lun_str, m.lun != nullptr ? m.lun : kZero))).text(" ");
     } else {
         line.text(kNoLun, sizeof kNoLun - 1);
     }
@@ -305,11 +341,11 @@ int32_t zone_text(Section &s, uint32_t id) {
     NamedRecord zone;
     const Found found = s.zones->get(id, zone);
     if (found != Found::yes) return found == Found::empty ? 0 : ZFX_ERR_KVDB;
-    Line line(s.line, sizeof s.line);
+    Line &line = s.out;
     line.text("zfx zone name ").text(zone.name, zone.name_len).end().add(s.handle, ZFX_ELEM_ZONE, 0);
     commit_reqd = 1;
     Tlv members{};  // the last member bitmap element counts
-    TlvWalk walk(zone.array, zone.avail);  // checked when the record was read
+    TlvWalk walk(zone.array, TlvChecked{});
     for (Tlv e; walk.next(e);) {
         if (e.type == ZFX_TLV_ZONE_QOS && e.len >= 4) {
             const uint32_t qos = load_le32(e.value);
@@ -330,9 +366,8 @@ int32_t zone_text(Section &s, uint32_t id) {
             int32_t status;
             value = fetch(s.store, key, sizeof key, status);
         }
-        zfx_zone_member_node m;
-        std::memset(&m, 0, sizeof m);
-        if (value == nullptr || !decode_member(value->data, value->len, m)) return ZFX_ERR_KVDB;
+        MemberView m;
+        if (value == nullptr || !view_member(value->data, value->len, m)) return ZFX_ERR_KVDB;
         member_line(s, m);
         return 0;
     });
@@ -341,14 +376,14 @@ int32_t zone_text(Section &s, uint32_t id) {
 int32_t zoneset_text(Section &s, uint32_t id) {
     NamedRecord zoneset;
     if (fetch_named(s.store, ZFX_KVDB_ZONESET_KEY, id, zoneset) != Found::yes) return ZFX_ERR_KVDB;
-    Line line(s.line, sizeof s.line);
+    Line &line = s.out;
     line.text("zfx zoneset name ").text(zoneset.name, zoneset.name_len).end().add(s.handle, ZFX_ELEM_ZONE, 0);
     commit_reqd = 1;
     // The full bitmap (60) when the record has one, otherwise the short one (4).
     uint8_t zones[ZFX_ZONE_BITMAP_SIZE] = {};
     uint8_t short_zones[ZFX_MEMBER_BITMAP_SIZE] = {};
     bool full = false;
-    TlvWalk walk(zoneset.array, zoneset.avail);
+    TlvWalk walk(zoneset.array, TlvChecked{});
     for (Tlv e; walk.next(e);) {
         if (e.type == ZFX_TLV_ZONESET_ZONES_EXT) {
             take_bitmap(zones, sizeof zones, e);
@@ -358,6 +393,11 @@ int32_t zoneset_text(Section &s, uint32_t id) {
         }
     }
     if (!full) std::memcpy(zones, short_zones, sizeof short_zones);
+    // The names lie in zone records read long before: ask for all of them first.
+    for_each_id(zones, kZoneBits, [&](uint32_t zone_id) {
+        s.zones->prefetch(zone_id, offsetof(zfx_zone_rec_head, name) + ZFX_NAME_SIZE);
+        return 0;
+    });
     return for_each_id(zones, kZoneBits, [&](uint32_t zone_id) {
         NamedRecord zone;
         const Found found = s.zones->get(zone_id, zone);
@@ -379,7 +419,7 @@ int32_t activation_text(Section &s) {
     uint32_t options = 0;
     const bool force = zfx_zone_kvdb_restore_options_from_kvdb(s.store, &options) == 0 &&
                        (load_be32(&options) & ZFX_ZONE_OPTIONS_FORCE) != 0;
-    Line line(s.line, sizeof s.line);
+    Line &line = s.out;
     line.text("zfx zoneset activate name ").text(name);
     if (force) line.text(" force");
     line.end().add(s.handle, ZFX_ELEM_ZONE, 0);
@@ -406,11 +446,21 @@ int32_t zfx_zone_generate_ascii_config(kvdb_store *store) {
     if (bit_next(header.zones, kZoneBits, 0) == kZoneBits)
         std::memcpy(header.zones, header.zones_short, sizeof header.zones_short);
 
-    ZoneTable zones(store);
+    ZoneTable zones(store, bit_end(header.zones, kZoneBits));
     MemberIndex members(store, zones, header.zones);
-    Section s{store, gen_handle, &zones, &members, 0, {}};
+    Section s(store, gen_handle, &zones, &members);
+    // The zone pass reads the zone records in id order, not the walk's: it asks for the record
+    // of the zone kZonesAhead zones on before each one it writes.
+    constexpr uint32_t kZonesAhead = 8;
+    uint32_t ahead = bit_next(header.zones, kZoneBits, 1);
+    for (uint32_t i = 0; i < kZonesAhead && ahead < kZoneBits; ++i, ahead = bit_next(header.zones, kZoneBits, ahead + 1))
+        zones.prefetch(ahead, kRecordAhead);
     if (const int32_t r = for_each_id(header.zones, kZoneBits, [&](uint32_t id) {
-            s.touched = s.touched + members.touch(id);
+            if (ahead < kZoneBits) {
+                zones.prefetch(ahead, kRecordAhead);
+                ahead = bit_next(header.zones, kZoneBits, ahead + 1);
+            }
+            members.touch(id);
             return zone_text(s, id);
         }))
         return r;

@@ -26,9 +26,27 @@ inline bool member_shape(uint32_t type, MemberShape &shape) {
     }
 }
 
-// Decodes a stored member record of len bytes into m (see zfx_zone_decode_member_from_kvdb_cfg);
-// false, with m untouched, when the record is shorter than its head or its array does not lie
-// within it.
+// A stored member record's fields where they lie in the record, for readers that need no copy
+// of them (the zone text): each is NULL (or false) when the record has no element for it; when
+// it has several, the last one counts. A WWN or LUN element shorter than 8 bytes counts as none.
+struct MemberView {
+    uint8_t type;
+    bool has_vsan, has_afid, has_alias;
+    uint32_t vsan;
+    uint16_t afid;
+    const uint8_t *pwwn;  // 8 bytes
+    const uint8_t *lun;   // 8 bytes
+    const char *alias;    // alias_len characters (at most ZFX_NAME_SIZE - 1), no terminator
+    size_t alias_len;
+};
+
+// Views a stored member record of len bytes; false, with v untouched, when the record is shorter
+// than its head or its array does not lie within it.
+bool view_member(const void *record, size_t len, MemberView &v);
+
+// Decodes a stored member record of len bytes into m (see zfx_zone_decode_member_from_kvdb_cfg):
+// the view's fields copied, the ones the record lacks left as they are in m; false, with m
+// untouched, when view_member fails.
 bool decode_member(const void *record, size_t len, zfx_zone_member_node &m);
 
 // The active zoneset data's total length as its chunk 0 gives it; 0 when there is no data: chunk 0

@@ -205,29 +205,50 @@ uint32_t active_data_max() {
 
 }  // namespace
 
-bool decode_member(const void *record, size_t len, zfx_zone_member_node &m) {
+bool view_member(const void *record, size_t len, MemberView &v) {
     if (record == nullptr || len < sizeof(zfx_member_rec_head)) return false;
     auto *rec = static_cast<uint8_t *>(const_cast<void *>(record));  // walked, never written
     TlvWalk walk(rec + offsetof(zfx_member_rec_head, tlvs), len - offsetof(zfx_member_rec_head, tlvs));
     if (!walk.ok()) return false;
-    m.type = rec[offsetof(zfx_member_rec_head, type)];
+    v = MemberView{};
+    v.type = rec[offsetof(zfx_member_rec_head, type)];
     for (Tlv e; walk.next(e);) {
         switch (e.type) {
             case ZFX_TLV_MEMBER_PWWN:
-                if (e.len >= sizeof m.pwwn) tlv_copy(m.pwwn, e, sizeof m.pwwn);
+                if (e.len >= 8) v.pwwn = e.value;
                 break;
             case ZFX_TLV_MEMBER_VSAN:
-                if (e.len >= 4) m.vsan = load_le32(e.value);
+                if (e.len >= 4) v.vsan = load_le32(e.value), v.has_vsan = true;
                 break;
             case ZFX_TLV_MEMBER_AFID:
-                if (e.len >= 4) m.afid = uint16_t(load_le32(e.value));
+                if (e.len >= 4) v.afid = uint16_t(load_le32(e.value)), v.has_afid = true;
                 break;
             case ZFX_TLV_MEMBER_LUN:
-                if (e.len >= sizeof m.lun) tlv_copy(m.lun, e, sizeof m.lun);
+                if (e.len >= 8) v.lun = e.value;
                 break;
-            case ZFX_TLV_MEMBER_DEVICE_ALIAS: tlv_copy_text(m.device_alias, e, ZFX_NAME_SIZE - 1); break;
+            case ZFX_TLV_MEMBER_DEVICE_ALIAS:
+                // The characters up to the terminator, never past the value.
+                v.has_alias = true;
+                v.alias = reinterpret_cast<const char *>(e.value);
+                v.alias_len = e.value != nullptr ? strnlen(v.alias, e.len < ZFX_NAME_SIZE - 1 ? e.len : ZFX_NAME_SIZE - 1) : 0;
+                break;
             default: break;
         }
+    }
+    return true;
+}
+
+bool decode_member(const void *record, size_t len, zfx_zone_member_node &m) {
+    MemberView v;
+    if (!view_member(record, len, v)) return false;
+    m.type = v.type;
+    if (v.pwwn != nullptr) std::memcpy(m.pwwn, v.pwwn, sizeof m.pwwn);
+    if (v.has_vsan) m.vsan = v.vsan;
+    if (v.has_afid) m.afid = v.afid;
+    if (v.lun != nullptr) std::memcpy(m.lun, v.lun, sizeof m.lun);
+    if (v.has_alias) {
+        if (v.alias_len != 0) std::memcpy(m.device_alias, v.alias, v.alias_len);
+        m.device_alias[v.alias_len] = '\0';
     }
     return true;
 }
