@@ -9,7 +9,6 @@
 
 #include "fake_service.hpp"
 #include "zfx_service.h"
-#include "zfx_testing.h"
 
 namespace {
 
@@ -94,14 +93,8 @@ TEST(DlgStatus, EnabledReplyOrSubstitute) {
             std::free(reply);
         }
         FakeService svc;
-        svc.answer(Answer::failure(EIO));
-        zfx_status_reply *reply = nullptr;
-        zfx_testing_fail_allocation(1);
-        EXPECT_EQ(fn(svc.ep(), &reply), 1);  // not even a substitute
-        zfx_testing_fail_allocation(0);
-        EXPECT_EQ(reply, nullptr);
         EXPECT_EQ(fn(svc.ep(), nullptr), ZFX_ERR_INVALID_ARG);
-        EXPECT_EQ(svc.sent().size(), 1u);
+        EXPECT_TRUE(svc.sent().empty());
     }
 }
 

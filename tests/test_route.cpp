@@ -26,7 +26,6 @@
 #include "platform/tcam.h"
 #include "platform/wwnsvc.h"
 #include "zfx_service.h"
-#include "zfx_testing.h"
 
 namespace {
 
@@ -262,9 +261,13 @@ TEST(Routing, NextHopAndNatRequests) {
     }
     g_drv.fail_ioctl = 0;
     FakeService svc;
-    uint32_t v = 1;
     EXPECT_EQ(zfx_get_next_hop_vsan(svc.ep(), 1, 2, nullptr), ZFX_ERR_INVALID_ARG);
-    EXPECT_EQ(zfx_nat_get_next_hop_info(svc.ep(), &v, nullptr, &v), ZFX_ERR_INVALID_ARG);
+    for (int missing = 0; missing < 3; ++missing) {
+        uint32_t flow[3] = {10, 1, 2};
+        EXPECT_EQ(zfx_nat_get_next_hop_info(svc.ep(), missing == 0 ? nullptr : &flow[0], missing == 1 ? nullptr : &flow[1],
+                                            missing == 2 ? nullptr : &flow[2]),
+                  ZFX_ERR_INVALID_ARG);
+    }
     EXPECT_TRUE(svc.sent().empty());
 }
 
@@ -294,21 +297,19 @@ TEST(Routing, HashZoneNamesAndVsanWwn) {
     const struct {
         uint32_t kind, vsan;
         bool out;
-        uint32_t fail_alloc;
         int32_t result;
         Bytes wwn;
     } cases[] = {
-        {1, 4095, true, 0, 0, bytes_of(vw, 8)},  {1, 12, true, 0, WWNSVC_ERR_NOT_FOUND, zeros(8)},
-        {1, 4096, true, 0, ZFX_ERR_INVALID_VALUE, zeros(8)},
-        {1, 4095, true, 1, 0, zeros(8)},  // no reply buffer: 0 with the WWN zero
-        {0, 4095, true, 0, ZFX_ERR_INVALID_ARG, Bytes(8, 0xCC)}, {1, 4095, false, 0, ZFX_ERR_INVALID_ARG, Bytes(8, 0xCC)},
+        {1, 4095, true, 0, bytes_of(vw, 8)},
+        {1, 12, true, WWNSVC_ERR_NOT_FOUND, zeros(8)},
+        {1, 4096, true, ZFX_ERR_INVALID_VALUE, zeros(8)},
+        {0, 4095, true, ZFX_ERR_INVALID_ARG, Bytes(8, 0xCC)},
+        {1, 4095, false, ZFX_ERR_INVALID_ARG, Bytes(8, 0xCC)},
     };
     for (const auto &c : cases) {
         uint8_t wwn[8];
         std::memset(wwn, 0xCC, 8);
-        zfx_testing_fail_allocation(c.fail_alloc);
         EXPECT_EQ(zfx_get_vsan_wwn_from_switch_wwn(sw, c.kind, c.vsan, c.out ? wwn : nullptr), c.result);
-        zfx_testing_fail_allocation(0);
         EXPECT_EQ(bytes_of(wwn, 8), c.wwn) << c.vsan;
     }
     wwnsvc_table_clear();
