@@ -134,22 +134,10 @@ TEST(StoreKeys, ChecksAcceptTheirTablesKeysAndFirstKeysStartThem) {
         Bytes key;
         int32_t expected;
     } cases[] = {
-        {rdi, {0x79, 0, 0, 0}, 0},
-        {rdi, {0x79, 9, 1, 2}, 0},
-        {rdi, {0x79, 0, 0}, bad},
-        {rdi, {0x79, 0, 0, 0, 0}, bad},
-        {rdi, {0x78, 0, 0, 0}, bad},
-        {any, k1, 0},
-        {any, k2, 0},
-        {any, cat({{0x74, 3}, zeros(16)}), bad},
-        {any, cat({{0x74, 0}, zeros(16)}), bad},
-        {any, cat({k1, {0}}), bad},
-        {any, Bytes(k1.begin(), k1.end() - 1), bad},
-        {any, cat({{0x75, 1}, zeros(16)}), bad},
-        {dom, k1, 0},
-        {dom, k2, bad},
-        {fcid, k2, 0},
-        {fcid, k1, bad},
+        {rdi, {0x79, 0, 0, 0}, 0}, {rdi, {0x79, 9, 1, 2}, 0}, {rdi, {0x79, 0, 0}, bad}, {rdi, {0x79, 0, 0, 0, 0}, bad},
+        {rdi, {0x78, 0, 0, 0}, bad}, {any, k1, 0}, {any, k2, 0}, {any, cat({{0x74, 3}, zeros(16)}), bad},
+        {any, cat({{0x74, 0}, zeros(16)}), bad}, {any, cat({k1, {0}}), bad}, {any, Bytes(k1.begin(), k1.end() - 1), bad},
+        {any, cat({{0x75, 1}, zeros(16)}), bad}, {dom, k1, 0}, {dom, k2, bad}, {fcid, k2, 0}, {fcid, k1, bad},
     };
     for (const auto &c : cases) {
         kvdb_datum key{const_cast<uint8_t *>(c.key.data()), uint32_t(c.key.size())};
