@@ -39,10 +39,6 @@ TEST(Ptxt, ElementsRenderInDependencyOrderWithDeclarationOrderBreakingTies) {
         {"undeclared ignored", {1, 2}, {{1, 9, 9}, {1, 1, 7}}, "bc"},
         {"declared before the element", {2, 1}, {{2, 1, 1}}, "bc"},
         {"cycle: earliest declared goes on", {1, 2, 3}, {{1, 1, 2}, {2, 1, 1}}, "dbc"},
-        {"the feature's graph", {1, 4, 2, 3, 5, 6, 7, 8},
-         {{4, 1, 1}, {2, 1, 4}, {2, 37, 9}, {3, 1, 4}, {5, 1, 4}, {5, 1, 2}, {5, 1, 3}, {5, 1, 6}, {6, 1, 4},
-          {5, 1, 7}, {7, 1, 4}, {5, 1, 8}, {8, 1, 4}},
-         "becdghif"},
     };
     for (const OrderCase &c : cases) {
         Gen g;
