@@ -158,6 +158,8 @@ TEST(Pfcid, ListReadsFromAnyKeyOnPassingOverAnExactStart) {
     std::vector<Bytes> all;
     for (const Record &rec : records) all.push_back(entry_of(rec));
 
+    list(nullptr, 0, 8);
+    EXPECT_TRUE(seen.empty());
     list(nullptr, 3, 92);
     EXPECT_EQ(seen, std::vector<Bytes>(all.begin(), all.begin() + 3));
     list(nullptr, -1, 8 + 5 * 28);
