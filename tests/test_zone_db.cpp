@@ -4,6 +4,7 @@
 #include <cstring>
 #include <deque>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -82,23 +83,32 @@ Bytes wwn_of(uint8_t last) {
     return w;
 }
 
-TEST(ZoneDb, MemberRecordsCarryTheElementsOfTheirType) {
+TEST(ZoneDb, MemberRecordsCarryTheElementsOfTheirTypeAndDecodeBack) {
+    const std::string alias(ZFX_NAME_SIZE - 1, 'a');  // the longest
     const struct {
         uint32_t type;
         Bytes array;
     } cases[] = {
         {0, tlv_array({tlv(10, wwn_of(9)), tlv(11, le32(10)), tlv(12, le32(5))})},
-        {1, tlv_array({tlv(11, le32(10)), tlv(12, le32(5)), tlv(65, str0("host-a"))})},
+        {1, tlv_array({tlv(11, le32(10)), tlv(12, le32(5)), tlv(65, str0(alias))})},
         {240, tlv_array({tlv(10, wwn_of(9)), tlv(11, le32(10)), tlv(12, le32(5)), tlv(44, kLun)})},
-        {241, tlv_array({tlv(11, le32(10)), tlv(12, le32(5)), tlv(44, kLun), tlv(65, str0("host-a"))})},
+        {241, tlv_array({tlv(11, le32(10)), tlv(12, le32(5)), tlv(44, kLun), tlv(65, str0(alias))})},
     };
     Db db;
     zfx_zone_node &z = db.zone(1, "z", 0, 0, false);
     for (const auto &c : cases) {
-        zfx_zone_member_node &m = db.member(z, 0x10009, c.type, 10, 5, "host-a");  // id keeps its low 16 bits
+        zfx_zone_member_node &m = db.member(z, 0x10009, c.type, 10, 5, alias);  // id keeps its low 16 bits
         uint32_t len = 0;
         const Bytes rec = take(zfx_zone_encode_zone_member_to_kvdb(&m, &len), len);
         EXPECT_EQ(rec, cat({le16(9), {uint8_t(c.type), 0}, c.array})) << c.type << ": " << hex(rec);
+        // Decoded back: the fields of its type, no others.
+        zfx_zone_member_node back{};
+        ASSERT_EQ(zfx_zone_decode_member_from_kvdb_cfg(rec.data(), &back), 0);
+        const bool wwn = c.type == 0 || c.type == 240, lun = c.type >= 240, named = c.type == 1 || c.type == 241;
+        EXPECT_EQ(std::tuple(back.type, back.vsan, back.afid), std::tuple(c.type, 10u, uint16_t(5)));
+        EXPECT_EQ(bytes_of(back.pwwn, 8), wwn ? wwn_of(9) : zeros(8));
+        EXPECT_EQ(bytes_of(back.lun, 8), lun ? kLun : zeros(8));
+        EXPECT_EQ(std::string(back.device_alias), named ? alias : "");
 
         uint32_t size = 0;
         EXPECT_EQ(zfx_zone_get_zone_member_attrib_tlvs_size(&m, 0, &size), 0);
