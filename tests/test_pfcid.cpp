@@ -18,7 +18,6 @@
 #include "capture.hpp"
 #include "history.hpp"
 #include "platform/heapx.h"
-#include "platform/ptxt.h"
 #include "platform/tlg.h"
 #include "store.hpp"
 #include "zfx_ascii_cfg.h"
@@ -234,20 +233,15 @@ TEST(Pfcid, TextIsThatOfTheWalkOverTheWholeList) {
     // Without memory for the index that places the FCIDs, the same text comes from scanning the
     // list under every domain record.
     Stored r(records);
-    uint32_t handle;
-    ASSERT_EQ(ptxt_hdl_init(&handle), 0);
-    ptxt_elem_add(handle, ZFX_PTXT_GROUP, ZFX_ELEM_PFCID, ZFX_PTXT_ELEM_KIND);
     int32_t commit = 0;
-    zfx_testing_fail_allocation(2);  // the list, then the index
-    EXPECT_EQ(zfx2_pfcid_generate_ascii_config(handle, r.get(), &commit), 0);
-    EXPECT_EQ(zfx_testing_allocation_count(), 2u);
-    zfx_testing_fail_allocation(0);
-    char *text = nullptr;
-    ASSERT_EQ(ptxt_render(handle, &text, nullptr), 0);
-    EXPECT_EQ(std::string(text), expected);
+    const std::string text = generation_text([&](uint32_t handle) {
+        zfx_testing_fail_allocation(2);  // the list, then the index
+        EXPECT_EQ(zfx2_pfcid_generate_ascii_config(handle, r.get(), &commit), 0);
+        EXPECT_EQ(zfx_testing_allocation_count(), 2u);
+        zfx_testing_fail_allocation(0);
+    });
+    EXPECT_EQ(text, expected);
     EXPECT_EQ(commit, 1);
-    std::free(text);
-    ptxt_hdl_release(handle);
 }
 
 TEST(Pfcid, AFailedListIsReportedAndWritesNothing) {
