@@ -170,15 +170,15 @@ TEST(VirtualDomains, AFailedListIsReportedAndWritesNoPerFabricLine) {
     // The heap refusing takes the path of the library's own failure hook (the allocation-failure
     // sweep): the report, no per-fabric line.
     tlg_hist_clear();
-    const uint64_t allocs = zfx_num_mem_allocs, frees = zfx_num_mem_frees;
+    const uint64_t allocs_before = zfx_num_mem_allocs, frees_before = zfx_num_mem_frees;
     heapx_fail_allocation(1);
-    const std::string text = generate_from(p.config());
+    const std::string failed_text = generate_from(p.config());
     heapx_fail_allocation(0);
-    EXPECT_EQ(text, "feature zfx\nzfx virtual-fcdomain-add vsan-ranges 1\n");
+    EXPECT_EQ(failed_text, "feature zfx\nzfx virtual-fcdomain-add vsan-ranges 1\n");
     EXPECT_THAT(alloc_failures(), testing::ElementsAre(report));
     // Only the persistent FCID list, the generation's other tracked list, was made and released.
-    EXPECT_EQ(zfx_num_mem_allocs - allocs, 1u);
-    EXPECT_EQ(zfx_num_mem_frees - frees, 1u);
+    EXPECT_EQ(zfx_num_mem_allocs - allocs_before, 1u);
+    EXPECT_EQ(zfx_num_mem_frees - frees_before, 1u);
     tlg_hist_clear();
 
     // The lists that were built (this one and the persistent FCIDs') are released and counted,
