@@ -18,7 +18,6 @@
 #include "capture.hpp"
 #include "history.hpp"
 #include "platform/heapx.h"
-#include "platform/ptxt.h"
 #include "platform/tlg.h"
 #include "store.hpp"
 #include "zfx_ascii_cfg.h"
@@ -76,34 +75,6 @@ std::string walk_text(const std::vector<Record> &records) {
         }
     }
     return out;
-}
-
-TEST(Pfcid, KeyChecksAndFirstKeys) {
-    using Check = int32_t (*)(const kvdb_datum *);
-    const Check any = zfx2_pfcid_kvdb_key_check, dom = zfx2_pfcid_vdom_kvdb_key_check, fcid = zfx2_pfcid_vfcid_kvdb_key_check;
-    const Bytes k1 = cat({{0x74, 1}, zeros(16)}), k2 = cat({{0x74, 2}, zeros(16)}), k3 = cat({{0x74, 3}, zeros(16)});
-    const struct {
-        Check check;
-        Bytes key;
-        int32_t expected;
-    } cases[] = {
-        {any, k1, 0}, {any, k2, 0}, {any, k3, ZFX_ERR_TABLE_KEY}, {dom, k1, 0}, {dom, k2, ZFX_ERR_TABLE_KEY},
-        {fcid, k2, 0}, {fcid, k1, ZFX_ERR_TABLE_KEY}, {any, cat({k1, {0}}), ZFX_ERR_TABLE_KEY},
-        {any, Bytes(k1.begin(), k1.end() - 1), ZFX_ERR_TABLE_KEY}, {any, cat({{0x75, 1}, zeros(16)}), ZFX_ERR_TABLE_KEY},
-    };
-    for (const auto &c : cases) {
-        kvdb_datum key{const_cast<uint8_t *>(c.key.data()), uint32_t(c.key.size())};
-        EXPECT_EQ(c.check(&key), c.expected) << testing::PrintToString(c.key);
-    }
-    for (Check c : {any, dom, fcid}) EXPECT_EQ(c(nullptr), ZFX_ERR_TABLE_KEY);
-
-    zfx2_pfcid_key key;
-    for (auto [init, kind] : {std::pair{&zfx2_pfcid_vdom_kvdb_key_init, 1}, std::pair{&zfx2_pfcid_vfcid_kvdb_key_init, 2}}) {
-        std::memset(&key, 0xEE, sizeof key);
-        EXPECT_EQ(init(&key), 0);
-        EXPECT_EQ(bytes_of(&key, sizeof key), cat({{0x74, uint8_t(kind), 1, 0}, zeros(14)}));
-        EXPECT_EQ(init(nullptr), ZFX_ERR_INVALID_VALUE);
-    }
 }
 
 TEST(Pfcid, RecordsEntriesAndKeysConvertBothWaysInBothKinds) {
@@ -186,6 +157,8 @@ TEST(Pfcid, ListReadsFromAnyKeyOnPassingOverAnExactStart) {
     std::vector<Bytes> all;
     for (const Record &rec : records) all.push_back(entry_of(rec));
 
+    list(nullptr, 0, 8);
+    EXPECT_TRUE(seen.empty());
     list(nullptr, 3, 92);
     EXPECT_EQ(seen, std::vector<Bytes>(all.begin(), all.begin() + 3));
     list(nullptr, -1, 8 + 5 * 28);
@@ -227,44 +200,6 @@ TEST(Pfcid, ListReadsFromAnyKeyOnPassingOverAnExactStart) {
     heapx_free(l);
 }
 
-TEST(Pfcid, TextPlacesEachFcidUnderItsDomains) {
-    const std::string db = "zfx fcdomain database autonomous-fabric-num ";
-    const Bytes other = {0x10, 0, 0, 0, 0, 0, 0xAB, 0xCD};
-    const struct {
-        const char *name;
-        std::vector<Record> records;
-        std::string expected;
-        int32_t commit;
-    } cases[] = {
-        {"empty table", {}, "", 0},
-        {"FCID records only", {pfcid_fcid_rec(1, 10, kWwn, {0, 0x20, 1, 0})}, "", 1},
-        {"a header for each change of AFID or VSAN",
-         {pfcid_domain_rec(1, 10, 2, 20, 0x20), pfcid_domain_rec(1, 10, 3, 20, 0x21), pfcid_domain_rec(1, 11, 2, 21, 0x22)},
-         db + "1 vsan 10\n  native-autonomous-fabric-num 2 native-vsan 20 domain 32\n"
-              "  native-autonomous-fabric-num 3 native-vsan 20 domain 33\n" +
-             db + "1 vsan 11\n  native-autonomous-fabric-num 2 native-vsan 21 domain 34\n",
-         1},
-        {"the FCID of its own AFID, VSAN and domain only",
-         {pfcid_domain_rec(1, 10, 2, 20, 0x20), pfcid_fcid_rec(1, 10, other, {0, 0x21, 0, 0}),
-          pfcid_fcid_rec(1, 11, other, {0, 0x20, 0, 0}), pfcid_fcid_rec(2, 10, other, {0, 0x20, 0, 0}),
-          pfcid_fcid_rec(1, 10, kWwn, {0xFF, 0x20, 0x01, 0x00})},
-         db + "1 vsan 10\n  native-autonomous-fabric-num 2 native-vsan 20 domain 32\n"
-              "    pwwn 20:00:00:11:22:33:44:5a fcid 0x200100\n",
-         1},
-        {"records of one placement each get its FCIDs",
-         {pfcid_domain_rec(1, 10, 2, 20, 0x20), pfcid_domain_rec(1, 10, 3, 30, 0x20), pfcid_fcid_rec(1, 10, kWwn, {0, 0x20, 0, 1})},
-         db + "1 vsan 10\n  native-autonomous-fabric-num 2 native-vsan 20 domain 32\n    pwwn 20:00:00:11:22:33:44:5a fcid 0x200001\n"
-              "  native-autonomous-fabric-num 3 native-vsan 30 domain 32\n    pwwn 20:00:00:11:22:33:44:5a fcid 0x200001\n",
-         1},
-        {"AFID 0 and VSAN 0 first: no header", {pfcid_domain_rec(0, 0, 5, 6, 7)},
-         "  native-autonomous-fabric-num 5 native-vsan 6 domain 7\n", 1},
-    };
-    for (const auto &c : cases) {
-        EXPECT_EQ(section(c.records), c.expected) << c.name;
-        EXPECT_EQ(commit_reqd, c.commit) << c.name;
-    }
-}
-
 TEST(Pfcid, TextIsThatOfTheWalkOverTheWholeList) {
     std::mt19937 rng(7);
     auto pick = [&](uint32_t n) { return uint32_t(rng() % n); };
@@ -274,32 +209,39 @@ TEST(Pfcid, TextIsThatOfTheWalkOverTheWholeList) {
     for (int i = 0; i < 400; ++i) {
         Bytes wwn(8);
         for (uint8_t &b : wwn) b = uint8_t(pick(256));
-        table.insert(pfcid_fcid_rec(pick(3), pick(4), wwn, {0, uint8_t(0x20 + pick(4)), uint8_t(pick(256)), uint8_t(pick(256))}));
+        // The FCID's first byte is not part of it.
+        const Bytes fcid = {uint8_t(pick(256)), uint8_t(0x20 + pick(4)), uint8_t(pick(256)), uint8_t(pick(256))};
+        table.insert(pfcid_fcid_rec(pick(3), pick(4), wwn, fcid));
     }
     const std::vector<Record> records(table.begin(), table.end());
     const std::string expected = walk_text(records);
     size_t placed = 0;
     for (size_t at = 0; (at = expected.find("pwwn", at)) != std::string::npos; ++at) ++placed;
     ASSERT_GT(placed, 250u);  // most FCIDs are placed, some more than once
+    ASSERT_EQ(expected.rfind("  native-", 0), 0u);  // the table starts in AFID 0, VSAN 0: no header
+    commit_reqd = 0;
     EXPECT_EQ(section(records), expected);
+    EXPECT_EQ(commit_reqd, 1);
+    // The commit is asked for by any record of the table, none by an empty one.
+    const std::vector<Record> fcid_only = {records.back()};
+    for (const auto &[table_records, commit] : {std::pair{fcid_only, 1}, {std::vector<Record>{}, 0}}) {
+        commit_reqd = 0;
+        EXPECT_EQ(section(table_records), "");
+        EXPECT_EQ(commit_reqd, commit);
+    }
 
     // Without memory for the index that places the FCIDs, the same text comes from scanning the
     // list under every domain record.
     Stored r(records);
-    uint32_t handle;
-    ASSERT_EQ(ptxt_hdl_init(&handle), 0);
-    ptxt_elem_add(handle, ZFX_PTXT_GROUP, ZFX_ELEM_PFCID, ZFX_PTXT_ELEM_KIND);
     int32_t commit = 0;
-    zfx_testing_fail_allocation(2);  // the list, then the index
-    EXPECT_EQ(zfx2_pfcid_generate_ascii_config(handle, r.get(), &commit), 0);
-    EXPECT_EQ(zfx_testing_allocation_count(), 2u);
-    zfx_testing_fail_allocation(0);
-    char *text = nullptr;
-    ASSERT_EQ(ptxt_render(handle, &text, nullptr), 0);
-    EXPECT_EQ(std::string(text), expected);
+    const std::string text = generation_text([&](uint32_t handle) {
+        zfx_testing_fail_allocation(2);  // the list, then the index
+        EXPECT_EQ(zfx2_pfcid_generate_ascii_config(handle, r.get(), &commit), 0);
+        EXPECT_EQ(zfx_testing_allocation_count(), 2u);
+        zfx_testing_fail_allocation(0);
+    });
+    EXPECT_EQ(text, expected);
     EXPECT_EQ(commit, 1);
-    std::free(text);
-    ptxt_hdl_release(handle);
 }
 
 TEST(Pfcid, AFailedListIsReportedAndWritesNothing) {
@@ -321,15 +263,6 @@ TEST(Pfcid, AFailedListIsReportedAndWritesNothing) {
     tlg_debug_enable(102, 0);
     tlg_hist_clear();
 
-    Stored r(records);
-    zfx2_pfcid_list *l;
-    uint32_t size;
-    zfx_testing_fail_allocation(1);
-    EXPECT_EQ(zfx2_pfcid_get_next(r.get(), nullptr, -1, &l, &size), 0);
-    zfx_testing_fail_allocation(0);
-    EXPECT_EQ(l, nullptr);
-    EXPECT_EQ(size, 0u);
-    tlg_hist_clear();
 }
 
 }  // namespace

@@ -10,7 +10,9 @@
 
 namespace {
 
-TEST(Heapx, CountsPerOwnerAndInjectsFailure) {
+// Failure injection (the nth allocation fails, the next ones succeed again) is what the library's
+// allocation-failure tests stand on; here the counters and the alignment.
+TEST(Heapx, CountsPerOwner) {
     heapx_stats_reset();
     void *a = heapx_alloc(180, 309, 100);
     void *b = heapx_alloc(180, 281, 0);
@@ -27,17 +29,6 @@ TEST(Heapx, CountsPerOwnerAndInjectsFailure) {
     EXPECT_EQ(heapx_stats(180).bytes_in_use, 0u);
     EXPECT_EQ(heapx_stats(7).bytes_in_use, 8u);
     heapx_free(c);
-
-    heapx_fail_allocation(2);
-    void *first = heapx_alloc(180, 1, 4);
-    EXPECT_NE(first, nullptr);
-    EXPECT_EQ(heapx_alloc(180, 1, 4), nullptr);
-    void *third = heapx_alloc(180, 1, 4);
-    EXPECT_NE(third, nullptr);
-    heapx_fail_allocation(0);
-    EXPECT_EQ(heapx_stats(180).failures, 1u);
-    heapx_free(first);
-    heapx_free(third);
     EXPECT_EQ(heapx_stats(99999).allocs, 0u);  // untracked owners read as zero
 }
 

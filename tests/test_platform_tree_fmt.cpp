@@ -69,17 +69,34 @@ TEST(Fmt, WwnAndLunText) {
     EXPECT_STREQ(fmt_lun(out, nullptr), "");
 }
 
-TEST(Fmt, CopyMemToBufStopsAtTheLimit) {
-    const uint8_t src[6] = {1, 2, 3, 4, 5, 6};
-    const std::tuple<uint32_t, uint32_t, uint32_t> cases[] = {{4, 6, 4}, {8, 6, 6}, {0, 6, 0}, {4, 0, 0}};
-    for (const auto &[limit, len, copied] : cases) {
-        uint8_t dst[8] = {};
-        EXPECT_EQ(copy_mem_to_buf(limit, dst, src, len), copied);
-        for (uint32_t i = 0; i < 8; ++i) EXPECT_EQ(dst[i], i < copied ? src[i] : 0) << limit << " " << i;
+// Both bounded copies: at most limit bytes (the string copy one less, for its terminator), nothing
+// written past them, nothing from a missing source or to a missing buffer.
+TEST(Fmt, BoundedCopiesStopAtTheLimit) {
+    const struct {
+        uint32_t limit, len, copied;
+        const char *text;
+    } cases[] = {{0, 6, 0, nullptr}, {1, 6, 1, ""}, {3, 6, 3, "ab"}, {4, 6, 4, "abc"}, {9, 6, 6, "abc"}, {4, 0, 0, nullptr}};
+    const char src[] = "abcdef";
+    for (const auto &c : cases) {
+        char dst[10];
+        std::memset(dst, 'x', sizeof dst);
+        EXPECT_EQ(copy_mem_to_buf(c.limit, dst, src, c.len), c.copied) << c.limit;
+        EXPECT_EQ(std::string(dst, sizeof dst), std::string(src, c.copied) + std::string(10 - c.copied, 'x'));
+        if (c.text == nullptr) continue;
+        for (const char *from : {"abc", static_cast<const char *>(nullptr)}) {
+            std::memset(dst, 'x', sizeof dst);
+            const std::string want = from != nullptr ? c.text : "";
+            EXPECT_EQ(copy_str_to_buf(c.limit, dst, from), want.size());
+            EXPECT_EQ(std::string(dst), want);
+            EXPECT_EQ(dst[c.limit], 'x') << c.limit;
+        }
     }
-    uint8_t dst[4] = {};
+    char untouched = 'x';
+    EXPECT_EQ(copy_str_to_buf(0, &untouched, "abc"), 0u);
+    EXPECT_EQ(untouched, 'x');
+    EXPECT_EQ(copy_str_to_buf(5, nullptr, "abc"), 0u);
     EXPECT_EQ(copy_mem_to_buf(4, nullptr, src, 4), 0u);
-    EXPECT_EQ(copy_mem_to_buf(4, dst, nullptr, 4), 0u);
+    EXPECT_EQ(copy_mem_to_buf(4, &untouched, nullptr, 4), 0u);
 }
 
 }  // namespace

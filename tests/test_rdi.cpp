@@ -121,21 +121,44 @@ TEST(VirtualDomains, ListHoldsTheEntriesUpToItsCapacity) {
     EXPECT_EQ(zfx_num_mem_allocs - allocs, 4u);
 }
 
-TEST(VirtualDomains, KeyCheckAndFirstKey) {
-    const std::pair<Bytes, int32_t> cases[] = {
-        {{0x79, 0, 0, 0}, 0},  {{0x79, 9, 1, 2}, 0}, {{0x79, 0, 0}, ZFX_ERR_TABLE_KEY},
-        {{0x79, 0, 0, 0, 0}, ZFX_ERR_TABLE_KEY}, {{0x78, 0, 0, 0}, ZFX_ERR_TABLE_KEY},
+// The key checks and first keys of the per-fabric tables in one table: the virtual domains' and
+// the persistent FCIDs' (any kind, domains only, FCIDs only).
+TEST(StoreKeys, ChecksAcceptTheirTablesKeysAndFirstKeysStartThem) {
+    using Check = int32_t (*)(const kvdb_datum *);
+    const Check rdi = zfx_rdi_kvdb_key_check, any = zfx2_pfcid_kvdb_key_check,
+                dom = zfx2_pfcid_vdom_kvdb_key_check, fcid = zfx2_pfcid_vfcid_kvdb_key_check;
+    const Bytes k1 = cat({{0x74, 1}, zeros(16)}), k2 = cat({{0x74, 2}, zeros(16)});
+    const int32_t bad = ZFX_ERR_TABLE_KEY;
+    const struct {
+        Check check;
+        Bytes key;
+        int32_t expected;
+    } cases[] = {
+        {rdi, {0x79, 0, 0, 0}, 0}, {rdi, {0x79, 9, 1, 2}, 0}, {rdi, {0x79, 0, 0}, bad}, {rdi, {0x79, 0, 0, 0, 0}, bad},
+        {rdi, {0x78, 0, 0, 0}, bad}, {any, k1, 0}, {any, k2, 0}, {any, cat({{0x74, 3}, zeros(16)}), bad},
+        {any, cat({{0x74, 0}, zeros(16)}), bad}, {any, cat({k1, {0}}), bad}, {any, Bytes(k1.begin(), k1.end() - 1), bad},
+        {any, cat({{0x75, 1}, zeros(16)}), bad}, {dom, k1, 0}, {dom, k2, bad}, {fcid, k2, 0}, {fcid, k1, bad},
     };
-    for (const auto &[bytes, expected] : cases) {
-        kvdb_datum key{const_cast<uint8_t *>(bytes.data()), uint32_t(bytes.size())};
-        EXPECT_EQ(zfx_rdi_kvdb_key_check(&key), expected) << testing::PrintToString(bytes);
+    for (const auto &c : cases) {
+        kvdb_datum key{const_cast<uint8_t *>(c.key.data()), uint32_t(c.key.size())};
+        EXPECT_EQ(c.check(&key), c.expected) << testing::PrintToString(c.key);
     }
-    EXPECT_EQ(zfx_rdi_kvdb_key_check(nullptr), ZFX_ERR_TABLE_KEY);
-    zfx_rdi_kvdb_key key;
-    std::memset(&key, 0xEE, sizeof key);
-    EXPECT_EQ(zfx_rdi_kvdb_key_init(&key), 0);
-    EXPECT_EQ(bytes_of(&key, sizeof key), Bytes({0x79, 0, 0, 0}));
+    for (Check c : {rdi, any, dom, fcid}) EXPECT_EQ(c(nullptr), bad);
+
+    zfx_rdi_kvdb_key rk;
+    zfx2_pfcid_key dk, fk;
+    std::memset(&rk, 0xEE, sizeof rk);
+    std::memset(&dk, 0xEE, sizeof dk);
+    std::memset(&fk, 0xEE, sizeof fk);
+    EXPECT_EQ(zfx_rdi_kvdb_key_init(&rk), 0);
+    EXPECT_EQ(zfx2_pfcid_vdom_kvdb_key_init(&dk), 0);
+    EXPECT_EQ(zfx2_pfcid_vfcid_kvdb_key_init(&fk), 0);
+    EXPECT_EQ(bytes_of(&rk, sizeof rk), Bytes({0x79, 0, 0, 0}));
+    EXPECT_EQ(bytes_of(&dk, sizeof dk), cat({{0x74, 1, 1, 0}, zeros(14)}));
+    EXPECT_EQ(bytes_of(&fk, sizeof fk), cat({{0x74, 2, 1, 0}, zeros(14)}));
     EXPECT_EQ(zfx_rdi_kvdb_key_init(nullptr), ZFX_ERR_INVALID_VALUE);
+    EXPECT_EQ(zfx2_pfcid_vdom_kvdb_key_init(nullptr), ZFX_ERR_INVALID_VALUE);
+    EXPECT_EQ(zfx2_pfcid_vfcid_kvdb_key_init(nullptr), ZFX_ERR_INVALID_VALUE);
 }
 
 TEST(VirtualDomains, AFailedListIsReportedAndWritesNoPerFabricLine) {
@@ -144,20 +167,18 @@ TEST(VirtualDomains, AFailedListIsReportedAndWritesNoPerFabricLine) {
     const std::string both = "zfx virtual-fcdomain-add vsan-ranges 1\nzfx virtual-fcdomain-add2 autonomous-fabric-ID 2  vsan-ranges 3\n";
     const auto report = testing::MatchesRegex(
         R"(Memory allocation failed in zfx_rdi_get_next:[0-9]+ \(\.\./feature/zfx/lib/zfx_ascii_cfg\))");
-    // The heap refusing and the library's own test hook take the same path.
-    for (bool heap : {true, false}) {
-        tlg_hist_clear();
-        const uint64_t allocs = zfx_num_mem_allocs, frees = zfx_num_mem_frees;
-        heap ? heapx_fail_allocation(1) : zfx_testing_fail_allocation(1);
-        const std::string text = generate_from(p.config());
-        heapx_fail_allocation(0);
-        zfx_testing_fail_allocation(0);
-        EXPECT_EQ(text, "feature zfx\nzfx virtual-fcdomain-add vsan-ranges 1\n");
-        EXPECT_THAT(alloc_failures(), testing::ElementsAre(report));
-        // Only the persistent FCID list, the generation's other tracked list, was made and released.
-        EXPECT_EQ(zfx_num_mem_allocs - allocs, 1u);
-        EXPECT_EQ(zfx_num_mem_frees - frees, 1u);
-    }
+    // The heap refusing takes the path of the library's own failure hook (the allocation-failure
+    // sweep): the report, no per-fabric line.
+    tlg_hist_clear();
+    const uint64_t allocs_before = zfx_num_mem_allocs, frees_before = zfx_num_mem_frees;
+    heapx_fail_allocation(1);
+    const std::string failed_text = generate_from(p.config());
+    heapx_fail_allocation(0);
+    EXPECT_EQ(failed_text, "feature zfx\nzfx virtual-fcdomain-add vsan-ranges 1\n");
+    EXPECT_THAT(alloc_failures(), testing::ElementsAre(report));
+    // Only the persistent FCID list, the generation's other tracked list, was made and released.
+    EXPECT_EQ(zfx_num_mem_allocs - allocs_before, 1u);
+    EXPECT_EQ(zfx_num_mem_frees - frees_before, 1u);
     tlg_hist_clear();
 
     // The lists that were built (this one and the persistent FCIDs') are released and counted,

@@ -24,7 +24,6 @@
 #include "platform/frame.h"
 #include "platform/socket.h"
 #include "platform/xqb.h"
-#include "zfx_service.h"
 
 namespace {
 
@@ -508,21 +507,6 @@ TEST(Socket, ConnectFailures) {
     ::close(fd);
     for (const std::string &f : {file, stale}) ::unlink(f.c_str());
     ::rmdir(dir);
-}
-
-TEST(Socket, LibraryCallOverTheSocket) {
-    Bytes record = cat({be32(7), Bytes{'f', 'a', 'b', 'r', 'i', 'c'}});
-    record.resize(sizeof(zfx_info_record), 0);
-    SocketService svc(answering({Answer::reply_with(record)}));
-    ASSERT_NE(svc.ep(), nullptr);
-    zfx_info_record *rec = zfx_dlg_get_info(svc.ep(), 7);
-    ASSERT_NE(rec, nullptr);
-    EXPECT_EQ(bytes_of(rec, sizeof *rec), record);
-    std::free(rec);
-    const std::vector<Call> &calls = svc.stop();
-    ASSERT_EQ(calls.size(), 1u);
-    EXPECT_EQ(calls[0].sent().summary(), "req 8605/1 t4 reply");
-    EXPECT_EQ(calls[0].payload, cat({be32(7), zeros(256)}));
 }
 
 }  // namespace

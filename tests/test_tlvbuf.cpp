@@ -1,14 +1,12 @@
-// The platform's TLV arrays and bounded copy: arrays built element by element must match an
+// The platform's TLV arrays: arrays built element by element must match an
 // independent model of the layout byte for byte and walk back to what was added, with either
 // walker, for arrays small and large (the cursor's long form); refused adds leave the array alone.
 #include <cstring>
 #include <random>
-#include <string>
 
 #include <gtest/gtest.h>
 
 #include "fake_service.hpp"
-#include "platform/fmt.h"
 #include "platform/tlvbuf.h"
 
 namespace {
@@ -127,24 +125,6 @@ TEST(Tlvbuf, RefusalsChangeNothing) {
     EXPECT_NE(tlvbuf_get_next_tlv(nullptr, nullptr, nullptr, nullptr, 0, &cursor), 0);
     EXPECT_NE(tlvbuf_get_next_tlv(array.data(), nullptr, nullptr, nullptr, 0, nullptr), 0);
     EXPECT_EQ(tlvbuf_get_num_tlvs(nullptr, 0), 0u);
-}
-
-TEST(Fmt, CopyStrToBuf) {
-    const std::pair<uint32_t, const char *> cases[] = {{1, ""}, {3, "ab"}, {4, "abc"}, {9, "abc"}};
-    for (const auto &[limit, expected] : cases) {
-        for (const char *src : {"abc", static_cast<const char *>(nullptr)}) {
-            char buf[10];
-            std::memset(buf, 'x', sizeof buf);
-            const std::string want = src != nullptr ? expected : "";
-            EXPECT_EQ(copy_str_to_buf(limit, buf, src), want.size());
-            EXPECT_EQ(std::string(buf), want);
-            EXPECT_EQ(buf[limit], 'x');  // nothing past the limit
-        }
-    }
-    char untouched = 'x';
-    EXPECT_EQ(copy_str_to_buf(0, &untouched, "abc"), 0u);
-    EXPECT_EQ(untouched, 'x');
-    EXPECT_EQ(copy_str_to_buf(5, nullptr, "abc"), 0u);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <deque>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -11,7 +12,6 @@
 #include "platform/tlvbuf.h"
 #include "store.hpp"
 #include "zfx_ascii_cfg.h"
-#include "zfx_testing.h"
 #include "zfx_zone_db.h"
 
 namespace {
@@ -83,23 +83,32 @@ Bytes wwn_of(uint8_t last) {
     return w;
 }
 
-TEST(ZoneDb, MemberRecordsCarryTheElementsOfTheirType) {
+TEST(ZoneDb, MemberRecordsCarryTheElementsOfTheirTypeAndDecodeBack) {
+    const std::string alias(ZFX_NAME_SIZE - 1, 'a');  // the longest
     const struct {
         uint32_t type;
         Bytes array;
     } cases[] = {
         {0, tlv_array({tlv(10, wwn_of(9)), tlv(11, le32(10)), tlv(12, le32(5))})},
-        {1, tlv_array({tlv(11, le32(10)), tlv(12, le32(5)), tlv(65, str0("host-a"))})},
+        {1, tlv_array({tlv(11, le32(10)), tlv(12, le32(5)), tlv(65, str0(alias))})},
         {240, tlv_array({tlv(10, wwn_of(9)), tlv(11, le32(10)), tlv(12, le32(5)), tlv(44, kLun)})},
-        {241, tlv_array({tlv(11, le32(10)), tlv(12, le32(5)), tlv(44, kLun), tlv(65, str0("host-a"))})},
+        {241, tlv_array({tlv(11, le32(10)), tlv(12, le32(5)), tlv(44, kLun), tlv(65, str0(alias))})},
     };
     Db db;
     zfx_zone_node &z = db.zone(1, "z", 0, 0, false);
     for (const auto &c : cases) {
-        zfx_zone_member_node &m = db.member(z, 0x10009, c.type, 10, 5, "host-a");  // id keeps its low 16 bits
+        zfx_zone_member_node &m = db.member(z, 0x10009, c.type, 10, 5, alias);  // id keeps its low 16 bits
         uint32_t len = 0;
         const Bytes rec = take(zfx_zone_encode_zone_member_to_kvdb(&m, &len), len);
         EXPECT_EQ(rec, cat({le16(9), {uint8_t(c.type), 0}, c.array})) << c.type << ": " << hex(rec);
+        // Decoded back: the fields of its type, no others.
+        zfx_zone_member_node back{};
+        ASSERT_EQ(zfx_zone_decode_member_from_kvdb_cfg(rec.data(), &back), 0);
+        const bool wwn = c.type == 0 || c.type == 240, lun = c.type >= 240, named = c.type == 1 || c.type == 241;
+        EXPECT_EQ(std::tuple(back.type, back.vsan, back.afid), std::tuple(c.type, 10u, uint16_t(5)));
+        EXPECT_EQ(bytes_of(back.pwwn, 8), wwn ? wwn_of(9) : zeros(8));
+        EXPECT_EQ(bytes_of(back.lun, 8), lun ? kLun : zeros(8));
+        EXPECT_EQ(std::string(back.device_alias), named ? alias : "");
 
         uint32_t size = 0;
         EXPECT_EQ(zfx_zone_get_zone_member_attrib_tlvs_size(&m, 0, &size), 0);
@@ -123,9 +132,6 @@ TEST(ZoneDb, MemberRecordsCarryTheElementsOfTheirType) {
     EXPECT_EQ(zfx_zone_encode_zone_member_attrib_tlvs(small, sizeof small, &bad, 0), ZFX_ERR_BAD_MEMBER_TYPE);
     EXPECT_EQ(zfx_zone_encode_zone_member_attrib_tlvs(small, sizeof small, &db.members[0], 0), -1);
     EXPECT_EQ(tlvbuf_get_num_tlvs(small, 0), 1u);  // the port WWN fitted, the VSAN did not
-    zfx_testing_fail_allocation(1);
-    EXPECT_EQ(zfx_zone_encode_zone_member_to_kvdb(&db.members[0], &len), nullptr);
-    zfx_testing_fail_allocation(0);
     EXPECT_EQ(len, 99u);
 }
 
@@ -191,9 +197,6 @@ TEST(ZoneDb, ZoneAndZonesetRecords) {
     EXPECT_EQ(zfx_zone_encode_zone_to_kvdb(nullptr, &len), nullptr);
     EXPECT_EQ(zfx_zone_encode_zoneset_to_kvdb(nullptr, &len), nullptr);
     EXPECT_EQ(zfx_zone_encode_zone_to_kvdb(&ro, nullptr), nullptr);
-    zfx_testing_fail_allocation(1);
-    EXPECT_EQ(zfx_zone_encode_zone_to_kvdb(&ro, &len), nullptr);
-    zfx_testing_fail_allocation(0);
 }
 
 // Expected bytes of the active zoneset data, written out piece by piece.
@@ -245,10 +248,6 @@ TEST(ZoneDb, ActiveZonesetDataWithItsExtensionArea) {
     EXPECT_EQ(take(zfx_zone_zoneset_to_persistent_kvdb_data(&bare, &len), len), entry(2, "bare", 0));
     EXPECT_EQ(zfx_zoneset_get_persistent_data_size(nullptr, &ext_size), 0u);
     EXPECT_EQ(zfx_zoneset_get_persistent_data_size(&s, nullptr), uint32_t(ZFX_ERR_INVALID_ARG));
-    zfx_testing_fail_allocation(1);
-    EXPECT_EQ(zfx_zone_zoneset_to_persistent_kvdb_data(&s, &len), nullptr);
-    zfx_testing_fail_allocation(0);
-    EXPECT_EQ(len, 0u);
 }
 
 TEST(ZoneDb, ExtensionStepWritesOnlyWhatFits) {
@@ -266,14 +265,6 @@ TEST(ZoneDb, ExtensionStepWritesOnlyWhatFits) {
         EXPECT_EQ(cursor, buf.data() + (fits ? want.size() : 0)) << room;
         EXPECT_EQ(buf, fits ? cat({want, zeros(4)}) : zeros(buf.size())) << room;
     }
-    // A zone with nothing to record there writes nothing.
-    zfx_zone_node &nothing = db.zone(7, "nothing");
-    db.member(nothing, 1, 0, 1, 1);
-    uint8_t buf[64] = {}, *cursor = buf;
-    uint32_t count = 0;
-    zfx_zone_ext_to_persistent_kvdb_data(&nothing, &count, sizeof buf, &cursor);
-    EXPECT_EQ(cursor, buf);
-    EXPECT_EQ(count, 0u);
 }
 
 TEST(ZoneDb, ChunkedRestoreJoinsCompletesAndNeverOverruns) {
@@ -303,10 +294,6 @@ TEST(ZoneDb, ChunkedRestoreJoinsCompletesAndNeverOverruns) {
         EXPECT_EQ(take(got, uint32_t(c.expected.size())), c.expected) << c.name;
         EXPECT_EQ(got == nullptr, c.expected.empty()) << c.name;
     }
-    Stored r(active_chunks(data, 100));
-    zfx_testing_fail_allocation(1);
-    EXPECT_EQ(zfx_zone_restore_active_pzs_from_kvdb(r.get()), nullptr);
-    zfx_testing_fail_allocation(0);
     EXPECT_EQ(zfx_zone_restore_active_pzs_from_kvdb(nullptr), nullptr);
 }
 

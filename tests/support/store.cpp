@@ -163,19 +163,26 @@ std::string section(const std::vector<Record> &records) {
 
 std::ostream &operator<<(std::ostream &os, const SectionResult &r) { return os << r.status << " \"" << r.text << "\""; }
 
-SectionResult zone_section_on(kvdb_store *store) {
+std::string generation_text(const std::function<void(uint32_t handle)> &run) {
     uint32_t handle = 0;
     EXPECT_EQ(ptxt_hdl_init(&handle), 0);
-    zfx_gen_request take_handle{0, handle, 0, 0};
+    const zfx_gen_request take_handle{0, handle, 0, 0};
     zfx_ascii_cfg_generate(&take_handle);  // makes it the generation in progress
-    ptxt_elem_add(handle, ZFX_PTXT_GROUP, ZFX_ELEM_ZONE, ZFX_PTXT_ELEM_KIND);
-    commit_reqd = 0;
-    SectionResult out{zfx_zone_generate_ascii_config(store), ""};
+    for (uint32_t element = ZFX_ELEM_FEATURE; element <= ZFX_ELEM_PFCID; ++element)
+        ptxt_elem_add(handle, ZFX_PTXT_GROUP, element, ZFX_PTXT_ELEM_KIND);
+    run(handle);
     char *text = nullptr;
     EXPECT_EQ(ptxt_render(handle, &text, nullptr), 0);
-    out.text = text != nullptr ? text : "";
+    std::string out = text != nullptr ? text : "";
     std::free(text);
     ptxt_hdl_release(handle);
+    return out;
+}
+
+SectionResult zone_section_on(kvdb_store *store) {
+    SectionResult out{0, ""};
+    commit_reqd = 0;
+    out.text = generation_text([&](uint32_t) { out.status = zfx_zone_generate_ascii_config(store); });
     return out;
 }
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <initializer_list>
 #include <ostream>
 #include <string>
@@ -100,6 +101,9 @@ private:
     Reader reader_;
 };
 
+// The text of a generation in which run adds its part: the feature's elements declared and the
+// generation made the one in progress, as the entry points do.
+std::string generation_text(const std::function<void(uint32_t handle)> &run);
 // Runs zfx_ascii_cfg_generate on the stores (kind, store) in a new generation and returns the
 // rendered text.
 std::string generate(std::initializer_list<std::pair<uint32_t, kvdb_store *>> stores);
