@@ -124,7 +124,7 @@ TEST(Tools, MessyTextLoadsAsItsCanonicalText) {
 // Case and blanks are normalised in the words that have them, never in a name.
 TEST(Tools, NamesKeepTheirCharacters) {
     const Fabric f = loaded("zfx  zone name Mixed-CASE   \r\n\t member device-alias AbC lun 0X00aB  vsan 1\n"
-                            "zfx service-group name G!\n \t autonomous-fabric-id 1 vsan-ranges 2\n");
+                            "zfx service-group name G!\n \t autonomous-fabric-id 1 vsan-ranges 2");  // no last line end
     ASSERT_EQ(f.zones.size(), 1u);
     EXPECT_EQ(f.zones[0].name, "Mixed-CASE");
     ASSERT_EQ(f.zones[0].members.size(), 1u);
@@ -132,6 +132,7 @@ TEST(Tools, NamesKeepTheirCharacters) {
     EXPECT_EQ(f.zones[0].members[0].lun, (Wwn{0x00, 0xAB}));
     ASSERT_EQ(f.groups_configured.size(), 1u);
     EXPECT_EQ(f.groups_configured[0].name, "G!");
+    EXPECT_EQ(f.groups_configured[0].members.size(), 1u);  // the unterminated last line counts
 }
 
 // Every class of bad input names its line and what is wrong, whether other features' lines are

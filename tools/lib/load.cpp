@@ -493,8 +493,12 @@ public:
         while (!text.empty()) {
             const size_t end = text.find('\n');
             if (end == std::string_view::npos && !at_end) break;
-            line(text.substr(0, std::min(end, text.size())));
-            text.remove_prefix(std::min(end + 1, text.size()));
+            if (end == std::string_view::npos) {  // the last line, without its "\n"
+                line(text);
+                return {};
+            }
+            line(text.substr(0, end));
+            text.remove_prefix(end + 1);
         }
         return text;
     }
