@@ -26,34 +26,29 @@ TEST(DlgStatus, RequestsOnTheWire) {
     zfx_status_reply *sr = nullptr;
     void *raw = nullptr;
     zfx_time_value tv{};
+    const Bytes one_zero = cat({be32(1), be32(0)});
     const struct {
         std::function<void(plat_endpoint *)> call;
         const char *sent;
         Bytes payload;
     } cases[] = {
-        {[&](plat_endpoint *ep) { zfx_is_zfx_enabled(ep, &sr); }, "req 8626/1 t15 reply", zeros(4)},
-        {[&](plat_endpoint *ep) { zfx_is_zfx_enabled_ext(ep, &sr); }, "req 8626/1 t15 reply", vsan_form(2, {})},
-        {[](plat_endpoint *ep) { zfx_is_zfx_enabled_send(ep, 77); }, "send 8626/1 @fe000000 tag77", zeros(4)},
-        {[](plat_endpoint *ep) { zfx_is_zfx_nat_enabled_in_vsan_send(ep, 0, 5); }, "send 8626/1 @fe000000 tag5",
-         vsan_form(1, {})},
-        {[](plat_endpoint *ep) { zfx_is_zfx_nat_enabled_in_vsan_send(ep, 10, 5); }, "send 8626/1 @fe000000 tag5",
-         vsan_form(1, {10})},
-        {[](plat_endpoint *ep) { zfx_is_zfx_nat_enabled_in_vsan_send(ep, 4095, 5); }, "send 8626/1 @fe000000 tag5",
+        {[&](auto ep) { zfx_is_zfx_enabled(ep, &sr); }, "req 8626/1 t15 reply", zeros(4)},
+        {[&](auto ep) { zfx_is_zfx_enabled_ext(ep, &sr); }, "req 8626/1 t15 reply", vsan_form(2, {})},
+        {[](auto ep) { zfx_is_zfx_enabled_send(ep, 77); }, "send 8626/1 @fe000000 tag77", zeros(4)},
+        // VSAN 0 asks for no VSAN at all; 4095 is the last one a set holds.
+        {[](auto ep) { zfx_is_zfx_nat_enabled_in_vsan_send(ep, 0, 5); }, "send 8626/1 @fe000000 tag5", vsan_form(1, {})},
+        {[](auto ep) { zfx_is_zfx_nat_enabled_in_vsan_send(ep, 4095, 5); }, "send 8626/1 @fe000000 tag5",
          vsan_form(1, {4095})},
-        {[](plat_endpoint *ep) { zfx_set_fcdomain_check_ignore(ep, 9); }, "req 8647/3 t5", cat({be32(1), be32(0)})},
-        {[](plat_endpoint *ep) { zfx_set_fcdomain_check_ignore(ep, 0); }, "req 8647/4 t5", cat({be32(1), be32(0)})},
-        {[](plat_endpoint *ep) { zfx_dlg_set_info(ep, 7, -7, "ZFX", 9); }, "req 8605/3 t10 a=ZFX b9",
-         info_record(7, "-7")},
-        {[](plat_endpoint *ep) { std::free(zfx_dlg_get_info(ep, 0x01020304)); }, "req 8605/1 t4 reply",
-         info_record(0x01020304)},
-        {[](plat_endpoint *ep) { std::free(zfx_dlg_get_info_with_timeout(ep, 5, 30)); }, "req 8605/1 t30 reply",
-         info_record(5)},
-        {[](plat_endpoint *ep) { zfx_dlg_get_info_int(ep, 6); }, "req 8605/1 t4 reply", info_record(6)},
-        {[](plat_endpoint *ep) { zfx_dlg_get_info_char(ep, 8); }, "req 8605/1 t4 reply", info_record(8)},
-        {[&](plat_endpoint *ep) { zfx_dlg_get_info_activate_time(ep, &tv); }, "req 8605/1 t4 reply", info_record(18)},
-        {[&](plat_endpoint *ep) { zfx_dlg_get_zoneset_status(ep, 2, 3, &raw); }, "req 8616/2 t10 reply",
-         cat({be32(1), be32(3)})},
-        {[](plat_endpoint *ep) { zfx_dlg_get_zoneset_status(ep, 6, 0xFFFFFFFFu, nullptr); }, "req 8616/6 t10",
+        {[](auto ep) { zfx_set_fcdomain_check_ignore(ep, 9); }, "req 8647/3 t5", one_zero},
+        {[](auto ep) { zfx_set_fcdomain_check_ignore(ep, 0); }, "req 8647/4 t5", one_zero},
+        {[](auto ep) { zfx_dlg_set_info(ep, 7, -7, "ZFX", 9); }, "req 8605/3 t10 a=ZFX b9", info_record(7, "-7")},
+        {[](auto ep) { std::free(zfx_dlg_get_info(ep, 0x01020304)); }, "req 8605/1 t4 reply", info_record(0x01020304)},
+        {[](auto ep) { std::free(zfx_dlg_get_info_with_timeout(ep, 5, 30)); }, "req 8605/1 t30 reply", info_record(5)},
+        {[](auto ep) { zfx_dlg_get_info_int(ep, 6); }, "req 8605/1 t4 reply", info_record(6)},
+        {[](auto ep) { zfx_dlg_get_info_char(ep, 8); }, "req 8605/1 t4 reply", info_record(8)},
+        {[&](auto ep) { zfx_dlg_get_info_activate_time(ep, &tv); }, "req 8605/1 t4 reply", info_record(18)},
+        {[&](auto ep) { zfx_dlg_get_zoneset_status(ep, 2, 3, &raw); }, "req 8616/2 t10 reply", cat({be32(1), be32(3)})},
+        {[](auto ep) { zfx_dlg_get_zoneset_status(ep, 6, 0xFFFFFFFFu, nullptr); }, "req 8616/6 t10",
          cat({be32(0), be32(0xFFFFFFFFu)})},
     };
     for (const auto &c : cases) {

@@ -10,6 +10,7 @@
 #include "store.hpp"
 #include "zfx_ascii_cfg.h"
 #include "zfx_fabric.h"
+#include "zfx_testing.h"
 
 namespace {
 
@@ -24,50 +25,61 @@ struct TextCase {
     std::string expected;  // the text after the feature line
 };
 
-// VSANs 1-2, 4-5, 7-8, ...: a set with one of the longest range texts (12911 characters).
-std::vector<int> pairs() {
-    std::vector<int> v;
-    for (int p = 1; p + 1 < 4096; p += 3) v.insert(v.end(), {p, p + 1});
-    return v;
-}
-
-TEST(Fabric, KeyChecksTestNullLengthTableKindInThatOrder) {
+// The key checks of the per-fabric tables in one table: each tests, in that order, a missing key,
+// the length, the table and the kind; and the first keys the walks start from.
+TEST(StoreKeys, ChecksAcceptTheirTablesKeysAndFirstKeysStartThem) {
     using Check = std::function<int32_t(const kvdb_datum *)>;
-    struct Case {
+    const Check vt = [](auto k) { return zfx_vt_kvdb_key_check(k, 0x65); };
+    const Check afid = [](auto k) { return zfx2_afid_table_kvdb_key_check(k, 0); };
+    const Check afid_default = [](auto k) { return zfx2_afid_table_kvdb_key_check(k, 1); };
+    const Check sg_cfg = zfx2_sg_cfg_kvdb_key_check, sg_active = zfx2_sg_active_kvdb_key_check;
+    const Check sg_internal = [](auto k) { return zfx2_sg_kvdb_key_check_internal(k, 1); };
+    const Check id_active = zfx2_sg_active_kvdb_key_check_id, id_cfg = zfx2_sg_cfg_kvdb_key_check_id;
+    const Check id_internal = [](auto k) { return zfx2_sg_kvdb_key_check_id_internal(k, 0); };
+    const Check rdi = zfx_rdi_kvdb_key_check, any = zfx2_pfcid_kvdb_key_check;
+    const Check dom = zfx2_pfcid_vdom_kvdb_key_check, fcid = zfx2_pfcid_vfcid_kvdb_key_check;
+    const Bytes vt_key = cat({{0x65, 1}, zeros(11)}), afid_key = cat({{0x71, 1}, zeros(10)});
+    const Bytes member = cat({{0x73, 2}, zeros(6)}), name = cat({{0x76, 1}, zeros(4)});
+    const Bytes k1 = cat({{0x74, 1}, zeros(16)}), k2 = cat({{0x74, 2}, zeros(16)});
+    const int32_t bad = ZFX_ERR_TABLE_KEY;
+    const struct {
         Check check;
-        Bytes key;
+        Bytes key;  // empty: no key at all
         int32_t expected;
-    };
-    const Bytes vt = cat({{0x65, 1}, Bytes(11, 0)}), afid = cat({{0x71, 1}, Bytes(10, 0)});
-    const Bytes member = cat({{0x73, 2}, Bytes(6, 0)}), name = cat({{0x76, 1}, Bytes(4, 0)});
-    const Check vt_check = [](const kvdb_datum *k) { return zfx_vt_kvdb_key_check(k, 0x65); };
-    const Check afid_check = [](const kvdb_datum *k) { return zfx2_afid_table_kvdb_key_check(k, 0); };
-    const Check default_check = [](const kvdb_datum *k) { return zfx2_afid_table_kvdb_key_check(k, 1); };
-    const Case cases[] = {
-        {vt_check, vt, 0},
-        {vt_check, {}, ZFX_ERR_VT_KEY},
-        {vt_check, cat({vt, {0}}), ZFX_ERR_VT_KEY_LENGTH},
-        {vt_check, cat({{0x66, 0}, Bytes(12, 0)}), ZFX_ERR_VT_KEY_LENGTH},  // length before table
-        {vt_check, cat({{0x66, 1}, Bytes(11, 0)}), ZFX_ERR_VT_KEY},
-        {vt_check, cat({{0x65, 2}, Bytes(11, 0)}), ZFX_ERR_VT_KEY},
-        {afid_check, afid, 0},
-        {default_check, afid, ZFX_ERR_AFID_KEY},
-        {afid_check, cat({afid, {0}}), ZFX_ERR_AFID_KEY_LENGTH},
-        {afid_check, cat({{0x71, 0}, Bytes(10, 0)}), ZFX_ERR_AFID_KEY},
-        {zfx2_sg_cfg_kvdb_key_check, member, 0},
-        {zfx2_sg_active_kvdb_key_check, member, ZFX_ERR_TABLE_KEY},
-        {[](const kvdb_datum *k) { return zfx2_sg_kvdb_key_check_internal(k, 1); }, member, 0},
-        {zfx2_sg_cfg_kvdb_key_check, cat({member, {0}}), ZFX_ERR_TABLE_KEY},
-        {zfx2_sg_active_kvdb_key_check_id, name, 0},
-        {zfx2_sg_cfg_kvdb_key_check_id, name, ZFX_ERR_TABLE_KEY},
-        {[](const kvdb_datum *k) { return zfx2_sg_kvdb_key_check_id_internal(k, 0); }, name, 0},
-        {zfx2_sg_active_kvdb_key_check_id, cat({{0x76, 2}, Bytes(4, 0)}), ZFX_ERR_TABLE_KEY},
+    } cases[] = {
+        {vt, vt_key, 0}, {vt, {}, ZFX_ERR_VT_KEY}, {vt, cat({vt_key, {0}}), ZFX_ERR_VT_KEY_LENGTH},
+        {vt, cat({{0x66, 0}, zeros(12)}), ZFX_ERR_VT_KEY_LENGTH},  // the length before the table
+        {vt, cat({{0x66, 1}, zeros(11)}), ZFX_ERR_VT_KEY}, {vt, cat({{0x65, 2}, zeros(11)}), ZFX_ERR_VT_KEY},
+        {afid, afid_key, 0}, {afid_default, afid_key, ZFX_ERR_AFID_KEY}, {afid, cat({afid_key, {0}}), ZFX_ERR_AFID_KEY_LENGTH},
+        {afid, cat({{0x71, 0}, zeros(10)}), ZFX_ERR_AFID_KEY},
+        {sg_cfg, member, 0}, {sg_active, member, bad}, {sg_internal, member, 0}, {sg_cfg, cat({member, {0}}), bad},
+        {id_active, name, 0}, {id_cfg, name, bad}, {id_internal, name, 0}, {id_active, cat({{0x76, 2}, zeros(4)}), bad},
+        {rdi, {0x79, 0, 0, 0}, 0}, {rdi, {0x79, 9, 1, 2}, 0}, {rdi, {0x79, 0, 0}, bad}, {rdi, {0x79, 0, 0, 0, 0}, bad},
+        {rdi, {0x78, 0, 0, 0}, bad}, {rdi, {}, bad}, {any, k1, 0}, {any, k2, 0}, {any, {}, bad},
+        {any, cat({{0x74, 3}, zeros(16)}), bad}, {any, cat({{0x74, 0}, zeros(16)}), bad}, {any, cat({k1, {0}}), bad},
+        {any, Bytes(k1.begin(), k1.end() - 1), bad}, {any, cat({{0x75, 1}, zeros(16)}), bad},
+        {dom, k1, 0}, {dom, k2, bad}, {dom, {}, bad}, {fcid, k2, 0}, {fcid, k1, bad}, {fcid, {}, bad},
     };
     for (size_t i = 0; i < std::size(cases); ++i) {
-        const Case &c = cases[i];
+        const auto &c = cases[i];
         kvdb_datum key{const_cast<uint8_t *>(c.key.data()), uint32_t(c.key.size())};
         EXPECT_EQ(c.check(c.key.empty() ? nullptr : &key), c.expected) << "case " << i;
     }
+
+    zfx_rdi_kvdb_key rk;
+    zfx2_pfcid_key dk, fk;
+    std::memset(&rk, 0xEE, sizeof rk);
+    std::memset(&dk, 0xEE, sizeof dk);
+    std::memset(&fk, 0xEE, sizeof fk);
+    EXPECT_EQ(zfx_rdi_kvdb_key_init(&rk), 0);
+    EXPECT_EQ(zfx2_pfcid_vdom_kvdb_key_init(&dk), 0);
+    EXPECT_EQ(zfx2_pfcid_vfcid_kvdb_key_init(&fk), 0);
+    EXPECT_EQ(bytes_of(&rk, sizeof rk), Bytes({0x79, 0, 0, 0}));
+    EXPECT_EQ(bytes_of(&dk, sizeof dk), cat({{0x74, 1, 1, 0}, zeros(14)}));
+    EXPECT_EQ(bytes_of(&fk, sizeof fk), cat({{0x74, 2, 1, 0}, zeros(14)}));
+    EXPECT_EQ(zfx_rdi_kvdb_key_init(nullptr), ZFX_ERR_INVALID_VALUE);
+    EXPECT_EQ(zfx2_pfcid_vdom_kvdb_key_init(nullptr), ZFX_ERR_INVALID_VALUE);
+    EXPECT_EQ(zfx2_pfcid_vfcid_kvdb_key_init(nullptr), ZFX_ERR_INVALID_VALUE);
 }
 
 TEST(Fabric, TopologyListHoldsTheEntriesMaskedInNetworkOrder) {
@@ -117,17 +129,6 @@ TEST(Fabric, TopologyTextRunsItsThreePasses) {
          db + entry(1, "1")},
     };
     for (const TextCase &c : cases) EXPECT_EQ(section(c.records), c.expected) << c.name;
-}
-
-TEST(Fabric, TopologyAndAfidLinesHoldTheLongestRangeTextWhole) {
-    const std::vector<int> set = pairs();
-    const Bytes stored = vsans_of(set);
-    char ranges[VSAN_BITSET_TEXT_SIZE];
-    ASSERT_GT(vsan_bitset_sprintf(ranges, reinterpret_cast<const vsan_bitset *>(stored.data())), 12900);
-    EXPECT_EQ(section({topo_rec(1, kWwn, 2, stored), afid_rec(false, kWwn, 1, stored)}),
-              "zfx vsan-topology database\n  autonomous-fabric-id    1 switch-wwn 20:00:00:11:22:33:44:55 vsan-ranges " +
-                  std::string(ranges) + "\nautonomous-fabric-id database\n"
-                  "  switch-wwn 20:00:00:11:22:33:44:55 autonomous-fabric-id    1 vsan-ranges " + ranges + "\n");
 }
 
 TEST(Fabric, AfidTableWritesEachHalfUnderItsOwnDatabaseLine) {
@@ -191,22 +192,6 @@ TEST(Fabric, ServiceGroupsWriteTheActiveBlockThenTheDifferences) {
          "zfx service-group name " + std::string(80, 'n') + "\n" + m(1, "1")},
     };
     for (const TextCase &c : cases) EXPECT_EQ(section(c.records), c.expected) << c.name;
-}
-
-TEST(Fabric, ServiceGroupLinesStopAt2047CharactersAfterAWholeRun) {
-    const Bytes stored = vsans_of(pairs());
-    char full[VSAN_BITSET_TEXT_SIZE];
-    vsan_bitset_sprintf(full, reinterpret_cast<const vsan_bitset *>(stored.data()));
-    const std::string text = section({sg_member_rec(true, 1, 1, stored)});
-    const std::string line = text.substr(2);  // past the indentation the renderer adds
-    const std::string head = "autonomous-fabric-id  1 vsan-ranges ";
-    ASSERT_LE(line.size(), 2047u);
-    ASSERT_EQ(line.substr(0, head.size()), head);
-    EXPECT_EQ(line.back(), '\n');
-    const std::string ranges = line.substr(head.size(), line.size() - head.size() - 1);
-    const std::string rest = std::string(full).substr(ranges.size());
-    EXPECT_EQ(rest[0], ',');  // cut before a separator: every run written is whole
-    EXPECT_GT(line.size() + rest.find(',', 1), 2047u);  // and the next run would not have fit
 }
 
 TEST(Fabric, ServiceGroupListsAndLookups) {

@@ -244,25 +244,4 @@ TEST(Pfcid, TextIsThatOfTheWalkOverTheWholeList) {
     EXPECT_EQ(commit, 1);
 }
 
-TEST(Pfcid, AFailedListIsReportedAndWritesNothing) {
-    const std::vector<Record> records = {distribute_rec(1), pfcid_domain_rec(1, 10, 2, 20, 0x20)};
-    const std::string report = R"(Memory allocation failed in zfx2_pfcid_get_next:[0-9]+ \(\.\./feature/zfx/lib/zfx2_pfcid_lib\))";
-    for (bool debug : {false, true}) {
-        tlg_hist_clear();
-        tlg_debug_enable(102, debug);
-        heapx_stats_reset();
-        Capture err(2);
-        heapx_fail_allocation(2);  // the virtual-domain list comes first
-        EXPECT_EQ(section(records), "zfx distribute\n");  // and no commit line
-        heapx_fail_allocation(0);
-        EXPECT_THAT(err.text(), debug ? testing::MatchesRegex("zfx: " + report + "\n") : testing::MatchesRegex(""));
-        EXPECT_THAT(alloc_failures(), testing::ElementsAre(testing::MatchesRegex(report)));
-        EXPECT_EQ(heapx_stats(180).failures, 1u);
-        EXPECT_EQ(heapx_stats(180).bytes_in_use, 0u);
-    }
-    tlg_debug_enable(102, 0);
-    tlg_hist_clear();
-
-}
-
 }  // namespace

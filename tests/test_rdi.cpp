@@ -9,6 +9,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "capture.hpp"
 #include "history.hpp"
 #include "platform/heapx.h"
 #include "platform/tlg.h"
@@ -55,32 +56,6 @@ TEST(VirtualDomains, LinesOfBothFormsStandAmongTheGlobalLines) {
     for (const auto &c : cases) EXPECT_EQ(section(c.records), c.expected) << c.name;
 }
 
-TEST(VirtualDomains, LongRangeTextIsCutAfterItsLastWholeRun) {
-    std::vector<int> pairs;  // 1-2,4-5,...: 12911 characters of range text
-    for (int p = 1; p + 1 < 4094; p += 3) pairs.insert(pairs.end(), {p, p + 1});
-    const Bytes set = vsans_of(pairs);
-    char full[VSAN_BITSET_TEXT_SIZE];
-    vsan_bitset_sprintf(full, reinterpret_cast<const vsan_bitset *>(set.data()));
-    const std::string text = section({flags_rec(ZFX_GFLAG_VDOM_FORCE), vdom_list_rec(set), rdi_rec(65535, set)});
-    const std::string heads[] = {"zfx virtual-fcdomain-add vsan-ranges ",
-                                 "zfx virtual-fcdomain-add2 autonomous-fabric-ID 65535  vsan-ranges "};
-    const std::string tails[] = {" force\n", "\n"};
-    size_t at = 0;
-    for (int i = 0; i < 2; ++i) {
-        const size_t end = text.find('\n', at) + 1;
-        const std::string line = text.substr(at, end - at);
-        at = end;
-        EXPECT_LE(line.size(), ZFX_VDOM_LINE_SIZE - 1);
-        EXPECT_GT(line.size(), ZFX_VDOM_LINE_SIZE - 12);  // no more than a run and its comma short
-        ASSERT_EQ(line.rfind(heads[i], 0), 0u);
-        ASSERT_EQ(line.substr(line.size() - tails[i].size()), tails[i]);
-        const std::string ranges = line.substr(heads[i].size(), line.size() - heads[i].size() - tails[i].size());
-        EXPECT_EQ(std::string(full).rfind(ranges, 0), 0u);
-        EXPECT_EQ(full[ranges.size()], ',');  // the cut falls between whole runs
-    }
-    EXPECT_EQ(at, text.size());
-}
-
 TEST(VirtualDomains, ListHoldsTheEntriesUpToItsCapacity) {
     std::vector<Record> records;
     for (uint16_t afid = 1; afid <= 5; ++afid) records.push_back(rdi_rec(afid, vsans({afid, 100})));
@@ -121,80 +96,53 @@ TEST(VirtualDomains, ListHoldsTheEntriesUpToItsCapacity) {
     EXPECT_EQ(zfx_num_mem_allocs - allocs, 4u);
 }
 
-// The key checks and first keys of the per-fabric tables in one table: the virtual domains' and
-// the persistent FCIDs' (any kind, domains only, FCIDs only).
-TEST(StoreKeys, ChecksAcceptTheirTablesKeysAndFirstKeysStartThem) {
-    using Check = int32_t (*)(const kvdb_datum *);
-    const Check rdi = zfx_rdi_kvdb_key_check, any = zfx2_pfcid_kvdb_key_check,
-                dom = zfx2_pfcid_vdom_kvdb_key_check, fcid = zfx2_pfcid_vfcid_kvdb_key_check;
-    const Bytes k1 = cat({{0x74, 1}, zeros(16)}), k2 = cat({{0x74, 2}, zeros(16)});
-    const int32_t bad = ZFX_ERR_TABLE_KEY;
+// The two tracked lists of a generation, the virtual domains' (made first) and the persistent
+// FCIDs': a list that cannot be made is reported (to standard error too, with the debug print on)
+// and writes none of its lines, while the other list is made and released.
+TEST(TrackedLists, AFailedListIsReportedAndWritesNothingOfItsOwn) {
+    const std::vector<Record> records = {distribute_rec(1), vdom_list_rec(vsans({1})), rdi_rec(2, vsans({3})),
+                                         pfcid_domain_rec(1, 10, 2, 20, 0x20)};
+    const std::string head = "zfx distribute\nzfx virtual-fcdomain-add vsan-ranges 1\n";
+    const std::string rdi = "zfx virtual-fcdomain-add2 autonomous-fabric-ID 2  vsan-ranges 3\n";
+    const std::string pfcid = "zfx fcdomain database autonomous-fabric-num 1 vsan 10\n"
+                              "  native-autonomous-fabric-num 2 native-vsan 20 domain 32\nzfx commit\n";
     const struct {
-        Check check;
-        Bytes key;
-        int32_t expected;
+        const char *function, *file;
+        uint32_t nth;
+        std::string text;
     } cases[] = {
-        {rdi, {0x79, 0, 0, 0}, 0}, {rdi, {0x79, 9, 1, 2}, 0}, {rdi, {0x79, 0, 0}, bad}, {rdi, {0x79, 0, 0, 0, 0}, bad},
-        {rdi, {0x78, 0, 0, 0}, bad}, {any, k1, 0}, {any, k2, 0}, {any, cat({{0x74, 3}, zeros(16)}), bad},
-        {any, cat({{0x74, 0}, zeros(16)}), bad}, {any, cat({k1, {0}}), bad}, {any, Bytes(k1.begin(), k1.end() - 1), bad},
-        {any, cat({{0x75, 1}, zeros(16)}), bad}, {dom, k1, 0}, {dom, k2, bad}, {fcid, k2, 0}, {fcid, k1, bad},
+        {"zfx_rdi_get_next", "zfx_ascii_cfg", 1, head + pfcid},
+        {"zfx2_pfcid_get_next", "zfx2_pfcid_lib", 2, head + rdi},  // and no commit line
     };
     for (const auto &c : cases) {
-        kvdb_datum key{const_cast<uint8_t *>(c.key.data()), uint32_t(c.key.size())};
-        EXPECT_EQ(c.check(&key), c.expected) << testing::PrintToString(c.key);
+        for (bool debug : {false, true}) {
+            tlg_hist_clear();
+            tlg_debug_enable(102, debug);
+            heapx_stats_reset();
+            const uint64_t allocs = zfx_num_mem_allocs, frees = zfx_num_mem_frees;
+            Capture err(2);
+            heapx_fail_allocation(c.nth);
+            EXPECT_EQ(section(records), c.text);
+            heapx_fail_allocation(0);
+            const std::string report = std::string("Memory allocation failed in ") + c.function +
+                                       R"(:[0-9]+ \(\.\./feature/zfx/lib/)" + c.file + R"(\))";
+            EXPECT_THAT(err.text(), testing::MatchesRegex(debug ? "zfx: " + report + "\n" : ""));
+            EXPECT_THAT(alloc_failures(), testing::ElementsAre(testing::MatchesRegex(report)));
+            EXPECT_EQ(heapx_stats(180).failures, 1u);
+            EXPECT_EQ(heapx_stats(180).bytes_in_use, 0u);
+            EXPECT_EQ(zfx_num_mem_allocs - allocs, 1u);
+            EXPECT_EQ(zfx_num_mem_frees - frees, 1u);
+        }
     }
-    for (Check c : {rdi, any, dom, fcid}) EXPECT_EQ(c(nullptr), bad);
-
-    zfx_rdi_kvdb_key rk;
-    zfx2_pfcid_key dk, fk;
-    std::memset(&rk, 0xEE, sizeof rk);
-    std::memset(&dk, 0xEE, sizeof dk);
-    std::memset(&fk, 0xEE, sizeof fk);
-    EXPECT_EQ(zfx_rdi_kvdb_key_init(&rk), 0);
-    EXPECT_EQ(zfx2_pfcid_vdom_kvdb_key_init(&dk), 0);
-    EXPECT_EQ(zfx2_pfcid_vfcid_kvdb_key_init(&fk), 0);
-    EXPECT_EQ(bytes_of(&rk, sizeof rk), Bytes({0x79, 0, 0, 0}));
-    EXPECT_EQ(bytes_of(&dk, sizeof dk), cat({{0x74, 1, 1, 0}, zeros(14)}));
-    EXPECT_EQ(bytes_of(&fk, sizeof fk), cat({{0x74, 2, 1, 0}, zeros(14)}));
-    EXPECT_EQ(zfx_rdi_kvdb_key_init(nullptr), ZFX_ERR_INVALID_VALUE);
-    EXPECT_EQ(zfx2_pfcid_vdom_kvdb_key_init(nullptr), ZFX_ERR_INVALID_VALUE);
-    EXPECT_EQ(zfx2_pfcid_vfcid_kvdb_key_init(nullptr), ZFX_ERR_INVALID_VALUE);
-}
-
-TEST(VirtualDomains, AFailedListIsReportedAndWritesNoPerFabricLine) {
-    Prefix p;
-    put(p.config(), {vdom_list_rec(vsans({1})), rdi_rec(2, vsans({3}))});
-    const std::string both = "zfx virtual-fcdomain-add vsan-ranges 1\nzfx virtual-fcdomain-add2 autonomous-fabric-ID 2  vsan-ranges 3\n";
-    const auto report = testing::MatchesRegex(
-        R"(Memory allocation failed in zfx_rdi_get_next:[0-9]+ \(\.\./feature/zfx/lib/zfx_ascii_cfg\))");
-    // The heap refusing takes the path of the library's own failure hook (the allocation-failure
-    // sweep): the report, no per-fabric line.
+    tlg_debug_enable(102, 0);
     tlg_hist_clear();
-    const uint64_t allocs_before = zfx_num_mem_allocs, frees_before = zfx_num_mem_frees;
-    heapx_fail_allocation(1);
-    const std::string failed_text = generate_from(p.config());
-    heapx_fail_allocation(0);
-    EXPECT_EQ(failed_text, "feature zfx\nzfx virtual-fcdomain-add vsan-ranges 1\n");
-    EXPECT_THAT(alloc_failures(), testing::ElementsAre(report));
-    // Only the persistent FCID list, the generation's other tracked list, was made and released.
-    EXPECT_EQ(zfx_num_mem_allocs - allocs_before, 1u);
-    EXPECT_EQ(zfx_num_mem_frees - frees_before, 1u);
-    tlg_hist_clear();
-
-    // The lists that were built (this one and the persistent FCIDs') are released and counted,
-    // empty ones too.
-    Prefix empty;
-    put(empty.config(), {});
-    for (const std::string &location : {p.config(), empty.config()}) {
-        const uint64_t frees = zfx_num_mem_frees;
-        heapx_stats_reset();
-        const std::string text = generate_from(location);
-        EXPECT_EQ(zfx_num_mem_frees - frees, 2u);
-        EXPECT_EQ(heapx_stats(180).frees, 2u);
-        EXPECT_EQ(heapx_stats(180).bytes_in_use, 0u);
-        EXPECT_EQ(text, location == p.config() ? "feature zfx\n" + both : "feature zfx\n");
-    }
-    EXPECT_EQ(alloc_failures().size(), 0u);
+    // Empty lists are released and counted too.
+    const uint64_t frees = zfx_num_mem_frees;
+    heapx_stats_reset();
+    EXPECT_EQ(section({}), "");
+    EXPECT_EQ(zfx_num_mem_frees - frees, 2u);
+    EXPECT_EQ(heapx_stats(180).frees, 2u);
+    EXPECT_EQ(heapx_stats(180).bytes_in_use, 0u);
 }
 
 }  // namespace
