@@ -5,6 +5,8 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
+#include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -51,6 +53,43 @@ Bytes ns_view(const zfx_device_ns_entry &e) {
 void free_ns(zfx_device_ns_entry *entries, size_t n) {
     for (size_t i = 0; i < n; ++i) std::free(entries[i].pairs);
     std::free(entries);
+}
+
+// One of the four reply decoders (name-server view or not, with a length or without) on a copy of
+// reply that is exactly its size, so that a read past it is caught. On success the entries come
+// back as bytes (whole device entries, or ns_view) and are released; on failure, whether the
+// decoder left *entries alone.
+struct Decoded {
+    int32_t result;
+    int32_t count = 77;
+    std::vector<Bytes> entries;
+    bool untouched = true;
+    std::string printed;
+};
+
+Decoded decode(const Bytes &reply, bool ns, bool checked) {
+    const Bytes copy = reply;
+    const auto length = uint32_t(copy.size());
+    int sentinel;
+    void *out = &sentinel;
+    Decoded d{};
+    Capture printed;
+    auto **raw = reinterpret_cast<zfx_device_entry **>(&out);
+    auto **view = reinterpret_cast<zfx_device_ns_entry **>(&out);
+    if (ns) d.result = checked ? zfx2_device_ns_entry_parse_checked(copy.data(), length, view, &d.count)
+                               : zfx2_device_ns_entry_parse(copy.data(), view, &d.count);
+    else d.result = checked ? zfx2_device_entry_parse_checked(copy.data(), length, raw, &d.count)
+                            : zfx2_device_entry_parse(copy.data(), raw, &d.count);
+    d.printed = printed.text();
+    if (d.result != 0) {
+        d.untouched = out == &sentinel;
+        return d;
+    }
+    for (int32_t i = 0; i < d.count; ++i)
+        d.entries.push_back(ns ? ns_view((*view)[i]) : bytes_of(*raw + i, kEntry));
+    if (ns) free_ns(*view, size_t(d.count));
+    else std::free(out);
+    return d;
 }
 
 template <typename Entry>
@@ -206,35 +245,18 @@ TEST(DeviceEntry, TlvRepliesDecoded) {
     const Bytes reply = tlv_reply(3, {tlv(69, head(d1)), tlv(1, block(d1)), tlv(2, le32(2)), tlv(3, pair(4, 40)),
                                       tlv(3, pair(5, 50)), tlv(70, {1}), tlv(69, head(d2)), tlv(1, block(d2)),
                                       tlv(2, le32(uint32_t(-1)))});
-    zfx_device_entry *raw = nullptr;
-    int32_t count = 0;
-    Capture out;
-    ASSERT_EQ(zfx2_device_entry_parse_checked(reply.data(), uint32_t(reply.size()), &raw, &count), 0);
-    EXPECT_EQ(out.text(), "ignoring unknown tlv type: 70\n");
-    ASSERT_EQ(count, 3);
-    EXPECT_EQ(bytes_of(raw, 3 * kEntry), cat({d1, zeros(kEntry), d2}));
-    std::free(raw);
-
-    zfx_device_ns_entry *ns = nullptr;
-    Capture out2;
-    ASSERT_EQ(zfx2_device_ns_entry_parse_checked(reply.data(), uint32_t(reply.size()), &ns, &count), 0);
-    EXPECT_EQ(out2.text(), "ignoring unknown tlv type: 70\n");
-    ASSERT_EQ(count, 3);
-    EXPECT_EQ(ns_view(ns[0]), cat({zeros(516), block(d1), le32(2), pair(4, 40), pair(5, 50)}));
-    EXPECT_EQ(ns_view(ns[1]), zeros(1288));
-    EXPECT_EQ(ns_view(ns[2]), cat({zeros(516), block(d2), zeros(4)}));
-
+    const std::vector<Bytes> raw = {d1, zeros(kEntry), d2};
+    const std::vector<Bytes> ns = {cat({zeros(516), block(d1), le32(2), pair(4, 40), pair(5, 50)}), zeros(1288),
+                                   cat({zeros(516), block(d2), zeros(4)})};
     // The forms without a length decode a well-formed payload alike.
-    Capture quiet;
-    zfx_device_entry *again = nullptr;
-    ASSERT_EQ(zfx2_device_entry_parse(reply.data(), &again, &count), 0);
-    EXPECT_EQ(bytes_of(again, 3 * kEntry), cat({d1, zeros(kEntry), d2}));
-    std::free(again);
-    zfx_device_ns_entry *ns_again = nullptr;
-    ASSERT_EQ(zfx2_device_ns_entry_parse(reply.data(), &ns_again, &count), 0);
-    for (int i = 0; i < 3; ++i) EXPECT_EQ(ns_view(ns_again[i]), ns_view(ns[i]));
-    free_ns(ns_again, 3);
-    free_ns(ns, 3);
+    for (bool as_ns : {false, true}) {
+        for (bool checked : {true, false}) {
+            const Decoded d = decode(reply, as_ns, checked);
+            ASSERT_EQ(d.result, 0);
+            EXPECT_EQ(d.printed, "ignoring unknown tlv type: 70\n");
+            EXPECT_EQ(d.entries, as_ns ? ns : raw) << as_ns << checked;
+        }
+    }
 }
 
 TEST(DeviceEntry, MalformedTlvRepliesRejected) {
@@ -270,34 +292,16 @@ TEST(DeviceEntry, MalformedTlvRepliesRejected) {
     };
     for (const auto &c : cases) {
         for (bool as_ns : {false, true}) {
-            const Bytes copy = c.reply;  // exactly its size: a read past the reply is caught
-            int sentinel;
-            void *entries = &sentinel;
-            int32_t count = 77;
-            Capture quiet;
-            const int32_t r =
-                as_ns ? zfx2_device_ns_entry_parse_checked(copy.data(), uint32_t(copy.size()),
-                                                   reinterpret_cast<zfx_device_ns_entry **>(&entries), &count)
-                      : zfx2_device_entry_parse_checked(copy.data(), uint32_t(copy.size()),
-                                                reinterpret_cast<zfx_device_entry **>(&entries), &count);
-            EXPECT_EQ(r, c.result) << hex(Bytes(c.reply.begin(), c.reply.begin() + 12));
-            EXPECT_EQ(count, c.count);
-            EXPECT_EQ(quiet.text(), "");
-            if (r == 0) {
-                if (as_ns) free_ns(static_cast<zfx_device_ns_entry *>(entries), size_t(count));
-                else std::free(entries);
-            } else {
-                EXPECT_EQ(entries, &sentinel);
-            }
+            const Decoded d = decode(c.reply, as_ns, true);
+            EXPECT_EQ(d.result, c.result) << hex(Bytes(c.reply.begin(), c.reply.begin() + 12));
+            EXPECT_EQ(d.count, c.count);
+            EXPECT_EQ(d.printed, "");
+            EXPECT_TRUE(d.untouched);
         }
     }
     // Every truncation of a good reply is either whole or rejected, never read past.
-    for (size_t n = 0; n < ok.size(); n += (n < 16 || ok.size() - n < 16) ? 1 : 61) {
-        std::vector<uint8_t> cut(ok.begin(), ok.begin() + n);
-        zfx_device_ns_entry *ns = nullptr;
-        int32_t count;
-        EXPECT_EQ(zfx2_device_ns_entry_parse_checked(n ? cut.data() : ok.data(), uint32_t(n), &ns, &count), ZFX_ERR_INVALID_ARG) << n;
-    }
+    for (size_t n = 0; n < ok.size(); n += (n < 16 || ok.size() - n < 16) ? 1 : 61)
+        EXPECT_EQ(decode(Bytes(ok.begin(), ok.begin() + long(n)), true, true).result, ZFX_ERR_INVALID_ARG) << n;
     int32_t count;
     EXPECT_EQ(zfx2_device_entry_parse_checked(nullptr, 8, nullptr, &count), ZFX_ERR_INVALID_ARG);
     EXPECT_EQ(zfx2_device_entry_parse_checked(ok.data(), uint32_t(ok.size()), nullptr, nullptr), ZFX_ERR_INVALID_ARG);
