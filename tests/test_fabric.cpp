@@ -218,4 +218,38 @@ TEST(Fabric, ServiceGroupListsAndLookups) {
     EXPECT_EQ(zfx2_sg_config_get(r.get(), nullptr, &size, 1), ZFX_ERR_INVALID_ARG);
 }
 
+// The sections with a commit argument ask for the commit when their tables hold records and not
+// otherwise; every section and show function returns 0, and a show of no list writes nothing.
+TEST(Fabric, SectionsAskForTheCommitAndShowsReturnZero) {
+    Stored full({topo_rec(5, kWwn, 3, vsans({1})), afid_rec(false, kWwn, 1, vsans({1})),
+                 sg_member_rec(true, 1, 1, vsans({1})), sg_member_rec(false, 1, 2, vsans({2}))});
+    Stored empty({});
+    for (auto run : {zfx2_afid_table_generate_ascii_config, zfx2_sg_table_generate_ascii_config}) {
+        for (kvdb_store *store : {full.get(), empty.get()}) {
+            int32_t commit = 0;
+            generation_text([&](uint32_t h) { EXPECT_EQ(run(h, store, &commit), 0); });
+            EXPECT_EQ(commit, store == full.get() ? 1 : 0);
+        }
+    }
+    zfx_vsan_topo_list *topo;
+    zfx2_afid_table_list *afid;
+    zfx2_sg_list *active, *cfg;
+    uint32_t size;
+    ASSERT_EQ(zfx_vsan_topo_config_get(full.get(), 0x65, 3, &topo, &size), 0);
+    ASSERT_EQ(zfx2_afid_table_config_get(full.get(), &afid, &size, 0), 0);
+    ASSERT_EQ(zfx2_sg_config_get(full.get(), &active, &size, 0), 0);
+    ASSERT_EQ(zfx2_sg_config_get(full.get(), &cfg, &size, 1), 0);
+    for (bool none : {true, false}) {
+        const std::string text = generation_text([&](uint32_t h) {
+            EXPECT_EQ(zfx_vsan_topo_config_show(h, none ? nullptr : topo), 0);
+            EXPECT_EQ(zfx2_afid_table_config_show(h, none ? nullptr : afid, 0), 0);
+            EXPECT_EQ(zfx2_sg_table_active_show(h, none ? nullptr : active, 0), 0);
+            EXPECT_EQ(zfx2_sg_table_config_show(h, none ? nullptr : cfg, none ? nullptr : active), 0);
+        });
+        EXPECT_EQ(text.empty(), none) << text;
+    }
+    for (void *list : {static_cast<void *>(topo), static_cast<void *>(afid), static_cast<void *>(active), static_cast<void *>(cfg)})
+        std::free(list);
+}
+
 }  // namespace
