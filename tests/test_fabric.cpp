@@ -10,7 +10,6 @@
 #include "store.hpp"
 #include "zfx_ascii_cfg.h"
 #include "zfx_fabric.h"
-#include "zfx_testing.h"
 
 namespace {
 
@@ -248,8 +247,7 @@ TEST(Fabric, SectionsAskForTheCommitAndShowsReturnZero) {
         });
         EXPECT_EQ(text.empty(), none) << text;
     }
-    for (void *list : {static_cast<void *>(topo), static_cast<void *>(afid), static_cast<void *>(active), static_cast<void *>(cfg)})
-        std::free(list);
+    for (void *list : std::initializer_list<void *>{topo, afid, active, cfg}) std::free(list);
 }
 
 }  // namespace

@@ -15,7 +15,6 @@
 #include <vector>
 
 #include "fabric.hpp"
-#include "platform/kvdb.h"
 #include "platform/ptxt.h"
 #include "store.hpp"
 #include "zfx_ascii_cfg.h"
@@ -224,7 +223,7 @@ TEST(GenText, ZoneSectionWalkedEqualsLookedUp) {
             c.damage(records, zone, member);
             const auto [walked, looked_up] = both_ways(records);
             EXPECT_EQ(walked, looked_up) << c.what << ", seed " << seed;
-            if (c.status != kEither) EXPECT_EQ(walked.status == 0, c.status == kSound) << c.what << ", seed " << seed;
+            EXPECT_TRUE(c.status == kEither || (walked.status == 0) == (c.status == kSound)) << c.what << ", seed " << seed;
         }
         // The zone left out of the header is looked up for the zoneset, not listed as a zone.
         std::vector<Record> records = sound;
