@@ -171,6 +171,14 @@ TEST(Fabric, ServiceGroupsWriteTheActiveBlockThenTheDifferences) {
         return a;
     };
     const auto active12 = group(false, 1, "g1", {{1, {1}}, {2, {2, 3}}});
+    // Range text that fills a member line exactly (2047 characters with its "\n") and goes on.
+    std::vector<int> tight;
+    std::string fits = "1-100";
+    for (int v = 1; v <= 100; ++v) tight.push_back(v);
+    for (int v = 1000; v <= 1900; v += 2) {
+        tight.push_back(v);
+        if (v <= 1800) fits += "," + std::to_string(v);
+    }
     const TextCase cases[] = {
         {"both empty", {}, ""},
         {"configured only", both(group(true, 1, "g1", {{1, {1}}}), group(true, 2, "g2", {{2, {2}}})),
@@ -189,6 +197,8 @@ TEST(Fabric, ServiceGroupsWriteTheActiveBlockThenTheDifferences) {
          m(1, "1") + m(2, "2")},
         {"names print up to 80 bytes", group(true, 1, std::string(100, 'n').c_str(), {{1, {1}}}),
          "zfx service-group name " + std::string(80, 'n') + "\n" + m(1, "1")},
+        {"the longest line: cut after the last whole run that fits", {sg_member_rec(true, 1, 1, vsans_of(tight))},
+         "  autonomous-fabric-id  1 vsan-ranges " + fits + "\n"},
     };
     for (const TextCase &c : cases) EXPECT_EQ(section(c.records), c.expected) << c.name;
 }
