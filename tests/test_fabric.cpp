@@ -171,14 +171,21 @@ TEST(Fabric, ServiceGroupsWriteTheActiveBlockThenTheDifferences) {
         return a;
     };
     const auto active12 = group(false, 1, "g1", {{1, {1}}, {2, {2, 3}}});
-    // Range text that fills a member line exactly (2047 characters with its "\n") and goes on.
-    std::vector<int> tight;
-    std::string fits = "1-100";
-    for (int v = 1; v <= 100; ++v) tight.push_back(v);
-    for (int v = 1000; v <= 1900; v += 2) {
-        tight.push_back(v);
-        if (v <= 1800) fits += "," + std::to_string(v);
-    }
+    // VSANs 1 to run_end, then every other one from `from` to 1900; fits gets their range text up
+    // to 1800. With run_end 100 that text fills a member line exactly (2047 characters with its
+    // "\n"); with 1000 the next run would need one character more than the line has.
+    auto runs = [](int run_end, int from, std::string &fits) {
+        std::vector<int> set;
+        fits = "1-" + std::to_string(run_end);
+        for (int v = 1; v <= run_end; ++v) set.push_back(v);
+        for (int v = from; v <= 1900; v += 2) {
+            set.push_back(v);
+            if (v <= 1800) fits += "," + std::to_string(v);
+        }
+        return vsans_of(set);
+    };
+    std::string fits, fits_short;
+    const Bytes tight = runs(100, 1000, fits), one_short = runs(1000, 1002, fits_short);
     const TextCase cases[] = {
         {"both empty", {}, ""},
         {"configured only", both(group(true, 1, "g1", {{1, {1}}}), group(true, 2, "g2", {{2, {2}}})),
@@ -197,8 +204,10 @@ TEST(Fabric, ServiceGroupsWriteTheActiveBlockThenTheDifferences) {
          m(1, "1") + m(2, "2")},
         {"names print up to 80 bytes", group(true, 1, std::string(100, 'n').c_str(), {{1, {1}}}),
          "zfx service-group name " + std::string(80, 'n') + "\n" + m(1, "1")},
-        {"the longest line: cut after the last whole run that fits", {sg_member_rec(true, 1, 1, vsans_of(tight))},
+        {"the longest line: cut after the last whole run that fits", {sg_member_rec(true, 1, 1, tight)},
          "  autonomous-fabric-id  1 vsan-ranges " + fits + "\n"},
+        {"a run one character too long stays off the line", {sg_member_rec(true, 1, 1, one_short)},
+         "  autonomous-fabric-id  1 vsan-ranges " + fits_short + "\n"},
     };
     for (const TextCase &c : cases) EXPECT_EQ(section(c.records), c.expected) << c.name;
 }
