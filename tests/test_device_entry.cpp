@@ -85,8 +85,10 @@ Decoded decode(const Bytes &reply, bool ns, bool checked) {
         d.untouched = out == &sentinel;
         return d;
     }
-    for (int32_t i = 0; i < d.count; ++i)
+    for (int32_t i = 0; i < d.count; ++i) {
         d.entries.push_back(ns ? ns_view((*view)[i]) : bytes_of(*raw + i, kEntry));
+        EXPECT_TRUE(!ns || ((*view)[i].pairs == nullptr) == ((*view)[i].pair_count == 0)) << "pairs only for a count";
+    }
     if (ns) free_ns(*view, size_t(d.count));
     else std::free(out);
     return d;
@@ -283,6 +285,7 @@ TEST(DeviceEntry, MalformedTlvRepliesRejected) {
         {tlv_reply(2, {tlv(69, head(d)), tlv(1, block(d)), tlv(2, le32(0))}), ZFX_ERR_INVALID_ARG, 0},
         {tlv_reply(1, {tlv(69, head(d)), tlv(1, block(d)), tlv(2, le32(2)), tlv(3, pair(4, 40))}), ZFX_ERR_INVALID_ARG, 0},
         {tlv_reply(1, {tlv(69, head(d)), tlv(1, block(d)), tlv(2, le32(4097))}), ZFX_ERR_INVALID_ARG, 0},
+        {ok, 0, 1},
         {most, 0, 1},
         {tlv_reply(1, {tlv(69, zeros(kHead - 1)), tlv(1, block(d)), tlv(2, le32(0))}), ZFX_ERR_INVALID_ARG, 0},
         {tlv_reply(1, {tlv(69, head(d)), tlv(1, zeros(kBlock - 1)), tlv(2, le32(0))}), ZFX_ERR_INVALID_ARG, 0},
@@ -292,11 +295,11 @@ TEST(DeviceEntry, MalformedTlvRepliesRejected) {
     };
     for (const auto &c : cases) {
         for (bool as_ns : {false, true}) {
-            const Decoded d = decode(c.reply, as_ns, true);
-            EXPECT_EQ(d.result, c.result) << hex(Bytes(c.reply.begin(), c.reply.begin() + 12));
-            EXPECT_EQ(d.count, c.count);
-            EXPECT_EQ(d.printed, "");
-            EXPECT_TRUE(d.untouched);
+            const Decoded got = decode(c.reply, as_ns, true);
+            EXPECT_EQ(got.result, c.result) << hex(Bytes(c.reply.begin(), c.reply.begin() + 12));
+            EXPECT_EQ(got.count, c.count);
+            EXPECT_EQ(got.printed, "");
+            EXPECT_TRUE(got.untouched);
         }
     }
     // Every truncation of a good reply is either whole or rejected, never read past.
