@@ -121,9 +121,15 @@ TEST(Pfcid, RecordsEntriesAndKeysConvertBothWaysInBothKinds) {
 
     EXPECT_EQ(zfx2_pfcid_entry_hton(nullptr), ZFX_ERR_INVALID_ARG);
     EXPECT_EQ(zfx2_pfcid_entry_ntoh(nullptr), ZFX_ERR_INVALID_ARG);
+    // Any one argument missing: nothing is read or written.
+    zfx2_pfcid_key key{};
     zfx2_pfcid_entry_byte_order_convert(nullptr, &odd, 1);
-    zfx2_pfcid_kvdb_vdom_key_populate(nullptr, nullptr, 1);
+    zfx2_pfcid_entry_byte_order_convert(&odd, nullptr, 1);
+    zfx2_pfcid_kvdb_vdom_key_populate(&odd, nullptr, 1);
+    zfx2_pfcid_kvdb_vfcid_key_populate(nullptr, &key, 1);
     zfx2_pfcid_vfcid_key_val_2_pfcid_entry(nullptr, nullptr, &odd, 1);
+    zfx2_pfcid_vdom_key_val_2_pfcid_entry(&key, nullptr, &odd, 1);
+    EXPECT_EQ(bytes_of(&key, sizeof key), zeros(sizeof key));
     EXPECT_EQ(bytes_of(&odd.id, 16), bytes_of(&before.id, 16));
 }
 
@@ -219,17 +225,22 @@ TEST(Pfcid, TextIsThatOfTheWalkOverTheWholeList) {
     }
 
     // Without memory for the index that places the FCIDs, the same text comes from scanning the
-    // list under every domain record.
-    Stored r(records);
-    int32_t commit = 0;
-    const std::string text = generation_text([&](uint32_t handle) {
-        zfx_testing_fail_allocation(2);  // the list, then the index
-        EXPECT_EQ(zfx2_pfcid_generate_ascii_config(handle, r.get(), &commit), 0);
-        EXPECT_EQ(zfx_testing_allocation_count(), 2u);
-        zfx_testing_fail_allocation(0);
-    });
-    EXPECT_EQ(text, expected);
-    EXPECT_EQ(commit, 1);
+    // list under every domain record; a table without FCID records makes no index at all.
+    std::vector<Record> domains;
+    for (const Record &rec : records)
+        if (rec.first[1] == 1) domains.push_back(rec);
+    for (const auto &[stored, allocations] : {std::pair{records, 2u}, std::pair{domains, 1u}}) {
+        Stored r(stored);
+        int32_t commit = 0;
+        const std::string text = generation_text([&](uint32_t handle) {
+            zfx_testing_fail_allocation(2);  // the list, then the index
+            EXPECT_EQ(zfx2_pfcid_generate_ascii_config(handle, r.get(), &commit), 0);
+            EXPECT_EQ(zfx_testing_allocation_count(), allocations);
+            zfx_testing_fail_allocation(0);
+        });
+        EXPECT_EQ(text, walk_text(stored));
+        EXPECT_EQ(commit, 1);
+    }
 }
 
 }  // namespace
