@@ -233,6 +233,10 @@ TEST(Fabric, ServiceGroupListsAndLookups) {
     EXPECT_EQ(std::string(name, sizeof name), std::string(sizeof name, '\0'));
     EXPECT_EQ(zfx2_sg_get_name_from_id(7, nullptr, r.get(), 0), ZFX_ERR_INVALID_ARG);
     EXPECT_EQ(zfx2_get_default_sg_policy(r.get()), 9u);
+    // No policy word: none stored whole, or no store at all.
+    Stored short_policy({{sg_policy_rec(9).first, {9, 0, 0}}});
+    EXPECT_EQ(zfx2_get_default_sg_policy(short_policy.get()), 0u);
+    EXPECT_EQ(zfx2_get_default_sg_policy(nullptr), 0u);
     EXPECT_EQ(zfx2_sg_config_get(r.get(), nullptr, &size, 1), ZFX_ERR_INVALID_ARG);
 }
 
