@@ -140,15 +140,18 @@ TEST(Fabric, AfidTableWritesEachHalfUnderItsOwnDatabaseLine) {
     EXPECT_EQ(section({afid_rec(false, kWwn, 10, vsans({4}))}),
               db + "  switch-wwn 20:00:00:11:22:33:44:55 autonomous-fabric-id   10 vsan-ranges 4\n");
 
-    Stored r({afid_rec(true, kWwn, 0x0a, vsans({}))});
+    // The entries in key order (switch WWN first); only the local switch's is marked local.
+    Stored r({afid_rec(true, kOther, 0x0b, vsans({})), afid_rec(true, kWwn, 0x0a, vsans({}))});
     std::memcpy(local_switch_wwn, kWwn.data(), 8);
     zfx2_afid_table_list *list;
     uint32_t size;
     ASSERT_EQ(zfx2_afid_table_config_get(r.get(), &list, &size, 1), 0);
-    ASSERT_EQ(size, 544u);
+    ASSERT_EQ(size, 4u + 2 * 540);
     const uint8_t *b = reinterpret_cast<const uint8_t *>(list);
-    EXPECT_EQ(Bytes(b, b + 16), cat({be32(1), {0, 0x0a, 0, 0}, kWwn}));
-    EXPECT_EQ(Bytes(b + 4 + 528, b + 544), cat({be32(1), be32(0), be32(0)}));
+    EXPECT_EQ(Bytes(b, b + 16), cat({be32(2), {0, 0x0b, 0, 0}, kOther}));
+    EXPECT_EQ(Bytes(b + 4 + 528, b + 544), cat({be32(0), be32(0), be32(0)}));
+    EXPECT_EQ(Bytes(b + 544, b + 556), cat({{0, 0x0a, 0, 0}, kWwn}));
+    EXPECT_EQ(Bytes(b + 544 + 528, b + size), cat({be32(1), be32(0), be32(0)}));
     std::free(list);
     std::memset(local_switch_wwn, 0, 8);
 }

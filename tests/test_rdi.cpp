@@ -164,4 +164,24 @@ TEST(TrackedLists, AFailedListIsReportedAndWritesNothingOfItsOwn) {
     EXPECT_EQ(heapx_stats(180).bytes_in_use, 0u);
 }
 
+// Handed no store, the virtual-domain and persistent FCID sections report it, return 0 and write
+// nothing; so does the per-AFID section whose list cannot be made.
+TEST(VirtualDomains, SectionsWithoutAStoreOrAListReturnZero) {
+    Stored r({rdi_rec(1, vsans({1}))});
+    Capture err(2);
+    int32_t commit = 0;
+    const std::string text = generation_text([&](uint32_t h) {
+        EXPECT_EQ(zfx2_rdi_mode_generate_ascii_config(h, nullptr), 0);
+        EXPECT_EQ(zfx2_rdi_mode_generate_ascii_config2(h, nullptr), 0);
+        EXPECT_EQ(zfx2_pfcid_generate_ascii_config(h, nullptr, &commit), 0);
+        heapx_fail_allocation(1);
+        EXPECT_EQ(zfx2_rdi_mode_generate_ascii_config2(h, r.get()), 0);
+        heapx_fail_allocation(0);
+    });
+    EXPECT_EQ(text, "");
+    EXPECT_EQ(commit, 0);
+    EXPECT_NE(err.text().find("kvdb service is null"), std::string::npos);
+    tlg_hist_clear();
+}
+
 }  // namespace
