@@ -88,10 +88,10 @@ TEST(ZoneText, EveryRuleOfTheZoneSection) {
              "  member pwwn " + wwn + " lun 0x0001 vsan 3 autonomous-fabric-id 2\n"
              "  member pwwn 00:00:00:00:00:00:00:00            vsan 0 autonomous-fabric-id 0\n"
              "             vsan 8\n"}},
-        {"a short member bitmap: the bits it lacks are clear",
-         with(one_zone, {zone_rec(1, "z1", tlv_array({tlv(7, cat({le32(256), {0x40}})), tlv(9, kAttr)})),
-                         pwwn_member(1, 1, 10, 1)}),
-         {0, "zfx zone name z1\n  member pwwn " + wwn + "            vsan 10\n"}},
+        {"short bitmaps: the bits they lack are clear",
+         {zone_db_header_rec({1}, {1}), zone_rec(1, "z1", tlv_array({tlv(7, cat({le32(256), {0x40}})), tlv(9, kAttr)})),
+          pwwn_member(1, 1, 10, 1), zoneset_rec(1, "zs", tlv_array({tlv(4, cat({le32(250), {0x40}}))}))},
+         {0, "zfx zone name z1\n  member pwwn " + wwn + "            vsan 10\nzfx zoneset name zs\n  member z1\n"}},
         {"zonesets: the full bitmap wins, the short one otherwise, neither: the name alone",
          {zone_db_header_rec({1, 3000}, {1, 2, 3}), zone_rec(1, "z1", zone_array({})),
           zone_rec(3000, "z3000", zone_array({})), zone_rec(7, "never", zone_array({})),
