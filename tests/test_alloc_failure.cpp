@@ -16,6 +16,7 @@
 #include <gtest/gtest.h>
 
 #include "capture.hpp"
+#include "full_store.hpp"
 #include "fake_service.hpp"
 #include "history.hpp"
 #include "platform/heapx.h"
@@ -23,6 +24,7 @@
 #include "platform/tlg.h"
 #include "platform/wwnsvc.h"
 #include "store.hpp"
+#include "zone_nodes.hpp"
 #include "zfx_ascii_cfg.h"
 #include "zfx_fabric.h"
 #include "zfx_service.h"
@@ -312,34 +314,19 @@ std::vector<Row> device_rows() {
 
 // ---- the zone database ----------------------------------------------------------------------------
 
-int32_t by_id(const void *a, const void *b) {
-    const uint32_t x = *static_cast<const uint32_t *>(a), y = *static_cast<const uint32_t *>(b);
-    return x < y ? -1 : x > y;
-}
-
-// A zoneset of one zone with a port-WWN member and a device-alias member (which goes to the
-// extension area of the active zoneset data), as the service keeps them in trees.
-struct Db {
-    zfx_zone_member_node members[2] = {{1, ZFX_MEMBER_PWWN, 10, 1, {}, {}, {}},
-                                       {2, ZFX_MEMBER_DEVICE_ALIAS, 10, 1, {}, {}, "alias"}};
-    zfx_zone_node zone{1, "z1", tree_create(by_id), {}, {}, 2, 1};
-    zfx_zoneset_node zoneset{1, "zs1", tree_create(by_id), {}, {}};
-
-    Db() {
-        for (zfx_zone_member_node &m : members) tree_insert(zone.members, &m);
-        tree_insert(zoneset.zones, &zone);
-        zoneset.zone_bitmap[0] = 0x40;
-    }
-    ~Db() {
-        tree_destroy(zone.members);
-        tree_destroy(zoneset.zones);
-    }
+// A zoneset of one zone (QoS and read-only set) with a port-WWN member and a device-alias member,
+// which goes to the extension area of the active zoneset data.
+struct Db : ZoneNodes {
+    zfx_zone_node &z = zone(1, "z1", 2, 1);
+    zfx_zone_member_node &pwwn = member(z, 1, ZFX_MEMBER_PWWN, 10, 1);
+    zfx_zone_member_node &alias = member(z, 2, ZFX_MEMBER_DEVICE_ALIAS, 10, 1, "alias");
+    zfx_zoneset_node set = zoneset(1, "zs1", {&z});
 };
 
 // A record encoder of the node that node picks: on failure NULL, *length untouched (or zeroed,
 // for the active zoneset data).
 template <typename Node>
-Row encoder(const char *name, void *(*encode)(const Node *, uint32_t *), const Node *(*node)(const Db &),
+Row encoder(const char *name, void *(*encode)(const Node *, uint32_t *), std::function<const Node *(const Db &)> node,
             uint32_t length_on_failure = 12345) {
     return {name, [encode, node, length_on_failure] {
                 const Db db;
@@ -351,31 +338,18 @@ Row encoder(const char *name, void *(*encode)(const Node *, uint32_t *), const N
             }};
 }
 
-// The zone database and the active zoneset data in a store.
-std::vector<Record> zone_records() {
-    const Bytes active = cat({le16(1), name68("zs1"), le16(0)});
-    std::vector<Record> r = {
-        zone_db_header_rec({1}, {1}),
-        zone_rec(1, "z1", tlv_array({members_tlv({1})})),
-        member_rec(1, 1, ZFX_MEMBER_PWWN, tlv_array({tlv(10, kWwn), tlv(11, le32(10)), tlv(12, le32(1))})),
-        zoneset_rec(1, "zs1", tlv_array({zones_tlv(4, {1})})),
-    };
-    for (Record &c : active_chunks(active, 40)) r.push_back(std::move(c));
-    return r;
-}
-
 std::vector<Row> zone_db_rows(const Prefix &p) {
     const std::string location = p.config();
     return {
         encoder<zfx_zone_node>("zfx_zone_encode_zone_to_kvdb", zfx_zone_encode_zone_to_kvdb,
-                               [](const Db &d) { return &d.zone; }),
+                               [](const Db &d) { return &d.z; }),
         encoder<zfx_zone_member_node>("zfx_zone_encode_zone_member_to_kvdb", zfx_zone_encode_zone_member_to_kvdb,
-                                      [](const Db &d) { return &d.members[1]; }),
+                                      [](const Db &d) { return &d.alias; }),
         encoder<zfx_zoneset_node>("zfx_zone_encode_zoneset_to_kvdb", zfx_zone_encode_zoneset_to_kvdb,
-                                  [](const Db &d) { return &d.zoneset; }),
+                                  [](const Db &d) { return &d.set; }),
         encoder<zfx_zoneset_node>(
             "zfx_zone_zoneset_to_persistent_kvdb_data", zfx_zone_zoneset_to_persistent_kvdb_data,
-            [](const Db &d) { return &d.zoneset; }, 0),
+            [](const Db &d) { return &d.set; }, 0),
         {"zfx_zone_restore_active_pzs_from_kvdb",
          [location] {
              Reader r(location);
@@ -397,46 +371,13 @@ std::vector<Row> zone_db_rows(const Prefix &p) {
 
 // ---- store lists ----------------------------------------------------------------------------------
 
-// One record of every table, apart from the zone database.
-std::vector<Record> table_records() {
-    const Bytes set = vsans({1, 2, 3});
-    return {
-        rdi_rec(3, vsans({5, 6})),
-        topo_rec(1, kWwn, ZFX_VT_FLAG_ACTIVE | ZFX_VT_FLAG_CONFIG, set),
-        topo_mode_rec(ZFX_VT_MODE_AUTO),
-        afid_rec(true, kWwn, 1, set),
-        afid_rec(false, kWwn, 2, set),
-        sg_name_rec(false, 1, "A"),
-        sg_member_rec(false, 1, 1, vsans({1})),
-        sg_name_rec(true, 1, "A"),
-        sg_member_rec(true, 1, 1, vsans({1, 2})),
-        pfcid_domain_rec(1, 10, 2, 20, 0x20),
-        pfcid_fcid_rec(1, 10, kWwn, {0, 0x20, 1, 2}),
-    };
-}
-
-// A list builder of the standard allocator: on failure ZFX_ERR_NO_MEMORY, *list NULL, *size 0.
+// A list builder: on failure *list NULL and *size 0; a builder of the standard allocator answers
+// ZFX_ERR_NO_MEMORY, one of the tracked allocator answers 0 and reports the failure to the event
+// history.
 template <typename List>
-Row list(const char *name, const std::string &location,
-         std::function<int32_t(kvdb_store *, List **, uint32_t *)> build) {
-    return {name, [location, build] {
-                Reader r(location);
-                List *l = untouched<List>();
-                uint32_t size = 99;
-                const int32_t status = build(r.get(), &l, &size);
-                if (failed()) return status == ZFX_ERR_NO_MEMORY && l == nullptr && size == 0;
-                const bool whole = status == 0 && l != nullptr && ntohl(l->count) == 1;
-                std::free(l);
-                return whole;
-            }};
-}
-
-// A list builder of the tracked allocator: a failure is reported to the event history, and the
-// builder answers 0 with *list NULL and *size 0.
-template <typename List>
-Row tracked_list(const char *name, const std::string &location,
-                 std::function<int32_t(kvdb_store *, List **, uint32_t *)> build, uint32_t entries) {
-    return {name, [location, build, entries] {
+Row list(const char *name, const std::string &location, std::function<int32_t(kvdb_store *, List **, uint32_t *)> build,
+         uint32_t entries = 1, bool tracked = false) {
+    return {name, [location, build, entries, tracked] {
                 Reader r(location);
                 List *l = untouched<List>();
                 uint32_t size = 99;
@@ -445,9 +386,13 @@ Row tracked_list(const char *name, const std::string &location,
                 const bool fail = failed();
                 const size_t reported = alloc_failures().size();
                 tlg_hist_clear();
-                if (fail) return status == 0 && l == nullptr && size == 0 && reported == 1;
+                if (fail)
+                    return l == nullptr && size == 0 && (tracked ? status == 0 && reported == 1 : status == ZFX_ERR_NO_MEMORY);
                 const bool whole = status == 0 && l != nullptr && ntohl(l->count) == entries && reported == 0;
-                heapx_free(l);
+                if (tracked)
+                    heapx_free(l);
+                else
+                    std::free(l);
                 return whole;
             }};
 }
@@ -471,13 +416,13 @@ std::vector<Row> list_rows(const Prefix &p) {
                            [](kvdb_store *s, zfx2_sg_list **l, uint32_t *n) { return zfx2_sg_config_get(s, l, n, 1); }),
         list<zfx2_sg_list>("zfx2_sg_config_get (active)", at,
                            [](kvdb_store *s, zfx2_sg_list **l, uint32_t *n) { return zfx2_sg_config_get(s, l, n, 0); }),
-        tracked_list<zfx_rdi_list>(
+        list<zfx_rdi_list>(
             "zfx_rdi_get_next", at,
-            [](kvdb_store *s, zfx_rdi_list **l, uint32_t *n) { return zfx_rdi_get_next(s, -1, l, n); }, 1),
-        tracked_list<zfx2_pfcid_list>(
+            [](kvdb_store *s, zfx_rdi_list **l, uint32_t *n) { return zfx_rdi_get_next(s, -1, l, n); }, 1, true),
+        list<zfx2_pfcid_list>(
             "zfx2_pfcid_get_next", at,
             [](kvdb_store *s, zfx2_pfcid_list **l, uint32_t *n) { return zfx2_pfcid_get_next(s, nullptr, -1, l, n); },
-            2),
+            2, true),
     };
 }
 
@@ -507,47 +452,6 @@ std::vector<Row> vsan_rows() {
 
 // ---- configuration text -----------------------------------------------------------------------
 
-// The text of a generation in which run adds its part: the feature's elements are declared and
-// the generation's handle set, as the entry points do.
-std::string in_generation(const std::function<void(uint32_t handle)> &run) {
-    uint32_t handle = 0;
-    ptxt_hdl_init(&handle);
-    const zfx_gen_request select_none{0, handle, 0, 0};
-    zfx_ascii_cfg_generate(&select_none);  // sets the handle and generates nothing
-    for (uint32_t element = ZFX_ELEM_FEATURE; element <= ZFX_ELEM_PFCID; ++element)
-        ptxt_elem_add(handle, ZFX_PTXT_GROUP, element, ZFX_PTXT_ELEM_KIND);
-    run(handle);
-    char *text = nullptr;
-    ptxt_render(handle, &text, nullptr);
-    std::string out = text != nullptr ? text : "";
-    std::free(text);
-    ptxt_hdl_release(handle);
-    return out;
-}
-
-// The text each list is needed for: a section whose list cannot be allocated is absent whole.
-const std::string kVdomLine = "zfx virtual-fcdomain-add2 autonomous-fabric-ID 3  vsan-ranges 5-6\n";
-const std::string kTopo =
-    "zfx vsan-topology database\n  autonomous-fabric-id    1 switch-wwn 20:00:00:11:22:33:44:55 "
-    "vsan-ranges 1-3\nzfx vsan-topology activate\n";
-const std::string kDefaultAfid =
-    "autonomous-fabric-id database\n  switch-wwn 20:00:00:11:22:33:44:55 default-autonomous-fabric-id    1\n";
-const std::string kAfid =
-    "autonomous-fabric-id database\n  switch-wwn 20:00:00:11:22:33:44:55 autonomous-fabric-id    2 vsan-ranges 1-3\n";
-// The changes need both service-group lists; the active block needs the active one.
-const std::string kSgChanges = "zfx service-group name A\n  autonomous-fabric-id  1 vsan-ranges 1-2\n";
-const std::string kSg =
-    "zfx service-group name A\n  autonomous-fabric-id  1 vsan-ranges 1\nzfx service-group activate\n" + kSgChanges;
-const std::string kPfcid =
-    "zfx fcdomain database autonomous-fabric-num 1 vsan 10\n"
-    "  native-autonomous-fabric-num 2 native-vsan 20 domain 32\n"
-    "    pwwn 20:00:00:11:22:33:44:55 fcid 0x200102\n";
-const std::string kZone =
-    "zfx zone name z1\n  member pwwn 20:00:00:11:22:33:44:55            vsan 10\n"
-    "zfx zoneset name zs1\n  member z1\nzfx zoneset activate name zs1\n";
-const std::string kAll = "feature zfx\n" + kVdomLine + kZone + kTopo + "zfx vsan-topology auto\n" + kDefaultAfid +
-                         kAfid + kSg + kPfcid + "logging level zfx 3\n";
-
 // A text generator: the whole text without failure is exactly whole (no line too many: a walk one
 // entry past its list shows); each run's text is the whole text, or the whole text without
 // exactly one of blocks. (A run may keep the whole text where the section has another way to
@@ -574,14 +478,16 @@ Row text(const char *name, const std::function<std::string()> &generate, const s
 std::string with_commit(const std::string &text, int32_t commit) { return text + (commit == 1 ? "commit\n" : ""); }
 
 std::vector<Row> text_rows(const Prefix &p) {
+    using namespace full;
     const std::string at = p.config();
+    const std::vector<std::string> blocks = {kVdomAfid, kTopo, kDefaultAfid, kAfid, kActiveSg + kCfgSg, kCfgSg, kPfcid};
     using Section = int32_t (*)(uint32_t, kvdb_store *, int32_t *);
     // A section that reports its commit request through an argument; it always returns 0.
     auto section = [at](Section run) {
         return [at, run] {
             Reader r(at);
             int32_t commit = 0, status = -1;
-            const std::string t = in_generation([&](uint32_t h) { status = run(h, r.get(), &commit); });
+            const std::string t = generation_text([&](uint32_t h) { status = run(h, r.get(), &commit); });
             return status == 0 ? with_commit(t, commit) : "status " + std::to_string(status);
         };
     };
@@ -591,19 +497,19 @@ std::vector<Row> text_rows(const Prefix &p) {
             Reader r(at);
             int32_t status = -1;
             commit_reqd = 0;
-            const std::string t = in_generation([&](uint32_t h) { status = run(h, r.get()); });
+            const std::string t = generation_text([&](uint32_t h) { status = run(h, r.get()); });
             return status == 0 ? with_commit(t, commit_reqd) : "status " + std::to_string(status);
         };
     };
     return {
-        text("zfx2_rdi_mode_generate_ascii_config2", global_commit(zfx2_rdi_mode_generate_ascii_config2), kVdomLine,
-             {kVdomLine}),
+        text("zfx2_rdi_mode_generate_ascii_config2", global_commit(zfx2_rdi_mode_generate_ascii_config2), kVdomAfid,
+             {kVdomAfid}),
         text("zfx_vsan_topology_generate_ascii_config", global_commit(zfx_vsan_topology_generate_ascii_config),
-             kTopo + "zfx vsan-topology auto\ncommit\n", {kTopo}),
+             kTopo + kTopoAuto + "commit\n", {kTopo}),
         text("zfx2_afid_table_generate_ascii_config", section(zfx2_afid_table_generate_ascii_config),
              kDefaultAfid + kAfid + "commit\n", {kDefaultAfid, kAfid}),
-        text("zfx2_sg_table_generate_ascii_config", section(zfx2_sg_table_generate_ascii_config), kSg + "commit\n",
-             {kSg, kSgChanges}),
+        text("zfx2_sg_table_generate_ascii_config", section(zfx2_sg_table_generate_ascii_config),
+             kActiveSg + kCfgSg + "commit\n", {kActiveSg + kCfgSg, kCfgSg}),
         text("zfx2_pfcid_generate_ascii_config", section(zfx2_pfcid_generate_ascii_config), kPfcid + "commit\n",
              {kPfcid + "commit\n"}),
         text(
@@ -612,7 +518,7 @@ std::vector<Row> text_rows(const Prefix &p) {
                 Reader r(at);
                 int32_t status = -1;
                 const std::string t =
-                    in_generation([&](uint32_t) { status = zfx_zone_generate_ascii_config(r.get()); });
+                    generation_text([&](uint32_t) { status = zfx_zone_generate_ascii_config(r.get()); });
                 return status == 0 ? t : "status " + std::to_string(status);
             },
             kZone, {}),  // only the member index allocates, and the text does without it
@@ -623,7 +529,7 @@ std::vector<Row> text_rows(const Prefix &p) {
                  Reader config(at), levels(debug);
                  return generate({{ZFX_GEN_STORE_CONFIG, config.get()}, {ZFX_GEN_STORE_DEBUG, levels.get()}});
              },
-             kAll, {kVdomLine, kTopo, kDefaultAfid, kAfid, kSg, kSgChanges, kPfcid}),
+             whole() + "logging level zfx 3\n", blocks),
         text("zfx_ptxt_gen_func",
              [p = p.path()] {
                  struct Sink {
@@ -636,7 +542,7 @@ std::vector<Row> text_rows(const Prefix &p) {
                  ptxt_request req{p.c_str(), p.c_str(), Sink::take, &sink};
                  return zfx_ptxt_gen_func(nullptr, &req) == 0 ? sink.text : "no response";
              },
-             kAll, {kVdomLine, kTopo, kDefaultAfid, kAfid, kSg, kSgChanges, kPfcid}),
+             whole() + "logging level zfx 3\n", blocks),
     };
 }
 
@@ -644,9 +550,7 @@ std::vector<Row> text_rows(const Prefix &p) {
 
 TEST(AllocFailure, EveryAllocationOfEveryFunctionTakesItsDocumentedPath) {
     Prefix p;
-    std::vector<Record> records = table_records();
-    for (Record &r : zone_records()) records.push_back(std::move(r));
-    put(p.config(), records);
+    put(p.config(), full::records());
     put(p.debug(), {debug_level_rec(1, 3)});
 
     std::vector<Row> rows;

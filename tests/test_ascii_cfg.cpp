@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "capture.hpp"
+#include "full_store.hpp"
 #include "platform/ptxt.h"
 #include "store.hpp"
 #include "zfx_ascii_cfg.h"
@@ -143,52 +144,24 @@ TEST(AsciiCfg, GenFuncOpensTheStoresItselfAndAlwaysResponds) {
     EXPECT_EQ(sink.calls, 3);
 }
 
-// Everything a store can hold, so that a failure shows as exactly the lines it removes.
-std::vector<Record> full_store() {
-    return {distribute_rec(1), nat_rec(1), aam_rec(1), flags_rec(0x10), topo_rec(1, kWwn, 1, vsans({4})),
-            topo_mode_rec(ZFX_VT_MODE_AUTO), afid_rec(true, kWwn, 2, vsans({})), afid_rec(false, kWwn, 3, vsans({5})),
-            sg_member_rec(false, 1, 1, vsans({6})), sg_member_rec(true, 1, 1, vsans({6, 8})),
-            vdom_list_rec(vsans({9})), rdi_rec(4, vsans({10})), pfcid_domain_rec(1, 10, 2, 20, 0x20),
-            pfcid_fcid_rec(1, 10, kWwn, {0, 0x20, 1, 0})};
-}
-
-const std::string kTopoLines =
-    "zfx vsan-topology database\n  autonomous-fabric-id    1 switch-wwn 20:00:00:11:22:33:44:55 vsan-ranges 4\n"
-    "zfx vsan-topology activate\n  no autonomous-fabric-id    1 switch-wwn 20:00:00:11:22:33:44:55 vsan-ranges 4\n";
-const std::string kDefaultAfid =
-    "autonomous-fabric-id database\n  switch-wwn 20:00:00:11:22:33:44:55 default-autonomous-fabric-id    2\n";
-const std::string kAfid =
-    "autonomous-fabric-id database\n  switch-wwn 20:00:00:11:22:33:44:55 autonomous-fabric-id    3 vsan-ranges 5\n";
-const std::string kActiveSg = "  autonomous-fabric-id  1 vsan-ranges 6\nzfx service-group activate\n";
-const std::string kCfgSg = "  autonomous-fabric-id  1 vsan-ranges 6,8\n";
-const std::string kPfcid = "zfx fcdomain database autonomous-fabric-num 1 vsan 10\n"
-                           "  native-autonomous-fabric-num 2 native-vsan 20 domain 32\n"
-                           "    pwwn 20:00:00:11:22:33:44:55 fcid 0x200100\n";
-const std::string kVdomList = "zfx virtual-fcdomain-add vsan-ranges 9\n";
-const std::string kVdomAfid = "zfx virtual-fcdomain-add2 autonomous-fabric-ID 4  vsan-ranges 10\n";
-
-std::string full_text(const std::string &tables, const std::string &vdoms = kVdomList + kVdomAfid) {
-    return "feature zfx\nzfx nat\nzfx distribute\n" + vdoms + "zfx share-hw-entries\nzfx aam register\n" + tables +
-           "zfx commit\n";
-}
-
 TEST(AsciiCfg, AFailingSectionNeverStopsTheNext) {
+    using namespace full;
     Prefix p;
-    put(p.config(), full_store());
-    const std::string all = kTopoLines + "zfx vsan-topology auto\n" + kDefaultAfid + kAfid + kActiveSg + kCfgSg + kPfcid;
-    EXPECT_EQ(generate_from(p.config()), full_text(all));
+    put(p.config(), records());
+    EXPECT_EQ(generate_from(p.config()), whole());
     // (A list that cannot be allocated takes away its own table only: the allocation-failure
     // sweep runs this generation failing each allocation in turn.)
-    // A lookup that fails: the NAT line goes, and the topology section returns early without
-    // its auto line; everything after it still runs.
+    // A lookup that fails: the topology section returns early without its auto line; everything
+    // after it still runs.
     const uint8_t mode_key[] = {0x65, 0x02};
     kvdb_mem_faults f{0, int32_t(0x40480077), mode_key, 2, 0};
     kvdb_mem_inject(p.config().c_str(), &f);
-    EXPECT_EQ(generate_from(p.config()), full_text(kTopoLines + kDefaultAfid + kAfid + kActiveSg + kCfgSg + kPfcid));
-    // A cursor that fails at once: no table at all, the single records still read.
+    EXPECT_EQ(generate_from(p.config()), text(kTopo + kDefaultAfid + kAfid + kActiveSg + kCfgSg + kPfcid));
+    // A cursor that fails at once: no table at all, the single records still read, and the zone
+    // section looks its members up one by one.
     f = kvdb_mem_faults{0, 0, nullptr, 0, 1};
     kvdb_mem_inject(p.config().c_str(), &f);
-    EXPECT_EQ(generate_from(p.config()), full_text("zfx vsan-topology auto\n", kVdomList));
+    EXPECT_EQ(generate_from(p.config()), text(kTopoAuto, kVdomList));
     const uint8_t nat_key[] = {0x70, 0x00};
     f = kvdb_mem_faults{0, int32_t(0x40480077), nat_key, 2, 0};
     kvdb_mem_inject(p.config().c_str(), &f);

@@ -260,6 +260,10 @@ TEST(VsanBitset, AlgebraAgreesWithModelAndToleratesAliasing) {
               (A & ~inside) | (A & ~B & inside));
         check([&](vsan_bitset *x) { vsan_bitset_revert_range(x, start, count); }, A ^ inside);
     }
+    // No destination: nothing happens, whatever the run.
+    const Guarded b = set_of(model_of({1}));
+    vsan_bitset_union_range(nullptr, &b.s, 0, 10);
+    vsan_bitset_revert_range(nullptr, 0, 4096);
 }
 
 TEST(VsanBitset, TextFormsAgreeWithModel) {

@@ -41,7 +41,7 @@ Record pwwn_member(uint16_t zone, uint16_t id, uint32_t vsan, uint32_t afid) {
 
 Bytes active(const std::string &name) { return cat({le16(1), name68(name), le16(0)}); }
 
-std::vector<Record> with(std::vector<Record> base, std::initializer_list<Record> more) {
+std::vector<Record> with(std::vector<Record> base, const std::vector<Record> &more) {
     base.insert(base.end(), more.begin(), more.end());
     return base;
 }
@@ -70,13 +70,14 @@ TEST(ZoneText, EveryRuleOfTheZoneSection) {
          {0, "zfx zone name z1\n  attribute read-only\n  attribute qos priority medium\n"
              "zfx zone name z2\n  attribute qos priority low\n"}},
         {"member lines in member id order, three pieces each",
-         with(one_zone, {zone_rec(1, "z1", zone_array({1, 2, 3, 4, 5, 6, 2047})),
+         with(one_zone, {zone_rec(1, "z1", zone_array({1, 2, 3, 4, 5, 6, 7, 2047})),
                          pwwn_member(1, 1, 10, 1), pwwn_member(1, 2, 10, 5),
                          member(1, 3, 0, {tlv(10, kWwn), tlv(11, le32(4094))}),
                          member(1, 4, 1, {tlv(11, le32(3)), tlv(12, le32(1)), tlv(65, str0("short"))}),
                          member(1, 5, 241, {tlv(11, le32(3)), tlv(12, le32(1)), tlv(44, kLun),
                                             tlv(65, str0("an-alias-longer-than-15"))}),
                          member(1, 6, 240, {tlv(10, kWwn), tlv(11, le32(3)), tlv(12, le32(2)), tlv(44, kLun)}),
+                         member(1, 7, 0, {}),  // a record of its head alone
                          member(1, 2047, 9, {tlv(11, le32(8)), tlv(12, le32(1))})}),
          {0, "zfx zone name z1\n"
              "  member pwwn " + wwn + "            vsan 10\n"
@@ -85,7 +86,12 @@ TEST(ZoneText, EveryRuleOfTheZoneSection) {
              "  member device-alias short                      vsan 3\n"
              "  member device-alias an-alias-longer-than-15 lun 0x0001 vsan 3\n"
              "  member pwwn " + wwn + " lun 0x0001 vsan 3 autonomous-fabric-id 2\n"
+             "  member pwwn 00:00:00:00:00:00:00:00            vsan 0 autonomous-fabric-id 0\n"
              "             vsan 8\n"}},
+        {"short bitmaps: the bits they lack are clear",
+         {zone_db_header_rec({1}, {1}), zone_rec(1, "z1", tlv_array({tlv(7, cat({le32(256), {0x40}})), tlv(9, kAttr)})),
+          pwwn_member(1, 1, 10, 1), zoneset_rec(1, "zs", tlv_array({tlv(4, cat({le32(250), {0x40}}))}))},
+         {0, "zfx zone name z1\n  member pwwn " + wwn + "            vsan 10\nzfx zoneset name zs\n  member z1\n"}},
         {"zonesets: the full bitmap wins, the short one otherwise, neither: the name alone",
          {zone_db_header_rec({1, 3000}, {1, 2, 3}), zone_rec(1, "z1", zone_array({})),
           zone_rec(3000, "z3000", zone_array({})), zone_rec(7, "never", zone_array({})),
@@ -147,38 +153,28 @@ TEST(ZoneText, FirstFailureStopsTheSectionAndKeepsItsLines) {
         const bool complete = c.drop.empty() && c.add.empty();
         EXPECT_EQ(zone_section(records), (Result{complete ? 0 : ZFX_ERR_KVDB, c.text})) << c.name;
     }
-    // The header's lookup failing otherwise than "not found".
-    Prefix p;
-    put(p.config(), base);
-    const uint8_t key[2] = {0x66, 0};
-    kvdb_mem_faults fault{0, int32_t(0x40480099), key, 2};
-    kvdb_mem_inject(p.config().c_str(), &fault);
-    Reader r(p.config());
-    EXPECT_EQ(zfx_zone_generate_ascii_config(r.get()), ZFX_ERR_KVDB);
     EXPECT_EQ(zfx_zone_generate_ascii_config(nullptr), 0);
 
     // Member records come from one walk of their table; whatever the walk cannot give is looked
     // up key by key, so the text is the same: a member whose read fails stops the section, a walk
     // that ends early (a failing cursor, a key of another shape first) changes nothing.
-    const uint8_t member_key[6] = {0x69, 0, 1, 0, 1, 0};
+    // The header's lookup failing otherwise than "not found" ends the section at once.
+    const uint8_t member_key[6] = {0x69, 0, 1, 0, 1, 0}, header_key[2] = {0x66, 0};
     const struct {
         const char *name;
         kvdb_mem_faults fault;
         std::vector<Record> add;
         Result result;
     } walks[] = {
+        {"header read fails", {0, int32_t(0x40480099), header_key, 2, 0}, {}, {ZFX_ERR_KVDB, ""}},
         {"member read fails", {0, int32_t(0x40480099), member_key, 6, 0}, {}, {ZFX_ERR_KVDB, to_z1}},
         {"cursor fails", {0, 0, nullptr, 0, 1}, {}, {0, all}},
         {"odd key first", {}, {{{0x69, 0, 0}, {1}}}, {0, all}},
     };
     for (const auto &w : walks) {
-        Prefix q;
-        std::vector<Record> records = base;
-        records.insert(records.end(), w.add.begin(), w.add.end());
-        put(q.config(), records);
-        kvdb_mem_inject(q.config().c_str(), &w.fault);
-        Reader rq(q.config());
-        EXPECT_EQ(zone_section_on(rq.get()), w.result) << w.name;
+        Stored stored(with(base, w.add));
+        kvdb_mem_inject(stored.prefix().config().c_str(), &w.fault);
+        EXPECT_EQ(zone_section_on(stored.get()), w.result) << w.name;
     }
 }
 
@@ -189,6 +185,8 @@ TEST(ZoneText, CommitFlagOnlyForZonesAndZonesets) {
     EXPECT_EQ(generate_from(p.config()), "feature zfx\nzfx distribute\nzfx zoneset activate name a\n");
     put(p.config(), {zone_db_header_rec({}, {4}), zoneset_rec(4, "zs", tlv_array({}))});
     EXPECT_EQ(generate_from(p.config()), "feature zfx\nzfx distribute\nzfx zoneset name zs\nzfx zoneset activate name a\nzfx commit\n");
+    put(p.config(), {zone_db_header_rec({2}, {}), zone_rec(2, "z", zone_array({}))});  // a zone alone
+    EXPECT_EQ(generate_from(p.config()), "feature zfx\nzfx distribute\nzfx zone name z\nzfx zoneset activate name a\nzfx commit\n");
 }
 
 }  // namespace

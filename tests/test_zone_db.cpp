@@ -2,7 +2,6 @@
 // the member decode, the restoring readers, and the round trip nodes -> encoders -> store -> text.
 #include <cstdlib>
 #include <cstring>
-#include <deque>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -11,6 +10,7 @@
 
 #include "platform/tlvbuf.h"
 #include "store.hpp"
+#include "zone_nodes.hpp"
 #include "zfx_ascii_cfg.h"
 #include "zfx_zone_db.h"
 
@@ -18,70 +18,6 @@ namespace {
 
 using namespace zfxtest;
 
-const Bytes kWwn = {0x20, 0x00, 0x00, 0x11, 0x22, 0x33, 0x44, 0x55};
-const Bytes kLun = {0x00, 0x07, 0, 0, 0, 0, 0, 0};
-
-int32_t by_id(const void *a, const void *b) {
-    const uint32_t x = *static_cast<const uint32_t *>(a), y = *static_cast<const uint32_t *>(b);
-    return x < y ? -1 : x > y;
-}
-
-// A zone database of nodes in trees, as the service keeps it.
-struct Db {
-    std::deque<zfx_zone_member_node> members;
-    std::deque<zfx_zone_node> zones;
-    std::vector<plat_tree *> trees;
-    ~Db() {
-        for (plat_tree *t : trees) tree_destroy(t);
-    }
-    plat_tree *tree() { return trees.emplace_back(tree_create(by_id)); }
-    zfx_zone_node &zone(uint32_t id, const std::string &name, uint32_t qos = 0, uint32_t ro = 0, bool has_tree = true) {
-        zfx_zone_node &z = zones.emplace_back();
-        z = zfx_zone_node{id, {}, has_tree ? tree() : nullptr, {}, {0xA1, 0, 0, 0, 0, 0, 0, 0xA8}, qos, ro};
-        std::snprintf(z.name, sizeof z.name, "%s", name.c_str());
-        store_count(z.member_bitmap, 256);
-        return z;
-    }
-    zfx_zone_member_node &member(zfx_zone_node &z, uint32_t id, uint32_t type, uint32_t vsan, uint16_t afid,
-                                 const std::string &alias = "") {
-        zfx_zone_member_node &m = members.emplace_back();
-        m = zfx_zone_member_node{id, type, vsan, afid, {}, {}, {}};
-        std::copy(kWwn.begin(), kWwn.end(), m.pwwn);
-        m.pwwn[7] = uint8_t(id);
-        std::copy(kLun.begin(), kLun.end(), m.lun);
-        std::snprintf(m.device_alias, sizeof m.device_alias, "%s", alias.c_str());
-        if (z.members != nullptr) {
-            EXPECT_EQ(tree_insert(z.members, &m), 0);
-        }
-        if (id < 2048) z.member_bitmap[4 + id / 8] |= uint8_t(0x80 >> (id % 8));
-        return m;
-    }
-    static void store_count(uint8_t *p, uint32_t n) { std::memcpy(p, &n, 4); }
-};
-
-zfx_zoneset_node zoneset_node(Db &db, uint32_t id, const std::string &name, std::initializer_list<zfx_zone_node *> zs) {
-    zfx_zoneset_node s{id, {}, db.tree(), {}, {0xB1, 0, 0, 0, 0, 0, 0, 0xB8}};
-    std::snprintf(s.name, sizeof s.name, "%s", name.c_str());
-    for (zfx_zone_node *z : zs) {
-        EXPECT_EQ(tree_insert(s.zones, z), 0);
-        if (z->id < 8192) s.zone_bitmap[z->id / 8] |= uint8_t(0x80 >> (z->id % 8));
-    }
-    return s;
-}
-
-// Takes a block the library allocated. len is read after the call that fills it has run, whatever
-// the order in which the arguments were evaluated.
-Bytes take(void *p, const uint32_t &len) {
-    Bytes b = p != nullptr ? bytes_of(p, len) : Bytes{};
-    std::free(p);
-    return b;
-}
-
-Bytes wwn_of(uint8_t last) {
-    Bytes w = kWwn;
-    w[7] = last;
-    return w;
-}
 
 TEST(ZoneDb, MemberRecordsCarryTheElementsOfTheirTypeAndDecodeBack) {
     const std::string alias(ZFX_NAME_SIZE - 1, 'a');  // the longest
@@ -89,12 +25,12 @@ TEST(ZoneDb, MemberRecordsCarryTheElementsOfTheirTypeAndDecodeBack) {
         uint32_t type;
         Bytes array;
     } cases[] = {
-        {0, tlv_array({tlv(10, wwn_of(9)), tlv(11, le32(10)), tlv(12, le32(5))})},
+        {0, tlv_array({tlv(10, node_wwn(9)), tlv(11, le32(10)), tlv(12, le32(5))})},
         {1, tlv_array({tlv(11, le32(10)), tlv(12, le32(5)), tlv(65, str0(alias))})},
-        {240, tlv_array({tlv(10, wwn_of(9)), tlv(11, le32(10)), tlv(12, le32(5)), tlv(44, kLun)})},
-        {241, tlv_array({tlv(11, le32(10)), tlv(12, le32(5)), tlv(44, kLun), tlv(65, str0(alias))})},
+        {240, tlv_array({tlv(10, node_wwn(9)), tlv(11, le32(10)), tlv(12, le32(5)), tlv(44, kNodeLun)})},
+        {241, tlv_array({tlv(11, le32(10)), tlv(12, le32(5)), tlv(44, kNodeLun), tlv(65, str0(alias))})},
     };
-    Db db;
+    ZoneNodes db;
     zfx_zone_node &z = db.zone(1, "z", 0, 0, false);
     for (const auto &c : cases) {
         zfx_zone_member_node &m = db.member(z, 0x10009, c.type, 10, 5, alias);  // id keeps its low 16 bits
@@ -106,8 +42,8 @@ TEST(ZoneDb, MemberRecordsCarryTheElementsOfTheirTypeAndDecodeBack) {
         ASSERT_EQ(zfx_zone_decode_member_from_kvdb_cfg(rec.data(), &back), 0);
         const bool wwn = c.type == 0 || c.type == 240, lun = c.type >= 240, named = c.type == 1 || c.type == 241;
         EXPECT_EQ(std::tuple(back.type, back.vsan, back.afid), std::tuple(c.type, 10u, uint16_t(5)));
-        EXPECT_EQ(bytes_of(back.pwwn, 8), wwn ? wwn_of(9) : zeros(8));
-        EXPECT_EQ(bytes_of(back.lun, 8), lun ? kLun : zeros(8));
+        EXPECT_EQ(bytes_of(back.pwwn, 8), wwn ? node_wwn(9) : zeros(8));
+        EXPECT_EQ(bytes_of(back.lun, 8), lun ? kNodeLun : zeros(8));
         EXPECT_EQ(std::string(back.device_alias), named ? alias : "");
 
         uint32_t size = 0;
@@ -163,7 +99,7 @@ TEST(ZoneDb, DecodeFillsOnlyWhatTheRecordCarries) {
 }
 
 TEST(ZoneDb, ZoneAndZonesetRecords) {
-    Db db;
+    ZoneNodes db;
     zfx_zone_node &plain = db.zone(0x12345, "plain");
     db.member(plain, 3, 0, 1, 1);
     zfx_zone_node &ro = db.zone(2, "read-only", 2, 1);
@@ -177,8 +113,8 @@ TEST(ZoneDb, ZoneAndZonesetRecords) {
     // Zone ids below 2000 fit element 4 (its first 250 bytes); any later id adds element 60.
     const Bytes zsattr = {0xB1, 0, 0, 0, 0, 0, 0, 0xB8};
     for (const std::vector<int> &ids : {std::vector<int>{1, 1999}, {1, 2000}, {8191}}) {
-        Db d;
-        zfx_zoneset_node s = zoneset_node(d, 5, "zs", {});
+        ZoneNodes d;
+        zfx_zoneset_node s = d.zoneset(5, "zs", {});
         for (int id : ids) s.zone_bitmap[id / 8] |= uint8_t(0x80 >> (id % 8));
         std::vector<int> low;
         for (int id : ids) {
@@ -202,7 +138,7 @@ TEST(ZoneDb, ZoneAndZonesetRecords) {
 // Expected bytes of the active zoneset data, written out piece by piece.
 Bytes entry(uint16_t id, const std::string &name, uint16_t count) { return cat({le16(id), name68(name), le16(count)}); }
 Bytes pwwn_entry(uint16_t id, uint32_t vsan, uint32_t afid) {
-    return cat({le16(id), {0, 0}, tlv_array({tlv(10, wwn_of(uint8_t(id))), tlv(11, le32(vsan)), tlv(12, le32(afid))})});
+    return cat({le16(id), {0, 0}, tlv_array({tlv(10, node_wwn(uint8_t(id))), tlv(11, le32(vsan)), tlv(12, le32(afid))})});
 }
 Bytes ext(uint32_t zone_id, std::initializer_list<Bytes> inner) {
     const Bytes body = cat(inner);
@@ -211,7 +147,7 @@ Bytes ext(uint32_t zone_id, std::initializer_list<Bytes> inner) {
 Bytes ext_member(uint16_t id, uint8_t type, const Bytes &array) { return tlv(53, cat({le16(id), {type, 0}, array})); }
 
 TEST(ZoneDb, ActiveZonesetDataWithItsExtensionArea) {
-    Db db;
+    ZoneNodes db;
     zfx_zone_node &z1 = db.zone(1, "z1");
     db.member(z1, 7, 0, 10, 1);
     db.member(z1, 3, 0, 10, 2);  // written in the tree's order: 3 before 7
@@ -223,7 +159,7 @@ TEST(ZoneDb, ActiveZonesetDataWithItsExtensionArea) {
     db.member(z2, 8, 77, 20, 3);  // unknown type: left out
     zfx_zone_node &z3 = db.zone(3, "no-tree", 1, 0, false);
     zfx_zone_node &z4 = db.zone(4, "empty");
-    zfx_zoneset_node s = zoneset_node(db, 0x10009, "active", {&z3, &z1, &z4, &z2});
+    zfx_zoneset_node s = db.zoneset(0x10009, "active", {&z3, &z1, &z4, &z2});
 
     // Zones in the tree's order (by id): 1, 3, 4, 0x10002, whatever order the zoneset was built in.
     const Bytes main = cat({entry(9, "active", 4), entry(1, "z1", 2), pwwn_entry(3, 10, 2), pwwn_entry(7, 10, 1),
@@ -231,8 +167,8 @@ TEST(ZoneDb, ActiveZonesetDataWithItsExtensionArea) {
     const Bytes area = cat({le32(2), ext(3, {tlv(45, le32(1))}),
                             ext(0x10002, {tlv(45, le32(2)), tlv(59, be32(1)),
                                           ext_member(4, 1, tlv_array({tlv(11, le32(20)), tlv(12, le32(1)), tlv(65, str0("alias-a"))})),
-                                          ext_member(5, 241, tlv_array({tlv(11, le32(20)), tlv(12, le32(1)), tlv(65, str0("alias-b")), tlv(44, kLun)})),
-                                          ext_member(9, 240, tlv_array({tlv(11, le32(20)), tlv(12, le32(3)), tlv(10, wwn_of(9)), tlv(44, kLun)}))})});
+                                          ext_member(5, 241, tlv_array({tlv(11, le32(20)), tlv(12, le32(1)), tlv(65, str0("alias-b")), tlv(44, kNodeLun)})),
+                                          ext_member(9, 240, tlv_array({tlv(11, le32(20)), tlv(12, le32(3)), tlv(10, node_wwn(9)), tlv(44, kNodeLun)}))})});
     uint32_t ext_size = 0, len = 7;
     EXPECT_EQ(zfx_zoneset_get_persistent_data_size(&s, &ext_size), main.size() + area.size());
     EXPECT_EQ(ext_size, area.size());
@@ -240,7 +176,7 @@ TEST(ZoneDb, ActiveZonesetDataWithItsExtensionArea) {
     EXPECT_EQ(data, cat({main, area})) << hex(data);
 
     // Only port-WWN members and no attributes: no extension area.
-    zfx_zoneset_node plain = zoneset_node(db, 1, "plain", {&z1, &z4});
+    zfx_zoneset_node plain = db.zoneset(1, "plain", {&z1, &z4});
     EXPECT_EQ(zfx_zoneset_get_persistent_data_size(&plain, &ext_size), 72u + 72 + 2 * 36 + 72);
     EXPECT_EQ(ext_size, 0u);
     // No zone tree: the head alone.
@@ -251,7 +187,7 @@ TEST(ZoneDb, ActiveZonesetDataWithItsExtensionArea) {
 }
 
 TEST(ZoneDb, ExtensionStepWritesOnlyWhatFits) {
-    Db db;
+    ZoneNodes db;
     zfx_zone_node &z = db.zone(6, "z", 3);
     db.member(z, 2, 1, 4, 1, "a");
     const Bytes want = ext(6, {tlv(45, le32(3)), ext_member(2, 1, tlv_array({tlv(11, le32(4)), tlv(12, le32(1)), tlv(65, str0("a"))}))});
@@ -318,14 +254,14 @@ TEST(ZoneDb, OptionsWordCopiesAtMostFourBytes) {
 // data in chunks; the text generated from that store alone.
 TEST(ZoneDb, StoreWrittenFromEncodedNodesRegeneratesTheZoneText) {
     for (Backend backend : {Backend::mem, Backend::lmdb}) {
-        Db db;
+        ZoneNodes db;
         zfx_zone_node &z1 = db.zone(1, "zone-one", 3, 1);
         db.member(z1, 2, 0, 10, 1);
         db.member(z1, 1, 241, 11, 1, "disk");
         zfx_zone_node &z2 = db.zone(2500, "zone-two");
         db.member(z2, 2047, 240, 12, 7);
-        zfx_zoneset_node s1 = zoneset_node(db, 3, "zs-a", {&z1, &z2});
-        zfx_zoneset_node s2 = zoneset_node(db, 1, "zs-b", {&z1});
+        zfx_zoneset_node s1 = db.zoneset(3, "zs-a", {&z1, &z2});
+        zfx_zoneset_node s2 = db.zoneset(1, "zs-b", {&z1});
 
         std::vector<Record> records = {zone_db_header_rec({1, 2500}, {1, 3}), zone_options_rec(0x80000000)};
         auto add = [&](Bytes key, void *value, const uint32_t &len) { records.push_back({std::move(key), take(value, len)}); };
