@@ -3,20 +3,18 @@
 // answer held against the fabric description it came from. The forwarding driver the NAT lookup
 // asks first is played here (open and ioctl), answering the fabric's next hops.
 #include <arpa/inet.h>
-#include <dlfcn.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <cstdarg>
 #include <cstring>
 #include <memory>
 #include <random>
 #include <thread>
 
 #include "fabric_file.hpp"
+#include "fcfwd_driver.hpp"
 #include "platform/dlg.h"
 #include "platform/socket.h"
 #include "server.hpp"
@@ -28,47 +26,18 @@
 
 namespace {
 
-const zfxd::FabricDesc *g_fabric = nullptr;  // what the played driver answers from
-int g_driver_fd = -1;
-
-template <typename F>
-F libc(const char *name) {
-    return reinterpret_cast<F>(dlsym(RTLD_NEXT, name));
-}
-
-int driver_open(const char *path, int flags, mode_t mode, const char *name) {
-    if (std::strcmp(path, ZFX_FCFWD_PATH) != 0) return libc<int (*)(const char *, int, ...)>(name)(path, flags, mode);
-    return g_driver_fd = libc<int (*)(const char *, int, ...)>("open")("/dev/null", O_RDONLY);
-}
-
-}  // namespace
-
-#define DRIVER_API extern "C" __attribute__((visibility("default")))
-#define DRIVER_OPEN(name)                                                          \
-    DRIVER_API int name(const char *path, int flags, ...) {                        \
-        va_list ap;                                                                \
-        va_start(ap, flags);                                                       \
-        const mode_t mode = flags & (O_CREAT | O_TMPFILE) ? va_arg(ap, mode_t) : 0; \
-        va_end(ap);                                                                \
-        return driver_open(path, flags, mode, #name);                              \
-    }
-DRIVER_OPEN(open)
-DRIVER_OPEN(open64)
-
-// The driver's next hop is the fabric's, and the flow's own VSAN where the fabric has none.
-DRIVER_API int ioctl(int fd, unsigned long request, ...) __THROW {
-    va_list ap;
-    va_start(ap, request);
-    auto *arg = va_arg(ap, zfx_fcfwd_next_hop_arg *);
-    va_end(ap);
-    if (fd != g_driver_fd || g_driver_fd < 0) return libc<int (*)(int, unsigned long, ...)>("ioctl")(fd, request, arg);
-    if (request != ZFX_FCFWD_IOC_NEXT_HOP) return errno = ENOTTY, -1;
-    const auto it = g_fabric->next_hops.find({arg->vsan, uint8_t(ntohl(arg->did) >> 16)});
-    arg->next_hop = it != g_fabric->next_hops.end() ? it->second : arg->vsan;
-    return 0;
-}
-
-namespace {
+// The played driver's next hop is the fabric's, and the flow's own VSAN where the fabric has none.
+const zfxd::FabricDesc *g_fabric = nullptr;
+const bool g_driver_set = [] {
+    zfxtest::fcfwd_driver().on_control = [](int, unsigned long request, uint8_t *block) {
+        if (request != ZFX_FCFWD_IOC_NEXT_HOP) return ENOTTY;
+        auto *arg = reinterpret_cast<zfx_fcfwd_next_hop_arg *>(block);
+        const auto it = g_fabric->next_hops.find({arg->vsan, uint8_t(ntohl(arg->did) >> 16)});
+        arg->next_hop = it != g_fabric->next_hops.end() ? it->second : arg->vsan;
+        return 0;
+    };
+    return true;
+}();
 
 using zfxd::FabricDesc;
 using zfxd::FabricDevice;
