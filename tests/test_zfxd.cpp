@@ -9,7 +9,6 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
-#include <memory>
 
 #include "fabric.hpp"
 #include "platform/dlg.h"
@@ -19,50 +18,13 @@
 #include "zfx_zone_db.h"
 #include "zfx_zone_msg.h"
 #include "zfxd_protocol.h"
+#include "zfxd_under_test.hpp"
 
 namespace {
 
 using zfxtest::Bytes;
 
-// zfxd on a store, reached through an in-process endpoint.
-class Zfxd {
-public:
-    explicit Zfxd(std::string location) : location_(std::move(location)) { start(); }
-    ~Zfxd() { plat_endpoint_close(ep_); }
-    plat_endpoint *ep() const { return ep_; }
-    zfxd::ZoneDb &db() { return *db_; }
-    const std::string &location() const { return location_; }
-    void restart() {
-        plat_endpoint_close(ep_);
-        service_.reset();
-        db_.reset();
-        start();
-    }
-
-private:
-    void start() {
-        db_ = std::make_unique<zfxd::ZoneDb>();
-        ASSERT_EQ(db_->open(location_), "");
-        service_ = std::make_unique<zfxd::Service>(*db_, nullptr);
-        ep_ = plat_endpoint_open_inproc(handle, this);
-    }
-    static void handle(void *ctx, const plat_call *call, plat_answer *answer) {
-        auto *self = static_cast<Zfxd *>(ctx);
-        if (call->op == PLAT_OP_RECV) return;
-        self->last_ = self->service_->handle(call->msg_type, call->opcode, static_cast<const uint8_t *>(call->payload),
-                                             call->length, zfxd::Peer{});
-        answer->result = self->last_.result;
-        static const uint8_t empty = 0;
-        answer->reply = self->last_.has_reply ? (self->last_.reply.empty() ? &empty : self->last_.reply.data()) : nullptr;
-        answer->reply_length = uint32_t(self->last_.reply.size());
-    }
-
-    std::string location_;
-    std::unique_ptr<zfxd::ZoneDb> db_;
-    std::unique_ptr<zfxd::Service> service_;
-    zfxd::Answer last_;
-    plat_endpoint *ep_ = nullptr;
-};
+using Zfxd = zfxtest::ZfxdUnderTest;
 
 std::vector<zfxtest::Record> records(const std::string &location, bool zone_db_only) {
     zfxtest::Reader r(location);

@@ -4,25 +4,19 @@
 // asks first is played here (open and ioctl), answering the fabric's next hops.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 #include <cstring>
 #include <memory>
 #include <random>
-#include <thread>
 
 #include "fabric_file.hpp"
 #include "fcfwd_driver.hpp"
 #include "platform/dlg.h"
-#include "platform/socket.h"
-#include "server.hpp"
-#include "service.hpp"
 #include "store.hpp"
 #include "tlv.hpp"
 #include "zfx_service.h"
 #include "zfxd_protocol.h"
+#include "zfxd_under_test.hpp"
 
 namespace {
 
@@ -129,7 +123,7 @@ void expect_entry(const zfx_device_entry &e, const FabricDevice &d) {
     expect_ns_block(e.ns_block, d);
 }
 
-enum class Transport { inproc, socket };
+using zfxtest::Transport;
 
 // zfxd on a fresh store with the generated fabric, reached in process or over its socket.
 class Fabric : public ::testing::TestWithParam<Transport> {
@@ -139,39 +133,9 @@ protected:
         ASSERT_TRUE(zfxd::parse_fabric(fabric_text(), "gen", {{2, {}}}, fabric_, error)) << error;
         ASSERT_EQ(fabric_.devices.size(), kDevices);
         g_fabric = &fabric_;
-        ASSERT_EQ(db_.open(prefix_.config()), "");
-        service_ = std::make_unique<zfxd::Service>(db_, nullptr, &fabric_);
-        if (GetParam() == Transport::inproc) {
-            ep_ = plat_endpoint_open_inproc(handle, this);
-        } else {
-            socket_ = ::testing::TempDir() + "zfxd-fabric-" + std::to_string(getpid()) + ".sock";
-            server_ = std::make_unique<zfxd::Server>(*service_);
-            ASSERT_EQ(server_->listen(socket_, 0600), "");
-            thread_ = std::thread([this] { server_->run(stop_); });
-            ep_ = plat_endpoint_open_socket(socket_.c_str());
-        }
+        zfxd_ = std::make_unique<zfxtest::ZfxdUnderTest>(prefix_.config(), zfxtest::ZfxdUnderTest::Options{GetParam(), &fabric_});
+        ep_ = zfxd_->ep();
         ASSERT_NE(ep_, nullptr);
-    }
-    void TearDown() override {
-        plat_endpoint_close(ep_);
-        if (thread_.joinable()) {
-            stop_ = 1;
-            // A connection wakes the loop, which then sees stop.
-            plat_endpoint_close(plat_endpoint_open_socket(socket_.c_str()));
-            thread_.join();
-        }
-    }
-    static void handle(void *ctx, const plat_call *call, plat_answer *answer) {
-        auto *self = static_cast<Fabric *>(ctx);
-        if (call->op == PLAT_OP_RECV) return;
-        self->last_ = self->service_->dispatch({uint32_t(call->op), call->msg_type, call->opcode, call->sap,
-                                                static_cast<const uint8_t *>(call->payload), call->length},
-                                               zfxd::Peer{});
-        static const uint8_t empty = 0;
-        answer->result = self->last_.result;
-        const bool reply = self->last_.has_reply && (call->op != PLAT_OP_RAW_SEND || call->want_reply != 0);
-        answer->reply = reply ? (self->last_.reply.empty() ? &empty : self->last_.reply.data()) : nullptr;
-        answer->reply_length = reply ? uint32_t(self->last_.reply.size()) : 0;
     }
     // The reply to an asynchronous send with tag, as its payload.
     zfxtest::Bytes received(uint32_t tag) {
@@ -190,13 +154,7 @@ protected:
 
     FabricDesc fabric_;
     zfxtest::Prefix prefix_;
-    zfxd::ZoneDb db_;
-    std::unique_ptr<zfxd::Service> service_;
-    zfxd::Answer last_;
-    std::string socket_;
-    std::unique_ptr<zfxd::Server> server_;
-    std::thread thread_;
-    volatile std::sig_atomic_t stop_ = 0;
+    std::unique_ptr<zfxtest::ZfxdUnderTest> zfxd_;
     plat_endpoint *ep_ = nullptr;
 };
 
