@@ -1,28 +1,18 @@
-// Routing lookups. The forwarding driver is played by this executable: it defines open, ioctl
-// and close, answers them itself for "/dev/fcfwd" and its descriptors (real descriptors of
-// /dev/null, so that a close is a real close), and hands every other path and descriptor to the
-// C library's own functions.
-#undef _FORTIFY_SOURCE
-#include <dlfcn.h>
-#include <fcntl.h>
-#include <sys/ioctl.h>
-#include <unistd.h>
-
+// Routing lookups, against the forwarding driver this executable plays.
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <cstdarg>
 #include <cstddef>
 #include <cstring>
-#include <mutex>
-#include <set>
 #include <thread>
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "fake_service.hpp"
+#include "fcfwd_driver.hpp"
 #include "platform/tcam.h"
 #include "platform/wwnsvc.h"
 #include "zfx_service.h"
@@ -37,106 +27,58 @@ struct Ioctl {
     Bytes arg;
 };
 
-// The simulated driver, shared by the test thread and the threads that race for the first open.
+// How the played driver answers, shared by the test thread and the threads that race for the
+// first open; it keeps every control call.
 struct Driver {
-    std::mutex mu;
-    int opens = 0, last_flags = -1;
+    FcfwdDriver &dev = fcfwd_driver();
     int fail_open = 0, fail_ioctl = 0;    // nonzero: the next open, or every control call, fails so
     std::atomic<int> gate{0}, entered{0};  // opens wait (2 s at most) until gate of them have begun
-    std::set<int> fds, closed;             // descriptors handed out and still open; closed ones
     std::vector<Ioctl> calls;
     uint32_t answer = 0;  // what the driver writes into the block's out field
 
+    Driver() {
+        dev.on_open = [this] {
+            if (fail_open != 0) return std::exchange(fail_open, 0);
+            ++entered;
+            const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+            while (entered < gate && std::chrono::steady_clock::now() < until) std::this_thread::yield();
+            return 0;
+        };
+        dev.on_control = [this](int fd, unsigned long request, uint8_t *arg) {
+            const bool native = request == ZFX_FCFWD_IOC_NATIVE_VSAN;
+            if (!native && request != ZFX_FCFWD_IOC_NEXT_HOP) return ENOTTY;
+            std::lock_guard<std::mutex> g(dev.mu);
+            calls.push_back({fd, request, bytes_of(arg, native ? 20 : 36)});
+            if (fail_ioctl != 0) return fail_ioctl;
+            std::memcpy(arg + (native ? offsetof(zfx_fcfwd_native_vsan_arg, native_vsan)
+                                      : offsetof(zfx_fcfwd_next_hop_arg, next_hop)),
+                        &answer, 4);
+            return 0;
+        };
+    }
     Ioctl last() {
-        std::lock_guard<std::mutex> g(mu);
+        std::lock_guard<std::mutex> g(dev.mu);
         return calls.back();
     }
     size_t ncalls() {
-        std::lock_guard<std::mutex> g(mu);
+        std::lock_guard<std::mutex> g(dev.mu);
         return calls.size();
     }
 } g_drv;
 
-template <typename F>
-F libc(const char *name) {
-    return reinterpret_cast<F>(dlsym(RTLD_NEXT, name));
-}
-
-using OpenFn = int (*)(const char *, int, ...);
-
-int driver_open(const char *path, int flags, mode_t mode, const char *name) {
-    if (std::strcmp(path, ZFX_FCFWD_PATH) != 0) return libc<OpenFn>(name)(path, flags, mode);
-    {
-        std::lock_guard<std::mutex> g(g_drv.mu);
-        ++g_drv.opens;
-        g_drv.last_flags = flags;
-        if (g_drv.fail_open != 0) return errno = std::exchange(g_drv.fail_open, 0), -1;
-    }
-    ++g_drv.entered;
-    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(2);
-    while (g_drv.entered < g_drv.gate && std::chrono::steady_clock::now() < until) std::this_thread::yield();
-    const int fd = libc<OpenFn>("open")("/dev/null", O_RDONLY);
-    std::lock_guard<std::mutex> g(g_drv.mu);
-    g_drv.fds.insert(fd);
-    return fd;
-}
-
-}  // namespace
-
-// Visible to the library, which calls them (the build hides what it does not mark). open64 is
-// what a build with 64-bit file offsets would call.
-#define DRIVER_API extern "C" __attribute__((visibility("default")))
-#define DRIVER_OPEN(name)                                                          \
-    DRIVER_API int name(const char *path, int flags, ...) {                        \
-        va_list ap;                                                                \
-        va_start(ap, flags);                                                       \
-        const mode_t mode = flags & (O_CREAT | O_TMPFILE) ? va_arg(ap, mode_t) : 0; \
-        va_end(ap);                                                                \
-        return driver_open(path, flags, mode, #name);                              \
-    }
-DRIVER_OPEN(open)
-DRIVER_OPEN(open64)
-
-DRIVER_API int ioctl(int fd, unsigned long request, ...) __THROW {
-    va_list ap;
-    va_start(ap, request);
-    auto *arg = va_arg(ap, uint8_t *);
-    va_end(ap);
-    std::unique_lock<std::mutex> g(g_drv.mu);
-    if (g_drv.fds.count(fd) == 0) {
-        g.unlock();
-        return libc<int (*)(int, unsigned long, ...)>("ioctl")(fd, request, arg);
-    }
-    const bool native = request == ZFX_FCFWD_IOC_NATIVE_VSAN;
-    if (!native && request != ZFX_FCFWD_IOC_NEXT_HOP) return errno = ENOTTY, -1;
-    g_drv.calls.push_back({fd, request, bytes_of(arg, native ? 20 : 36)});
-    if (g_drv.fail_ioctl != 0) return errno = g_drv.fail_ioctl, -1;
-    std::memcpy(arg + (native ? offsetof(zfx_fcfwd_native_vsan_arg, native_vsan)
-                              : offsetof(zfx_fcfwd_next_hop_arg, next_hop)),
-                &g_drv.answer, 4);
-    return 0;
-}
-
-DRIVER_API int close(int fd) {
-    {
-        std::lock_guard<std::mutex> g(g_drv.mu);
-        if (g_drv.fds.erase(fd) != 0) g_drv.closed.insert(fd);
-    }
-    return libc<int (*)(int)>("close")(fd);
-}
-
-namespace {
-
 // Runs first: the device is opened on first use, a failed open is tried again, and two threads
 // whose first calls race keep one descriptor.
 TEST(ForwardingDevice, OpenedOnceFirstFailureRetriedRaceKeepsOne) {
-    if (g_drv.opens != 0) GTEST_SKIP() << "the device was opened by an earlier test";
+    if (g_drv.dev.opens != 0) GTEST_SKIP() << "the device was opened by an earlier test";
     g_drv.fail_open = ENOENT;
     uint32_t native = 0;
     EXPECT_EQ(zfx_ioc_get_native_vsan(10, 1, 2, 3, &native), ZFX_ERR_ERRNO(ENOENT));
     EXPECT_EQ(native, 10u);
     EXPECT_EQ(g_drv.ncalls(), 0u);
 
+    // Descriptor 0 is a descriptor like any other (a daemon's standard input is often closed):
+    // the first of the racing opens gets it.
+    close(0);
     g_drv.gate = 2;
     g_drv.answer = 77;
     uint32_t out[2] = {};
@@ -147,17 +89,17 @@ TEST(ForwardingDevice, OpenedOnceFirstFailureRetriedRaceKeepsOne) {
     g_drv.gate = 0;
     EXPECT_EQ(out[0], 77u);
     EXPECT_EQ(out[1], 77u);
-    EXPECT_EQ(g_drv.opens, 3);
-    EXPECT_EQ(g_drv.last_flags, O_RDONLY);
-    ASSERT_EQ(g_drv.fds.size(), 1u) << "one descriptor kept";
-    EXPECT_EQ(g_drv.closed.size(), 1u) << "the other closed";
-    const int kept = *g_drv.fds.begin();
+    EXPECT_EQ(g_drv.dev.opens, 3);
+    EXPECT_EQ(g_drv.dev.last_flags, O_RDONLY);
+    ASSERT_EQ(g_drv.dev.fds.size(), 1u) << "one descriptor kept";
+    EXPECT_EQ(g_drv.dev.closed.size(), 1u) << "the other closed";
+    const int kept = *g_drv.dev.fds.begin();
     ASSERT_EQ(g_drv.ncalls(), 2u);
     EXPECT_EQ(g_drv.calls[0].fd, kept);
     EXPECT_EQ(g_drv.calls[1].fd, kept);
 
     zfx_ioc_get_native_vsan(1, 0, 0, 0, &out[0]);
-    EXPECT_EQ(g_drv.opens, 3) << "never opened again";
+    EXPECT_EQ(g_drv.dev.opens, 3) << "never opened again";
 }
 
 TEST(ForwardingDevice, ControlBlocksAndResults) {

@@ -9,7 +9,6 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
-#include <memory>
 
 #include "fabric.hpp"
 #include "platform/dlg.h"
@@ -19,50 +18,13 @@
 #include "zfx_zone_db.h"
 #include "zfx_zone_msg.h"
 #include "zfxd_protocol.h"
+#include "zfxd_under_test.hpp"
 
 namespace {
 
 using zfxtest::Bytes;
 
-// zfxd on a store, reached through an in-process endpoint.
-class Zfxd {
-public:
-    explicit Zfxd(std::string location) : location_(std::move(location)) { start(); }
-    ~Zfxd() { plat_endpoint_close(ep_); }
-    plat_endpoint *ep() const { return ep_; }
-    zfxd::ZoneDb &db() { return *db_; }
-    const std::string &location() const { return location_; }
-    void restart() {
-        plat_endpoint_close(ep_);
-        service_.reset();
-        db_.reset();
-        start();
-    }
-
-private:
-    void start() {
-        db_ = std::make_unique<zfxd::ZoneDb>();
-        ASSERT_EQ(db_->open(location_), "");
-        service_ = std::make_unique<zfxd::Service>(*db_, nullptr);
-        ep_ = plat_endpoint_open_inproc(handle, this);
-    }
-    static void handle(void *ctx, const plat_call *call, plat_answer *answer) {
-        auto *self = static_cast<Zfxd *>(ctx);
-        if (call->op == PLAT_OP_RECV) return;
-        self->last_ = self->service_->handle(call->msg_type, call->opcode, static_cast<const uint8_t *>(call->payload),
-                                             call->length, zfxd::Peer{});
-        answer->result = self->last_.result;
-        static const uint8_t empty = 0;
-        answer->reply = self->last_.has_reply ? (self->last_.reply.empty() ? &empty : self->last_.reply.data()) : nullptr;
-        answer->reply_length = uint32_t(self->last_.reply.size());
-    }
-
-    std::string location_;
-    std::unique_ptr<zfxd::ZoneDb> db_;
-    std::unique_ptr<zfxd::Service> service_;
-    zfxd::Answer last_;
-    plat_endpoint *ep_ = nullptr;
-};
+using Zfxd = zfxtest::ZfxdUnderTest;
 
 std::vector<zfxtest::Record> records(const std::string &location, bool zone_db_only) {
     zfxtest::Reader r(location);
@@ -94,6 +56,12 @@ std::vector<zfxtest::Record> written_by_the_tools(zfxd::ZoneDb &db) {
 const uint8_t kWwn1[8] = {0x21, 0, 0, 0x24, 0xff, 0x01, 0x02, 0x03};
 const uint8_t kWwn2[8] = {0x50, 0x06, 0x01, 0x60, 0x3b, 0x20, 0x11, 0x4a};
 const uint8_t kLun[8] = {0, 0x01, 0, 0, 0, 0, 0, 0};
+
+// A member request by zone name, without an AFID or options.
+uint32_t member(plat_endpoint *ep, uint32_t op, const char *zone, uint32_t type, const void *value, uint32_t vsan,
+                const uint8_t *lun = nullptr, uint32_t id = 0) {
+    return zfx_dlg_config_zone_member(ep, op, zone, id, 0, type, value, lun, vsan, 0, nullptr, 0);
+}
 
 // Every query the library has, answered into one text: equal texts, equal answers.
 std::string everything(plat_endpoint *ep) {
@@ -195,9 +163,9 @@ TEST(Zfxd, EveryRequestBuildsTheDatabaseTheToolsWouldWriteAndARestartKeepsIt) {
     same_as_tools("zones");
 
     // Members of all four kinds, by zone name; one by hand with its ids.
-    ASSERT_EQ(zfx_dlg_config_zone_member(ep, ZFXD_OP_CREATE, "web", 0, 0, ZFX_MEMBER_PWWN, kWwn1, nullptr, 10, 0, nullptr, 0), 0u);
+    ASSERT_EQ(member(ep, ZFXD_OP_CREATE, "web", ZFX_MEMBER_PWWN, kWwn1, 10), 0u);
     ASSERT_EQ(zfx_dlg_config_zone_member(ep, ZFXD_OP_ADD, "web", 0, 0, ZFX_MEMBER_DEVICE_ALIAS, "host-a", nullptr, 10, 5, nullptr, 0), 0u);
-    ASSERT_EQ(zfx_dlg_config_zone_member(ep, ZFXD_OP_CREATE, "db", 0, 0, ZFX_MEMBER_PWWN_LUN, kWwn2, kLun, 20, 0, nullptr, 0), 0u);
+    ASSERT_EQ(member(ep, ZFXD_OP_CREATE, "db", ZFX_MEMBER_PWWN_LUN, kWwn2, 20, kLun), 0u);
     ASSERT_EQ(zfx_dlg_config_zone_member(ep, ZFXD_OP_CREATE, nullptr, 0, 2, ZFX_MEMBER_DEVICE_ALIAS_LUN, "array-b", kLun, 20, 7, nullptr, 0), 0u);
     zfx_zone_member_msg *mm = zfx_dlg_malloc_one_zone_member_and_all_attribs();
     mm->parent_id = 3;
@@ -210,10 +178,10 @@ TEST(Zfxd, EveryRequestBuildsTheDatabaseTheToolsWouldWriteAndARestartKeepsIt) {
     ASSERT_EQ(zfx_dlg_config_zone_member_tlv(ep, ZFXD_OP_CREATE, mm, nullptr, 0), 0u);
     std::free(mm);
     // A member added and removed again: by its value, then one by its id.
-    ASSERT_EQ(zfx_dlg_config_zone_member(ep, ZFXD_OP_CREATE, "web", 0, 0, ZFX_MEMBER_PWWN, kWwn2, nullptr, 11, 0, nullptr, 0), 0u);
-    ASSERT_EQ(zfx_dlg_config_zone_member(ep, ZFXD_OP_REMOVE, "web", 0, 0, ZFX_MEMBER_PWWN, kWwn2, nullptr, 11, 0, nullptr, 0), 0u);
-    ASSERT_EQ(zfx_dlg_config_zone_member(ep, ZFXD_OP_CREATE, "db", 0, 0, ZFX_MEMBER_DEVICE_ALIAS, "gone", nullptr, 1, 0, nullptr, 0), 0u);
-    ASSERT_EQ(zfx_dlg_config_zone_member(ep, ZFXD_OP_DELETE, "db", 3, 0, ZFX_MEMBER_PWWN, nullptr, nullptr, 0, 0, nullptr, 0), 0u);
+    ASSERT_EQ(member(ep, ZFXD_OP_CREATE, "web", ZFX_MEMBER_PWWN, kWwn2, 11), 0u);
+    ASSERT_EQ(member(ep, ZFXD_OP_REMOVE, "web", ZFX_MEMBER_PWWN, kWwn2, 11), 0u);
+    ASSERT_EQ(member(ep, ZFXD_OP_CREATE, "db", ZFX_MEMBER_DEVICE_ALIAS, "gone", 1), 0u);
+    ASSERT_EQ(member(ep, ZFXD_OP_DELETE, "db", ZFX_MEMBER_PWWN, nullptr, 0, nullptr, 3), 0u);
     same_as_tools("members");
 
     // Attributes and a rename.
@@ -281,7 +249,7 @@ TEST(Zfxd, RefusedRequestsAnswerTheirStatusAndChangeNothing) {
     Zfxd d(prefix.config());
     plat_endpoint *ep = d.ep();
     ASSERT_EQ(zfx_dlg_config_zone(ep, ZFXD_OP_CREATE, "web", nullptr, nullptr, 0), 0u);
-    ASSERT_EQ(zfx_dlg_config_zone_member(ep, ZFXD_OP_CREATE, "web", 0, 0, ZFX_MEMBER_PWWN, kWwn1, nullptr, 10, 0, nullptr, 0), 0u);
+    ASSERT_EQ(member(ep, ZFXD_OP_CREATE, "web", ZFX_MEMBER_PWWN, kWwn1, 10), 0u);
     ASSERT_EQ(zfx_dlg_config_zoneset(ep, ZFXD_OP_CREATE, "prod", nullptr, "web", nullptr, 0), 0u);
     const auto before = records(d.location(), false);
     const std::string long_name(68, 'x');
@@ -302,26 +270,15 @@ TEST(Zfxd, RefusedRequestsAnswerTheirStatusAndChangeNothing) {
         {"QoS above high", [&] { return zfx_dlg_config_zone_attrib(ep, ZFXD_OP_MODIFY, "web", nullptr, 0, 4, ZFX_ATTR_NONE, nullptr, 0); },
          ZFXD_ERR_INVALID},
         {"no such zone", [&] { return zfx_dlg_config_zone(ep, ZFXD_OP_DELETE, "nope", nullptr, nullptr, 0); }, ZFXD_ERR_NOT_FOUND},
-        {"member of no zone",
-         [&] { return zfx_dlg_config_zone_member(ep, ZFXD_OP_CREATE, "nope", 0, 0, ZFX_MEMBER_PWWN, kWwn2, nullptr, 1, 0, nullptr, 0); },
-         ZFXD_ERR_NOT_FOUND},
-        {"member twice",
-         [&] { return zfx_dlg_config_zone_member(ep, ZFXD_OP_CREATE, "web", 0, 0, ZFX_MEMBER_PWWN, kWwn1, nullptr, 10, 0, nullptr, 0); },
-         ZFXD_ERR_EXISTS},
-        {"member without a VSAN",
-         [&] { return zfx_dlg_config_zone_member(ep, ZFXD_OP_CREATE, "web", 0, 0, ZFX_MEMBER_PWWN, kWwn2, nullptr, 0, 0, nullptr, 0); },
+        {"member of no zone", [&] { return member(ep, ZFXD_OP_CREATE, "nope", ZFX_MEMBER_PWWN, kWwn2, 1); }, ZFXD_ERR_NOT_FOUND},
+        {"member twice", [&] { return member(ep, ZFXD_OP_CREATE, "web", ZFX_MEMBER_PWWN, kWwn1, 10); }, ZFXD_ERR_EXISTS},
+        {"member without a VSAN", [&] { return member(ep, ZFXD_OP_CREATE, "web", ZFX_MEMBER_PWWN, kWwn2, 0); }, ZFX_ERR_CREATE_INCOMPLETE},
+        {"VSAN above 4095", [&] { return member(ep, ZFXD_OP_CREATE, "web", ZFX_MEMBER_PWWN, kWwn2, 4096); }, ZFXD_ERR_INVALID},
+        {"LUN member without a LUN", [&] { return member(ep, ZFXD_OP_CREATE, "web", ZFX_MEMBER_PWWN_LUN, kWwn2, 1); },
          ZFX_ERR_CREATE_INCOMPLETE},
-        {"VSAN above 4095",
-         [&] { return zfx_dlg_config_zone_member(ep, ZFXD_OP_CREATE, "web", 0, 0, ZFX_MEMBER_PWWN, kWwn2, nullptr, 4096, 0, nullptr, 0); },
+        {"member id above 2047", [&] { return member(ep, ZFXD_OP_CREATE, "web", ZFX_MEMBER_PWWN, kWwn2, 1, nullptr, 2048); },
          ZFXD_ERR_INVALID},
-        {"LUN member without a LUN",
-         [&] { return zfx_dlg_config_zone_member(ep, ZFXD_OP_CREATE, "web", 0, 0, ZFX_MEMBER_PWWN_LUN, kWwn2, nullptr, 1, 0, nullptr, 0); },
-         ZFX_ERR_CREATE_INCOMPLETE},
-        {"member id above 2047",
-         [&] { return zfx_dlg_config_zone_member(ep, ZFXD_OP_CREATE, "web", 2048, 0, ZFX_MEMBER_PWWN, kWwn2, nullptr, 1, 0, nullptr, 0); },
-         ZFXD_ERR_INVALID},
-        {"remove a member that is not there",
-         [&] { return zfx_dlg_config_zone_member(ep, ZFXD_OP_REMOVE, "web", 0, 0, ZFX_MEMBER_PWWN, kWwn2, nullptr, 10, 0, nullptr, 0); },
+        {"remove a member that is not there", [&] { return member(ep, ZFXD_OP_REMOVE, "web", ZFX_MEMBER_PWWN, kWwn2, 10); },
          ZFXD_ERR_NOT_FOUND},
         {"zoneset exists", [&] { return zfx_dlg_config_zoneset(ep, ZFXD_OP_CREATE, "prod", nullptr, nullptr, nullptr, 0); }, ZFXD_ERR_EXISTS},
         {"zoneset of an unknown zone", [&] { return zfx_dlg_config_zoneset(ep, ZFXD_OP_CREATE, "lab", nullptr, "nope", nullptr, 0); },

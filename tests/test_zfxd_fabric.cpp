@@ -3,72 +3,35 @@
 // answer held against the fabric description it came from. The forwarding driver the NAT lookup
 // asks first is played here (open and ioctl), answering the fabric's next hops.
 #include <arpa/inet.h>
-#include <dlfcn.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
-#include <cstdarg>
 #include <cstring>
 #include <memory>
 #include <random>
-#include <thread>
 
 #include "fabric_file.hpp"
+#include "fcfwd_driver.hpp"
 #include "platform/dlg.h"
-#include "platform/socket.h"
-#include "server.hpp"
-#include "service.hpp"
 #include "store.hpp"
 #include "tlv.hpp"
 #include "zfx_service.h"
 #include "zfxd_protocol.h"
+#include "zfxd_under_test.hpp"
 
 namespace {
 
-const zfxd::FabricDesc *g_fabric = nullptr;  // what the played driver answers from
-int g_driver_fd = -1;
-
-template <typename F>
-F libc(const char *name) {
-    return reinterpret_cast<F>(dlsym(RTLD_NEXT, name));
-}
-
-int driver_open(const char *path, int flags, mode_t mode, const char *name) {
-    if (std::strcmp(path, ZFX_FCFWD_PATH) != 0) return libc<int (*)(const char *, int, ...)>(name)(path, flags, mode);
-    return g_driver_fd = libc<int (*)(const char *, int, ...)>("open")("/dev/null", O_RDONLY);
-}
-
-}  // namespace
-
-#define DRIVER_API extern "C" __attribute__((visibility("default")))
-#define DRIVER_OPEN(name)                                                          \
-    DRIVER_API int name(const char *path, int flags, ...) {                        \
-        va_list ap;                                                                \
-        va_start(ap, flags);                                                       \
-        const mode_t mode = flags & (O_CREAT | O_TMPFILE) ? va_arg(ap, mode_t) : 0; \
-        va_end(ap);                                                                \
-        return driver_open(path, flags, mode, #name);                              \
-    }
-DRIVER_OPEN(open)
-DRIVER_OPEN(open64)
-
-// The driver's next hop is the fabric's, and the flow's own VSAN where the fabric has none.
-DRIVER_API int ioctl(int fd, unsigned long request, ...) __THROW {
-    va_list ap;
-    va_start(ap, request);
-    auto *arg = va_arg(ap, zfx_fcfwd_next_hop_arg *);
-    va_end(ap);
-    if (fd != g_driver_fd || g_driver_fd < 0) return libc<int (*)(int, unsigned long, ...)>("ioctl")(fd, request, arg);
-    if (request != ZFX_FCFWD_IOC_NEXT_HOP) return errno = ENOTTY, -1;
-    const auto it = g_fabric->next_hops.find({arg->vsan, uint8_t(ntohl(arg->did) >> 16)});
-    arg->next_hop = it != g_fabric->next_hops.end() ? it->second : arg->vsan;
-    return 0;
-}
-
-namespace {
+// The played driver's next hop is the fabric's, and the flow's own VSAN where the fabric has none.
+const zfxd::FabricDesc *g_fabric = nullptr;
+const bool g_driver_set = [] {
+    zfxtest::fcfwd_driver().on_control = [](int, unsigned long request, uint8_t *block) {
+        if (request != ZFX_FCFWD_IOC_NEXT_HOP) return ENOTTY;
+        auto *arg = reinterpret_cast<zfx_fcfwd_next_hop_arg *>(block);
+        const auto it = g_fabric->next_hops.find({arg->vsan, uint8_t(ntohl(arg->did) >> 16)});
+        arg->next_hop = it != g_fabric->next_hops.end() ? it->second : arg->vsan;
+        return 0;
+    };
+    return true;
+}();
 
 using zfxd::FabricDesc;
 using zfxd::FabricDevice;
@@ -160,7 +123,7 @@ void expect_entry(const zfx_device_entry &e, const FabricDevice &d) {
     expect_ns_block(e.ns_block, d);
 }
 
-enum class Transport { inproc, socket };
+using zfxtest::Transport;
 
 // zfxd on a fresh store with the generated fabric, reached in process or over its socket.
 class Fabric : public ::testing::TestWithParam<Transport> {
@@ -170,39 +133,9 @@ protected:
         ASSERT_TRUE(zfxd::parse_fabric(fabric_text(), "gen", {{2, {}}}, fabric_, error)) << error;
         ASSERT_EQ(fabric_.devices.size(), kDevices);
         g_fabric = &fabric_;
-        ASSERT_EQ(db_.open(prefix_.config()), "");
-        service_ = std::make_unique<zfxd::Service>(db_, nullptr, &fabric_);
-        if (GetParam() == Transport::inproc) {
-            ep_ = plat_endpoint_open_inproc(handle, this);
-        } else {
-            socket_ = ::testing::TempDir() + "zfxd-fabric-" + std::to_string(getpid()) + ".sock";
-            server_ = std::make_unique<zfxd::Server>(*service_);
-            ASSERT_EQ(server_->listen(socket_, 0600), "");
-            thread_ = std::thread([this] { server_->run(stop_); });
-            ep_ = plat_endpoint_open_socket(socket_.c_str());
-        }
+        zfxd_ = std::make_unique<zfxtest::ZfxdUnderTest>(prefix_.config(), zfxtest::ZfxdUnderTest::Options{GetParam(), &fabric_});
+        ep_ = zfxd_->ep();
         ASSERT_NE(ep_, nullptr);
-    }
-    void TearDown() override {
-        plat_endpoint_close(ep_);
-        if (thread_.joinable()) {
-            stop_ = 1;
-            // A connection wakes the loop, which then sees stop.
-            plat_endpoint_close(plat_endpoint_open_socket(socket_.c_str()));
-            thread_.join();
-        }
-    }
-    static void handle(void *ctx, const plat_call *call, plat_answer *answer) {
-        auto *self = static_cast<Fabric *>(ctx);
-        if (call->op == PLAT_OP_RECV) return;
-        self->last_ = self->service_->dispatch({uint32_t(call->op), call->msg_type, call->opcode, call->sap,
-                                                static_cast<const uint8_t *>(call->payload), call->length},
-                                               zfxd::Peer{});
-        static const uint8_t empty = 0;
-        answer->result = self->last_.result;
-        const bool reply = self->last_.has_reply && (call->op != PLAT_OP_RAW_SEND || call->want_reply != 0);
-        answer->reply = reply ? (self->last_.reply.empty() ? &empty : self->last_.reply.data()) : nullptr;
-        answer->reply_length = reply ? uint32_t(self->last_.reply.size()) : 0;
     }
     // The reply to an asynchronous send with tag, as its payload.
     zfxtest::Bytes received(uint32_t tag) {
@@ -221,13 +154,7 @@ protected:
 
     FabricDesc fabric_;
     zfxtest::Prefix prefix_;
-    zfxd::ZoneDb db_;
-    std::unique_ptr<zfxd::Service> service_;
-    zfxd::Answer last_;
-    std::string socket_;
-    std::unique_ptr<zfxd::Server> server_;
-    std::thread thread_;
-    volatile std::sig_atomic_t stop_ = 0;
+    std::unique_ptr<zfxtest::ZfxdUnderTest> zfxd_;
     plat_endpoint *ep_ = nullptr;
 };
 
@@ -338,18 +265,6 @@ TEST_P(Fabric, PerVsanValuesAndTlvReplies) {
         ASSERT_EQ(zfx2_device_ns_entry_parse_checked(c.reply.data(), uint32_t(c.reply.size()), &ns, &ns_count), 0);
         ASSERT_EQ(size_t(count), c.devices.size());
         ASSERT_EQ(ns_count, count);
-        // The forms without a length read the same reply alike.
-        zfx_device_entry *unchecked = nullptr;
-        zfx_device_ns_entry *unchecked_ns = nullptr;
-        int32_t n1 = -1, n2 = -1;
-        ASSERT_EQ(zfx2_device_entry_parse(c.reply.data(), &unchecked, &n1), 0);
-        ASSERT_EQ(zfx2_device_ns_entry_parse(c.reply.data(), &unchecked_ns, &n2), 0);
-        EXPECT_EQ(std::memcmp(unchecked, entries, size_t(count) * sizeof *entries), 0);
-        EXPECT_EQ(n1, count);
-        EXPECT_EQ(n2, count);
-        for (int32_t i = 0; i < n2; ++i) std::free(unchecked_ns[i].pairs);
-        std::free(unchecked);
-        std::free(unchecked_ns);
         for (int32_t i = 0; i < count; ++i) {
             expect_entry(entries[i], *c.devices[i]);
             EXPECT_EQ(pairs_of(ns[i]), pairs_of(*c.devices[i]));
@@ -436,10 +351,8 @@ TEST_P(Fabric, RawQueriesFramesAndNameServer) {
     }
 }
 
-// Next hops from the service; NAT rewrites after the driver's next hop; the load-balancing hash
-// over flows of the fabric (devices that share a VSAN) stays within its path count, 0 paths
-// included.
-TEST_P(Fabric, RoutingAndTheHashOverTheFabricsFlows) {
+// Next hops from the service; NAT rewrites after the driver's next hop.
+TEST_P(Fabric, NextHopsAndNatRewrites) {
     for (uint32_t vsan : kVsans)
         for (uint32_t domain : {1u, 2u, 3u, 4u}) {
             const uint32_t did = htonl(domain << 16 | 0x0102);
@@ -460,18 +373,6 @@ TEST_P(Fabric, RoutingAndTheHashOverTheFabricsFlows) {
         EXPECT_EQ(vsan, key[0]);
         EXPECT_EQ(ntohl(sid), key[2] + 1);
     }
-    for (auto a = fabric_.devices.begin(); a != std::next(fabric_.devices.begin(), 40); ++a)
-        for (const auto &[b, dst] : fabric_.devices) {
-            const FabricDevice &src = a->second;
-            vsan_bitset common = src.vsans.bits;
-            vsan_bitset_intersection(&common, &dst.vsans.bits);
-            for (int32_t v = vsan_bitset_first_bit(&common); v >= 0; v = vsan_bitset_next_bit(&common, v))
-                for (const uint8_t paths : {0, 1, 2, 3, 5, 8, 255}) {
-                    uint8_t path = 0xFF;
-                    ASSERT_EQ(zfx2_software_load_balancing_vsan_sid_did_hash(uint32_t(v), htonl(src.fcid), htonl(dst.fcid), 0, 0, 0, paths, &path), 0);
-                    ASSERT_LT(path, std::max<uint8_t>(paths, 1)) << paths << " paths";
-                }
-        }
 }
 
 INSTANTIATE_TEST_SUITE_P(Transports, Fabric, ::testing::Values(Transport::inproc, Transport::socket),

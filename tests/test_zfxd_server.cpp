@@ -17,35 +17,24 @@
 #include "bytes.hpp"
 #include "platform/frame.h"
 #include "platform/socket.h"
-#include "server.hpp"
 #include "store.hpp"
 #include "zfx_service.h"
+#include "zfxd_under_test.hpp"
 
 namespace {
 
 using zfxtest::Bytes;
 
-// zfxd on an in-memory store, serving a socket in a temporary directory from a thread, logging
-// to a file the test reads.
+// zfxd on an in-memory store, serving a socket from a thread, logging to a file the test reads.
 class Running {
 public:
-    explicit Running(zfxd::Limits limits) : server_(service_, limits) {
-        char tmpl[] = "/tmp/zfxd-test-XXXXXX";
-        dir_ = mkdtemp(tmpl);
-        socket_ = dir_ + "/zfxd.sock";
-        EXPECT_EQ(db_.open(prefix_.config()), "");
-        EXPECT_EQ(server_.listen(socket_, 0600), "");
-        thread_ = std::thread([this] { server_.run(stop_); });
-    }
+    explicit Running(zfxd::Limits limits) : zfxd_(std::make_unique<zfxtest::ZfxdUnderTest>(prefix_.config(), zfxtest::ZfxdUnderTest::Options{zfxtest::Transport::socket, nullptr, limits, log_})) {}
     ~Running() {
-        stop_ = 1;
-        plat_endpoint_close(plat_endpoint_open_socket(socket_.c_str()));  // wakes the loop
-        thread_.join();
+        zfxd_.reset();  // stopped before its log closes
         std::fclose(log_);
         std::filesystem::remove(log_path_);
-        std::filesystem::remove_all(dir_);
     }
-    const std::string &socket() const { return socket_; }
+    const std::string &socket() const { return zfxd_->socket(); }
     std::string log() const {
         std::ifstream in(log_path_);
         return std::string(std::istreambuf_iterator<char>(in), {});
@@ -55,7 +44,7 @@ public:
         const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
         sockaddr_un a{};
         a.sun_family = AF_UNIX;
-        std::strcpy(a.sun_path, socket_.c_str());
+        std::strcpy(a.sun_path, socket().c_str());
         EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a), 0);
         timeval tv{3, 0};  // no test waits longer for the service to hang up
         setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
@@ -64,14 +53,9 @@ public:
 
 private:
     zfxtest::Prefix prefix_;
-    std::string dir_, socket_;
     std::string log_path_ = std::filesystem::temp_directory_path() / ("zfxd-log-" + std::to_string(getpid()));
     std::FILE *log_ = std::fopen(log_path_.c_str(), "w");
-    zfxd::ZoneDb db_;
-    zfxd::Service service_{db_, log_};
-    zfxd::Server server_;
-    volatile std::sig_atomic_t stop_ = 0;
-    std::thread thread_;
+    std::unique_ptr<zfxtest::ZfxdUnderTest> zfxd_;
 };
 
 // True when the service hangs up on fd: everything it still sends is read, then the end.

@@ -13,16 +13,14 @@ import os
 import shutil
 import signal
 import stat
-import subprocess
-import sys
-import time
+
+import e2e
 
 ap = argparse.ArgumentParser()
 for name in ("bin-zfxd", "bin-zfx", "bin-gen", "bin-store", "golden", "work"):
     ap.add_argument("--" + name, required=True)
 ap.add_argument("--emulator", default="")
 args = ap.parse_args()
-emu = args.emulator.split() if args.emulator else []
 work = args.work
 shutil.rmtree(work, ignore_errors=True)
 os.makedirs(work)
@@ -30,43 +28,12 @@ store, sock = os.path.join(work, "store"), os.path.join(work, "zfxd.sock")
 env = dict(os.environ, ZFXD_SOCKET=sock)
 
 
-running = []  # zfxd processes to end whatever happens
-
-
-def fail(what):
-    for p in running:
-        p.kill()
-    sys.exit("zfxd end to end: " + what)
-
-
-def run(prog, *argv, rc=0):
-    p = subprocess.run(emu + [prog, *argv], capture_output=True, text=True, env=env, timeout=120)
-    if p.returncode != rc:
-        fail(f"{os.path.basename(prog)} {' '.join(argv)}: exit {p.returncode}, expected {rc}\n"
-             f"stdout: {p.stdout}\nstderr: {p.stderr}")
-    return p
+h = e2e.Harness("zfxd end to end", args.emulator, env)
+fail, run, stop = h.fail, h.run, h.stop
 
 
 def start(store_dir=store, socket=sock):
-    log = open(os.path.join(work, "zfxd.log"), "a")
-    p = subprocess.Popen(emu + [args.bin_zfxd, "--store", store_dir, "--socket", socket], stdout=log, stderr=log, env=env)
-    running.append(p)
-    for _ in range(600):
-        if os.path.exists(socket) and subprocess.run(emu + [args.bin_zfx, "--socket", socket, "status"], capture_output=True,
-                                                     env=env, timeout=120).returncode == 0:
-            return p
-        if p.poll() is not None:
-            fail(f"zfxd exited with {p.returncode} at start; log:\n" + open(log.name).read())
-        time.sleep(0.05)
-    fail("zfxd did not start listening")
-
-
-def stop(p, sig=signal.SIGTERM):
-    p.send_signal(sig)
-    rc = p.wait(timeout=60)
-    running.remove(p)
-    if sig == signal.SIGTERM and rc != 0:
-        fail(f"zfxd stopped with exit {rc}")
+    return h.start_zfxd(args.bin_zfxd, store_dir, socket, os.path.join(work, "zfxd.log"))
 
 
 def golden(name):

@@ -10,37 +10,22 @@ import argparse
 import os
 import random
 import shutil
-import subprocess
-import sys
-import time
+
+import e2e
 
 ap = argparse.ArgumentParser()
 for name in ("bin-zfxd", "bin-zfx", "bin-store", "work"):
     ap.add_argument("--" + name, required=True)
 ap.add_argument("--emulator", default="")
 args = ap.parse_args()
-emu = args.emulator.split() if args.emulator else []
 work = args.work
 shutil.rmtree(work, ignore_errors=True)
 os.makedirs(work)
 store, sock = os.path.join(work, "store"), os.path.join(work, "zfxd.sock")
 env = dict(os.environ, ZFXD_SOCKET=sock)
-running = []
 BATCH = 64  # ZFXD_DEVICE_BATCH
-
-
-def fail(what):
-    for p in running:
-        p.kill()
-    sys.exit("zfxd fabric end to end: " + what)
-
-
-def run(prog, *argv, rc=0):
-    p = subprocess.run(emu + [prog, *argv], capture_output=True, text=True, env=env, timeout=120)
-    if p.returncode != rc:
-        fail(f"{os.path.basename(prog)} {' '.join(argv)}: exit {p.returncode}, expected {rc}\n"
-             f"stdout: {p.stdout}\nstderr: {p.stderr}")
-    return p
+h = e2e.Harness("zfxd fabric end to end", args.emulator, env)
+fail, run = h.fail, h.run
 
 
 # ---- the fabric: the file and the model it describes -------------------------------------------
@@ -136,15 +121,7 @@ with open(config, "w") as f:
     f.write("autonomous-fabric-id database\n  switch-wwn 20:00:00:aa:00:00:ff:01 autonomous-fabric-id 5 vsan-ranges %s\n" % AFID5_VSANS)
 run(args.bin_store, "load", config, store)
 
-log = open(os.path.join(work, "zfxd.log"), "a")
-zfxd = subprocess.Popen(emu + [args.bin_zfxd, "--store", store, "--socket", sock, "--fabric", fabric_file], stdout=log, stderr=log)
-running.append(zfxd)
-for _ in range(600):
-    if os.path.exists(sock) and subprocess.run(emu + [args.bin_zfx, "status"], capture_output=True, env=env).returncode == 0:
-        break
-    if zfxd.poll() is not None:
-        fail("zfxd exited at start; log:\n" + open(log.name).read())
-    time.sleep(0.05)
+zfxd = h.start_zfxd(args.bin_zfxd, store, sock, os.path.join(work, "zfxd.log"), "--fabric", fabric_file)
 
 
 def check(argv, want, rc=0):
@@ -186,9 +163,7 @@ for d in walk[::37] + walk[-1:]:
                                           [d["pwwn"], "0x%06x" % d["fcid"], d["node"], "3", "1", d["name"] or "-"]]))
     outside = next(v for v in VSANS if v not in d["vsans"])
     check(["ns", "get", d["pwwn"], "--vsan", str(outside)], "DIR_ERR_NOT_FOUND", rc=1)
-zfxd.terminate()
-zfxd.wait(timeout=60)
-running.remove(zfxd)
+h.stop(zfxd)
 
 # ---- malformed fabric files: each refused at start with its line -------------------------------
 

@@ -21,11 +21,11 @@ import os
 import random
 import shutil
 import signal
-import socket
 import subprocess
-import sys
 import tempfile
 import time
+
+import e2e
 
 ap = argparse.ArgumentParser()
 ap.add_argument("--part", choices=("load", "crash", "reads"), required=True)
@@ -37,7 +37,6 @@ ap.add_argument("--kills", type=int, default=20)
 ap.add_argument("--seed", type=int, default=7)
 ap.add_argument("--emulator", default="")
 args = ap.parse_args()
-emu = args.emulator.split() if args.emulator else []
 shutil.rmtree(args.work, ignore_errors=True)
 os.makedirs(args.work)
 # The store and socket on a memory file system when there is one: what is checked is what a
@@ -45,54 +44,19 @@ os.makedirs(args.work)
 shm = "/dev/shm" if os.path.isdir("/dev/shm") and os.access("/dev/shm", os.W_OK) else None
 scratch = tempfile.mkdtemp(prefix="zfxd-load-", dir=shm)
 store, sock = os.path.join(scratch, "store"), os.path.join(scratch, "zfxd.sock")
-running = []  # processes to end whatever happens
-
-
-def fail(what):
-    for p in running:
-        p.kill()
-    shutil.rmtree(scratch, ignore_errors=True)
-    sys.exit(f"zfxd {args.part}: " + what)
-
-
-def run(prog, *argv, rc=0):
-    p = subprocess.run(emu + [prog, *argv], capture_output=True, text=True, timeout=300)
-    if rc is not None and p.returncode != rc:
-        fail(f"{os.path.basename(prog)} {' '.join(argv)}: exit {p.returncode}, expected {rc}\n"
-             f"stdout: {p.stdout[-2000:]}\nstderr: {p.stderr[-2000:]}")
-    return p
+h = e2e.Harness(f"zfxd {args.part}", args.emulator, cleanup=lambda: shutil.rmtree(scratch, ignore_errors=True))
+fail, run, stop, running = h.fail, h.run, h.stop, h.running
 
 
 def start():
-    log = open(os.path.join(args.work, "zfxd.log"), "a")
-    p = subprocess.Popen(emu + [args.bin_zfxd, "--store", store, "--socket", sock], stdout=log, stderr=log)
-    running.append(p)
-    for _ in range(1200):
-        if os.path.exists(sock):
-            try:
-                with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as s:
-                    s.connect(sock)
-                return p
-            except OSError:
-                pass
-        if p.poll() is not None:
-            fail(f"zfxd exited with {p.returncode} at start; log:\n" + open(log.name).read()[-3000:])
-        time.sleep(0.02)
-    fail("zfxd did not start listening")
-
-
-def stop(p, sig):
-    p.send_signal(sig)
-    p.wait(timeout=60)
-    running.remove(p)
+    return h.start_zfxd(args.bin_zfxd, store, sock, os.path.join(args.work, "zfxd.log"))
 
 
 def load(tag, clients, requests, seed):
     log = os.path.join(args.work, f"load-{tag or 'run'}.log")
-    p = subprocess.Popen(emu + [args.bin_load, "--socket", sock, "--clients", str(clients), "--requests", str(requests),
-                                "--seed", str(seed), "--log", log] + (["--tag", tag] if tag else []),
-                         stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-    running.append(p)
+    p = h.popen([args.bin_load, "--socket", sock, "--clients", str(clients), "--requests", str(requests),
+                 "--seed", str(seed), "--log", log] + (["--tag", tag] if tag else []),
+                stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
     return p, log
 
 
@@ -324,7 +288,7 @@ def part_crash():
         tag = f"r{k}"
         p, log = load(tag, args.clients, 1000000, args.seed + k)
         # Let it run a while first, so that zfxd dies in the middle of the changes.
-        time.sleep(rng.uniform(0.05, 0.25) * (2 if emu else 1))
+        time.sleep(rng.uniform(0.05, 0.25) * (2 if h.emu else 1))
         if p.poll() is not None:
             fail(f"kill {k + 1}: zfx-load ended before zfxd was killed: {finish(p)[2]}")
         stop(zfxd, signal.SIGKILL)

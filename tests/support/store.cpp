@@ -129,6 +129,18 @@ Reader::~Reader() { kvdb_close(store_); }
 Stored::Stored(const std::vector<Record> &records, Backend backend)
     : prefix_(backend), reader_((put(prefix_.config(), records), prefix_.config())) {}
 
+namespace {
+// The text of the generation handle, which is released.
+std::string rendered(uint32_t handle) {
+    char *text = nullptr;
+    EXPECT_EQ(ptxt_render(handle, &text, nullptr), 0);
+    std::string out = text != nullptr ? text : "";
+    std::free(text);
+    ptxt_hdl_release(handle);
+    return out;
+}
+}  // namespace
+
 std::string generate(std::initializer_list<std::pair<uint32_t, kvdb_store *>> stores) {
     uint32_t handle = 0;
     EXPECT_EQ(ptxt_hdl_init(&handle), 0);
@@ -139,12 +151,7 @@ std::string generate(std::initializer_list<std::pair<uint32_t, kvdb_store *>> st
     req->selector = ZFX_GEN_SELECT_GENERATE;
     for (const auto &[kind, store] : stores) req->entries[req->count++] = zfx_gen_store_entry{kind, store, 0};
     EXPECT_EQ(zfx_ascii_cfg_generate(req), 0);
-    char *text = nullptr;
-    EXPECT_EQ(ptxt_render(handle, &text, nullptr), 0);
-    std::string out = text != nullptr ? text : "";
-    std::free(text);
-    ptxt_hdl_release(handle);
-    return out;
+    return rendered(handle);
 }
 
 std::string generate_from(const std::string &location) {
@@ -171,12 +178,7 @@ std::string generation_text(const std::function<void(uint32_t handle)> &run) {
     for (uint32_t element = ZFX_ELEM_FEATURE; element <= ZFX_ELEM_PFCID; ++element)
         ptxt_elem_add(handle, ZFX_PTXT_GROUP, element, ZFX_PTXT_ELEM_KIND);
     run(handle);
-    char *text = nullptr;
-    EXPECT_EQ(ptxt_render(handle, &text, nullptr), 0);
-    std::string out = text != nullptr ? text : "";
-    std::free(text);
-    ptxt_hdl_release(handle);
-    return out;
+    return rendered(handle);
 }
 
 SectionResult zone_section_on(kvdb_store *store) {
