@@ -33,10 +33,6 @@ auto fields(const plat_frame &f) {
                     f.token, f.want_reply, f.result, f.err, f.reply_status, f.flags, f.opt_a_length,
                     f.payload_length);
 }
-auto fields(const Sent &s) {
-    return std::tie(s.op, s.msg_type, s.opcode, s.node, s.sap, s.opt_a, s.opt_b, s.tag, s.timeout, s.token,
-                    s.want_reply, s.payload);
-}
 
 // A header the reader accepts: an answer with option A (3 bytes) and a payload (5 bytes).
 Bytes good_header() {
@@ -403,8 +399,10 @@ TEST(Socket, SendAnswersQueuedUnderTheirTokens) {
     sends(fake.ep());
     const std::vector<Call> &calls = svc.stop();
     ASSERT_EQ(calls.size(), fake.sent().size() + 2);
-    for (size_t i = 0; i < fake.sent().size(); ++i)
-        EXPECT_EQ(fields(calls[i].sent()), fields(fake.sent()[i])) << i;
+    for (size_t i = 0; i < fake.sent().size(); ++i) {
+        const Sent got = calls[i].sent(), &want = fake.sent()[i];
+        EXPECT_EQ(std::tuple(got.token, got.payload, got.summary()), std::tuple(want.token, want.payload, want.summary())) << i;
+    }
 }
 
 TEST(Socket, TimeoutDropsTheLateAnswer) {
