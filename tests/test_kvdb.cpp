@@ -133,6 +133,10 @@ TEST_P(StoreTest, ReadHandleKeepsItsSnapshotAndValuesUntilClosed) {
     zfxtest::Reader after(loc);
     EXPECT_EQ(str(kvdb_fetch(after.get(), &ka, &st)), "9");
     EXPECT_EQ(str(kvdb_fetch(after.get(), &kb, &st)), "");
+    // A store in use: an in-memory one is forgotten while its readers keep what they see; an
+    // LMDB one is not deleted under this process's open handles.
+    EXPECT_EQ(kvdb_destroy(loc.c_str()), GetParam() == Backend::mem ? 0 : KVDB_ERR_TXN);
+    EXPECT_EQ(str(kvdb_fetch(after.get(), &ka, &st)), "9");
 }
 
 TEST_P(StoreTest, BadArgumentsAnswerStatusesNeverCrash) {
@@ -142,6 +146,8 @@ TEST_P(StoreTest, BadArgumentsAnswerStatusesNeverCrash) {
     EXPECT_EQ(st, KVDB_ERR_OPEN);
     EXPECT_EQ(kvdb_open(nullptr, &st), nullptr);
     EXPECT_EQ(st, KVDB_ERR_INVALID);
+    EXPECT_EQ(kvdb_destroy(missing.c_str()), KVDB_ERR_OPEN);
+    EXPECT_EQ(kvdb_destroy(nullptr), KVDB_ERR_INVALID);
 
     zfxtest::put(loc, {{{'k'}, {}}});
     kvdb_store *w = writer();
