@@ -230,6 +230,15 @@ TEST(MemStoreFaults, OpenKeyAndCursorFaultsApplyAsInjected) {
     EXPECT_EQ(kvdb_move2location(r.get(), KVDB_LOC_NEXT, &c), nullptr);       // move 3 fails
     EXPECT_EQ(kvdb_move2key(r.get(), &ka, &c), nullptr);
 
+    // The faulty key is as long as any key may be, no longer, and has its bytes.
+    const std::string long_key(KVDB_KEY_MAX + 1, 'k');
+    const kvdb_mem_faults keys[] = {
+        {0, 1, long_key.data(), KVDB_KEY_MAX, 0},
+        {0, 1, long_key.data(), KVDB_KEY_MAX + 1, 0},
+        {0, 1, nullptr, 1, 0},
+    };
+    for (const kvdb_mem_faults &k : keys)
+        EXPECT_EQ(kvdb_mem_inject(loc.c_str(), &k), k.key_len == KVDB_KEY_MAX ? 0 : KVDB_ERR_INVALID) << k.key_len;
     ASSERT_EQ(kvdb_mem_inject(loc.c_str(), nullptr), 0);
     EXPECT_EQ(str(kvdb_fetch(r.get(), &kb, &st)), "2");
     EXPECT_EQ(kvdb_mem_inject("mem/x", nullptr), KVDB_ERR_INVALID);  // "mem" without its colon: a directory
