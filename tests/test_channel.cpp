@@ -1,6 +1,7 @@
-// The platform's endpoint and channel: every field and byte reaches the transport as passed,
-// replies come back as new allocations with the documented lengths, failures carry their errno,
-// and asynchronous replies are queued on the endpoint and received by token.
+// The platform's endpoint and channel over the in-process transport: asynchronous replies queued
+// on the endpoint and received by token, their parsing, interrupted and empty receives, and any
+// transport carrying the endpoint. What a waited request sends and hands back is checked over this
+// transport and the socket's alike, in the socket suite.
 #include <cerrno>
 #include <cstdlib>
 

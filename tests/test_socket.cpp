@@ -1,7 +1,8 @@
-// The socket transport and its frames. The far side is a service played by a thread of the test
-// on a Unix socket in a temporary directory, speaking frames and scripted per case. What the
-// in-process transport gives (every field of a call, the reply bytes, the queued replies) is the
-// reference: the same operations answered alike must come out alike over the socket.
+// The socket transport and its frames, and the channel's waited requests over both transports.
+// The far side is a service played by a thread of the test on a Unix socket in a temporary
+// directory, speaking frames and scripted per case. The same operations answered alike must come
+// out alike over the socket as in process: every field of a call, the reply bytes, the queued
+// replies.
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
