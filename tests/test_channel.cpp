@@ -83,6 +83,9 @@ TEST(Channel, AnyTransportCarriesTheEndpoint) {
     EXPECT_EQ(reply, nullptr);
     FakeService svc;
     EXPECT_EQ(dlg_req_resp(1, 1, nullptr, &reply, nullptr, nullptr, 0, 110, svc.ep(), 10), -1);
+    EXPECT_EQ(dlg_send_request(1, 1, nullptr, 4, nullptr, 0, 0, 110, svc.ep(), 0), -1);  // bytes claimed, none given
+    EXPECT_EQ(dlg_send_request(1, 1, nullptr, 0, nullptr, 0, 0, 110, nullptr, 0), -1);
+    EXPECT_EQ(errno, EINVAL);
     EXPECT_TRUE(svc.sent().empty());
 }
 
