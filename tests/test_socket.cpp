@@ -1,13 +1,13 @@
-// The socket transport and its frames. The far side is a service played by a thread of the test
-// on a Unix socket in a temporary directory, speaking frames and scripted per case. What the
-// in-process transport gives (every field of a call, the reply bytes, the queued replies) is the
-// reference: the same operations answered alike must come out alike over the socket.
+// The socket transport and its frames, and the channel's waited requests over both transports.
+// The far side is a service played by a thread of the test on a Unix socket in a temporary
+// directory, speaking frames and scripted per case. The same operations answered alike must come
+// out alike over the socket as in process: every field of a call, the reply bytes, the queued
+// replies.
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <functional>
-#include <future>
 #include <random>
 #include <thread>
 #include <tuple>
@@ -33,10 +33,6 @@ auto fields(const plat_frame &f) {
     return std::tie(f.kind, f.seq, f.op, f.msg_type, f.opcode, f.node, f.sap, f.opt_b, f.tag, f.timeout,
                     f.token, f.want_reply, f.result, f.err, f.reply_status, f.flags, f.opt_a_length,
                     f.payload_length);
-}
-auto fields(const Sent &s) {
-    return std::tie(s.op, s.msg_type, s.opcode, s.node, s.sap, s.opt_a, s.opt_b, s.tag, s.timeout, s.token,
-                    s.want_reply, s.payload);
 }
 
 // A header the reader accepts: an answer with option A (3 bytes) and a payload (5 bytes).
@@ -142,7 +138,7 @@ struct Call {
 // The service's end of the connection, which a case's script drives on the service's thread.
 class Peer {
 public:
-    explicit Peer(int fd, std::promise<void> &hung_up) : fd_(fd), hung_up_(hung_up) {}
+    explicit Peer(int fd) : fd_(fd) {}
     ~Peer() { hang_up(); }
 
     // The next call frame; nullopt once the program closed (or stayed silent for 5 seconds).
@@ -183,7 +179,6 @@ public:
         if (fd_ < 0) return;
         ::close(fd_);
         fd_ = -1;
-        hung_up_.set_value();
     }
 
     std::vector<Call> calls;
@@ -201,7 +196,6 @@ private:
     }
 
     int fd_;
-    std::promise<void> &hung_up_;
 };
 
 // A service listening under a temporary directory, running one script for the one endpoint
@@ -222,7 +216,7 @@ public:
         ::close(lfd);
         EXPECT_GE(fd, 0) << "no connection at " << path_;
         thread_ = std::thread([this, fd, script] {
-            Peer peer(fd, hung_up_);
+            Peer peer(fd);
             if (fd >= 0) script(peer);
             peer.hang_up();
             calls_ = std::move(peer.calls);
@@ -234,19 +228,20 @@ public:
         ::rmdir(dir_.c_str());
     }
     plat_endpoint *ep() const { return ep_; }
-    void wait_hung_up() { hung_up_.get_future().wait(); }
-    // Closes the endpoint and waits for the script to end: the calls it read.
-    const std::vector<Call> &stop() {
-        plat_endpoint_close(ep_);
-        ep_ = nullptr;
+    // Waits for the script to end (with the endpoint still open): the calls it read.
+    const std::vector<Call> &join() {
         if (thread_.joinable()) thread_.join();
         return calls_;
+    }
+    // Closes the endpoint, which ends a script waiting for a call, and joins it.
+    const std::vector<Call> &stop() {
+        plat_endpoint_close(std::exchange(ep_, nullptr));
+        return join();
     }
 
 private:
     std::string dir_, path_;
     plat_endpoint *ep_ = nullptr;
-    std::promise<void> hung_up_;
     std::thread thread_;
     std::vector<Call> calls_;
 };
@@ -259,25 +254,25 @@ std::function<void(Peer &)> answering(std::vector<Answer> answers) {
     };
 }
 
-TEST(Socket, WaitedRequestsAsInProcess) {
+// The waited requests of the channel over both transports, the far side answering each call with
+// the next answer of the script. What comes back follows from the answer alone: its result (errno
+// for -1); a wanted reply handed over as a new block whenever the answer has one, even beside a
+// status; the length set to the reply's (0 for none) on success and left alone otherwise.
+TEST(Socket, WaitedRequestsOverBothTransports) {
     const Bytes req = {1, 2, 3, 4, 5}, big(300000, 0x5A);  // more than a socket buffer holds
-    using Request = std::function<int32_t(plat_endpoint *, void **, uint32_t *)>;
-    const Request requests[] = {
-        [&](plat_endpoint *ep, void **r, uint32_t *n) {
-            return dlg_req_resp(8605, 2, req.data(), r, n, nullptr, 0, 111, ep, 4);
-        },
-        [&](plat_endpoint *ep, void **r, uint32_t *n) {
-            return dlg_req_resp(8605, 3, req.data(), r, n, "ZFX", 9, 110, ep, 1);
-        },
-        [&](plat_endpoint *ep, void **r, uint32_t *n) {
-            return dlg_remote_req_resp(8620, 2, req.data(), r, n, "", 7, 110, 0xFE000001u, ep, 1);
-        },
-        [&](plat_endpoint *ep, void **r, uint32_t *n) {
-            return dlg_req_resp(1, 1, nullptr, r, (*n = 0, n), nullptr, 0, 0, ep, 2);
-        },
-        [&](plat_endpoint *ep, void **r, uint32_t *n) {
-            return dlg_req_resp(2, 2, big.data(), r, (*n = uint32_t(big.size()), n), "ZFX", 0, 110, ep, 5);
-        },
+    const struct {
+        bool remote;
+        uint32_t msg_type, opcode;
+        Bytes payload;
+        const char *opt_a;
+        uint32_t opt_b, sap, timeout;
+        const char *summary;  // the call the far side sees, but for its reply flag
+    } requests[] = {
+        {false, 8605, 2, req, nullptr, 0, 111, 4, "req 8605/2 sap=111 t4"},
+        {false, 8605, 3, req, "ZFX", 9, 110, 1, "req 8605/3 t1 a=ZFX b9"},
+        {true, 8620, 2, req, "", 7, 110, 1, "remote 8620/2 @fe000001 t1 a= b7"},
+        {false, 1, 1, {}, nullptr, 0, 0, 2, "req 1/1 sap=0 t2"},
+        {false, 2, 2, big, "ZFX", 0, 110, 5, "req 2/2 t5 a=ZFX"},
     };
     const std::vector<Answer> answers = {
         Answer::reply_with({9, 8, 7}), Answer::none(),
@@ -285,33 +280,52 @@ TEST(Socket, WaitedRequestsAsInProcess) {
         Answer::status(0x409A0006),    Answer::reply_with({1}, 42),
         Answer::reply_with(big),
     };
-    std::vector<Answer> script;
-    for (size_t i = 0; i < std::size(requests) * answers.size() * 2; ++i)
-        script.push_back(answers[i % answers.size()]);
-    FakeService fake;
-    for (const Answer &a : script) fake.answer(a);
-    SocketService svc(answering(script));
-    ASSERT_NE(svc.ep(), nullptr);
-    for (size_t i = 0; i < script.size(); ++i) {
-        const Request &request = requests[i / answers.size() % std::size(requests)];
-        const bool want = i >= script.size() / 2;
-        auto outcome = [&](plat_endpoint *ep) {
+    const size_t n = std::size(requests) * answers.size() * 2;
+    for (bool socket : {false, true}) {
+        std::vector<Answer> script;
+        for (size_t i = 0; i < n; ++i) script.push_back(answers[i % answers.size()]);
+        FakeService fake;
+        for (const Answer &a : script) fake.answer(a);
+        std::optional<SocketService> svc;
+        if (socket) svc.emplace(answering(script));
+        plat_endpoint *ep = socket ? svc->ep() : fake.ep();
+        ASSERT_NE(ep, nullptr);
+        for (size_t i = 0; i < n; ++i) {
+            const auto &r = requests[i / answers.size() % std::size(requests)];
+            const Answer &a = script[i];
+            const bool want = i >= n / 2;
             void *reply = &reply;
-            uint32_t len = uint32_t(req.size());
+            uint32_t len = uint32_t(r.payload.size());
             errno = 0;
-            const int32_t r = request(ep, want ? &reply : nullptr, &len);
-            const int err = r == -1 ? errno : 0;
+            const void *p = r.payload.empty() ? nullptr : r.payload.data();
+            void **out = want ? &reply : nullptr;
+            const int32_t result =
+                r.remote ? dlg_remote_req_resp(r.msg_type, r.opcode, p, out, &len, r.opt_a, r.opt_b, r.sap, 0xFE000001u, ep, r.timeout)
+                         : dlg_req_resp(r.msg_type, r.opcode, p, out, &len, r.opt_a, r.opt_b, r.sap, ep, r.timeout);
+            const int err = errno;
             std::optional<Bytes> got;
-            if (want && reply != nullptr) got = bytes_of(reply, r == 0 ? len : script[i].reply->size());
+            if (want && reply != nullptr) got = bytes_of(reply, a.reply ? a.reply->size() : 0);
             if (want) std::free(reply);
-            return std::tuple(r, err, len, got);
-        };
-        EXPECT_EQ(outcome(svc.ep()), outcome(fake.ep())) << "case " << i;
+            const std::optional<Bytes> handed = want ? a.reply : std::nullopt;
+            const uint32_t len_after = a.result != 0 ? uint32_t(r.payload.size()) : a.reply ? uint32_t(a.reply->size()) : 0;
+            EXPECT_EQ(std::tuple(result, result == -1 ? err : 0, len, got),
+                      std::tuple(a.result, a.err, len_after, handed))
+                << (socket ? "socket" : "in-process") << " case " << i;
+        }
+        std::vector<Sent> sent = fake.sent();
+        if (socket) {
+            sent.clear();
+            for (const Call &c : svc->stop()) sent.push_back(c.sent());
+        }
+        ASSERT_EQ(sent.size(), n);
+        for (size_t i = 0; i < n; ++i) {
+            const auto &r = requests[i / answers.size() % std::size(requests)];
+            EXPECT_EQ(sent[i].want_reply, i >= n / 2) << i;
+            sent[i].want_reply = false;
+            EXPECT_EQ(sent[i].summary(), r.summary) << i;
+            EXPECT_EQ(sent[i].payload, r.payload) << i;
+        }
     }
-    const std::vector<Call> &calls = svc.stop();
-    ASSERT_EQ(calls.size(), fake.sent().size());
-    for (size_t i = 0; i < calls.size(); ++i)
-        EXPECT_EQ(fields(calls[i].sent()), fields(fake.sent()[i])) << "call " << i;
 }
 
 // What a queued reply carries, for comparing.
@@ -386,8 +400,10 @@ TEST(Socket, SendAnswersQueuedUnderTheirTokens) {
     sends(fake.ep());
     const std::vector<Call> &calls = svc.stop();
     ASSERT_EQ(calls.size(), fake.sent().size() + 2);
-    for (size_t i = 0; i < fake.sent().size(); ++i)
-        EXPECT_EQ(fields(calls[i].sent()), fields(fake.sent()[i])) << i;
+    for (size_t i = 0; i < fake.sent().size(); ++i) {
+        const Sent got = calls[i].sent(), &want = fake.sent()[i];
+        EXPECT_EQ(std::tuple(got.token, got.payload, got.summary()), std::tuple(want.token, want.payload, want.summary())) << i;
+    }
 }
 
 TEST(Socket, TimeoutDropsTheLateAnswer) {
@@ -421,13 +437,7 @@ TEST(Socket, TimeoutDropsTheLateAnswer) {
 }
 
 TEST(Socket, BrokenServiceFailsOnceThenNotConnected) {
-    const Bytes answer_head = [] {
-        const plat_frame f{
-            .kind = PLAT_FRAME_ANSWER, .seq = 1, .op = PLAT_OP_REQ_RESP, .flags = 1, .payload_length = 100};
-        Bytes b(PLAT_FRAME_HEADER_SIZE);
-        plat_frame_encode(&f, b.data());
-        return b;
-    }();
+    const Bytes answer_head = good_header();  // the answer to the first call, 8 bytes of body to come
     struct Row {
         std::string what;
         Bytes sent;  // what the service writes before it hangs up
@@ -436,7 +446,7 @@ TEST(Socket, BrokenServiceFailsOnceThenNotConnected) {
     std::vector<Row> rows = {
         {"hangs up", {}, ECONNRESET},
         {"half a header", Bytes(answer_head.begin(), answer_head.begin() + 40), ECONNRESET},
-        {"body cut short", cat({answer_head, zeros(10)}), ECONNRESET},
+        {"body cut short", cat({answer_head, zeros(7)}), ECONNRESET},
         {"garbage", Bytes(PLAT_FRAME_HEADER_SIZE, 0xFF), EPROTO},
         {"a call frame", corrupted({"", 4, 1u << 16 | PLAT_FRAME_CALL, 0}), EPROTO},
     };
@@ -467,7 +477,7 @@ TEST(Socket, BrokenServiceFailsOnceThenNotConnected) {
     }
     // Writing to a service that is gone fails; it does not raise SIGPIPE.
     SocketService gone([](Peer &p) { p.hang_up(); });
-    gone.wait_hung_up();
+    gone.join();
     const Bytes big(1u << 16, 1);
     EXPECT_EQ(dlg_send_request(1, 1, big.data(), uint32_t(big.size()), nullptr, 0, 0, 110, gone.ep(), 0), -1);
     EXPECT_EQ(errno, ECONNRESET);
