@@ -248,6 +248,7 @@ TEST(VsanBitset, AlgebraAgreesWithModelAndToleratesAliasing) {
         EXPECT_EQ(vsan_bitset_equal(&a.s, &b.s), A == B ? 1 : 0);
         EXPECT_EQ(vsan_bitset_maskequal(&a.s, &b.s, &m.s), ((A ^ B) & M).none() ? 1 : 0);
         EXPECT_EQ(vsan_bitset_subset(&a.s, &b.s), (A & ~B).none() ? 1 : 0);
+        EXPECT_EQ(vsan_bitset_subset(&b.s, &a.s), (B & ~A).none() ? 1 : 0);  // b's guard is not a's
 
         const int start = int(rng() % 4200) - 50, count = int(rng() % 300) - 20;
         Model inside;
@@ -339,6 +340,11 @@ TEST(VsanBitset, ChunkedWriterReassemblesForEveryBufferSize) {
         EXPECT_STREQ(buf, "");
         EXPECT_EQ(done, 0);
     }
+    // A first chunk that held nothing leaves the cursor at the start: the next one begins there.
+    Guarded one = set_of(model_of({1}));
+    EXPECT_EQ(vsan_bitset_snprintf(buf, 1, &one.s, 1, &done), 0);
+    EXPECT_EQ(vsan_bitset_snprintf(buf, 8, &one.s, 0, &done), 1);
+    EXPECT_STREQ(buf, "1");
     EXPECT_EQ(vsan_bitset_snprintf(nullptr, 8, &big.s, 1, &done), 0);
     EXPECT_EQ(vsan_bitset_snprintf(buf, 0, &big.s, 1, nullptr), 0);
 }
