@@ -155,7 +155,7 @@ TEST(DeviceEntry, CursorMovesAcrossBatches) {
 }
 
 TEST(DeviceEntry, NameServerViews) {
-    const Bytes plain = device(1, 2, 0xCAFE, {1, 5, 4095}, 0, 0x11);
+    const Bytes plain = device(1, 2, 0xCAFE, {0, 5, 4095}, 0, 0x11);  // the first and last VSAN numbers
     const Bytes per_vsan = device(3, 4, 0xCAFE, {2, 3, 9}, ZFX_DEVICE_FLAG_PER_VSAN, 0x22);
     const Bytes empty = device(5, 6, 0xCAFE, {}, ZFX_DEVICE_FLAG_PER_VSAN, 0x33);
     const Bytes batch = cat({plain, per_vsan, empty});
@@ -184,7 +184,7 @@ TEST(DeviceEntry, NameServerViews) {
     ASSERT_EQ(count, 3u);
     EXPECT_EQ(second.sent()[0].payload, empty) << "the first view moved the cursor";
     const Bytes expected[] = {
-        cat({zeros(516), block(plain), le32(3), pair(1, 0xCAFE), pair(5, 0xCAFE), pair(4095, 0xCAFE)}),
+        cat({zeros(516), block(plain), le32(3), pair(0, 0xCAFE), pair(5, 0xCAFE), pair(4095, 0xCAFE)}),
         cat({zeros(516), block(per_vsan), le32(1), pair(3, 0xBEEF)}),
         cat({zeros(516), block(empty), zeros(4)}),
     };

@@ -256,6 +256,12 @@ TEST(Fabric, SectionsAskForTheCommitAndShowsReturnZero) {
             EXPECT_EQ(commit, store == full.get() ? 1 : 0);
         }
     }
+    // The topology section sets the global itself (and, without a mode record, returns its status).
+    for (kvdb_store *store : {full.get(), empty.get()}) {
+        commit_reqd = 0;
+        generation_text([&](uint32_t h) { zfx_vsan_topology_generate_ascii_config(h, store); });
+        EXPECT_EQ(commit_reqd, store == full.get() ? 1 : 0);
+    }
     zfx_vsan_topo_list *topo;
     zfx2_afid_table_list *afid;
     zfx2_sg_list *active, *cfg;
