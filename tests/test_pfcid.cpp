@@ -182,15 +182,20 @@ TEST(Pfcid, ListReadsFromAnyKeyOnPassingOverAnExactStart) {
 
     const uint64_t allocs = zfx_num_mem_allocs;
     at.kind = htonl(3);
-    alignas(4) uint8_t stale[8];
-    zfx2_pfcid_list *l = reinterpret_cast<zfx2_pfcid_list *>(stale);
-    uint32_t size = 5;
-    EXPECT_EQ(zfx2_pfcid_get_next(r.get(), &at, 1, &l, &size), ZFX_ERR_INVALID_VALUE);
-    EXPECT_EQ(zfx2_pfcid_get_next(r.get(), nullptr, -2, &l, &size), ZFX_ERR_INVALID_VALUE);
-    EXPECT_EQ(zfx2_pfcid_get_next(r.get(), nullptr, INT32_MAX, &l, &size), ZFX_ERR_INVALID_VALUE);
-    EXPECT_EQ(zfx2_pfcid_get_next(nullptr, nullptr, 1, &l, &size), ZFX_ERR_INVALID_ARG);
-    EXPECT_EQ(l, nullptr);
-    EXPECT_EQ(size, 0u);
+    // A refused walk hands back no list and a size of 0, whatever the caller's variables held.
+    auto refused = [&](kvdb_store *store, const zfx2_pfcid_entry *start, int32_t count) {
+        alignas(4) uint8_t stale[8];
+        zfx2_pfcid_list *l = reinterpret_cast<zfx2_pfcid_list *>(stale);
+        uint32_t size = 5;
+        const int32_t status = zfx2_pfcid_get_next(store, start, count, &l, &size);
+        EXPECT_EQ(l, nullptr);
+        EXPECT_EQ(size, 0u);
+        return status;
+    };
+    EXPECT_EQ(refused(r.get(), &at, 1), ZFX_ERR_INVALID_VALUE);
+    EXPECT_EQ(refused(r.get(), nullptr, -2), ZFX_ERR_INVALID_VALUE);
+    EXPECT_EQ(refused(r.get(), nullptr, INT32_MAX), ZFX_ERR_INVALID_VALUE);
+    EXPECT_EQ(refused(nullptr, nullptr, 1), ZFX_ERR_INVALID_ARG);
     EXPECT_EQ(zfx_num_mem_allocs, allocs);
 }
 
