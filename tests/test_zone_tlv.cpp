@@ -98,6 +98,7 @@ TEST(ZoneTlv, CreateChecks) {
         {kZone, message(kZone, zhead, tlv_array({tlv(45, w), tlv(6, name)})), 0},
         {kZone, message(kZone, zhead, tlv_array({tlv(45, w)})), ZFX_ERR_CREATE_INCOMPLETE},
         {kZone, message(kZone, zhead, tlv_array({tlv(6, {})})), ZFX_ERR_CREATE_INCOMPLETE},  // no value
+        {kZone, message(kZone, zhead, tlv_array({tlv(0, name)})), ZFX_ERR_CREATE_INCOMPLETE},  // type 0 is no name
         {kZoneset, message(kZoneset, shead, tlv_array({tlv(1, name)})), 0},
         {kZoneset, message(kZoneset, shead, tlv_array({tlv(56, name)})), ZFX_ERR_CREATE_INCOMPLETE},
         {kZone, message(kZone, zhead, cat({le32(200), tlv(6, name)})), ZFX_ERR_INVALID_ARG},    // count too big
