@@ -1,12 +1,29 @@
 """What the end-to-end scripts share: programs run under the emulator the build names, zfxd
 started until its socket takes connections and stopped, and a failure that ends every process
 still running and names the script."""
+import argparse
 import os
+import shutil
 import signal
 import socket
 import subprocess
 import sys
 import time
+
+
+def setup(*names):
+    """The common command line (--NAME for each of names, all required, and --emulator) and a fresh
+    work directory: returns the arguments, the store and socket paths in it, and an environment
+    naming the socket for zfx."""
+    ap = argparse.ArgumentParser()
+    for name in names + ("work",):
+        ap.add_argument("--" + name, required=True)
+    ap.add_argument("--emulator", default="")
+    args = ap.parse_args()
+    shutil.rmtree(args.work, ignore_errors=True)
+    os.makedirs(args.work)
+    store, sock = os.path.join(args.work, "store"), os.path.join(args.work, "zfxd.sock")
+    return args, store, sock, dict(os.environ, ZFXD_SOCKET=sock)
 
 
 class Harness:

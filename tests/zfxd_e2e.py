@@ -8,24 +8,14 @@ the store and the socket; the socket its owner's only.
 
 usage: zfxd_e2e.py --bin-zfxd P --bin-zfx P --bin-gen P --bin-store P --golden DIR --work DIR [--emulator CMD]
 """
-import argparse
 import os
-import shutil
 import signal
 import stat
 
 import e2e
 
-ap = argparse.ArgumentParser()
-for name in ("bin-zfxd", "bin-zfx", "bin-gen", "bin-store", "golden", "work"):
-    ap.add_argument("--" + name, required=True)
-ap.add_argument("--emulator", default="")
-args = ap.parse_args()
+args, store, sock, env = e2e.setup("bin-zfxd", "bin-zfx", "bin-gen", "bin-store", "golden")
 work = args.work
-shutil.rmtree(work, ignore_errors=True)
-os.makedirs(work)
-store, sock = os.path.join(work, "store"), os.path.join(work, "zfxd.sock")
-env = dict(os.environ, ZFXD_SOCKET=sock)
 
 
 h = e2e.Harness("zfxd end to end", args.emulator, env)

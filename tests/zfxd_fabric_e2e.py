@@ -6,23 +6,13 @@ computed here from the file; malformed fabric files refused with their line.
 
 usage: zfxd_fabric_e2e.py --bin-zfxd P --bin-zfx P --bin-store P --work DIR [--emulator CMD]
 """
-import argparse
 import os
 import random
-import shutil
 
 import e2e
 
-ap = argparse.ArgumentParser()
-for name in ("bin-zfxd", "bin-zfx", "bin-store", "work"):
-    ap.add_argument("--" + name, required=True)
-ap.add_argument("--emulator", default="")
-args = ap.parse_args()
+args, store, sock, env = e2e.setup("bin-zfxd", "bin-zfx", "bin-store")
 work = args.work
-shutil.rmtree(work, ignore_errors=True)
-os.makedirs(work)
-store, sock = os.path.join(work, "store"), os.path.join(work, "zfxd.sock")
-env = dict(os.environ, ZFXD_SOCKET=sock)
 BATCH = 64  # ZFXD_DEVICE_BATCH
 h = e2e.Harness("zfxd fabric end to end", args.emulator, env)
 fail, run = h.fail, h.run
