@@ -92,10 +92,10 @@ TEST(Pfcid, RecordsEntriesAndKeysConvertBothWaysInBothKinds) {
         EXPECT_EQ(host.word, 0x0D0E0F10u);
         to_key(&net, &k, 1);
         EXPECT_EQ(bytes_of(&k, 18), r.first);
-        to_key(&host, &k, 0);
-        EXPECT_EQ(bytes_of(&k, 18), r.first);
-        to_key(&host, &k, 2);  // only 1 converts
-        EXPECT_EQ(bytes_of(&k, 18), r.first);
+        for (int32_t convert : {0, 2}) {  // only 1 converts
+            to_key(&host, &k, convert);
+            EXPECT_EQ(bytes_of(&k, 18), r.first);
+        }
 
         zfx2_pfcid_entry_byte_order_convert(&e, &net, 1);
         EXPECT_EQ(bytes_of(&e, 28), bytes_of(&host, 28));
@@ -104,8 +104,7 @@ TEST(Pfcid, RecordsEntriesAndKeysConvertBothWaysInBothKinds) {
         // hton and ntoh leave the value word alone.
         e = host;
         EXPECT_EQ(zfx2_pfcid_entry_hton(&e), 0);
-        EXPECT_EQ(bytes_of(&e, 24), bytes_of(&net, 24));
-        EXPECT_EQ(e.word, host.word);
+        EXPECT_EQ(bytes_of(&e, 28), cat({bytes_of(&net, 24), bytes_of(&host.word, 4)}));
         EXPECT_EQ(zfx2_pfcid_entry_ntoh(&e), 0);
         EXPECT_EQ(bytes_of(&e, 28), bytes_of(&host, 28));
     }
@@ -140,45 +139,39 @@ TEST(Pfcid, ListReadsFromAnyKeyOnPassingOverAnExactStart) {
         {cat({{0x74, 2, 1, 0, 3, 0}, le32(10), kWwn}), {0, 0x20}},  // a short value: the bytes it holds
     });
     Stored r(records);
-    // Every list the walk below makes, and the entries in them.
-    std::vector<Bytes> seen;
+    // The entries of a list, its size and its zero tail checked.
     auto list = [&](const zfx2_pfcid_entry *start, int32_t count, uint32_t expected_size) {
         zfx2_pfcid_list *l = nullptr;
         uint32_t size = 0;
+        std::vector<Bytes> seen;
         EXPECT_EQ(zfx2_pfcid_get_next(r.get(), start, count, &l, &size), 0);
         EXPECT_EQ(size, expected_size);
-        seen.clear();
-        if (l == nullptr) return;
+        if (l == nullptr) return seen;
         for (uint32_t i = 0; i < ntohl(l->count); ++i) seen.push_back(bytes_of(&l->entries[i], 28));
         const Bytes whole = bytes_of(l, size);
         EXPECT_EQ(num(whole, 4, 4), 0u);
         EXPECT_EQ(Bytes(whole.begin() + 8 + 28 * long(seen.size()), whole.end()), zeros(size - 8 - 28 * seen.size()));
         heapx_free(l);
+        return seen;
     };
     std::vector<Bytes> all;
     for (const Record &rec : records) all.push_back(entry_of(rec));
-
-    list(nullptr, 0, 8);
-    EXPECT_TRUE(seen.empty());
-    list(nullptr, 3, 92);
-    EXPECT_EQ(seen, std::vector<Bytes>(all.begin(), all.begin() + 3));
-    list(nullptr, -1, 8 + 5 * 28);
-    EXPECT_EQ(seen, all);
+    EXPECT_EQ(list(nullptr, 0, 8), std::vector<Bytes>{});
+    EXPECT_EQ(list(nullptr, 3, 92), std::vector<Bytes>(all.begin(), all.begin() + 3));
+    EXPECT_EQ(list(nullptr, -1, 8 + 5 * 28), all);
     // Handing back the last entry held resumes after it, one entry at a time.
-    std::vector<Bytes> resumed;
+    std::vector<Bytes> resumed, one;
     zfx2_pfcid_entry at;
     for (const zfx2_pfcid_entry *start = nullptr; resumed.size() <= all.size(); start = &at) {
-        list(start, 1, 36);
-        if (seen.empty()) break;
-        resumed.push_back(seen[0]);
-        std::memcpy(&at, seen[0].data(), 28);
+        if ((one = list(start, 1, 36)).empty()) break;
+        resumed.push_back(one[0]);
+        std::memcpy(&at, one[0].data(), 28);
     }
     EXPECT_EQ(resumed, all);
     // A start that is not stored begins at the key after it.
     std::memcpy(&at, all[0].data(), 28);
     at.id.domain.native_vsan = htonl(21);  // between the first two keys
-    list(&at, -1, 8 + 4 * 28);
-    EXPECT_EQ(seen, std::vector<Bytes>(all.begin() + 1, all.end()));
+    EXPECT_EQ(list(&at, -1, 8 + 4 * 28), std::vector<Bytes>(all.begin() + 1, all.end()));
 
     const uint64_t allocs = zfx_num_mem_allocs;
     at.kind = htonl(3);
@@ -214,20 +207,15 @@ TEST(Pfcid, TextIsThatOfTheWalkOverTheWholeList) {
     }
     const std::vector<Record> records(table.begin(), table.end());
     const std::string expected = walk_text(records);
-    size_t placed = 0;
-    for (size_t at = 0; (at = expected.find("pwwn", at)) != std::string::npos; ++at) ++placed;
-    ASSERT_GT(placed, 250u);  // most FCIDs are placed, some more than once
+    ASSERT_GT(expected.size(), 250 * 40u);  // most FCIDs are placed, some more than once
     ASSERT_EQ(expected.rfind("  native-", 0), 0u);  // the table starts in AFID 0, VSAN 0: no header
     commit_reqd = 0;
     EXPECT_EQ(section(records), expected);
     EXPECT_EQ(commit_reqd, 1);
-    // The commit is asked for by any record of the table, none by an empty one.
-    const std::vector<Record> fcid_only = {records.back()};
-    for (const auto &[table_records, commit] : {std::pair{fcid_only, 1}, {std::vector<Record>{}, 0}}) {
-        commit_reqd = 0;
-        EXPECT_EQ(section(table_records), "");
-        EXPECT_EQ(commit_reqd, commit);
-    }
+    // The commit is asked for by any record of the table, even one that writes no line.
+    commit_reqd = 0;
+    EXPECT_EQ(section({records.back()}), "");
+    EXPECT_EQ(commit_reqd, 1);
 
     // Without memory for the index that places the FCIDs, the same text comes from scanning the
     // list under every domain record; a table without FCID records makes no index at all.
