@@ -161,20 +161,13 @@ TEST(DeviceEntry, NameServerViews) {
     const Bytes empty = device(5, 6, 0xCAFE, {}, ZFX_DEVICE_FLAG_PER_VSAN, 0x33);
     const Bytes batch = cat({plain, per_vsan, empty});
 
-    FakeService first;
-    first.answer(Answer::reply_with(batch));
+    // The first view's block, set and zero pairs the fabric suite checks against zfxd; here, the
+    // second view's per-VSAN requests and what their failures leave out.
     zfx_device_entry *h;
     zfx_device_entry_handle_init(&h);
+    const Bytes cursor = bytes_of(h, kEntry);
     zfx_device_ns_entry *ns = nullptr;
     uint32_t count = 0;
-    ASSERT_EQ(zfx_device_ns_entry_get_next(first.ep(), h, &ns, &count), 0);
-    ASSERT_EQ(count, 3u);
-    for (uint32_t i = 0; i < 3; ++i) {
-        const Bytes d(batch.begin() + i * kEntry, batch.begin() + (i + 1) * kEntry);
-        EXPECT_EQ(ns_view(ns[i]), cat({Bytes(d.begin() + 20, d.begin() + 536), block(d), zeros(4)}));
-    }
-    free_ns(ns, count);
-
     FakeService second;
     second.answer(Answer::reply_with(batch));
     second.answer(Answer::failure(ENOENT));                // VSAN 2: left out
@@ -182,7 +175,8 @@ TEST(DeviceEntry, NameServerViews) {
     second.answer(Answer::reply_with({1, 2, 3}));         // VSAN 9: too short, left out
     ASSERT_EQ(zfx2_device_ns_entry_get_next(second.ep(), h, &ns, &count), 0);
     ASSERT_EQ(count, 3u);
-    EXPECT_EQ(second.sent()[0].payload, empty) << "the first view moved the cursor";
+    EXPECT_EQ(second.sent()[0].payload, cursor);
+    EXPECT_EQ(bytes_of(h, kEntry), empty) << "the cursor moved to the batch's last device";
     const Bytes expected[] = {
         cat({zeros(516), block(plain), le32(3), pair(0, 0xCAFE), pair(5, 0xCAFE), pair(4095, 0xCAFE)}),
         cat({zeros(516), block(per_vsan), le32(1), pair(3, 0xBEEF)}),
