@@ -27,17 +27,19 @@ struct TextCase {
 
 // Every per-fabric key check, from one key it accepts, against each way a key can be wrong: none
 // at all, a byte more or less, another table (with a wrong length too: the length is tested
-// first), and a kind the table does not hold (-1: the table takes any kind).
+// first), and a kind the table does not hold (-1: the table takes any kind). Where the library
+// writes the first key of a walk, it writes that accepted key over whatever was there.
 TEST(StoreKeys, ChecksRefuseEveryWayAKeyCanBeWrongAndFirstKeysPass) {
     using Check = std::function<int32_t(const kvdb_datum *)>;
     const int32_t bad = ZFX_ERR_TABLE_KEY, vt = ZFX_ERR_VT_KEY, afid = ZFX_ERR_AFID_KEY;
     const Bytes member = cat({{0x73, 2}, zeros(6)}), name = cat({{0x76, 1}, zeros(4)});
-    const Bytes domain = cat({{0x74, 1}, zeros(16)}), fcid = cat({{0x74, 2}, zeros(16)});
+    const Bytes domain = cat({{0x74, 1, 1, 0}, zeros(14)}), fcid = cat({{0x74, 2, 1, 0}, zeros(14)});
     const struct {
         Check check;
         Bytes key;
         int refused_kind;
         int32_t bad_key, bad_length;
+        std::function<int32_t(void *)> init = nullptr;
     } cases[] = {
         {[](auto k) { return zfx_vt_kvdb_key_check(k, 0x65); }, cat({{0x65, 1}, zeros(11)}), 2, vt, ZFX_ERR_VT_KEY_LENGTH},
         {[](auto k) { return zfx2_afid_table_kvdb_key_check(k, 0); }, cat({{0x71, 1}, zeros(10)}), 0, afid, ZFX_ERR_AFID_KEY_LENGTH},
@@ -48,9 +50,13 @@ TEST(StoreKeys, ChecksRefuseEveryWayAKeyCanBeWrongAndFirstKeysPass) {
         {zfx2_sg_active_kvdb_key_check_id, name, 2, bad, bad},
         {[](auto k) { return zfx2_sg_kvdb_key_check_id_internal(k, 0); }, name, 3, bad, bad},
         {zfx2_sg_cfg_kvdb_key_check_id, cat({{0x73, 1}, zeros(4)}), 2, bad, bad},
-        {zfx_rdi_kvdb_key_check, {0x79, 0, 0, 0}, -1, bad, bad},
+        {zfx_rdi_kvdb_key_check, {0x79, 0, 0, 0}, -1, bad, bad,
+         [](void *k) { return zfx_rdi_kvdb_key_init(static_cast<zfx_rdi_kvdb_key *>(k)); }},
         {zfx2_pfcid_kvdb_key_check, domain, 3, bad, bad}, {zfx2_pfcid_kvdb_key_check, fcid, 0, bad, bad},
-        {zfx2_pfcid_vdom_kvdb_key_check, domain, 2, bad, bad}, {zfx2_pfcid_vfcid_kvdb_key_check, fcid, 1, bad, bad},
+        {zfx2_pfcid_vdom_kvdb_key_check, domain, 2, bad, bad,
+         [](void *k) { return zfx2_pfcid_vdom_kvdb_key_init(static_cast<zfx2_pfcid_key *>(k)); }},
+        {zfx2_pfcid_vfcid_kvdb_key_check, fcid, 1, bad, bad,
+         [](void *k) { return zfx2_pfcid_vfcid_kvdb_key_init(static_cast<zfx2_pfcid_key *>(k)); }},
     };
     for (size_t i = 0; i < std::size(cases); ++i) {
         const auto &c = cases[i];
@@ -58,7 +64,7 @@ TEST(StoreKeys, ChecksRefuseEveryWayAKeyCanBeWrongAndFirstKeysPass) {
             kvdb_datum d{key.data(), uint32_t(key.size())};
             return c.check(&d);
         };
-        Bytes other_table = c.key, other_kind = c.key;
+        Bytes other_table = c.key, other_kind = c.key, first(c.key.size(), 0xEE);
         ++other_table[0];
         other_kind[1] = uint8_t(c.refused_kind < 0 ? 9 : c.refused_kind);
         EXPECT_EQ(check(c.key), 0) << i;
@@ -68,21 +74,10 @@ TEST(StoreKeys, ChecksRefuseEveryWayAKeyCanBeWrongAndFirstKeysPass) {
         EXPECT_EQ(check(other_table), c.bad_key) << i;
         EXPECT_EQ(check(cat({other_table, {0}})), c.bad_length) << i;
         EXPECT_EQ(check(other_kind), c.refused_kind < 0 ? 0 : c.bad_key) << i;
-    }
-
-    const struct {
-        std::function<int32_t(void *)> init;
-        Bytes expected;
-    } first_keys[] = {
-        {[](void *k) { return zfx_rdi_kvdb_key_init(static_cast<zfx_rdi_kvdb_key *>(k)); }, {0x79, 0, 0, 0}},
-        {[](void *k) { return zfx2_pfcid_vdom_kvdb_key_init(static_cast<zfx2_pfcid_key *>(k)); }, cat({{0x74, 1, 1, 0}, zeros(14)})},
-        {[](void *k) { return zfx2_pfcid_vfcid_kvdb_key_init(static_cast<zfx2_pfcid_key *>(k)); }, cat({{0x74, 2, 1, 0}, zeros(14)})},
-    };
-    for (const auto &k : first_keys) {
-        Bytes key(k.expected.size(), 0xEE);
-        EXPECT_EQ(k.init(key.data()), 0);
-        EXPECT_EQ(key, k.expected);
-        EXPECT_EQ(k.init(nullptr), ZFX_ERR_INVALID_VALUE);
+        if (!c.init) continue;
+        EXPECT_EQ(c.init(first.data()), 0);
+        EXPECT_EQ(first, c.key);
+        EXPECT_EQ(c.init(nullptr), ZFX_ERR_INVALID_VALUE);
     }
 }
 
