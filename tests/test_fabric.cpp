@@ -110,6 +110,8 @@ TEST(Fabric, TopologyListAndModeRecord) {
     EXPECT_EQ(first, 0xA1B2C3D4u);
 }
 
+// The three passes in their order (activated, configured, removals) are in the demo's golden
+// text; here the cases it does not hold.
 TEST(Fabric, TopologyTextRunsItsThreePasses) {
     const std::string db = "zfx vsan-topology database\n", act = "zfx vsan-topology activate\n";
     auto entry = [](int afid, const char *ranges, const char *word = "") {
@@ -119,10 +121,8 @@ TEST(Fabric, TopologyTextRunsItsThreePasses) {
         return std::string(buf);
     };
     const TextCase cases[] = {
-        {"both, activated, configured: in key order per pass, removals last",
-         {topo_rec(3, kWwn, 3, vsans({3, 4, 5, 7})), topo_rec(1, kWwn, 1, vsans({1})), topo_rec(2, kWwn, 2, vsans({}))},
-         db + entry(1, "1") + entry(3, "3-5,7") + act + db + entry(2, "") + entry(1, "1", "no ")},
         {"configured only: nothing to activate", {topo_rec(5, kWwn, 2, vsans({4095}))}, db + entry(5, "4095")},
+        {"activated only: then removed", {topo_rec(5, kWwn, 1, vsans({9}))}, db + entry(5, "9") + act + entry(5, "9", "no ")},
         {"auto mode alone", {topo_mode_rec(ZFX_VT_MODE_AUTO)}, "zfx vsan-topology auto\n"},
         {"another mode", {topo_mode_rec(100)}, ""},
         {"short mode record is missing", {{{0x65, 0x02}, cat({le32(0), be32(101)})}}, ""},
@@ -154,6 +154,8 @@ TEST(Fabric, AfidTableWritesEachHalfUnderItsOwnDatabaseLine) {
                                          kWwn, vsans({}), be32(1), zeros(8)}));
     std::free(list);
 }
+// The demo's golden text holds the active block with its deny policy and each kind of difference
+// beside others; here each alone, and the limits of a line.
 TEST(Fabric, ServiceGroupsWriteTheActiveBlockThenTheDifferences) {
     const std::string g1 = "zfx service-group name g1\n", g2 = "zfx service-group name g2\n";
     const std::string activate = "zfx service-group activate\n";
@@ -192,12 +194,8 @@ TEST(Fabric, ServiceGroupsWriteTheActiveBlockThenTheDifferences) {
         {"active only: every group removed", groups(false, {{1, "g1", {{1, {1}}}}, {2, "g2", {{1, {4}}}}}),
          g1 + m(1, "1") + g2 + m(1, "4") + activate + "no " + g1 + "no " + g2},
         {"unchanged", groups(true, {{7, "g1", {{1, {1}}, {2, {2, 3}}}}}, active12), g1 + m(1, "1") + m(2, "2-3") + activate},
-        {"changed VSANs: written again, no removal", groups(true, {{1, "g1", {{1, {1}}, {2, {5}}}}}, active12),
-         g1 + m(1, "1") + m(2, "2-3") + activate + g1 + m(2, "5")},
         {"member removed from a group that stays", groups(true, {{1, "g1", {{1, {1}}}}}, active12),
          g1 + m(1, "1") + m(2, "2-3") + activate + g1 + m(2, "2-3", "no ")},
-        {"default deny", groups(true, {{1, "g1", {{1, {1}}}}}, groups(false, {{1, "g1", {{1, {1}}}}}, {sg_policy_rec(1)})),
-         g1 + m(1, "1") + "zfx service-group activate default-sg-deny\n"},
         {"nameless members share the empty name", {sg_member_rec(true, 1, 1, vsans({1})), sg_member_rec(true, 2, 2, vsans({2}))},
          m(1, "1") + m(2, "2")},
         {"names print up to 80 bytes", groups(true, {{1, std::string(100, 'n'), {{1, {1}}}}}),

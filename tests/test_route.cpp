@@ -237,10 +237,9 @@ TEST(Routing, HashZoneNamesAndVsanWwn) {
         {1, 4095, false, ZFX_ERR_INVALID_ARG, Bytes(8, 0xCC)},
     };
     for (const auto &c : cases) {
-        uint8_t wwn[8];
-        std::memset(wwn, 0xCC, 8);
-        EXPECT_EQ(zfx_get_vsan_wwn_from_switch_wwn(sw, c.kind, c.vsan, c.out ? wwn : nullptr), c.result);
-        EXPECT_EQ(bytes_of(wwn, 8), c.wwn) << c.vsan;
+        Bytes wwn(9, 0xCC);  // the byte after the WWN stays as it was
+        EXPECT_EQ(zfx_get_vsan_wwn_from_switch_wwn(sw, c.kind, c.vsan, c.out ? wwn.data() : nullptr), c.result);
+        EXPECT_EQ(wwn, cat({c.wwn, {0xCC}})) << c.vsan;
     }
     wwnsvc_table_clear();
 }
