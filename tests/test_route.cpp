@@ -57,14 +57,11 @@ struct Driver {
             return 0;
         };
     }
-    Ioctl last() {
+    std::vector<Ioctl> seen() {
         std::lock_guard<std::mutex> g(dev.mu);
-        return calls.back();
+        return calls;
     }
-    size_t ncalls() {
-        std::lock_guard<std::mutex> g(dev.mu);
-        return calls.size();
-    }
+    size_t ncalls() { return seen().size(); }
 } g_drv;
 
 // Runs first: the device is opened on first use, a failed open is tried again, and two threads
@@ -88,16 +85,13 @@ TEST(ForwardingDevice, OpenedOnceFirstFailureRetriedRaceKeepsOne) {
     a.join();
     b.join();
     g_drv.gate = 0;
-    EXPECT_EQ(out[0], 77u);
-    EXPECT_EQ(out[1], 77u);
-    EXPECT_EQ(g_drv.dev.opens, 3);
-    EXPECT_EQ(g_drv.dev.last_flags, O_RDONLY);
-    ASSERT_EQ(g_drv.dev.fds.size(), 1u) << "one descriptor kept";
-    EXPECT_EQ(g_drv.dev.closed.size(), 1u) << "the other closed";
+    EXPECT_EQ(std::pair(out[0], out[1]), std::pair(77u, 77u));
+    EXPECT_EQ(std::pair(g_drv.dev.opens, g_drv.dev.last_flags), std::pair(3, int(O_RDONLY)));
+    // One descriptor kept, the other closed, and both calls made on the one kept.
+    ASSERT_EQ(std::pair(g_drv.dev.fds.size(), g_drv.dev.closed.size()), std::pair(size_t(1), size_t(1)));
     const int kept = *g_drv.dev.fds.begin();
     ASSERT_EQ(g_drv.ncalls(), 2u);
-    EXPECT_EQ(g_drv.calls[0].fd, kept);
-    EXPECT_EQ(g_drv.calls[1].fd, kept);
+    EXPECT_EQ(std::pair(g_drv.calls[0].fd, g_drv.calls[1].fd), std::pair(kept, kept));
 
     zfx_ioc_get_native_vsan(1, 0, 0, 0, &out[0]);
     EXPECT_EQ(g_drv.dev.opens, 3) << "never opened again";
@@ -133,8 +127,8 @@ TEST(ForwardingDevice, InterVsanFlowByInterfaceFamilyAndRefusals) {
         EXPECT_EQ(flag, c.flag) << c.ifindex << " " << c.answer;
         ASSERT_EQ(g_drv.ncalls() - before, c.request != 0 ? 1u : 0u);
         if (c.request == 0) continue;
-        EXPECT_EQ(g_drv.last().request, c.request);
-        EXPECT_EQ(g_drv.last().arg, c.request == 0x4625 ? native : next_hop);
+        EXPECT_EQ(g_drv.seen().back().request, c.request);
+        EXPECT_EQ(g_drv.seen().back().arg, c.request == 0x4625 ? native : next_hop);
     }
     tcam_table_clear();
 
