@@ -103,6 +103,7 @@ TEST(ZfxClient, RepliesDecodeCutsAreRefusedAndMalformedOnesSayWhy) {
         {kMembers, reply(1, {member(1, 1, {tlv(27, le32(1)), tlv(10, kWwn), tlv(11, le32(1))})}), "error: entry 1 of 1: the member lacks its port WWN or"},
         {kMembers, reply(1, {member(1, 1, {tlv(27, le32(0)), tlv(10, kWwn)})}), "error: entry 1 of 1: the member's VSAN 0 is out of range"},
         {kMembers, reply(1, {member(1, 1, {tlv(10, kWwn), tlv(11, le32(1))})}), "error: entry 1 of 1: the member has no type"},
+        {kMembers, reply(1, {member(1, 1, {tlv(27, le32(0)), tlv(10, Bytes{1, 2, 3}), tlv(11, le32(1))})}), "error: entry 1 of 1: element 10 holds 3"},
         {kZonesets, reply(1, {zoneset(1, {tlv(61, Bytes{1, 2})})}), "error: entry 1 of 1: element 61 holds 2 bytes"},
         {kStatus, cat({be32(2), status_entry(1, 0, 0, "a")}), "error: the reply counts 2 zonesets in 84 bytes"},
         {kStatus, cat({be32(1), status_entry(1, 0, 0, "a"), zeros(4)}), "error: the reply counts 1 zonesets in 88 bytes"},
