@@ -194,8 +194,6 @@ TEST(Fabric, ServiceGroupsWriteTheActiveBlockThenTheDifferences) {
         {"active only: every group removed", groups(false, {{1, "g1", {{1, {1}}}}, {2, "g2", {{1, {4}}}}}),
          g1 + m(1, "1") + g2 + m(1, "4") + activate + "no " + g1 + "no " + g2},
         {"unchanged", groups(true, {{7, "g1", {{1, {1}}, {2, {2, 3}}}}}, active12), g1 + m(1, "1") + m(2, "2-3") + activate},
-        {"member removed from a group that stays", groups(true, {{1, "g1", {{1, {1}}}}}, active12),
-         g1 + m(1, "1") + m(2, "2-3") + activate + g1 + m(2, "2-3", "no ")},
         {"nameless members share the empty name", {sg_member_rec(true, 1, 1, vsans({1})), sg_member_rec(true, 2, 2, vsans({2}))},
          m(1, "1") + m(2, "2")},
         {"names print up to 80 bytes", groups(true, {{1, std::string(100, 'n'), {{1, {1}}}}}),
