@@ -1,6 +1,8 @@
 // Raw-message queries and the transport under them: the exact messages sent, replies selected by
 // their token (decoys and interrupted receives included), reply parsing and short replies, the
-// frame hand-over, and the name-server client.
+// frame hand-over, and the name-server client. That the service understands these messages, and
+// the library its answers, is the zfxd fabric suite's round trip; here, the bytes and every way
+// a reply or an argument can be wrong.
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -15,28 +17,10 @@ namespace {
 
 using namespace zfxtest;
 
-// A holder with a message carrying payload, as a receive would leave it.
-struct Held {
-    explicit Held(const Bytes &payload) {
-        const plat_msg_info info{};
-        h.msg = plat_msg_new(&info, payload.data(), uint32_t(payload.size()));
-    }
-    ~Held() { xqb_drop(nullptr, &h); }
-    xqb_msg h = XQB_MSG_EMPTY;
-};
-
 Bytes frame(uint32_t w0, uint32_t w1, uint32_t data_len, const Bytes &data) {
     Bytes b = cat({le32(w0), le32(w1), zeros(8), le32(data_len)});
     b.resize(128, 0);
     return cat({b, data});
-}
-
-// The record as it travels: its first n bytes, the two header words in network order.
-Bytes on_wire(Bytes rec, size_t n) {
-    std::reverse(rec.begin(), rec.begin() + 4);
-    std::reverse(rec.begin() + 4, rec.begin() + 8);
-    rec.resize(n);
-    return rec;
 }
 
 Bytes dir_reply(uint32_t status, uint32_t count, uint32_t size, const Bytes &entries) {
@@ -46,7 +30,6 @@ Bytes dir_reply(uint32_t status, uint32_t count, uint32_t size, const Bytes &ent
 TEST(RawQuery, MessagesOnTheWire) {
     xqb_msg sent = XQB_MSG_EMPTY;
     Bytes rec = frame(0x01020304, 0x0A0B0C0D, 3, {7, 8, 9, 0xEE});  // one byte more than sent
-    Bytes bare = frame(1, 2, 0, {});
     const struct {
         std::function<int32_t(plat_endpoint *)> call;
         const char *summary;
@@ -56,10 +39,9 @@ TEST(RawQuery, MessagesOnTheWire) {
          "raw 0/198657 @fe000001 reply", cat({be32(0x01020304), le32(0xAABBCCDD)})},
         {[&](plat_endpoint *ep) { return zfx_send_get_proxy_domain_list(ep, 5, &sent); }, "raw 0/8615 @fe000001 reply",
          be32(5)},
+        // The header words travel in network order, the record's own bytes otherwise.
         {[&](plat_endpoint *ep) { return zfx_forward_frame(ep, reinterpret_cast<zfx_frame_record *>(rec.data())); },
-         "raw 0/8644 @fe000001", on_wire(rec, 131)},
-        {[&](plat_endpoint *ep) { return zfx_forward_frame(ep, reinterpret_cast<zfx_frame_record *>(bare.data())); },
-         "raw 0/8644 @fe000001", on_wire(bare, 128)},
+         "raw 0/8644 @fe000001", cat({be32(0x01020304), be32(0x0A0B0C0D), Bytes(rec.begin() + 8, rec.end() - 1)})},
         {[&](plat_endpoint *ep) {
              const dir_query q{.scope = 0x0102, .attributes = DIR_ATTR_ALL};
              return dir_send_get_entry_given_portname(ep, 0x20000011, 0x22334455, &q, &sent);
@@ -80,14 +62,13 @@ TEST(RawQuery, MessagesOnTheWire) {
             EXPECT_NE(xqb_rr_token_get(&sent), 0u);
             xqb_drop(svc.ep(), &sent);
         }
-        EXPECT_EQ(sent.msg, nullptr);
     }
     EXPECT_EQ(rec, frame(0x01020304, 0x0A0B0C0D, 3, {7, 8, 9, 0xEE})) << "the record reads as before";
 }
 
 TEST(RawQuery, ParseStepsReadOnlyWhatTheReplyHolds) {
-    const Bytes list = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16,
-                        17, 18, 19, 20, 21, 22, 23, 24, 25, 26, 27, 28, 29, 30, 31, 32};
+    Bytes list(32);
+    for (size_t i = 0; i < list.size(); ++i) list[i] = uint8_t(i + 1);
     const struct {
         Bytes reply;
         int32_t native;  // result of the native-domain parse
@@ -104,16 +85,18 @@ TEST(RawQuery, ParseStepsReadOnlyWhatTheReplyHolds) {
         {cat({be32(0), {0, 0x11, 0, 0}, list, {1, 2, 3}}), 0, ZFX_ERR_INVALID_ARG},
     };
     for (const auto &c : cases) {
-        Held held(c.reply);
+        xqb_msg held = XQB_MSG_EMPTY;
+        const plat_msg_info info{};
+        held.msg = plat_msg_new(&info, c.reply.data(), uint32_t(c.reply.size()));
         uint32_t domain = 0xDEAD;
-        EXPECT_EQ(zfx_parse_get_native_domain(&held.h, &domain), c.native) << hex(c.reply);
+        EXPECT_EQ(zfx_parse_get_native_domain(&held, &domain), c.native) << hex(c.reply);
         EXPECT_EQ(domain, c.native == 0 ? c.reply[5] : 0xDEADu);
         zfx_proxy_domain_list out;
         std::memset(&out, 0xCC, sizeof out);
-        EXPECT_EQ(zfx_parse_get_proxy_domain_list(&held.h, &out), c.proxy) << hex(c.reply);
-        EXPECT_EQ(bytes_of(&out, sizeof out),
-                  c.proxy == 0 ? cat({Bytes(4, 0xCC), list, le32(0x01020304)}) : Bytes(40, 0xCC));
-        EXPECT_EQ(zfx_parse_get_native_domain(&held.h, nullptr), ZFX_ERR_INVALID_ARG);
+        EXPECT_EQ(zfx_parse_get_proxy_domain_list(&held, &out), c.proxy) << hex(c.reply);
+        EXPECT_EQ(bytes_of(&out, sizeof out), c.proxy == 0 ? cat({Bytes(4, 0xCC), list, le32(0x01020304)}) : Bytes(40, 0xCC));
+        EXPECT_EQ(zfx_parse_get_native_domain(&held, nullptr), ZFX_ERR_INVALID_ARG);
+        xqb_drop(nullptr, &held);
     }
     EXPECT_EQ(zfx_parse_get_proxy_domain_list(nullptr, nullptr), ZFX_ERR_INVALID_ARG);
 }
@@ -131,30 +114,24 @@ TEST(RawQuery, CombinedQueriesTakeTheirOwnReplyThroughInterruptions) {
     EXPECT_EQ(zfx_get_native_domain(svc.ep(), 3, 4, &domain), 0);
     EXPECT_EQ(domain, 42u);
     ASSERT_EQ(svc.receives().size(), 3u);
-    for (const Sent &r : svc.receives()) {
-        EXPECT_EQ(r.token, svc.last().token);
-        EXPECT_EQ(r.timeout, 0u);
-    }
+    for (const Sent &r : svc.receives()) EXPECT_EQ(std::pair(r.token, r.timeout), std::pair(svc.last().token, 0u));
     EXPECT_EQ(plat_endpoint_pending(svc.ep()), 1u) << "only the decoy is left";
 
     // Failures: refused send, a receive that fails otherwise, a reply that never came.
     const struct {
         Answer answer;
         int32_t recv_result;
-        int recv_err;
         int32_t result;
     } cases[] = {
-        {Answer::failure(EPIPE), 0, 0, ZFX_ERR_SEND},
-        {Answer::reply_with(be32(0)), -1, EIO, -1},
-        {Answer::reply_with(be32(0)), -7, 0, -7},
-        {Answer::none(), 0, 0, -1},  // nothing queued under the token: EAGAIN
-        {Answer::reply_with(cat({be32(0), zeros(40)})), 0, 0, 0},
+        {Answer::failure(EPIPE), 0, ZFX_ERR_SEND},   {Answer::reply_with(be32(0)), -1, -1},
+        {Answer::reply_with(be32(0)), -7, -7},       {Answer::none(), 0, -1},  // nothing queued under the token
+        {Answer::reply_with(cat({be32(0), zeros(40)})), 0, 0},
     };
     for (const auto &c : cases) {
         for (bool proxy : {false, true}) {
             FakeService s;
             s.answer(c.answer);
-            if (c.recv_result != 0) s.fail_recv(c.recv_result, c.recv_err);
+            if (c.recv_result != 0) s.fail_recv(c.recv_result, EIO);
             zfx_proxy_domain_list list{};
             EXPECT_EQ(proxy ? zfx_get_proxy_domain_list(s.ep(), 1, &list) : zfx_get_native_domain(s.ep(), 1, 2, &domain),
                       c.result);
@@ -165,7 +142,9 @@ TEST(RawQuery, CombinedQueriesTakeTheirOwnReplyThroughInterruptions) {
     EXPECT_EQ(svc.sent().size(), 1u);
 }
 
-TEST(RawQuery, FrameHandOverFailures) {
+// A refused hand-over gives the record back as it was; a length past what a message can say, or
+// no record, sends nothing. The transport refuses its own bad arguments the same way.
+TEST(RawQuery, RefusedFramesAndTransportArguments) {
     FakeService svc;
     svc.answer(Answer::failure(EPIPE));
     Bytes rec = frame(5, 6, 0, {});
@@ -177,6 +156,24 @@ TEST(RawQuery, FrameHandOverFailures) {
     EXPECT_EQ(zfx_forward_frame(svc.ep(), f), ZFX_ERR_INVALID_VALUE);
     EXPECT_EQ(zfx_forward_frame(svc.ep(), nullptr), ZFX_ERR_INVALID_ARG);
     EXPECT_EQ(svc.sent().size(), 1u);
+
+    xqb_msg m = XQB_MSG_EMPTY;
+    const xqb_recv_opts any{};
+    EXPECT_EQ(xqb_send(nullptr, 1, 2, 3, nullptr, 0, nullptr, 0, nullptr), -1);
+    EXPECT_EQ(xqb_send(svc.ep(), 1, 2, 3, nullptr, 4, &m, 0, nullptr), -1);
+    EXPECT_EQ(xqb_recv(svc.ep(), &m, nullptr), -1);
+    EXPECT_EQ(xqb_recv(svc.ep(), nullptr, &any), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(svc.sent().size(), 1u);
+    // A receive for a token that has no reply fails and leaves the holder empty.
+    svc.answer(Answer::reply_with({9}));
+    const uint8_t b = 1;
+    ASSERT_EQ(xqb_send(svc.ep(), 7, 8, 9, &b, 1, &m, 4, nullptr), 0);
+    EXPECT_EQ(svc.last().summary(), "raw 0/9 @7 sap=8 b4");
+    const xqb_recv_opts other{.select = XQB_SELECT_TOKEN, .token = xqb_rr_token_get(&m) + 1};
+    EXPECT_EQ(xqb_recv(svc.ep(), &m, &other), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_EQ(m.msg, nullptr);
 }
 
 TEST(RawQuery, NameServerEntry) {
@@ -208,8 +205,7 @@ TEST(RawQuery, NameServerEntry) {
         EXPECT_EQ(zfx_ns_get_entry_given_portname(svc.ep(), 1, 2, 3, &out), c.result) << hex(c.reply);
         EXPECT_EQ(bytes_of(&out, sizeof out), c.result == 0 ? parsed : Bytes(DIR_ENTRY_SIZE, 0xCC));
         ASSERT_EQ(svc.receives().size(), 2u);
-        EXPECT_EQ(svc.receives()[1].token, svc.last().token);
-        EXPECT_EQ(svc.receives()[1].timeout, 5u);
+        EXPECT_EQ(std::pair(svc.receives()[1].token, svc.receives()[1].timeout), std::pair(svc.last().token, 5u));
         EXPECT_EQ(plat_endpoint_pending(svc.ep()), 0u);
     }
     FakeService svc;
@@ -217,40 +213,10 @@ TEST(RawQuery, NameServerEntry) {
     dir_entry out;
     EXPECT_EQ(zfx_ns_get_entry_given_portname(svc.ep(), 1, 2, 3, &out), DIR_ERR_SEND);
     svc.fail_recv(-1, ENOTCONN);
-    svc.answer(Answer::reply_with(dir_reply(0, 1, DIR_ENTRY_SIZE, entry)));
     EXPECT_EQ(zfx_ns_get_entry_given_portname(svc.ep(), 1, 2, 3, &out), -1);
     EXPECT_EQ(errno, ENOTCONN);
     EXPECT_EQ(zfx_ns_get_entry_given_portname(svc.ep(), 1, 2, 3, nullptr), ZFX_ERR_INVALID_ARG);
     EXPECT_EQ(svc.sent().size(), 2u);
-}
-
-TEST(RawTransport, ArgumentsAndSelection) {
-    FakeService svc;
-    xqb_msg m = XQB_MSG_EMPTY;
-    const xqb_recv_opts any{};
-    EXPECT_EQ(xqb_send(nullptr, 1, 2, 3, nullptr, 0, nullptr, 0, nullptr), -1);
-    EXPECT_EQ(xqb_send(svc.ep(), 1, 2, 3, nullptr, 4, &m, 0, nullptr), -1);
-    EXPECT_EQ(xqb_recv(svc.ep(), &m, nullptr), -1);
-    EXPECT_EQ(xqb_recv(svc.ep(), nullptr, &any), -1);
-    EXPECT_EQ(errno, EINVAL);
-    EXPECT_TRUE(svc.sent().empty());
-    // A datagram with flags; a receive for another token fails and empties the holder; a receive
-    // of any message takes the first queued, whatever its token.
-    svc.answer(Answer::reply_with({9}));
-    const uint8_t b = 1;
-    ASSERT_EQ(xqb_send(svc.ep(), 7, 8, 9, &b, 1, &m, 4, nullptr), 0);
-    EXPECT_EQ(svc.last().summary(), "raw 0/9 @7 sap=8 b4");
-    const xqb_recv_opts other{.select = XQB_SELECT_TOKEN, .token = xqb_rr_token_get(&m) + 1};
-    EXPECT_EQ(xqb_recv(svc.ep(), &m, &other), -1);
-    EXPECT_EQ(errno, EAGAIN);
-    EXPECT_EQ(m.msg, nullptr);
-    ASSERT_EQ(xqb_recv(svc.ep(), &m, &any), 0);
-    uint32_t len;
-    const void *payload = xqb_payload_get(&m, &len);
-    EXPECT_EQ(bytes_of(payload, len), Bytes{9});
-    EXPECT_EQ(xqb_rr_token_get(&m), svc.last().token);
-    xqb_drop(svc.ep(), &m);
-    EXPECT_EQ(xqb_payload_get(&m, &len), nullptr);
 }
 
 }  // namespace
