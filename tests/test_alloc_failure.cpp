@@ -333,9 +333,9 @@ std::vector<Row> zone_db_rows(const Prefix &p) {
 // ---- store lists ----------------------------------------------------------------------------------
 
 // A list builder on the store at location: on failure *list NULL and *size 0; a builder of the
-// standard allocator answers ZFX_ERR_NO_MEMORY, one of the tracked allocator answers 0 and
-// reports the failure to the event history and, with the failure messages switched on (every
-// other run), to standard error in the same words.
+// standard allocator answers ZFX_ERR_NO_MEMORY, one of the tracked allocator (whose list the
+// feature's owner holds) answers 0 and reports the failure to the event history and, with the
+// failure messages switched on (every other run), to standard error in the same words.
 template <typename List, typename F>
 Row list(const std::string &location, uint32_t entries, bool tracked, const char *name, F call) {
     return {name, [location, call, entries, tracked] {
@@ -348,6 +348,7 @@ Row list(const std::string &location, uint32_t entries, bool tracked, const char
                 Capture err(2);
                 const int32_t status = call(nullptr, r.get(), &l, &size);
                 const bool fail = failed();
+                const bool owned = heapx_stats(kOwner).bytes_in_use != 0;  // held under the feature's owner
                 const std::string printed = err.text();
                 tlg_debug_enable(kAllocFailSubtype, 0);
                 const std::vector<std::string> reported = alloc_failures();
@@ -357,7 +358,7 @@ Row list(const std::string &location, uint32_t entries, bool tracked, const char
                            printed == (messages ? "zfx: " + reported[0] + "\n" : "");
                 if (fail) return l == nullptr && size == 0 && status == ZFX_ERR_NO_MEMORY && reported.empty();
                 const bool whole = status == 0 && l != nullptr && ntohl(l->count) == entries && reported.empty() &&
-                                   printed.empty();
+                                   printed.empty() && owned == tracked;
                 if (tracked)
                     heapx_free(l);
                 else
