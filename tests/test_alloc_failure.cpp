@@ -11,6 +11,7 @@
 #include <cstring>
 #include <functional>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -38,7 +39,8 @@ using namespace zfxtest;
 
 // ---- the sweep ----------------------------------------------------------------------------------
 
-constexpr uint32_t kOwner = 180;  // the feature's owner number with the tracked allocator
+constexpr uint32_t kOwner = 180;           // the feature's owner number with the tracked allocator
+constexpr uint32_t kAllocFailSubtype = 102;  // the debug switch of allocation-failure messages
 
 uint32_t g_nth;  // the allocation that fails in the run under way
 
@@ -55,6 +57,15 @@ struct Row {
     bool allocates = true;
 };
 
+// A row's name and call: the function with its arguments as written, in which ep, at, out and n
+// stand for what the row's kind hands over (the endpoint; the store, cursor, nodes or input; the
+// out-parameter; the count or length).
+#define CALL(fn, ...)                                                                                         \
+    #fn "(" #__VA_ARGS__ ")", [](auto ep, auto at, auto out, auto n) {                                        \
+        (void)ep, (void)at, (void)out, (void)n;                                                               \
+        return fn(__VA_ARGS__);                                                                               \
+    }
+
 // Some non-NULL address that the library never hands out: an out-parameter still holding it was
 // not written.
 template <typename T>
@@ -68,49 +79,43 @@ const Bytes kWwn = {0x20, 0x00, 0x00, 0x11, 0x22, 0x33, 0x44, 0x55};
 // ---- requests ---------------------------------------------------------------------------------
 
 // A request built from arguments: with its message unallocated, ZFX_ERR_NO_MEMORY and nothing sent.
-Row request(const char *name, std::function<uint32_t(plat_endpoint *)> call) {
+template <typename F>
+Row request(const char *name, F call) {
     return {name, [call] {
                 FakeService svc;
-                const uint32_t r = call(svc.ep());
+                const uint32_t r = call(svc.ep(), nullptr, nullptr, nullptr);
                 return failed() ? r == uint32_t(ZFX_ERR_NO_MEMORY) && svc.sent().empty()
                                 : r == 0 && svc.sent().size() == 1;
             }};
 }
 
-// A message query answered with reply: on failure *reply is NULL and nothing was sent.
-template <typename Msg>
-Row message_query(const char *name, Bytes reply, uint32_t (*call)(plat_endpoint *, Msg **)) {
+// A query answered with reply into out: a message it hands out (Out a pointer) or the caller's
+// structure. On failure: ZFX_ERR_NO_MEMORY, nothing sent, and no message (NULL) or the structure
+// untouched.
+template <typename Out, typename F>
+Row query(const Bytes &reply, const char *name, F call) {
     return {name, [reply, call] {
                 FakeService svc;
                 svc.answer(Answer::reply_with(reply));
-                Msg *out = untouched<Msg>();
-                const uint32_t r = call(svc.ep(), &out);
-                if (failed()) return r == uint32_t(ZFX_ERR_NO_MEMORY) && out == nullptr && svc.sent().empty();
-                const bool whole = r == 0 && out != nullptr && bytes_of(out, uint32_t(reply.size())) == reply;
-                std::free(out);
-                return whole;
+                Out out;
+                std::memset(&out, 0xAB, sizeof out);  // as a pointer, one the library never hands out
+                const Bytes before = bytes_of(&out, sizeof out);
+                const uint32_t r = call(svc.ep(), nullptr, &out, nullptr);
+                const bool kept = bytes_of(&out, sizeof out) == before;
+                if constexpr (std::is_pointer_v<Out>) {
+                    if (failed()) return r == uint32_t(ZFX_ERR_NO_MEMORY) && out == nullptr && svc.sent().empty();
+                    const bool whole = r == 0 && out != nullptr && bytes_of(out, reply.size()) == reply;
+                    std::free(out);
+                    return whole;
+                }
+                return failed() ? r == uint32_t(ZFX_ERR_NO_MEMORY) && kept && svc.sent().empty() : r == 0 && !kept;
             }};
 }
 
-// A data query answered with reply: on failure the caller's structure is untouched.
-template <typename Info>
-Row data_query(const char *name, Bytes reply, uint32_t (*call)(plat_endpoint *, Info *)) {
-    return {name, [reply, call] {
-                FakeService svc;
-                svc.answer(Answer::reply_with(reply));
-                Info info;
-                std::memset(&info, 0xAB, sizeof info);
-                const Bytes before = bytes_of(&info, sizeof info);
-                const uint32_t r = call(svc.ep(), &info);
-                if (failed()) return r == uint32_t(ZFX_ERR_NO_MEMORY) && bytes_of(&info, sizeof info) == before;
-                return r == 0 && bytes_of(&info, sizeof info) != before;
-            }};
-}
-
-template <typename Msg>
-Row malloc_one(const char *name, Msg *(*call)()) {
+template <typename F>
+Row malloc_one(const char *name, F call) {
     return {name, [call] {
-                Msg *m = call();
+                auto *m = call(nullptr, nullptr, nullptr, nullptr);
                 if (failed()) return m == nullptr;
                 const bool whole = m != nullptr && m->hdr.count == 1;
                 std::free(m);
@@ -120,12 +125,13 @@ Row malloc_one(const char *name, Msg *(*call)()) {
 
 // A waited enabled query whose request fails with answer: the caller gets the all-zero substitute
 // reply and expected, or, without memory for it, 1 and no reply.
-Row enabled(const char *name, int32_t (*call)(plat_endpoint *, zfx_status_reply **), Answer answer, int32_t expected) {
+template <typename F>
+Row enabled(Answer answer, int32_t expected, const char *name, F call) {
     return {name, [call, answer, expected] {
                 FakeService svc;
                 svc.answer(answer);
                 zfx_status_reply *reply = untouched<zfx_status_reply>();
-                const int32_t r = call(svc.ep(), &reply);
+                const int32_t r = call(svc.ep(), nullptr, &reply, nullptr);
                 if (failed()) return r == 1 && reply == nullptr;
                 const size_t n = ZFX_STATUS_REPLY_SUBSTITUTE_SIZE;
                 const bool whole = r == expected && reply != nullptr && bytes_of(reply, n) == zeros(n);
@@ -140,11 +146,17 @@ const Bytes kMemberReply = cat({be32(1), zeros(4), be32(7), be32(3), tlv_array({
 const Bytes kZonesetReply =
     cat({be32(1), zeros(20), be32(5), tlv_array({tlv(1, str0("zs1")), tlv(61, cat({le32(1024), zeros(1024)}))})});
 
+// What zfx_get_active_zoneset fills: the zoneset's name and its zone bitmap.
+struct ActiveZoneset {
+    char name[ZFX_NAME_SIZE];
+    uint8_t zones[ZFX_ZONESET_ZONES_SIZE];
+};
+
 std::vector<Row> request_rows() {
-    std::vector<Row> rows = {
+    return {
         // Only a failed request makes the substitute reply.
-        enabled("zfx_is_zfx_enabled", zfx_is_zfx_enabled, Answer::failure(EIO), ZFX_ERR_ERRNO(EIO)),
-        enabled("zfx_is_zfx_enabled_ext", zfx_is_zfx_enabled_ext, Answer::reply_with({1, 2, 3}), ZFX_ERR_INVALID_ARG),
+        enabled(Answer::failure(EIO), ZFX_ERR_ERRNO(EIO), CALL(zfx_is_zfx_enabled, ep, out)),
+        enabled(Answer::reply_with({1, 2, 3}), ZFX_ERR_INVALID_ARG, CALL(zfx_is_zfx_enabled_ext, ep, out)),
         {"zfx_get_vsan_wwn_from_switch_wwn",
          [] {
              const uint8_t vsan_wwn[8] = {1, 2, 3, 4, 5, 6, 7, 8};
@@ -158,59 +170,23 @@ std::vector<Row> request_rows() {
              // Without its reply buffer the query answers 0 with a WWN of zeros, as documented.
              return r == 0 && bytes_of(wwn, 8) == (fail ? zeros(8) : bytes_of(vsan_wwn, 8));
          }},
-        malloc_one("zfx_dlg_malloc_one_zone_member_and_all_attribs", zfx_dlg_malloc_one_zone_member_and_all_attribs),
-        malloc_one("zfx_dlg_malloc_one_zone_and_all_attribs", zfx_dlg_malloc_one_zone_and_all_attribs),
-        malloc_one("zfx_dlg_malloc_one_zoneset_and_all_attribs", zfx_dlg_malloc_one_zoneset_and_all_attribs),
-        request("zfx_dlg_config_zone_member",
-                [](plat_endpoint *ep) {
-                    return zfx_dlg_config_zone_member(ep, 2, "z1", 3, 4, 0, kWwn.data(), nullptr, 10, 2, nullptr, 0);
-                }),
-        request(
-            "zfx_dlg_config_zone_all_attrib",
-            [](plat_endpoint *ep) { return zfx_dlg_config_zone_all_attrib(ep, 2, "z", "n2", 9, 3, 1, nullptr, 0); }),
-        request("zfx_dlg_config_zone_attrib",
-                [](plat_endpoint *ep) { return zfx_dlg_config_zone_attrib(ep, 2, "z", nullptr, 9, 1, 0, nullptr, 0); }),
-        request("zfx_dlg_config_zone",
-                [](plat_endpoint *ep) { return zfx_dlg_config_zone(ep, 2, "z", nullptr, nullptr, 0); }),
-        request("zfx_dlg_config_zoneset_all_attrib",
-                [](plat_endpoint *ep) {
-                    return zfx_dlg_config_zoneset_all_attrib(ep, 2, "s", "s2", 4, "z", nullptr, nullptr, 0);
-                }),
-        request("zfx_dlg_config_zoneset",
-                [](plat_endpoint *ep) { return zfx_dlg_config_zoneset(ep, 2, "s", nullptr, "z", nullptr, 0); }),
-        message_query<zfx_zoneset_msg>(
-            "zfx_dlg_get_zoneset", kZonesetReply,
-            [](plat_endpoint *ep, zfx_zoneset_msg **r) { return zfx_dlg_get_zoneset(ep, 1, "zs1", 5, r, 1, 0); }),
-        message_query<zfx_zone_msg>(
-            "zfx_dlg_get_zone", kZoneReply,
-            [](plat_endpoint *ep, zfx_zone_msg **r) { return zfx_dlg_get_zone(ep, 1, "z1", 7, r, 1, 0); }),
-        message_query<zfx_zone_member_msg>("zfx_dlg_get_zone_member", kMemberReply,
-                                           [](plat_endpoint *ep, zfx_zone_member_msg **r) {
-                                               return zfx_dlg_get_zone_member(ep, 1, nullptr, 3, 7, r, 1, 0);
-                                           }),
-        data_query<zfx_zoneset_info>(
-            "zfx_dlg_get_zoneset_data", kZonesetReply,
-            [](plat_endpoint *ep, zfx_zoneset_info *i) { return zfx_dlg_get_zoneset_data(ep, 1, i, 0); }),
-        data_query<zfx_zone_info>(
-            "zfx_dlg_get_zone_data", kZoneReply,
-            [](plat_endpoint *ep, zfx_zone_info *i) { return zfx_dlg_get_zone_data(ep, 1, i, 0); }),
-        data_query<zfx_zone_member_info>(
-            "zfx_dlg_get_zone_member_data", kMemberReply,
-            [](plat_endpoint *ep, zfx_zone_member_info *i) { return zfx_dlg_get_zone_member_data(ep, 1, i, 0); }),
-        {"zfx_get_active_zoneset",
-         [] {
-             FakeService svc;
-             svc.answer(Answer::reply_with(kZonesetReply));
-             char name[ZFX_NAME_SIZE];
-             uint8_t zones[ZFX_ZONESET_ZONES_SIZE];
-             std::memset(name, 'x', sizeof name);
-             std::memset(zones, 0xAB, sizeof zones);
-             const uint32_t r = zfx_get_active_zoneset(svc.ep(), name, zones);
-             if (failed()) return r == uint32_t(ZFX_ERR_NO_MEMORY) && name[0] == 'x' && zones[0] == 0xAB;
-             return r == 0 && std::string(name) == "zs1";
-         }},
+        malloc_one(CALL(zfx_dlg_malloc_one_zone_member_and_all_attribs)),
+        malloc_one(CALL(zfx_dlg_malloc_one_zone_and_all_attribs)),
+        malloc_one(CALL(zfx_dlg_malloc_one_zoneset_and_all_attribs)),
+        request(CALL(zfx_dlg_config_zone_member, ep, 2, "z1", 3, 4, 0, kWwn.data(), nullptr, 10, 2, nullptr, 0)),
+        request(CALL(zfx_dlg_config_zone_all_attrib, ep, 2, "z", "n2", 9, 3, 1, nullptr, 0)),
+        request(CALL(zfx_dlg_config_zone_attrib, ep, 2, "z", nullptr, 9, 1, 0, nullptr, 0)),
+        request(CALL(zfx_dlg_config_zone, ep, 2, "z", nullptr, nullptr, 0)),
+        request(CALL(zfx_dlg_config_zoneset_all_attrib, ep, 2, "s", "s2", 4, "z", nullptr, nullptr, 0)),
+        request(CALL(zfx_dlg_config_zoneset, ep, 2, "s", nullptr, "z", nullptr, 0)),
+        query<zfx_zoneset_msg *>(kZonesetReply, CALL(zfx_dlg_get_zoneset, ep, 1, "zs1", 5, out, 1, 0)),
+        query<zfx_zone_msg *>(kZoneReply, CALL(zfx_dlg_get_zone, ep, 1, "z1", 7, out, 1, 0)),
+        query<zfx_zone_member_msg *>(kMemberReply, CALL(zfx_dlg_get_zone_member, ep, 1, nullptr, 3, 7, out, 1, 0)),
+        query<zfx_zoneset_info>(kZonesetReply, CALL(zfx_dlg_get_zoneset_data, ep, 1, out, 0)),
+        query<zfx_zone_info>(kZoneReply, CALL(zfx_dlg_get_zone_data, ep, 1, out, 0)),
+        query<zfx_zone_member_info>(kMemberReply, CALL(zfx_dlg_get_zone_member_data, ep, 1, out, 0)),
+        query<ActiveZoneset>(kZonesetReply, CALL(zfx_get_active_zoneset, ep, out->name, out->zones)),
     };
-    return rows;
 }
 
 // ---- device entries -----------------------------------------------------------------------------
@@ -233,12 +209,15 @@ void free_ns(zfx_device_ns_entry *entries, size_t n) {
     std::free(entries);
 }
 
+void release(zfx_device_ns_entry *entries, size_t n) { free_ns(entries, n); }
+void release(zfx_device_entry *entries, size_t) { std::free(entries); }
+
 // A batch of two devices, the second asked VSAN by VSAN.
 const Bytes kBatch = cat({device(1, 5, {1, 2}, 0, 0x11), device(2, 5, {3}, ZFX_DEVICE_FLAG_PER_VSAN, 0x22)});
 
 // A name-server view of a batch: on failure nothing handed out and the cursor not moved.
-Row ns_view(const char *name,
-            int32_t (*call)(plat_endpoint *, zfx_device_entry *, zfx_device_ns_entry **, uint32_t *)) {
+template <typename F>
+Row ns_view(const char *name, F call) {
     return {name, [call] {
                 FakeService svc;
                 svc.answer(Answer::reply_with(kBatch));
@@ -270,46 +249,34 @@ Bytes tlv_reply() {
                            block(b), tlv(2, le32(1)), pair(6, 60)})});
 }
 
-// A decoder of a TLV-encoded reply, with and without the reply's length. On failure: nothing
-// handed out, *count 0, and nothing printed.
-template <typename Entry>
-std::vector<Row> decoders(const std::string &name, int32_t (*checked)(const void *, uint32_t, Entry **, int32_t *),
-                          int32_t (*trusted)(const void *, Entry **, int32_t *), void (*release)(Entry *, size_t)) {
-    auto row = [release](const std::string &n, std::function<int32_t(const Bytes &, Entry **, int32_t *)> call) {
-        return Row{n, [release, call] {
-                       const Bytes reply = tlv_reply();
-                       Entry *entries = untouched<Entry>();
-                       int32_t count = 99;
-                       Capture out;
-                       const int32_t r = call(reply, &entries, &count);
-                       const bool fail = failed();
-                       const std::string printed = out.text();
-                       if (fail)
-                           return r == ZFX_ERR_NO_MEMORY && entries == untouched<Entry>() && count == 0 &&
-                                  printed.empty();
-                       const bool whole = r == 0 && count == 3 && printed == "ignoring unknown tlv type: 70\n";
-                       release(entries, size_t(count));
-                       return whole;
-                   }};
-    };
-    return {row(name + "_checked", [checked](const Bytes &r, Entry **e,
-                                             int32_t *n) { return checked(r.data(), uint32_t(r.size()), e, n); }),
-            row(name, [trusted](const Bytes &r, Entry **e, int32_t *n) { return trusted(r.data(), e, n); })};
+// A decoder of the TLV-encoded reply (at): on failure nothing handed out, *count 0, and nothing
+// printed.
+template <typename Entry, typename F>
+Row decoder(const char *name, F call) {
+    return {name, [call] {
+                const Bytes reply = tlv_reply();
+                Entry *entries = untouched<Entry>();
+                int32_t count = 99;
+                Capture out;
+                const int32_t r = call(nullptr, &reply, &entries, &count);
+                const bool fail = failed();
+                const std::string printed = out.text();
+                if (fail) return r == ZFX_ERR_NO_MEMORY && entries == untouched<Entry>() && count == 0 && printed.empty();
+                const bool whole = r == 0 && count == 3 && printed == "ignoring unknown tlv type: 70\n";
+                release(entries, size_t(count));
+                return whole;
+            }};
 }
 
-void free_entries(zfx_device_entry *entries, size_t) { std::free(entries); }
-
 std::vector<Row> device_rows() {
-    std::vector<Row> rows = {
-        ns_view("zfx_device_ns_entry_get_next", zfx_device_ns_entry_get_next),
-        ns_view("zfx2_device_ns_entry_get_next", zfx2_device_ns_entry_get_next),
+    return {
+        ns_view(CALL(zfx_device_ns_entry_get_next, ep, at, out, n)),
+        ns_view(CALL(zfx2_device_ns_entry_get_next, ep, at, out, n)),
+        decoder<zfx_device_entry>(CALL(zfx2_device_entry_parse_checked, at->data(), uint32_t(at->size()), out, n)),
+        decoder<zfx_device_entry>(CALL(zfx2_device_entry_parse, at->data(), out, n)),
+        decoder<zfx_device_ns_entry>(CALL(zfx2_device_ns_entry_parse_checked, at->data(), uint32_t(at->size()), out, n)),
+        decoder<zfx_device_ns_entry>(CALL(zfx2_device_ns_entry_parse, at->data(), out, n)),
     };
-    for (auto &&group : {decoders<zfx_device_entry>("zfx2_device_entry_parse", zfx2_device_entry_parse_checked,
-                                                    zfx2_device_entry_parse, free_entries),
-                         decoders<zfx_device_ns_entry>("zfx2_device_ns_entry_parse", zfx2_device_ns_entry_parse_checked,
-                                                       zfx2_device_ns_entry_parse, free_ns)})
-        rows.insert(rows.end(), group.begin(), group.end());
-    return rows;
 }
 
 // ---- the zone database ----------------------------------------------------------------------------
@@ -323,15 +290,14 @@ struct Db : ZoneNodes {
     zfx_zoneset_node set = zoneset(1, "zs1", {&z});
 };
 
-// A record encoder of the node that node picks: on failure NULL, *length untouched (or zeroed,
-// for the active zoneset data).
-template <typename Node>
-Row encoder(const char *name, void *(*encode)(const Node *, uint32_t *), std::function<const Node *(const Db &)> node,
-            uint32_t length_on_failure = 12345) {
-    return {name, [encode, node, length_on_failure] {
+// A record encoder of a node of the database (at): on failure NULL and *length
+// length_on_failure (untouched, or zeroed for the active zoneset data).
+template <typename F>
+Row encoder(uint32_t length_on_failure, const char *name, F call) {
+    return {name, [call, length_on_failure] {
                 const Db db;
                 uint32_t length = 12345;
-                void *rec = encode(node(db), &length);
+                void *rec = call(nullptr, &db, nullptr, &length);
                 if (failed()) return rec == nullptr && length == length_on_failure;
                 std::free(rec);
                 return rec != nullptr && length != 12345 && length != 0;
@@ -341,15 +307,10 @@ Row encoder(const char *name, void *(*encode)(const Node *, uint32_t *), std::fu
 std::vector<Row> zone_db_rows(const Prefix &p) {
     const std::string location = p.config();
     return {
-        encoder<zfx_zone_node>("zfx_zone_encode_zone_to_kvdb", zfx_zone_encode_zone_to_kvdb,
-                               [](const Db &d) { return &d.z; }),
-        encoder<zfx_zone_member_node>("zfx_zone_encode_zone_member_to_kvdb", zfx_zone_encode_zone_member_to_kvdb,
-                                      [](const Db &d) { return &d.alias; }),
-        encoder<zfx_zoneset_node>("zfx_zone_encode_zoneset_to_kvdb", zfx_zone_encode_zoneset_to_kvdb,
-                                  [](const Db &d) { return &d.set; }),
-        encoder<zfx_zoneset_node>(
-            "zfx_zone_zoneset_to_persistent_kvdb_data", zfx_zone_zoneset_to_persistent_kvdb_data,
-            [](const Db &d) { return &d.set; }, 0),
+        encoder(12345, CALL(zfx_zone_encode_zone_to_kvdb, &at->z, n)),
+        encoder(12345, CALL(zfx_zone_encode_zone_member_to_kvdb, &at->alias, n)),
+        encoder(12345, CALL(zfx_zone_encode_zoneset_to_kvdb, &at->set, n)),
+        encoder(0, CALL(zfx_zone_zoneset_to_persistent_kvdb_data, &at->set, n)),
         {"zfx_zone_restore_active_pzs_from_kvdb",
          [location] {
              Reader r(location);
@@ -371,24 +332,33 @@ std::vector<Row> zone_db_rows(const Prefix &p) {
 
 // ---- store lists ----------------------------------------------------------------------------------
 
-// A list builder: on failure *list NULL and *size 0; a builder of the standard allocator answers
-// ZFX_ERR_NO_MEMORY, one of the tracked allocator answers 0 and reports the failure to the event
-// history.
-template <typename List>
-Row list(const char *name, const std::string &location, std::function<int32_t(kvdb_store *, List **, uint32_t *)> build,
-         uint32_t entries = 1, bool tracked = false) {
-    return {name, [location, build, entries, tracked] {
+// A list builder on the store at location: on failure *list NULL and *size 0; a builder of the
+// standard allocator answers ZFX_ERR_NO_MEMORY, one of the tracked allocator (whose list the
+// feature's owner holds) answers 0 and reports the failure to the event history and, with the
+// failure messages switched on (every other run), to standard error in the same words.
+template <typename List, typename F>
+Row list(const std::string &location, uint32_t entries, bool tracked, const char *name, F call) {
+    return {name, [location, call, entries, tracked] {
                 Reader r(location);
                 List *l = untouched<List>();
                 uint32_t size = 99;
+                const bool messages = g_nth % 2 == 1;
                 tlg_hist_clear();
-                const int32_t status = build(r.get(), &l, &size);
+                tlg_debug_enable(kAllocFailSubtype, messages);
+                Capture err(2);
+                const int32_t status = call(nullptr, r.get(), &l, &size);
                 const bool fail = failed();
-                const size_t reported = alloc_failures().size();
+                const bool owned = heapx_stats(kOwner).bytes_in_use != 0;  // held under the feature's owner
+                const std::string printed = err.text();
+                tlg_debug_enable(kAllocFailSubtype, 0);
+                const std::vector<std::string> reported = alloc_failures();
                 tlg_hist_clear();
-                if (fail)
-                    return l == nullptr && size == 0 && (tracked ? status == 0 && reported == 1 : status == ZFX_ERR_NO_MEMORY);
-                const bool whole = status == 0 && l != nullptr && ntohl(l->count) == entries && reported == 0;
+                if (fail && tracked)
+                    return l == nullptr && size == 0 && status == 0 && reported.size() == 1 &&
+                           printed == (messages ? "zfx: " + reported[0] + "\n" : "");
+                if (fail) return l == nullptr && size == 0 && status == ZFX_ERR_NO_MEMORY && reported.empty();
+                const bool whole = status == 0 && l != nullptr && ntohl(l->count) == entries && reported.empty() &&
+                                   printed.empty() && owned == tracked;
                 if (tracked)
                     heapx_free(l);
                 else
@@ -398,31 +368,15 @@ Row list(const char *name, const std::string &location, std::function<int32_t(kv
 }
 
 std::vector<Row> list_rows(const Prefix &p) {
-    const std::string at = p.config();
+    const std::string s = p.config();
     return {
-        list<zfx_vsan_topo_list>("zfx_vsan_topo_config_get", at,
-                                 [](kvdb_store *s, zfx_vsan_topo_list **l, uint32_t *n) {
-                                     return zfx_vsan_topo_config_get(s, ZFX_VT_TABLE, 0xFF, l, n);
-                                 }),
-        list<zfx2_afid_table_list>("zfx2_afid_table_config_get (default)", at,
-                                   [](kvdb_store *s, zfx2_afid_table_list **l, uint32_t *n) {
-                                       return zfx2_afid_table_config_get(s, l, n, 1);
-                                   }),
-        list<zfx2_afid_table_list>("zfx2_afid_table_config_get", at,
-                                   [](kvdb_store *s, zfx2_afid_table_list **l, uint32_t *n) {
-                                       return zfx2_afid_table_config_get(s, l, n, 0);
-                                   }),
-        list<zfx2_sg_list>("zfx2_sg_config_get (configured)", at,
-                           [](kvdb_store *s, zfx2_sg_list **l, uint32_t *n) { return zfx2_sg_config_get(s, l, n, 1); }),
-        list<zfx2_sg_list>("zfx2_sg_config_get (active)", at,
-                           [](kvdb_store *s, zfx2_sg_list **l, uint32_t *n) { return zfx2_sg_config_get(s, l, n, 0); }),
-        list<zfx_rdi_list>(
-            "zfx_rdi_get_next", at,
-            [](kvdb_store *s, zfx_rdi_list **l, uint32_t *n) { return zfx_rdi_get_next(s, -1, l, n); }, 1, true),
-        list<zfx2_pfcid_list>(
-            "zfx2_pfcid_get_next", at,
-            [](kvdb_store *s, zfx2_pfcid_list **l, uint32_t *n) { return zfx2_pfcid_get_next(s, nullptr, -1, l, n); },
-            2, true),
+        list<zfx_vsan_topo_list>(s, 1, false, CALL(zfx_vsan_topo_config_get, at, ZFX_VT_TABLE, 0xFF, out, n)),
+        list<zfx2_afid_table_list>(s, 1, false, CALL(zfx2_afid_table_config_get, at, out, n, 1)),  // the default
+        list<zfx2_afid_table_list>(s, 1, false, CALL(zfx2_afid_table_config_get, at, out, n, 0)),
+        list<zfx2_sg_list>(s, 1, false, CALL(zfx2_sg_config_get, at, out, n, 1)),  // configured
+        list<zfx2_sg_list>(s, 1, false, CALL(zfx2_sg_config_get, at, out, n, 0)),  // active
+        list<zfx_rdi_list>(s, 1, true, CALL(zfx_rdi_get_next, at, -1, out, n)),
+        list<zfx2_pfcid_list>(s, 2, true, CALL(zfx2_pfcid_get_next, at, nullptr, -1, out, n)),
     };
 }
 
@@ -457,10 +411,9 @@ std::vector<Row> vsan_rows() {
 // exactly one of blocks. (A run may keep the whole text where the section has another way to
 // write it.)
 Row text(const char *name, const std::function<std::string()> &generate, const std::string &whole,
-         std::vector<std::string> blocks, bool allocates = true) {
+         std::vector<std::string> blocks) {
     EXPECT_EQ(generate(), whole) << name;
-    return {name,
-            [name, generate, whole, blocks] {
+    return {name, [name, generate, whole, blocks] {
                 const std::string t = generate();
                 if (t == whole) return true;
                 for (const std::string &b : blocks) {
@@ -470,41 +423,41 @@ Row text(const char *name, const std::function<std::string()> &generate, const s
                 }
                 ADD_FAILURE() << name << " wrote\n" << t;
                 return false;
-            },
-            allocates};
+            }};
 }
 
-// A section's text, followed by "commit\n" when it asked for the commit line.
-std::string with_commit(const std::string &text, int32_t commit) { return text + (commit == 1 ? "commit\n" : ""); }
+using Section = int32_t (*)(uint32_t handle, kvdb_store *store, int32_t *commit);
+
+// A section that asks for the commit line through commit_reqd, as one that reports it.
+template <int32_t (*run)(uint32_t, kvdb_store *)>
+int32_t global(uint32_t handle, kvdb_store *store, int32_t *commit) {
+    commit_reqd = 0;
+    const int32_t status = run(handle, store);
+    *commit = commit_reqd;
+    return status;
+}
 
 std::vector<Row> text_rows(const Prefix &p) {
     using namespace full;
     const std::string at = p.config();
     const std::vector<std::string> blocks = {kVdomAfid, kTopo, kDefaultAfid, kAfid, kActiveSg + kCfgSg, kCfgSg, kPfcid};
-    using Section = int32_t (*)(uint32_t, kvdb_store *, int32_t *);
-    // A section that reports its commit request through an argument; it always returns 0.
+    // A section's text, followed by "commit\n" when it asked for the commit line; every section
+    // returns 0.
     auto section = [at](Section run) {
         return [at, run] {
             Reader r(at);
             int32_t commit = 0, status = -1;
             const std::string t = generation_text([&](uint32_t h) { status = run(h, r.get(), &commit); });
-            return status == 0 ? with_commit(t, commit) : "status " + std::to_string(status);
+            return status == 0 ? t + (commit == 1 ? "commit\n" : "") : "status " + std::to_string(status);
         };
     };
-    // A section that sets commit_reqd itself.
-    auto global_commit = [at](int32_t (*run)(uint32_t, kvdb_store *)) {
-        return [at, run] {
-            Reader r(at);
-            int32_t status = -1;
-            commit_reqd = 0;
-            const std::string t = generation_text([&](uint32_t h) { status = run(h, r.get()); });
-            return status == 0 ? with_commit(t, commit_reqd) : "status " + std::to_string(status);
-        };
-    };
+    // Only the zone section's member index allocates, and its text does without it.
+    Section zones = [](uint32_t, kvdb_store *s, int32_t *) { return zfx_zone_generate_ascii_config(s); };
+    const std::string all = whole() + "logging level zfx 3\n";
     return {
-        text("zfx2_rdi_mode_generate_ascii_config2", global_commit(zfx2_rdi_mode_generate_ascii_config2), kVdomAfid,
+        text("zfx2_rdi_mode_generate_ascii_config2", section(global<zfx2_rdi_mode_generate_ascii_config2>), kVdomAfid,
              {kVdomAfid}),
-        text("zfx_vsan_topology_generate_ascii_config", global_commit(zfx_vsan_topology_generate_ascii_config),
+        text("zfx_vsan_topology_generate_ascii_config", section(global<zfx_vsan_topology_generate_ascii_config>),
              kTopo + kTopoAuto + "commit\n", {kTopo}),
         text("zfx2_afid_table_generate_ascii_config", section(zfx2_afid_table_generate_ascii_config),
              kDefaultAfid + kAfid + "commit\n", {kDefaultAfid, kAfid}),
@@ -512,16 +465,7 @@ std::vector<Row> text_rows(const Prefix &p) {
              kActiveSg + kCfgSg + "commit\n", {kActiveSg + kCfgSg, kCfgSg}),
         text("zfx2_pfcid_generate_ascii_config", section(zfx2_pfcid_generate_ascii_config), kPfcid + "commit\n",
              {kPfcid + "commit\n"}),
-        text(
-            "zfx_zone_generate_ascii_config",
-            [at] {
-                Reader r(at);
-                int32_t status = -1;
-                const std::string t =
-                    generation_text([&](uint32_t) { status = zfx_zone_generate_ascii_config(r.get()); });
-                return status == 0 ? t : "status " + std::to_string(status);
-            },
-            kZone, {}),  // only the member index allocates, and the text does without it
+        text("zfx_zone_generate_ascii_config", section(zones), kZone, {}),
         // The entry with open stores: zfx_ascii_gen_from_kvdb on the configuration, then
         // zfx_debug_ascii_gen_from_kvdb on the debug store.
         text("zfx_ascii_cfg_generate",
@@ -529,20 +473,19 @@ std::vector<Row> text_rows(const Prefix &p) {
                  Reader config(at), levels(debug);
                  return generate({{ZFX_GEN_STORE_CONFIG, config.get()}, {ZFX_GEN_STORE_DEBUG, levels.get()}});
              },
-             whole() + "logging level zfx 3\n", blocks),
+             all, blocks),
         text("zfx_ptxt_gen_func",
              [p = p.path()] {
-                 struct Sink {
-                     std::string text;
-                     static int32_t take(void *arg, void *, const char *t, uint32_t len) {
-                         static_cast<Sink *>(arg)->text.assign(t, len);
-                         return 0;
-                     }
-                 } sink;
-                 ptxt_request req{p.c_str(), p.c_str(), Sink::take, &sink};
-                 return zfx_ptxt_gen_func(nullptr, &req) == 0 ? sink.text : "no response";
+                 std::string text;
+                 ptxt_request req{p.c_str(), p.c_str(),
+                                  [](void *sink, void *, const char *t, uint32_t len) {
+                                      static_cast<std::string *>(sink)->assign(t, len);
+                                      return int32_t(0);
+                                  },
+                                  &text};
+                 return zfx_ptxt_gen_func(nullptr, &req) == 0 ? text : "no response";
              },
-             whole() + "logging level zfx 3\n", blocks),
+             all, blocks),
     };
 }
 

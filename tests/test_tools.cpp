@@ -7,7 +7,7 @@
 #include <fstream>
 #include <map>
 #include <set>
-#include <sstream>
+#include <iterator>
 
 #include "dump.hpp"
 #include "fabric.hpp"
@@ -24,16 +24,17 @@ namespace {
 
 using namespace zfxtool;
 using zfxtest::Prefix;
-
-int32_t append(void *sink, void *, const char *text, uint32_t len) {
-    static_cast<std::string *>(sink)->append(text, len);
-    return 0;
-}
+using RecordMap = std::map<Bytes, Bytes>;
 
 // The configuration text of the stores under prefix, as zfx-gen prints it.
 std::string text_at(const Prefix &p) {
     std::string text;
-    ptxt_request request{p.path().c_str(), p.path().c_str(), append, &text};
+    ptxt_request request{p.path().c_str(), p.path().c_str(),
+                         [](void *sink, void *, const char *t, uint32_t len) {
+                             static_cast<std::string *>(sink)->append(t, len);
+                             return int32_t(0);
+                         },
+                         &text};
     EXPECT_EQ(zfx_ptxt_gen_func(nullptr, &request), 0);
     return text;
 }
@@ -44,14 +45,6 @@ std::string text_of(const Fabric &f) {
     return text_at(p);
 }
 
-std::string golden(const char *name) {
-    const char *root = std::getenv("ZFX_SOURCE_DIR");
-    std::ifstream in(std::string(root != nullptr ? root : ".") + "/tests/golden/" + name);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
 Fabric loaded(const std::string &text, const LoadOptions &options = {}, size_t *skipped = nullptr) {
     Fabric f;
     std::string error;
@@ -59,10 +52,55 @@ Fabric loaded(const std::string &text, const LoadOptions &options = {}, size_t *
     return f;
 }
 
-// Seeded fabrics of every record kind. Sizes vary with the seed; the last one has more than 255
-// service groups, whose ids must still list in the text's order.
-std::vector<SynthParams> seeded_fabrics() {
-    std::vector<SynthParams> out;
+// The records a store holds (none when there is no store), and those a list leaves as puts would:
+// the last of equal keys kept.
+RecordMap stored(const std::string &location) {
+    RecordMap out;
+    EXPECT_NE(walk_store(location, [&out](const uint8_t *k, uint32_t klen, const uint8_t *v, uint32_t vlen) {
+                  out[Bytes(k, k + klen)] = Bytes(v, v + vlen);
+              }),
+              StoreState::damaged);
+    return out;
+}
+
+RecordMap as_stored(const std::vector<Record> &records) {
+    RecordMap out;
+    for (const auto &[k, v] : records) out[k] = v;
+    return out;
+}
+
+// The zone database's records as the service's per-object builders make them.
+RecordMap built_zone_db(const Fabric &f) {
+    RecordMap built;
+    std::vector<uint16_t> zone_ids, zoneset_ids;
+    for (const Zone &z : f.zones) {
+        built.insert(zone_record(z));
+        zone_ids.push_back(z.id);
+        const std::vector<uint16_t> ids = member_ids(z);
+        for (size_t m = 0; m < ids.size(); ++m) built.insert(member_record(z.id, ids[m], z.members[m]));
+    }
+    for (const Zoneset &s : f.zonesets) {
+        built.insert(zoneset_record(s));
+        zoneset_ids.push_back(s.id);
+    }
+    std::sort(zone_ids.begin(), zone_ids.end());
+    built.insert(zone_db_header_record(zone_ids, zoneset_ids));
+    built.insert(zone_options_record(f.active && f.active->force));
+    if (f.active) {
+        std::vector<const Zone *> zones;
+        for (uint16_t id : std::set<uint16_t>(f.active->zones.begin(), f.active->zones.end())) zones.push_back(f.zone(id));
+        for (Record &r : active_records(*f.active, zones, kActiveChunkSize)) built.insert(std::move(r));
+    }
+    return built;
+}
+
+// The demo (as it is, then with a topology entry listed twice) and seeded fabrics of every record
+// kind. Sizes vary with the seed; the last one has more than 255 service groups, whose ids must
+// still list in the text's order.
+std::vector<Fabric> fabrics() {
+    std::vector<Fabric> out{demo_fabric(), demo_fabric()};
+    out[1].topology.push_back(out[1].topology.front());
+    out[1].topology.back().vsans.add(3000, 3001);
     for (uint64_t seed = 1; seed <= 24; ++seed) {
         SynthParams p;
         p.seed = seed;
@@ -74,30 +112,58 @@ std::vector<SynthParams> seeded_fabrics() {
         p.afids = uint32_t(seed * 3 % 17);
         p.groups = seed == 24 ? 300 : uint32_t(seed % 11);
         p.pfcids = uint32_t(seed * 5 % 30);
-        out.push_back(p);
+        out.push_back(synth_fabric(p));
     }
     return out;
 }
 
-// The demo writes its golden text. The same commands as a person or another tool has them load as
-// the generated text does, and generate it again (generate -> load -> generate is a fixed point);
-// other features' lines are counted when skipped and refused otherwise.
-TEST(Tools, GeneratedTextLoadsBackFromItsMessyFormsToItself) {
-    std::vector<std::string> texts{golden("demo.txt")};
-    ASSERT_FALSE(texts[0].empty());
-    EXPECT_EQ(text_of(demo_fabric()), texts[0]);
-    for (const SynthParams &p : seeded_fabrics()) texts.push_back(text_of(synth_fabric(p)));
-    for (size_t t = 0; t < texts.size(); ++t) {
-        const Fabric canonical = loaded(texts[t]);
+// The writer appends the stores' records in key order, building each value as it writes it: the
+// stores it leaves hold what config_records and debug_records list, the zone database as the
+// per-object builders make it. Every third fabric goes over the one before in the same LMDB store:
+// refused, changing nothing, without replace; with it, nothing of the old stores stays, the debug
+// store's level included. The demo writes its golden text. The text loads back from the forms a
+// person or another tool has it in, and generates itself again (generate -> load -> generate is a
+// fixed point); other features' lines are counted when skipped and refused otherwise.
+TEST(Tools, FabricsAreWrittenAsBuiltAndTheirTextLoadsBackToItself) {
+    const std::vector<Fabric> all = fabrics();
+    Prefix lmdb(zfxtest::Backend::lmdb);
+    for (size_t i = 0; i < all.size(); ++i) {
+        const Fabric &f = all[i];
+        Prefix mem;
+        const Prefix &p = i % 3 == 0 ? lmdb : mem;
+        if (i > 0 && i % 3 == 0) {
+            const RecordMap before = stored(p.config());
+            EXPECT_NE(write_fabric(f, p.path(), p.path(), false).find("not empty"), std::string::npos);
+            EXPECT_EQ(stored(p.config()), before);
+        }
+        ASSERT_EQ(write_fabric(f, p.path(), p.path(), i % 3 == 0), "") << i;
+        const RecordMap store = stored(p.config());
+        EXPECT_EQ(store, as_stored(config_records(f))) << "fabric " << i;
+        EXPECT_EQ(stored(p.debug()), as_stored(debug_records(f))) << "fabric " << i;
+        const RecordMap built = built_zone_db(f);
+        size_t seen = 0;
+        for (const auto &[k, v] : built) {
+            const auto it = store.find(k);
+            seen += it != store.end() && it->second == v;
+        }
+        EXPECT_EQ(seen, built.size()) << "fabric " << i << ": zone database records differ from the builders'";
+
+        const std::string text = text_at(p);
+        if (i == 0) {
+            const char *root = std::getenv("ZFX_SOURCE_DIR");
+            std::ifstream golden(std::string(root != nullptr ? root : ".") + "/tests/golden/demo.txt");
+            EXPECT_EQ(text, std::string(std::istreambuf_iterator<char>(golden), {}));
+        }
+        const Fabric canonical = loaded(text);
         for (uint64_t variant = 0; variant < 4; ++variant) {
-            const zfxtest::MessyText messy = zfxtest::messy_text(texts[t], t * 16 + variant);
+            const zfxtest::MessyText messy = zfxtest::messy_text(text, i * 16 + variant);
             size_t skipped = 0;
-            const Fabric f = loaded(messy.text, {.skip_foreign = true}, &skipped);
-            EXPECT_EQ(config_records(f), config_records(canonical)) << messy.text;
-            EXPECT_EQ(debug_records(f), debug_records(canonical));
+            const Fabric back = loaded(messy.text, {.skip_foreign = true}, &skipped);
+            EXPECT_EQ(config_records(back), config_records(canonical)) << messy.text;
+            EXPECT_EQ(debug_records(back), debug_records(canonical));
             EXPECT_EQ(skipped, messy.foreign_lines);
             if (variant == 0) {
-                EXPECT_EQ(text_of(f), texts[t]) << messy.text;
+                EXPECT_EQ(text_of(back), text) << messy.text;
             }
             Fabric strict;
             std::string error;
@@ -169,81 +235,6 @@ TEST(Tools, BadInputIsRefusedWithItsLineAndReason) {
             EXPECT_FALSE(load_text(c.text, "text", f, error, {.skip_foreign = skip})) << c.text;
             EXPECT_EQ(error.rfind(c.error, 0), 0u) << error << "\nfor\n" << c.text;
         }
-}
-
-TEST(Tools, AStoreThatHoldsRecordsIsReplacedOnlyWhenAskedTo) {
-    Prefix p;
-    ASSERT_EQ(write_fabric(demo_fabric(), p.path(), p.path(), false), "");
-    const std::string demo = text_at(p);
-    Fabric small;
-    small.nat = true;
-    EXPECT_NE(write_fabric(small, p.path(), p.path(), false).find("not empty"), std::string::npos);
-    EXPECT_EQ(text_at(p), demo);
-    // Replacing leaves nothing of the old stores behind, the debug store's level included.
-    ASSERT_EQ(write_fabric(small, p.path(), p.path(), true), "");
-    EXPECT_EQ(text_at(p), "feature zfx\nzfx nat\n");
-}
-
-using RecordMap = std::map<Bytes, Bytes>;
-
-RecordMap stored(const std::string &location) {
-    RecordMap out;
-    EXPECT_EQ(walk_store(location, [&out](const uint8_t *k, uint32_t klen, const uint8_t *v, uint32_t vlen) {
-                  out[Bytes(k, k + klen)] = Bytes(v, v + vlen);
-              }),
-              StoreState::readable);
-    return out;
-}
-
-// The writer appends the configuration store's records in key order, building each value as it
-// writes it. The store it leaves must hold the list config_records gives, the last of equal keys
-// kept as puts would leave it, and the zone database's records must be the ones the per-object
-// builders (the service's) make: for the demo, with a topology entry listed twice, for seeded
-// fabrics, and for LMDB stores replaced by other fabrics.
-TEST(Tools, TheWriterStoresWhatThePerObjectBuildersMake) {
-    std::vector<Fabric> fabrics{demo_fabric()};
-    fabrics[0].topology.push_back(fabrics[0].topology.front());
-    fabrics[0].topology.back().vsans.add(3000, 3001);
-    for (const SynthParams &p : seeded_fabrics()) fabrics.push_back(synth_fabric(p));
-    Prefix lmdb(zfxtest::Backend::lmdb);
-    for (size_t i = 0; i < fabrics.size(); ++i) {
-        const Fabric &f = fabrics[i];
-        // Every third fabric replaces the one before in the same LMDB store.
-        Prefix mem;
-        const Prefix &p = i % 3 == 0 ? lmdb : mem;
-        ASSERT_EQ(write_fabric(f, p.path(), p.path(), i % 3 == 0), "") << i;
-        const RecordMap store = stored(p.config());
-        RecordMap listed;
-        for (const auto &[k, v] : config_records(f)) listed[k] = v;
-        EXPECT_EQ(store, listed) << "fabric " << i;
-
-        RecordMap built;
-        std::vector<uint16_t> zone_ids, zoneset_ids;
-        for (const Zone &z : f.zones) {
-            built.insert(zone_record(z));
-            zone_ids.push_back(z.id);
-            const std::vector<uint16_t> ids = member_ids(z);
-            for (size_t m = 0; m < ids.size(); ++m) built.insert(member_record(z.id, ids[m], z.members[m]));
-        }
-        for (const Zoneset &s : f.zonesets) {
-            built.insert(zoneset_record(s));
-            zoneset_ids.push_back(s.id);
-        }
-        std::sort(zone_ids.begin(), zone_ids.end());
-        built.insert(zone_db_header_record(zone_ids, zoneset_ids));
-        built.insert(zone_options_record(f.active && f.active->force));
-        if (f.active) {
-            std::vector<const Zone *> zones;
-            for (uint16_t id : std::set<uint16_t>(f.active->zones.begin(), f.active->zones.end())) zones.push_back(f.zone(id));
-            for (Record &r : active_records(*f.active, zones, kActiveChunkSize)) built.insert(std::move(r));
-        }
-        size_t seen = 0;
-        for (const auto &[k, v] : built) {
-            const auto it = store.find(k);
-            seen += it != store.end() && it->second == v;
-        }
-        EXPECT_EQ(seen, built.size()) << "fabric " << i << ": zone database records differ from the builders'";
-    }
 }
 
 TEST(Tools, SynthIsTheSameForTheSameSeed) {

@@ -1,6 +1,6 @@
-/* A program outside the project, built against an installed libzfx. */
+/* A program outside the project, built against an installed libzfx: the check compares what it
+ * prints, "1-5,9 1" (no store was ever written at that location). */
 #include <stdio.h>
-#include <string.h>
 
 #include "platform/kvdb.h"
 #include "vsan_bitset.h"
@@ -13,7 +13,6 @@ int main(void) {
     vsan_bitset_set_range(&set, 1, 5);
     vsan_bitset_set_bit(&set, 9);
     vsan_bitset_sprintf(text, &set);
-    kvdb_store *store = kvdb_open("mem:consumer", NULL);
-    printf("%s %d\n", text, store == NULL);
-    return strcmp(text, "1-5,9") != 0;
+    printf("%s %d\n", text, kvdb_open("mem:consumer", NULL) == NULL);
+    return 0;
 }

@@ -1,0 +1,245 @@
+// The platform's smaller services: the configuration-text service (element order, joining of
+// pieces, indentation, lines of other groups, delivery, bad calls), the ordered trees (against
+// std::set), the formatters and bounded copies, and the tracked allocator and event history.
+// Failure injection, and the failure report through the history and debug output, are what the
+// allocation sweep stands on and checks; here the counters, the alignment, the ring, the
+// switches' defaults and the debug level.
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "capture.hpp"
+#include "platform/fmt.h"
+#include "platform/heapx.h"
+#include "platform/ptxt.h"
+#include "platform/tlg.h"
+#include "platform/tree.h"
+
+namespace {
+
+struct Gen {
+    uint32_t h = 0;
+    Gen() { EXPECT_EQ(ptxt_hdl_init(&h), 0); }
+    ~Gen() { ptxt_hdl_release(h); }
+    std::string text() {
+        char *t = nullptr;
+        uint32_t len = 0;
+        EXPECT_EQ(ptxt_render(h, &t, &len), 0);
+        std::string s(t != nullptr ? t : "", len);
+        std::free(t);
+        return s;
+    }
+};
+
+struct OrderCase {
+    const char *name;
+    std::vector<uint32_t> declared;                // element numbers, group 1, in this order
+    std::vector<std::vector<uint32_t>> deps;       // {element, group, other}
+    std::string expected;                          // one letter per element: 'a' + number
+};
+
+TEST(Ptxt, ElementsRenderInDependencyOrderWithDeclarationOrderBreakingTies) {
+    const OrderCase cases[] = {
+        {"declaration order", {3, 1, 2}, {}, "dbc"},
+        {"dependency moves later", {1, 2, 3}, {{1, 1, 3}}, "cdb"},
+        {"chain", {1, 2, 3}, {{1, 1, 2}, {2, 1, 3}}, "dcb"},
+        {"undeclared ignored", {1, 2}, {{1, 9, 9}, {1, 1, 7}}, "bc"},
+        {"declared before the element", {2, 1}, {{2, 1, 1}}, "bc"},
+        {"cycle: earliest declared goes on", {1, 2, 3}, {{1, 1, 2}, {2, 1, 1}}, "dbc"},
+    };
+    for (const OrderCase &c : cases) {
+        Gen g;
+        for (const auto &d : c.deps) ptxt_elem_dependency_add(g.h, d[0], d[1], d[2]);
+        for (uint32_t e : c.declared) {
+            ASSERT_EQ(ptxt_elem_add(g.h, 1, e, 11), 0);
+            ASSERT_EQ(ptxt_elem_str_add(g.h, e, std::string(1, char('a' + e)).c_str()), 0);
+        }
+        std::string got = g.text();
+        std::erase(got, '\n');
+        EXPECT_EQ(got, c.expected) << c.name;
+    }
+}
+
+TEST(Ptxt, PiecesJoinUntilTheLineEndsAndLinesTakeTheirFirstPiecesLevel) {
+    Gen g;
+    ptxt_elem_add(g.h, 180, 2, 11);
+    ptxt_elem_add(g.h, 180, 3, 11);
+    ptxt_elem_str_add_indent(g.h, 2, "zone\n", 0);
+    ptxt_elem_str_add_indent(g.h, 2, "member a ", 1);
+    ptxt_elem_str_add_indent(g.h, 3, "other\n", 2);  // another element's line does not interrupt
+    ptxt_elem_str_add_indent(g.h, 2, "   ", 2);
+    ptxt_elem_str_add_indent(g.h, 2, "vsan 1\nnext\n\n", 1);
+    ptxt_elem_str_add_indent(g.h, 2, "open", 3);
+    ptxt_elem_group_config_str_add(g.h, 115, 0, 3, "logging level zfx 7\n");
+    ptxt_elem_group_config_str_add(g.h, 115, 0, 3, "second");
+    ptxt_elem_group_config_str_add(g.h, 115, 0, 3, "");
+    EXPECT_EQ(g.text(),
+              "zone\n  member a    vsan 1\n  next\n\n      open\n    other\nlogging level zfx 7\nsecond\n");
+}
+
+// The statuses of bad calls; respond hands the message to the request's sink and ends the
+// generation (the entry point's tests see the text delivered, here what passes through).
+TEST(Ptxt, BadCallsAnswerTheirStatusesAndRespondEndsTheGeneration) {
+    Gen g;
+    EXPECT_EQ(ptxt_hdl_init(nullptr), PTXT_ERR_INVALID);
+    EXPECT_EQ(ptxt_elem_add(0xDEAD, 1, 1, 1), PTXT_ERR_HANDLE);
+    EXPECT_EQ(ptxt_elem_str_add(g.h, 1, "x"), PTXT_ERR_NO_ELEMENT);
+    EXPECT_EQ(ptxt_elem_add(g.h, 1, 1, 1), 0);
+    EXPECT_EQ(ptxt_elem_add(g.h, 1, 1, 1), 0);
+    EXPECT_EQ(ptxt_elem_add(g.h, 2, 1, 1), PTXT_ERR_EXISTS);
+    EXPECT_EQ(ptxt_elem_str_add(g.h, 1, nullptr), PTXT_ERR_INVALID);
+    EXPECT_EQ(ptxt_elem_str_add_indent(g.h, 1, "x", PTXT_LEVEL_MAX + 1), PTXT_ERR_INVALID);
+    EXPECT_EQ(ptxt_render(g.h, nullptr, nullptr), PTXT_ERR_INVALID);
+    EXPECT_EQ(g.text(), "");
+
+    void *seen = nullptr;
+    ptxt_request req{"mem:a", "mem:b", [](void *arg, void *msg, const char *, uint32_t) {
+                         *static_cast<void **>(arg) = msg;
+                         return int32_t(42);
+                     }, &seen};
+    uint32_t h;
+    ASSERT_EQ(ptxt_hdl_init(&h), 0);
+    EXPECT_NE(h, g.h);
+    EXPECT_EQ(ptxt_respond(h, &seen, &req), 42);
+    EXPECT_EQ(seen, &seen);
+    EXPECT_EQ(ptxt_respond(h, nullptr, &req), PTXT_ERR_HANDLE);
+    ASSERT_EQ(ptxt_hdl_init(&h), 0);
+    EXPECT_EQ(ptxt_respond(h, nullptr, nullptr), PTXT_ERR_INVALID);
+    EXPECT_EQ(ptxt_hdl_release(h), PTXT_ERR_HANDLE);  // a refused respond ends the generation too
+    EXPECT_STREQ(ptxt_startup_debug_cfg_uri_prefix_get(&req), "mem:b");
+    EXPECT_EQ(ptxt_startup_cfg_uri_prefix_get(nullptr), nullptr);
+}
+
+// Random values with duplicates, against std::set: a duplicate is refused, the walk goes in
+// order and stays at its end.
+TEST(Tree, InsertsInOrderAndWalksLikeASortedSet) {
+    plat_tree *tree = tree_create([](const void *a, const void *b) {
+        const int x = *static_cast<const int *>(a), y = *static_cast<const int *>(b);
+        return int32_t(x < y ? -1 : x > y);
+    });
+    ASSERT_NE(tree, nullptr);
+    std::mt19937 rng(7);
+    std::vector<int> values(3000);
+    std::set<int> model;
+    for (int &v : values) {
+        v = int(rng() % 2000);
+        EXPECT_EQ(tree_insert(tree, &v), model.insert(v).second ? 0 : TREE_ERR_EXISTS) << v;
+    }
+    EXPECT_EQ(tree_count(tree), model.size());
+    tree_walker w{0};
+    std::vector<int> walked;
+    while (const void *e = tree_walk(tree, &w)) walked.push_back(*static_cast<const int *>(e));
+    EXPECT_TRUE(std::equal(walked.begin(), walked.end(), model.begin(), model.end()));
+    EXPECT_EQ(tree_walk(tree, &w), nullptr);
+    for (int32_t st : {tree_insert(tree, nullptr), tree_insert(nullptr, &values[0])}) EXPECT_EQ(st, TREE_ERR_INVALID);
+    EXPECT_EQ(tree_walk(nullptr, &w), nullptr);
+    EXPECT_EQ(tree_walk(tree, nullptr), nullptr);
+    EXPECT_EQ(tree_count(nullptr), 0u);
+    EXPECT_EQ(tree_create(nullptr), nullptr);
+    tree_destroy(tree);
+    tree_destroy(nullptr);
+}
+
+// WWNs as eight lowercase pairs, written in FMT_WWN_SIZE bytes; LUNs as 0x and one to four
+// dash-joined groups of four digits, trailing zero groups dropped (the first always kept).
+TEST(Fmt, WwnAndLunText) {
+    char buf[FMT_WWN_SIZE + 1];
+    buf[FMT_WWN_SIZE] = 'x';
+    EXPECT_STREQ(fmt_wwn(buf, plat_wwn{{0x20, 0, 0, 0x11, 0xAB, 0x33, 0x44, 0xFF}}), "20:00:00:11:ab:33:44:ff");
+    EXPECT_EQ(buf[FMT_WWN_SIZE], 'x');
+    EXPECT_EQ(fmt_wwn(nullptr, plat_wwn{}), nullptr);
+    const std::pair<std::vector<uint8_t>, std::string> luns[] = {
+        {{0, 1, 0, 0, 0, 0, 0, 0}, "0x0001"},
+        {{0, 0, 0, 0, 0, 0, 0, 0}, "0x0000"},
+        {{0x40, 0x12, 0, 5, 0, 0, 0, 0}, "0x4012-0005"},
+        {{0, 0, 0, 0, 0, 0, 0, 7}, "0x0000-0000-0000-0007"},
+        {{0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}, "0xffff-ffff-ffff-ffff"},
+        {{}, ""},  // no LUN
+    };
+    for (const auto &[lun, text] : luns) {
+        char out[FMT_LUN_SIZE] = "z";
+        EXPECT_EQ(fmt_lun(out, lun.empty() ? nullptr : lun.data()), out);
+        EXPECT_EQ(out, text);
+    }
+}
+
+// Both bounded copies: at most limit bytes (the string copy one less, for its terminator), nothing
+// written past them, nothing from a missing source or to a missing buffer.
+TEST(Fmt, BoundedCopiesStopAtTheLimit) {
+    const struct {
+        uint32_t limit, len, copied;
+        const char *text;
+    } cases[] = {{0, 6, 0, ""}, {1, 6, 1, ""}, {3, 6, 3, "ab"}, {4, 6, 4, "abc"}, {9, 6, 6, "abc"}, {4, 0, 0, "abc"}};
+    const char src[] = "abcdef";
+    for (const auto &c : cases) {
+        char dst[10];
+        std::memset(dst, 'x', sizeof dst);
+        EXPECT_EQ(copy_mem_to_buf(c.limit, dst, src, c.len), c.copied) << c.limit;
+        EXPECT_EQ(std::string(dst, sizeof dst), std::string(src, c.copied) + std::string(10 - c.copied, 'x'));
+        for (const char *from : {"abc", static_cast<const char *>(nullptr)}) {
+            std::memset(dst, 'x', sizeof dst);
+            const std::string want = from != nullptr ? c.text : "";
+            EXPECT_EQ(copy_str_to_buf(c.limit, dst, from), want.size());
+            EXPECT_STREQ(c.limit != 0 ? dst : "", want.c_str());
+            EXPECT_EQ(dst[c.limit], 'x') << c.limit;
+        }
+    }
+    EXPECT_EQ(copy_str_to_buf(5, nullptr, "abc"), 0u);
+    EXPECT_EQ(copy_mem_to_buf(4, nullptr, src, 4), 0u);
+    char untouched = 'x';
+    EXPECT_EQ(copy_mem_to_buf(4, &untouched, nullptr, 4), 0u);
+    EXPECT_EQ(untouched, 'x');
+}
+
+TEST(Heapx, CountsPerOwnerAndAligns) {
+    heapx_stats_reset();
+    void *blocks[] = {heapx_alloc(180, 309, 100), heapx_alloc(180, 281, 0), heapx_alloc(7, 1, 8)};
+    ASSERT_TRUE(blocks[0] && blocks[1] && blocks[2]);
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(blocks[0]) % 16, 0u);
+    std::memset(blocks[0], 0xAB, 100);
+    EXPECT_EQ(heapx_stats(180).allocs, 2u);
+    EXPECT_EQ(heapx_stats(180).bytes_in_use, 100u);
+    for (void *b : {blocks[0], blocks[1], static_cast<void *>(nullptr)}) heapx_free(b);
+    EXPECT_EQ(heapx_stats(180).frees, 2u);
+    EXPECT_EQ(heapx_stats(180).bytes_in_use, 0u);
+    EXPECT_EQ(heapx_stats(7).bytes_in_use, 8u);
+    heapx_free(blocks[2]);
+    EXPECT_EQ(heapx_stats(99999).allocs, 0u);  // untracked owners read as zero
+}
+
+// The ring keeps the newest TLG_HIST_CAPACITY records in order, each cut to TLG_HIST_RECORD_MAX.
+TEST(Tlg, HistoryRingKeepsTheNewestInOrderAndSwitchesApply) {
+    tlg_hist_clear();
+    const std::string big(TLG_HIST_RECORD_MAX + 1, 'x');
+    for (uint32_t i = 0; i < TLG_HIST_CAPACITY + 3; ++i) tlg_hist_event(0x730000, 4, &i);
+    tlg_hist_event(1, uint32_t(big.size()), big.data());
+    ASSERT_EQ(tlg_hist_count(), uint32_t(TLG_HIST_CAPACITY));
+    tlg_hist_entry e;
+    for (uint32_t at : {0u, TLG_HIST_CAPACITY - 2u}) {
+        ASSERT_EQ(tlg_hist_get(at, &e), 0);
+        uint32_t v;
+        std::memcpy(&v, e.record, 4);
+        EXPECT_EQ(v, at + 4) << "the four oldest were overwritten";
+    }
+    ASSERT_EQ(tlg_hist_get(TLG_HIST_CAPACITY - 1, &e), 0);
+    EXPECT_EQ(e.length, uint32_t(TLG_HIST_RECORD_MAX));
+    EXPECT_EQ(tlg_hist_get(TLG_HIST_CAPACITY, &e), -1);
+    tlg_hist_clear();
+
+    EXPECT_EQ(tlg_hist_event_subtype_check(0x730000, 102), 0);
+    tlg_hist_subtype_suppress(102, 1);
+    EXPECT_NE(tlg_hist_event_subtype_check(0x730000, 102), 0);
+    tlg_hist_subtype_suppress(102, 0);
+    EXPECT_EQ(tlg_chk_int(102, 0, 0, 1), 0);  // debug output is off until switched on
+    zfxtest::Capture err(2);
+    dbg_printf(2, &tlg_dbg_modname, 0, "not shown at level 1");
+    EXPECT_EQ(err.text(), "");
+}
+
+}  // namespace
