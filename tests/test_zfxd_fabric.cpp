@@ -133,7 +133,7 @@ protected:
         ASSERT_TRUE(zfxd::parse_fabric(fabric_text(), "gen", {{2, {}}}, fabric_, error)) << error;
         ASSERT_EQ(fabric_.devices.size(), kDevices);
         g_fabric = &fabric_;
-        zfxd_ = std::make_unique<zfxtest::ZfxdUnderTest>(prefix_.config(), zfxtest::ZfxdUnderTest::Options{GetParam(), &fabric_});
+        zfxd_ = std::make_unique<zfxtest::ZfxdUnderTest>(prefix_.config(), zfxtest::ZfxdOptions{GetParam(), &fabric_});
         ep_ = zfxd_->ep();
         ASSERT_NE(ep_, nullptr);
     }
