@@ -13,7 +13,6 @@
 #include <utility>
 
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -103,6 +102,8 @@ public:
         ::unlink(path.c_str());  // connected: the name has done its work
         ::rmdir(base.c_str());
         EXPECT_GE(fd_, 0) << "no connection at " << path;
+        const timeval wait{5, 0};
+        setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
         thread_ = std::thread([this, script] {
             if (fd_ >= 0) script(*this);
             hang_up();
@@ -121,8 +122,7 @@ public:
         return join();
     }
 
-    // The script's side. The next call frame; nullopt once the program closed (or stayed silent
-    // for 5 seconds).
+    // The script's side. The next call frame; nullopt once the program closed.
     std::optional<Call> call() {
         Call c;
         Bytes h(PLAT_FRAME_HEADER_SIZE), opt_a;
@@ -156,14 +156,8 @@ public:
     }
 
 private:
-    bool read(Bytes &b) {
-        for (ssize_t done = 0, n = 0; size_t(done) < b.size(); done += n) {
-            pollfd p{fd_, POLLIN, 0};
-            if (fd_ < 0 || ::poll(&p, 1, 5000) != 1 || (n = ::recv(fd_, b.data() + done, b.size() - size_t(done), 0)) <= 0)
-                return false;
-        }
-        return true;
-    }
+    // Whole, or false once the program closed (or stayed silent for 5 seconds).
+    bool read(Bytes &b) { return b.empty() || (fd_ >= 0 && ::recv(fd_, b.data(), b.size(), MSG_WAITALL) == ssize_t(b.size())); }
 
     int fd_ = -1;
     plat_endpoint *ep_ = nullptr;
