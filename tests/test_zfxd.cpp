@@ -22,33 +22,32 @@
 
 namespace {
 
-using zfxtest::Bytes;
+using namespace zfxtest;
+using zfxtool::format;
 
-using Zfxd = zfxtest::ZfxdUnderTest;
+bool zone_db_key(const Bytes &k) { return k[0] >= ZFX_KVDB_ZONE_DB_HEADER_KEY && k[0] <= ZFX_KVDB_ACTIVE_ZONESET_KEY; }
 
-std::vector<zfxtest::Record> records(const std::string &location, bool zone_db_only) {
-    zfxtest::Reader r(location);
-    std::vector<zfxtest::Record> out;
+std::vector<Record> records(const std::string &location, bool zone_db_only) {
+    Reader r(location);
+    std::vector<Record> out;
     kvdb_cursor c{};
     for (kvdb_datum *k = kvdb_move2location(r.get(), KVDB_LOC_FIRST, &c); k != nullptr; k = kvdb_move2location(r.get(), KVDB_LOC_NEXT, &c)) {
-        const auto *kp = static_cast<uint8_t *>(k->data);
-        if (zone_db_only && (kp[0] < ZFX_KVDB_ZONE_DB_HEADER_KEY || kp[0] > ZFX_KVDB_ACTIVE_ZONESET_KEY)) continue;
         const kvdb_datum *v = kvdb_getvalue(r.get(), &c);
-        const auto *vp = static_cast<uint8_t *>(v->data);
-        out.push_back({Bytes(kp, kp + k->len), Bytes(vp, vp + v->len)});
+        Record rec{bytes_of(k->data, k->len), bytes_of(v->data, v->len)};
+        if (!zone_db_only || zone_db_key(rec.first)) out.push_back(rec);
     }
     return out;
 }
 
 // The zone database records the tools' writer makes of the database zfxd holds.
-std::vector<zfxtest::Record> written_by_the_tools(zfxd::ZoneDb &db) {
+std::vector<Record> written_by_the_tools(zfxd::ZoneDb &db) {
     zfxtool::Fabric f;
     for (const auto &entry : db.zones()) f.zones.push_back(entry.second);
     for (const auto &entry : db.zonesets()) f.zonesets.push_back(entry.second);
     if (db.active()) f.active = zfxtool::Active{db.active()->id, db.active()->name, db.active()->zones, db.active()->force};
-    std::vector<zfxtest::Record> out;
+    std::vector<Record> out;
     for (auto &[k, v] : zfxtool::config_records(f))
-        if (k[0] >= ZFX_KVDB_ZONE_DB_HEADER_KEY && k[0] <= ZFX_KVDB_ACTIVE_ZONESET_KEY) out.push_back({k, v});
+        if (zone_db_key(k)) out.push_back({k, v});
     std::sort(out.begin(), out.end());
     return out;
 }
@@ -57,56 +56,55 @@ const uint8_t kWwn1[8] = {0x21, 0, 0, 0x24, 0xff, 0x01, 0x02, 0x03};
 const uint8_t kWwn2[8] = {0x50, 0x06, 0x01, 0x60, 0x3b, 0x20, 0x11, 0x4a};
 const uint8_t kLun[8] = {0, 0x01, 0, 0, 0, 0, 0, 0};
 
-// A member request by zone name, without an AFID or options.
+// Requests by name, without ids, attributes or options.
+uint32_t zone(plat_endpoint *ep, uint32_t op, const char *name) { return zfx_dlg_config_zone(ep, op, name, nullptr, nullptr, 0); }
+uint32_t zoneset(plat_endpoint *ep, uint32_t op, const char *name, const char *zone = nullptr, const char *new_name = nullptr) {
+    return zfx_dlg_config_zoneset(ep, op, name, new_name, zone, nullptr, 0);
+}
 uint32_t member(plat_endpoint *ep, uint32_t op, const char *zone, uint32_t type, const void *value, uint32_t vsan,
                 const uint8_t *lun = nullptr, uint32_t id = 0) {
     return zfx_dlg_config_zone_member(ep, op, zone, id, 0, type, value, lun, vsan, 0, nullptr, 0);
 }
+uint32_t activation(plat_endpoint *ep, uint32_t op, const char *name, uint32_t flags = 0) {
+    return zfx_dlg_config_zone_activation(ep, op, name, flags, 0, nullptr, 0);
+}
+// The TLV array of a message built by hand.
+template <typename Msg>
+uint8_t *array_of(Msg *m) { return reinterpret_cast<uint8_t *>(m) + 8; }
 
 // Every query the library has, answered into one text: equal texts, equal answers.
 std::string everything(plat_endpoint *ep) {
     std::string out;
-    char line[512];
     for (uint32_t id = 1; id <= 4; ++id) {
-        zfx_zone_info z{};
-        z.id = id;
+        zfx_zone_info z{.id = id};
         if (zfx_dlg_get_zone_data(ep, ZFXD_OP_GET, &z, 0) != 0) continue;
-        std::snprintf(line, sizeof line, "zone %u %s qos %u/%u ro %u members %s\n", z.id, z.name, z.qos_set, z.qos, z.read_only,
-                      zfxtest::hex(Bytes(z.members + 4, z.members + 12)).c_str());
-        out += line;
+        out += format("zone %u %s qos %u/%u ro %u members %s\n", z.id, z.name, z.qos_set, z.qos, z.read_only, hex(bytes_of(z.members + 4, 8)).c_str());
         for (uint32_t m = 1; m <= 12; ++m) {
-            zfx_zone_member_info mi{};
-            mi.id = m;
-            mi.zone_id = id;
+            zfx_zone_member_info mi{.id = m, .zone_id = id};
             if (zfx_dlg_get_zone_member_data(ep, ZFXD_OP_GET, &mi, 0) != 0) continue;
-            std::snprintf(line, sizeof line, "  member %u type %u vsan %u afid %u alias %s wwn %s lun %s\n", mi.id, mi.type, mi.vsan,
-                          mi.afid, mi.device_alias, zfxtest::hex(Bytes(mi.pwwn, mi.pwwn + 8)).c_str(),
-                          zfxtest::hex(Bytes(mi.lun, mi.lun + 8)).c_str());
-            out += line;
+            out += format("  member %u type %u vsan %u afid %u alias %s wwn %s lun %s\n", mi.id, mi.type, mi.vsan, mi.afid, mi.device_alias,
+                          hex(bytes_of(mi.pwwn, 8)).c_str(), hex(bytes_of(mi.lun, 8)).c_str());
         }
     }
     for (uint32_t id = 1; id <= 3; ++id) {
-        zfx_zoneset_info s{};
-        s.id = id;
-        if (zfx_dlg_get_zoneset_data(ep, ZFXD_OP_GET, &s, 0) != 0) continue;
-        out += "zoneset " + std::to_string(s.id) + " " + s.name + " zones " + zfxtest::hex(Bytes(s.zones + 4, s.zones + 6)) +
-               " info " + zfxtest::hex(Bytes(s.information, s.information + 8)) + "\n";
+        zfx_zoneset_info s{.id = id};
+        if (zfx_dlg_get_zoneset_data(ep, ZFXD_OP_GET, &s, 0) == 0)
+            out += format("zoneset %u %s zones %s info %s\n", s.id, s.name, hex(bytes_of(s.zones + 4, 2)).c_str(), hex(bytes_of(s.information, 8)).c_str());
     }
     char name[ZFX_NAME_SIZE] = "none";
     uint8_t zones[ZFX_ZONESET_ZONES_SIZE] = {};
     const uint32_t active = zfx_get_active_zoneset(ep, name, zones);
-    out += "active " + std::to_string(active) + " " + name + " " + zfxtest::hex(Bytes(zones + 4, zones + 6)) + "\n";
+    out += format("active %u %s %s\n", active, name, hex(bytes_of(zones + 4, 2)).c_str());
     void *status = nullptr;
-    out += "status " + std::to_string(zfx_dlg_get_zoneset_status(ep, ZFXD_OP_GET, ZFX_ZONESET_ID_ALL, &status)) + "\n";
+    out += format("status %u\n", zfx_dlg_get_zoneset_status(ep, ZFXD_OP_GET, ZFX_ZONESET_ID_ALL, &status));
     std::free(status);
-    for (uint32_t key : {ZFXD_INFO_ZONES, ZFXD_INFO_ZONESETS, ZFXD_INFO_MEMBERS, ZFXD_INFO_ACTIVE_ZONESET, ZFXD_INFO_DEFAULT_ZONE,
-                         ZFXD_INFO_CHECK_IGNORE})
-        out += "info " + std::to_string(key) + " = " + zfx_dlg_get_info_char(ep, key) + "\n";
+    for (uint32_t key : {ZFXD_INFO_ZONES, ZFXD_INFO_ZONESETS, ZFXD_INFO_MEMBERS, ZFXD_INFO_ACTIVE_ZONESET, ZFXD_INFO_DEFAULT_ZONE, ZFXD_INFO_CHECK_IGNORE})
+        out += format("info %u = %s\n", key, zfx_dlg_get_info_char(ep, key));
     zfx_time_value t{};
     zfx_dlg_get_info_activate_time(ep, &t);
-    out += std::string("activated ") + (t.word[0] != 0 ? "yes" : "no") + "\n";
     zfx_info_record *r = zfx_dlg_get_info_with_timeout(ep, ZFXD_INFO_MEMBERS, 1);
-    out += "members " + std::string(r != nullptr ? r->value : "?") + " " + std::to_string(zfx_dlg_get_info_int_with_timeout(ep, ZFXD_INFO_ZONES, 1)) + "\n";
+    out += format("activated %s\nmembers %s %d\n", t.word[0] != 0 ? "yes" : "no", r != nullptr ? r->value : "?",
+                  zfx_dlg_get_info_int_with_timeout(ep, ZFXD_INFO_ZONES, 1));
     std::free(r);
     // The message queries with id 0 answer every object: their entry counts.
     zfx_zone_msg *zones_reply = nullptr;
@@ -115,48 +113,42 @@ std::string everything(plat_endpoint *ep) {
     const uint32_t zr = zfx_dlg_get_zone(ep, ZFXD_OP_GET, nullptr, 0, &zones_reply, 1, 0);
     const uint32_t sr = zfx_dlg_get_zoneset(ep, ZFXD_OP_GET, nullptr, 0, &sets_reply, 1, 0);
     const uint32_t mr = zfx_dlg_get_zone_member(ep, ZFXD_OP_GET, "web", 0, 0, &members_reply, 1, 0);
-    std::snprintf(line, sizeof line, "all: zones %u/%u zonesets %u/%u web members %u/%u\n", zr, zones_reply ? ntohl(zones_reply->hdr.count) : 0, sr,
+    out += format("all: zones %u/%u zonesets %u/%u web members %u/%u\n", zr, zones_reply ? ntohl(zones_reply->hdr.count) : 0, sr,
                   sets_reply ? ntohl(sets_reply->hdr.count) : 0, mr, members_reply ? ntohl(members_reply->hdr.count) : 0);
-    out += line;
     std::free(zones_reply);
     std::free(sets_reply);
     std::free(members_reply);
     // The enabled status three ways, and NAT in a VSAN through a send, a receive and a parse.
-    zfx_status_reply *st = nullptr, *ext = nullptr;
+    zfx_status_reply *st = nullptr, *ext = nullptr, *parsed = nullptr;
     const int32_t s1 = zfx_is_zfx_enabled(ep, &st), s2 = zfx_is_zfx_enabled_ext(ep, &ext);
-    out += "enabled " + std::to_string(s1) + "/" + std::to_string(st->enabled) + " ext " + std::to_string(s2) + "/" + std::to_string(ext->enabled) +
-           " version " + std::to_string(st->status2) + "\n";
+    out += format("enabled %d/%u ext %d/%u version %u\n", s1, st->enabled, s2, ext->enabled, st->status2);
     std::free(st);
     std::free(ext);
     plat_msg *msg = nullptr;
-    zfx_status_reply *parsed = nullptr;
     uint32_t nat = 7;
     if (zfx_is_zfx_enabled_send(ep, 5) == 0 && plat_endpoint_recv(ep, 0, &msg) == 0 && zfx_is_zfx_enabled_parse(msg, &parsed) == 0)
-        out += "split enabled " + std::to_string(parsed->enabled) + "\n";
-    plat_msg_free(msg);
-    msg = nullptr;
+        out += format("split enabled %u\n", parsed->enabled);
+    plat_msg_free(std::exchange(msg, nullptr));
     if (zfx_is_zfx_nat_enabled_in_vsan_send(ep, 10, 6) == 0 && plat_endpoint_recv(ep, 0, &msg) == 0 && zfx_is_zfx_nat_enabled_in_vsan_parse(msg, &nat) == 0)
-        out += "nat in vsan 10: " + std::to_string(nat) + "\n";
+        out += format("nat in vsan 10: %u\n", nat);
     plat_msg_free(msg);
     return out;
 }
 
 TEST(Zfxd, EveryRequestBuildsTheDatabaseTheToolsWouldWriteAndARestartKeepsIt) {
-    zfxtest::Prefix prefix;
-    zfxtest::put(prefix.config(), {zfxtest::nat_rec(1)});  // NAT is the store's, not zfxd's
-    Zfxd d(prefix.config());
+    Prefix prefix;
+    put(prefix.config(), {nat_rec(1)});  // NAT is the store's, not zfxd's
+    ZfxdUnderTest d(prefix.config());
     plat_endpoint *ep = d.ep();
-    const auto same_as_tools = [&](const char *step) {
-        EXPECT_EQ(records(d.location(), true), written_by_the_tools(d.db())) << "after " << step;
-    };
+    const auto same_as_tools = [&](const char *step) { EXPECT_EQ(records(d.location(), true), written_by_the_tools(d.db())) << "after " << step; };
 
     // Zones, three ways: plain, with attributes, and a message built by hand.
-    ASSERT_EQ(zfx_dlg_config_zone(ep, ZFXD_OP_CREATE, "web", nullptr, nullptr, 0), 0u);
+    ASSERT_EQ(zone(ep, ZFXD_OP_CREATE, "web"), 0u);
     ASSERT_EQ(zfx_dlg_config_zone_all_attrib(ep, ZFXD_OP_CREATE, "db", nullptr, 0, ZFX_ZONE_QOS_HIGH, 1, nullptr, 0), 0u);
     zfx_zone_msg *zm = zfx_dlg_malloc_one_zone_and_all_attribs();
     const uint32_t medium = ZFX_ZONE_QOS_MEDIUM;
-    ASSERT_EQ(zfx_dlg_zone_add_tlv(reinterpret_cast<uint8_t *>(zm) + 8, ZFX_TLV_ZONE_NAME, 7, "backup"), 0);
-    ASSERT_EQ(zfx_dlg_zone_add_tlv(reinterpret_cast<uint8_t *>(zm) + 8, ZFX_TLV_ZONE_QOS, 4, &medium), 0);
+    ASSERT_EQ(zfx_dlg_zone_add_tlv(array_of(zm), ZFX_TLV_ZONE_NAME, 7, "backup"), 0);
+    ASSERT_EQ(zfx_dlg_zone_add_tlv(array_of(zm), ZFX_TLV_ZONE_QOS, 4, &medium), 0);
     ASSERT_EQ(zfx_do_sanity_for_zone_create(zm), 0);
     ASSERT_EQ(zfx_dlg_config_zone_tlv(ep, ZFXD_OP_CREATE, zm, nullptr, 0), 0u);
     std::free(zm);
@@ -171,9 +163,9 @@ TEST(Zfxd, EveryRequestBuildsTheDatabaseTheToolsWouldWriteAndARestartKeepsIt) {
     mm->parent_id = 3;
     mm->id = 9;
     const uint32_t type = ZFX_MEMBER_PWWN, vsan = 30;
-    zfx_dlg_zone_member_add_tlv(reinterpret_cast<uint8_t *>(mm) + 8, ZFX_TLV_MEMBER_TYPE, 4, &type);
-    zfx_dlg_zone_member_add_tlv(reinterpret_cast<uint8_t *>(mm) + 8, ZFX_TLV_MEMBER_PWWN, 8, kWwn2);
-    zfx_dlg_zone_member_add_tlv(reinterpret_cast<uint8_t *>(mm) + 8, ZFX_TLV_MEMBER_VSAN, 4, &vsan);
+    zfx_dlg_zone_member_add_tlv(array_of(mm), ZFX_TLV_MEMBER_TYPE, 4, &type);
+    zfx_dlg_zone_member_add_tlv(array_of(mm), ZFX_TLV_MEMBER_PWWN, 8, kWwn2);
+    zfx_dlg_zone_member_add_tlv(array_of(mm), ZFX_TLV_MEMBER_VSAN, 4, &vsan);
     ASSERT_EQ(zfx_do_sanity_for_zone_member_create(mm), 0);
     ASSERT_EQ(zfx_dlg_config_zone_member_tlv(ep, ZFXD_OP_CREATE, mm, nullptr, 0), 0u);
     std::free(mm);
@@ -192,124 +184,104 @@ TEST(Zfxd, EveryRequestBuildsTheDatabaseTheToolsWouldWriteAndARestartKeepsIt) {
 
     // Zonesets: by zone name, by bitmap in a hand-built message, zones removed, a zone deleted
     // out of a zoneset, a zoneset renamed.
-    ASSERT_EQ(zfx_dlg_config_zoneset(ep, ZFXD_OP_CREATE, "prod", nullptr, "web", nullptr, 0), 0u);
+    ASSERT_EQ(zoneset(ep, ZFXD_OP_CREATE, "prod", "web"), 0u);
     ASSERT_EQ(zfx_dlg_config_zoneset_all_attrib(ep, ZFXD_OP_ADD, "prod", nullptr, 0, "db", nullptr, nullptr, 0), 0u);
-    Bytes bitmap = zfxtest::cat({zfxtest::le32(1024), zfxtest::id_bits(1024, {2, 3})});
+    Bytes bitmap = cat({le32(1024), id_bits(1024, {2, 3})});
     zfx_zoneset_msg *sm = zfx_dlg_malloc_one_zoneset_and_all_attribs();
-    zfx_dlg_zoneset_add_tlv(reinterpret_cast<uint8_t *>(sm) + 8, ZFX_TLV_ZONESET_NAME, 4, "lab");
-    zfx_dlg_zoneset_add_tlv(reinterpret_cast<uint8_t *>(sm) + 8, ZFX_TLV_ZONESET_ZONE_BITMAP, uint16_t(bitmap.size()), bitmap.data());
+    zfx_dlg_zoneset_add_tlv(array_of(sm), ZFX_TLV_ZONESET_NAME, 4, "lab");
+    zfx_dlg_zoneset_add_tlv(array_of(sm), ZFX_TLV_ZONESET_ZONE_BITMAP, uint16_t(bitmap.size()), bitmap.data());
     ASSERT_EQ(zfx_do_sanity_for_zoneset_create(sm), 0);
     ASSERT_EQ(zfx_dlg_config_zoneset_tlv(ep, ZFXD_OP_CREATE, sm, nullptr, 0), 0u);
     std::free(sm);
-    bitmap = zfxtest::cat({zfxtest::le32(1024), zfxtest::id_bits(1024, {2})});
+    bitmap = cat({le32(1024), id_bits(1024, {2})});
     ASSERT_EQ(zfx_dlg_config_zoneset_all_attrib(ep, ZFXD_OP_REMOVE, nullptr, nullptr, 2, nullptr, bitmap.data(), nullptr, 0), 0u);
-    ASSERT_EQ(zfx_dlg_config_zone(ep, ZFXD_OP_CREATE, "tmp", nullptr, nullptr, 0), 0u);
-    ASSERT_EQ(zfx_dlg_config_zoneset(ep, ZFXD_OP_ADD, "lab", nullptr, "tmp", nullptr, 0), 0u);
-    ASSERT_EQ(zfx_dlg_config_zone(ep, ZFXD_OP_DELETE, "tmp", nullptr, nullptr, 0), 0u);
-    ASSERT_EQ(zfx_dlg_config_zoneset(ep, ZFXD_OP_CREATE, "old", nullptr, nullptr, nullptr, 0), 0u);
-    ASSERT_EQ(zfx_dlg_config_zoneset(ep, ZFXD_OP_DELETE, "old", nullptr, nullptr, nullptr, 0), 0u);
-    ASSERT_EQ(zfx_dlg_config_zoneset(ep, ZFXD_OP_MODIFY, "lab", "test", nullptr, nullptr, 0), 0u);
+    ASSERT_EQ(zone(ep, ZFXD_OP_CREATE, "tmp"), 0u);
+    ASSERT_EQ(zoneset(ep, ZFXD_OP_ADD, "lab", "tmp"), 0u);
+    ASSERT_EQ(zone(ep, ZFXD_OP_DELETE, "tmp"), 0u);
+    ASSERT_EQ(zoneset(ep, ZFXD_OP_CREATE, "old"), 0u);
+    ASSERT_EQ(zoneset(ep, ZFXD_OP_DELETE, "old"), 0u);
+    ASSERT_EQ(zoneset(ep, ZFXD_OP_MODIFY, "lab", nullptr, "test"), 0u);
     same_as_tools("zonesets");
 
     // Switches and values, then the activation (the last change: the tools write the active data
     // from the zones as they are now).
     ASSERT_EQ(zfx_set_fcdomain_check_ignore(ep, 1), 0);
     ASSERT_EQ(zfx_dlg_set_info(ep, ZFXD_INFO_DEFAULT_ZONE, 1, nullptr, 0), 0);
-    ASSERT_EQ(zfx_dlg_config_zone_activation(ep, ZFXD_OP_ACTIVATE, "test", 0, 0, nullptr, 0), 0u);
-    ASSERT_EQ(zfx_dlg_config_zone_activation(ep, ZFXD_OP_ACTIVATE, "prod", ZFXD_ACTIVATE_FORCE, 0, nullptr, 0), 0u);
+    ASSERT_EQ(activation(ep, ZFXD_OP_ACTIVATE, "test"), 0u);
+    ASSERT_EQ(activation(ep, ZFXD_OP_ACTIVATE, "prod", ZFXD_ACTIVATE_FORCE), 0u);
     same_as_tools("activation");
 
-    const std::string text = zfxtest::generate_from(d.location());
+    const std::string text = generate_from(d.location());
     std::ifstream golden(std::string(std::getenv("ZFX_SOURCE_DIR") != nullptr ? std::getenv("ZFX_SOURCE_DIR") : ".") + "/tests/golden/zfxd.txt");
     EXPECT_EQ(text, std::string(std::istreambuf_iterator<char>(golden), {}));
 
     const std::string answers = everything(ep);
-    EXPECT_NE(answers.find("zone 2 db qos 1/3 ro 0"), std::string::npos) << answers;
-    EXPECT_NE(answers.find("member 2 type 241 vsan 20 afid 7 alias array-b"), std::string::npos) << answers;
-    EXPECT_NE(answers.find("active 0 prod 60 00"), std::string::npos) << answers;
-    EXPECT_NE(answers.find("info 34 = 1"), std::string::npos) << answers;
-    EXPECT_NE(answers.find("members 5 3\nall: zones 0/3 zonesets 0/2 web members 0/2\nenabled 0/1 ext 0/1 version 1\nsplit enabled 1\nnat in vsan 10: 1\n"),
-              std::string::npos)
-        << answers;
+    for (const char *want : {"zone 2 db qos 1/3 ro 0", "member 2 type 241 vsan 20 afid 7 alias array-b", "active 0 prod 60 00", "info 34 = 1",
+                             "members 5 3\nall: zones 0/3 zonesets 0/2 web members 0/2\nenabled 0/1 ext 0/1 version 1\nsplit enabled 1\nnat in vsan 10: 1\n"})
+        EXPECT_NE(answers.find(want), std::string::npos) << want << "\n" << answers;
 
     d.restart();
     EXPECT_EQ(everything(d.ep()), answers);
-    EXPECT_EQ(zfxtest::generate_from(d.location()), text);
+    EXPECT_EQ(generate_from(d.location()), text);
     same_as_tools("restart");
 
     // Deactivation removes every chunk and the time, and the text loses its activation line.
-    ASSERT_EQ(zfx_dlg_config_zone_activation(d.ep(), ZFXD_OP_DEACTIVATE, nullptr, 0, 0, nullptr, 0), 0u);
+    ASSERT_EQ(activation(d.ep(), ZFXD_OP_DEACTIVATE, nullptr), 0u);
     same_as_tools("deactivation");
     EXPECT_EQ(zfx_dlg_get_info_int(d.ep(), ZFXD_INFO_ACTIVE_ZONESET), 0);
 }
 
 // Every refusal answers its status and writes nothing.
 TEST(Zfxd, RefusedRequestsAnswerTheirStatusAndChangeNothing) {
-    zfxtest::Prefix prefix;
-    Zfxd d(prefix.config());
+    Prefix prefix;
+    ZfxdUnderTest d(prefix.config());
     plat_endpoint *ep = d.ep();
-    ASSERT_EQ(zfx_dlg_config_zone(ep, ZFXD_OP_CREATE, "web", nullptr, nullptr, 0), 0u);
+    ASSERT_EQ(zone(ep, ZFXD_OP_CREATE, "web"), 0u);
     ASSERT_EQ(member(ep, ZFXD_OP_CREATE, "web", ZFX_MEMBER_PWWN, kWwn1, 10), 0u);
-    ASSERT_EQ(zfx_dlg_config_zoneset(ep, ZFXD_OP_CREATE, "prod", nullptr, "web", nullptr, 0), 0u);
+    ASSERT_EQ(zoneset(ep, ZFXD_OP_CREATE, "prod", "web"), 0u);
     const auto before = records(d.location(), false);
     const std::string long_name(68, 'x');
     const auto raw = [&](uint32_t msg_type, uint32_t opcode, Bytes payload) {
         uint32_t len = uint32_t(payload.size());
         return uint32_t(dlg_req_resp(msg_type, opcode, payload.data(), nullptr, &len, nullptr, 0, ZFX_SAP, ep, 10));
     };
-    struct Row {
-        const char *what;
-        std::function<uint32_t()> send;
-        int32_t want;
-    };
-    const Row rows[] = {
-        {"zone exists", [&] { return zfx_dlg_config_zone(ep, ZFXD_OP_CREATE, "web", nullptr, nullptr, 0); }, ZFXD_ERR_EXISTS},
-        {"zone name too long", [&] { return zfx_dlg_config_zone(ep, ZFXD_OP_CREATE, long_name.c_str(), nullptr, nullptr, 0); }, ZFXD_ERR_INVALID},
+    const Bytes zone_head = cat({be32(1), zeros(8)});
+    const std::tuple<const char *, std::function<uint32_t()>, int32_t> rows[] = {
+        {"zone exists", [&] { return zone(ep, ZFXD_OP_CREATE, "web"); }, ZFXD_ERR_EXISTS},
+        {"zone name too long", [&] { return zone(ep, ZFXD_OP_CREATE, long_name.c_str()); }, ZFXD_ERR_INVALID},
         {"zone create without a name", [&] { return zfx_dlg_config_zone_all_attrib(ep, ZFXD_OP_CREATE, nullptr, nullptr, 5, 0, 0, nullptr, 0); },
          ZFX_ERR_CREATE_INCOMPLETE},
-        {"QoS above high", [&] { return zfx_dlg_config_zone_attrib(ep, ZFXD_OP_MODIFY, "web", nullptr, 0, 4, ZFX_ATTR_NONE, nullptr, 0); },
-         ZFXD_ERR_INVALID},
-        {"no such zone", [&] { return zfx_dlg_config_zone(ep, ZFXD_OP_DELETE, "nope", nullptr, nullptr, 0); }, ZFXD_ERR_NOT_FOUND},
+        {"QoS above high", [&] { return zfx_dlg_config_zone_attrib(ep, ZFXD_OP_MODIFY, "web", nullptr, 0, 4, ZFX_ATTR_NONE, nullptr, 0); }, ZFXD_ERR_INVALID},
+        {"no such zone", [&] { return zone(ep, ZFXD_OP_DELETE, "nope"); }, ZFXD_ERR_NOT_FOUND},
         {"member of no zone", [&] { return member(ep, ZFXD_OP_CREATE, "nope", ZFX_MEMBER_PWWN, kWwn2, 1); }, ZFXD_ERR_NOT_FOUND},
         {"member twice", [&] { return member(ep, ZFXD_OP_CREATE, "web", ZFX_MEMBER_PWWN, kWwn1, 10); }, ZFXD_ERR_EXISTS},
         {"member without a VSAN", [&] { return member(ep, ZFXD_OP_CREATE, "web", ZFX_MEMBER_PWWN, kWwn2, 0); }, ZFX_ERR_CREATE_INCOMPLETE},
         {"VSAN above 4095", [&] { return member(ep, ZFXD_OP_CREATE, "web", ZFX_MEMBER_PWWN, kWwn2, 4096); }, ZFXD_ERR_INVALID},
-        {"LUN member without a LUN", [&] { return member(ep, ZFXD_OP_CREATE, "web", ZFX_MEMBER_PWWN_LUN, kWwn2, 1); },
-         ZFX_ERR_CREATE_INCOMPLETE},
-        {"member id above 2047", [&] { return member(ep, ZFXD_OP_CREATE, "web", ZFX_MEMBER_PWWN, kWwn2, 1, nullptr, 2048); },
-         ZFXD_ERR_INVALID},
-        {"remove a member that is not there", [&] { return member(ep, ZFXD_OP_REMOVE, "web", ZFX_MEMBER_PWWN, kWwn2, 10); },
-         ZFXD_ERR_NOT_FOUND},
-        {"zoneset exists", [&] { return zfx_dlg_config_zoneset(ep, ZFXD_OP_CREATE, "prod", nullptr, nullptr, nullptr, 0); }, ZFXD_ERR_EXISTS},
-        {"zoneset of an unknown zone", [&] { return zfx_dlg_config_zoneset(ep, ZFXD_OP_CREATE, "lab", nullptr, "nope", nullptr, 0); },
-         ZFXD_ERR_NOT_FOUND},
-        {"remove a zone the zoneset lacks", [&] { return zfx_dlg_config_zoneset(ep, ZFXD_OP_REMOVE, "prod", nullptr, "db", nullptr, 0); },
-         ZFXD_ERR_NOT_FOUND},
-        {"activate an unknown zoneset", [&] { return zfx_dlg_config_zone_activation(ep, ZFXD_OP_ACTIVATE, "nope", 0, 0, nullptr, 0); },
-         ZFXD_ERR_NOT_FOUND},
-        {"deactivate with nothing active", [&] { return zfx_dlg_config_zone_activation(ep, ZFXD_OP_DEACTIVATE, nullptr, 0, 0, nullptr, 0); },
-         ZFXD_ERR_NOT_FOUND},
+        {"LUN member without a LUN", [&] { return member(ep, ZFXD_OP_CREATE, "web", ZFX_MEMBER_PWWN_LUN, kWwn2, 1); }, ZFX_ERR_CREATE_INCOMPLETE},
+        {"member id above 2047", [&] { return member(ep, ZFXD_OP_CREATE, "web", ZFX_MEMBER_PWWN, kWwn2, 1, nullptr, 2048); }, ZFXD_ERR_INVALID},
+        {"remove a member that is not there", [&] { return member(ep, ZFXD_OP_REMOVE, "web", ZFX_MEMBER_PWWN, kWwn2, 10); }, ZFXD_ERR_NOT_FOUND},
+        {"zoneset exists", [&] { return zoneset(ep, ZFXD_OP_CREATE, "prod"); }, ZFXD_ERR_EXISTS},
+        {"zoneset of an unknown zone", [&] { return zoneset(ep, ZFXD_OP_CREATE, "lab", "nope"); }, ZFXD_ERR_NOT_FOUND},
+        {"remove a zone the zoneset lacks", [&] { return zoneset(ep, ZFXD_OP_REMOVE, "prod", "db"); }, ZFXD_ERR_NOT_FOUND},
+        {"activate an unknown zoneset", [&] { return activation(ep, ZFXD_OP_ACTIVATE, "nope"); }, ZFXD_ERR_NOT_FOUND},
+        {"deactivate with nothing active", [&] { return activation(ep, ZFXD_OP_DEACTIVATE, nullptr); }, ZFXD_ERR_NOT_FOUND},
         {"read-only info key", [&] { return uint32_t(zfx_dlg_set_info(ep, ZFXD_INFO_ZONES, 3, nullptr, 0)); }, ZFXD_ERR_INVALID},
         {"log level out of range", [&] { return uint32_t(zfx_dlg_set_info(ep, ZFXD_INFO_LOG_LEVEL, 3, nullptr, 0)); }, ZFXD_ERR_INVALID},
         {"unknown message type", [&] { return raw(8699, 1, Bytes(8, 0)); }, ZFXD_ERR_UNSUPPORTED},
-        {"unknown operation", [&] { return raw(ZFX_MSG_ZONE, 99, zfxtest::cat({zfxtest::be32(1), zfxtest::zeros(8), zfxtest::le32(0)})); },
-         ZFXD_ERR_UNSUPPORTED},
+        {"unknown operation", [&] { return raw(ZFX_MSG_ZONE, 99, cat({zone_head, le32(0)})); }, ZFXD_ERR_UNSUPPORTED},
         {"short zone message", [&] { return raw(ZFX_MSG_ZONE, ZFXD_OP_CREATE, Bytes(10, 0)); }, ZFXD_ERR_MALFORMED},
-        {"array counting more than it holds",
-         [&] { return raw(ZFX_MSG_ZONE, ZFXD_OP_CREATE, zfxtest::cat({zfxtest::be32(1), zfxtest::zeros(8), zfxtest::le32(3), zfxtest::tlv(6, zfxtest::str0("a"))})); },
+        {"array counting more than it holds", [&] { return raw(ZFX_MSG_ZONE, ZFXD_OP_CREATE, cat({zone_head, le32(3), tlv(6, str0("a"))})); },
          ZFXD_ERR_MALFORMED},
-        {"name without its terminator",
-         [&] { return raw(ZFX_MSG_ZONE, ZFXD_OP_CREATE, zfxtest::cat({zfxtest::be32(1), zfxtest::zeros(8), zfxtest::tlv_array({zfxtest::tlv(6, Bytes{'a', 'b'})})})); },
+        {"name without its terminator", [&] { return raw(ZFX_MSG_ZONE, ZFXD_OP_CREATE, cat({zone_head, tlv_array({tlv(6, Bytes{'a', 'b'})})})); },
          ZFXD_ERR_MALFORMED},
         {"short activation", [&] { return raw(ZFX_MSG_ZONE_ACTIVATION, ZFXD_OP_ACTIVATE, Bytes(83, 0)); }, ZFXD_ERR_MALFORMED},
         {"status query of an odd length", [&] { return raw(ZFX_MSG_STATUS, 1, Bytes(5, 0)); }, ZFXD_ERR_MALFORMED},
         {"short info record", [&] { return raw(ZFX_MSG_INFO, ZFXD_OP_INFO_GET, Bytes(259, 0)); }, ZFXD_ERR_MALFORMED},
-        {"unknown info key", [&] { return raw(ZFX_MSG_INFO, ZFXD_OP_INFO_GET, zfxtest::cat({zfxtest::be32(999), zfxtest::zeros(256)})); },
-         ZFXD_ERR_NOT_FOUND},
+        {"unknown info key", [&] { return raw(ZFX_MSG_INFO, ZFXD_OP_INFO_GET, cat({be32(999), zeros(256)})); }, ZFXD_ERR_NOT_FOUND},
     };
-    for (const Row &row : rows) {
-        EXPECT_EQ(row.send(), uint32_t(row.want)) << row.what;
-        EXPECT_EQ(records(d.location(), false), before) << row.what;
+    for (const auto &[what, send, want] : rows) {
+        EXPECT_EQ(send(), uint32_t(want)) << what;
+        EXPECT_EQ(records(d.location(), false), before) << what;
     }
     EXPECT_EQ(d.db().changes(), 3u);
 }

@@ -20,10 +20,16 @@
 
 namespace {
 
+using namespace zfxtest;
+using zfxd::FabricDevice;
+using zfxtool::format;
+using zfxtool::load;
+using zfxtool::Wwn;
+
 // The played driver's next hop is the fabric's, and the flow's own VSAN where the fabric has none.
 const zfxd::FabricDesc *g_fabric = nullptr;
 const bool g_driver_set = [] {
-    zfxtest::fcfwd_driver().on_control = [](int, unsigned long request, uint8_t *block) {
+    fcfwd_driver().on_control = [](int, unsigned long request, uint8_t *block) {
         if (request != ZFX_FCFWD_IOC_NEXT_HOP) return ENOTTY;
         auto *arg = reinterpret_cast<zfx_fcfwd_next_hop_arg *>(block);
         const auto it = g_fabric->next_hops.find({arg->vsan, uint8_t(ntohl(arg->did) >> 16)});
@@ -32,10 +38,6 @@ const bool g_driver_set = [] {
     };
     return true;
 }();
-
-using zfxd::FabricDesc;
-using zfxd::FabricDevice;
-using zfxtool::Wwn;
 
 constexpr uint32_t kDevices = 3 * ZFXD_DEVICE_BATCH + 7;
 constexpr uint32_t kVsans[] = {10, 20, 30, 40};
@@ -57,12 +59,12 @@ std::string fabric_text() {
         for (size_t k = 0; k < vsans.size(); ++k) {
             ranges += (k == 0 ? "" : ",") + std::to_string(vsans[k]);
             // A per-VSAN device's last VSAN has no value, unless it has only the one.
-            if (k + 1 < vsans.size() || k == 0) per += (k == 0 ? "" : ",") + zfxtool::format("%u:%u", vsans[k], 1000 + i);
+            if (k + 1 < vsans.size() || k == 0) per += (k == 0 ? "" : ",") + format("%u:%u", vsans[k], 1000 + i);
         }
-        t += zfxtool::format("device 21:00:00:24:ff:%02x:%02x:%02x fcid 0x%02x%02x%02x vsans %s", i >> 16, (i >> 8) & 0xFF, i & 0xFF,
-                             1 + i % 23, i / 23, i % 7, ranges.c_str());
+        t += format("device 21:00:00:24:ff:%02x:%02x:%02x fcid 0x%02x%02x%02x vsans %s", i >> 16, (i >> 8) & 0xFF, i & 0xFF, 1 + i % 23,
+                    i / 23, i % 7, ranges.c_str());
         t += i % 4 == 0 ? " per-vsan " + per : " value " + std::to_string(i * 3);
-        t += zfxtool::format(" node 20:00:00:24:ff:%02x:%02x:%02x name host-%u afid %u\n", i >> 16, (i >> 8) & 0xFF, i & 0xFF, i, 1 + i % 2);
+        t += format(" node 20:00:00:24:ff:%02x:%02x:%02x name host-%u afid %u\n", i >> 16, (i >> 8) & 0xFF, i & 0xFF, i, 1 + i % 2);
     }
     t += "native-domain 10 1\nnative-domain 20 0x2\nnative-domain 30 239\n";
     t += "proxy-domains 10 5,3,239\nproxy-domains 40 1\n";
@@ -73,19 +75,27 @@ std::string fabric_text() {
 
 const Wwn &wwn_of(const zfx_device_entry &e) { return *reinterpret_cast<const Wwn *>(e.pwwn); }
 
+// A walk cursor placed on a device: the walk goes on with the next one.
+zfx_device_entry *cursor_at(const Wwn &w) {
+    zfx_device_entry *handle = nullptr;
+    zfx_device_entry_handle_init_with_wwn(&handle, load<uint32_t>(w.data()), load<uint32_t>(w.data() + 4));
+    return handle;
+}
+
+using Pairs = std::vector<std::pair<uint32_t, uint32_t>>;
+
 // The pairs the second-generation view must give: each VSAN of the set with a value, ascending.
-std::vector<std::pair<uint32_t, uint32_t>> pairs_of(const FabricDevice &d) {
-    std::vector<std::pair<uint32_t, uint32_t>> out;
-    for (int32_t v = vsan_bitset_first_bit(&d.vsans.bits); v >= 0; v = vsan_bitset_next_bit(&d.vsans.bits, v)) {
-        if (!d.per_vsan) out.emplace_back(v, d.value);
-        else if (d.values.count(uint32_t(v)) != 0) out.emplace_back(v, d.values.at(uint32_t(v)));
-    }
+Pairs pairs_of(const FabricDevice &d) {
+    Pairs out;
+    for (int32_t v = vsan_bitset_first_bit(&d.vsans.bits); v >= 0; v = vsan_bitset_next_bit(&d.vsans.bits, v))
+        if (!d.per_vsan || d.values.count(uint32_t(v)) != 0) out.emplace_back(v, d.per_vsan ? d.values.at(uint32_t(v)) : d.value);
     return out;
 }
 
-std::vector<std::pair<uint32_t, uint32_t>> pairs_of(const zfx_device_ns_entry &e) {
-    std::vector<std::pair<uint32_t, uint32_t>> out;
+Pairs pairs_of(const zfx_device_ns_entry &e) {
+    Pairs out;
     for (uint32_t k = 0; k < e.pair_count; ++k) out.emplace_back(e.pairs[k].vsan, e.pairs[k].value);
+    std::free(e.pairs);
     return out;
 }
 
@@ -105,25 +115,17 @@ int32_t split(plat_endpoint *ep, Send send, Parse parse) {
 void expect_ns_block(const uint8_t *block, const FabricDevice &d) {
     dir_entry e;
     std::memcpy(&e, block, sizeof e);
-    EXPECT_EQ(ntohl(e.port_id), d.fcid);
-    EXPECT_EQ(std::memcmp(e.port_name, d.pwwn.data(), 8), 0);
-    EXPECT_EQ(std::memcmp(e.node_name, d.node.data(), 8), 0);
-    EXPECT_EQ(std::string(e.symbolic_name), d.name);
-    EXPECT_EQ(ntohl(e.class_of_service), ZFXD_NS_CLASS);
+    EXPECT_EQ(std::tuple(ntohl(e.port_id), bytes_of(e.port_name, 8), bytes_of(e.node_name, 8), std::string(e.symbolic_name), ntohl(e.class_of_service)),
+              std::tuple(d.fcid, bytes_of(d.pwwn.data(), 8), bytes_of(d.node.data(), 8), d.name, uint32_t(ZFXD_NS_CLASS)));
 }
 
 void expect_entry(const zfx_device_entry &e, const FabricDevice &d) {
     const auto *b = reinterpret_cast<const uint8_t *>(&e);
-    EXPECT_EQ(wwn_of(e), d.pwwn);
-    EXPECT_EQ(ntohl(zfxtool::load<uint32_t>(b + ZFXD_DEVICE_FCID_AT)), d.fcid);
-    EXPECT_EQ(ntohl(zfxtool::load<uint32_t>(b + ZFXD_DEVICE_AFID_AT)), d.afid);
+    EXPECT_EQ(std::tuple(wwn_of(e), ntohl(load<uint32_t>(b + ZFXD_DEVICE_FCID_AT)), ntohl(load<uint32_t>(b + ZFXD_DEVICE_AFID_AT)), e.flags, e.vsan_value),
+              std::tuple(d.pwwn, d.fcid, d.afid, d.per_vsan ? ZFX_DEVICE_FLAG_PER_VSAN : 0, d.per_vsan ? 0 : d.value));
     EXPECT_TRUE(vsan_bitset_equal(&e.vsans, &d.vsans.bits));
-    EXPECT_EQ(e.flags, d.per_vsan ? ZFX_DEVICE_FLAG_PER_VSAN : 0);
-    EXPECT_EQ(e.vsan_value, d.per_vsan ? 0 : d.value);
     expect_ns_block(e.ns_block, d);
 }
-
-using zfxtest::Transport;
 
 // zfxd on a fresh store with the generated fabric, reached in process or over its socket.
 class Fabric : public ::testing::TestWithParam<Transport> {
@@ -131,163 +133,119 @@ protected:
     void SetUp() override {
         std::string error;
         ASSERT_TRUE(zfxd::parse_fabric(fabric_text(), "gen", {{2, {}}}, fabric_, error)) << error;
-        ASSERT_EQ(fabric_.devices.size(), kDevices);
         g_fabric = &fabric_;
-        zfxd_ = std::make_unique<zfxtest::ZfxdUnderTest>(prefix_.config(), zfxtest::ZfxdUnderTest::Options{GetParam(), &fabric_});
+        zfxd_ = std::make_unique<ZfxdUnderTest>(prefix_.config(), ZfxdOptions{GetParam(), &fabric_});
         ep_ = zfxd_->ep();
-        ASSERT_NE(ep_, nullptr);
     }
     // The reply to an asynchronous send with tag, as its payload.
-    zfxtest::Bytes received(uint32_t tag) {
+    Bytes received(uint32_t tag) {
         const xqb_recv_opts wait{XQB_SELECT_ANY, 0, 5, 0, {}};
         xqb_msg held = XQB_MSG_EMPTY;
+        void *payload = nullptr;
+        uint32_t len = 0;
         EXPECT_EQ(xqb_recv(ep_, &held, &wait), 0);
         if (held.msg == nullptr) return {};
         EXPECT_EQ(plat_msg_info_get(held.msg)->tag, tag);
-        void *payload = nullptr;
-        uint32_t len = 0;
         EXPECT_EQ(dlg_parse_response(held.msg, &payload, &len), 0);
-        zfxtest::Bytes out(static_cast<uint8_t *>(payload), static_cast<uint8_t *>(payload) + len);
+        const Bytes out = bytes_of(payload, len);
         xqb_drop(ep_, &held);
         return out;
     }
 
-    FabricDesc fabric_;
-    zfxtest::Prefix prefix_;
-    std::unique_ptr<zfxtest::ZfxdUnderTest> zfxd_;
+    zfxd::FabricDesc fabric_;
+    Prefix prefix_;
+    std::unique_ptr<ZfxdUnderTest> zfxd_;
     plat_endpoint *ep_ = nullptr;
 };
 
 // The walk in its three views covers every device once, in port WWN order, in several batches;
 // a walk that starts after a device continues with the next one.
-TEST_P(Fabric, DeviceWalkInEveryView) {
-    zfx_device_entry *handle = nullptr;
-    ASSERT_EQ(zfx_device_entry_handle_init(&handle), 0);
-    auto model = fabric_.devices.begin();
-    uint32_t batches = 0;
-    for (;;) {
-        zfx_device_entry *entries = nullptr;
-        uint32_t count = 0;
-        ASSERT_EQ(zfx_device_entry_get_next(ep_, handle, &entries, &count), 0);
-        if (count == 0) break;
-        ASSERT_LE(++batches, kDevices) << "the walk does not end";
-        EXPECT_LE(count, ZFXD_DEVICE_BATCH);
-        for (uint32_t i = 0; i < count && model != fabric_.devices.end(); ++i, ++model) expect_entry(entries[i], model->second);
-        std::free(entries);
-    }
-    EXPECT_EQ(model, fabric_.devices.end());
-    EXPECT_EQ(batches, (kDevices + ZFXD_DEVICE_BATCH - 1) / ZFXD_DEVICE_BATCH);
-
-    for (const bool second : {false, true}) {
+TEST_P(Fabric, DeviceWalksAndTlvReplies) {
+    for (int view = 0; view < 3; ++view) {
+        zfx_device_entry *handle = nullptr;
         ASSERT_EQ(zfx_device_entry_handle_init(&handle), 0);
-        model = fabric_.devices.begin();
-        for (;;) {
+        auto model = fabric_.devices.begin();
+        uint32_t batches = 0, count = 0;
+        do {
+            zfx_device_entry *entries = nullptr;
             zfx_device_ns_entry *ns = nullptr;
-            uint32_t count = 0;
-            ASSERT_EQ((second ? zfx2_device_ns_entry_get_next : zfx_device_ns_entry_get_next)(ep_, handle, &ns, &count), 0);
-            if (count == 0) break;
-            ASSERT_NE(model, fabric_.devices.end()) << "the walk does not end";
+            count = 0;
+            ASSERT_EQ(view == 0   ? zfx_device_entry_get_next(ep_, handle, &entries, &count)
+                      : view == 1 ? zfx_device_ns_entry_get_next(ep_, handle, &ns, &count)
+                                  : zfx2_device_ns_entry_get_next(ep_, handle, &ns, &count),
+                      0);
+            ASSERT_LE(++batches, kDevices) << "the walk does not end";
+            // Every batch full but the last; an empty one after it.
+            EXPECT_EQ(count, std::min<size_t>(ZFXD_DEVICE_BATCH, size_t(std::distance(model, fabric_.devices.end()))));
             for (uint32_t i = 0; i < count && model != fabric_.devices.end(); ++i, ++model) {
+                if (view == 0) {
+                    expect_entry(entries[i], model->second);
+                    continue;
+                }
                 expect_ns_block(ns[i].ns_block, model->second);
-                EXPECT_EQ(pairs_of(ns[i]), second ? pairs_of(model->second) : decltype(pairs_of(ns[i])){});
-                EXPECT_EQ(vsan_bitset_equal(&ns[i].vsans, &model->second.vsans.bits) != 0, !second);
-                std::free(ns[i].pairs);
+                EXPECT_EQ(pairs_of(ns[i]), view == 2 ? pairs_of(model->second) : Pairs{});
+                EXPECT_EQ(vsan_bitset_equal(&ns[i].vsans, &model->second.vsans.bits) != 0, view == 1);
             }
+            std::free(entries);
             std::free(ns);
-        }
-        EXPECT_EQ(model, fabric_.devices.end()) << "second generation " << second;
+        } while (count != 0);
+        EXPECT_EQ(model, fabric_.devices.end()) << "view " << view;
     }
 
-    // After a given device: the next one comes first; a local cursor moves as the library's does.
-    const auto start = std::next(fabric_.devices.begin(), 100);
-    uint32_t words[2];
-    std::memcpy(words, start->first.data(), 8);
-    zfx_device_entry_handle_init_with_wwn(&handle, words[0], words[1]);
-    zfx_device_entry cursor = *handle, *entries = nullptr;
-    uint32_t count = 0;
-    ASSERT_EQ(zfx_dlg_ns_device_entry_get(ep_, &cursor, &entries, &count), 0);
-    ASSERT_EQ(count, ZFXD_DEVICE_BATCH);
-    EXPECT_EQ(wwn_of(entries[0]), std::next(start)->first);
-    EXPECT_EQ(wwn_of(cursor), wwn_of(entries[count - 1]));
-    std::free(entries);
-}
-
-// Per-VSAN values, and the TLV-encoded replies of both asynchronous sends decoded by both parsers.
-TEST_P(Fabric, PerVsanValuesAndTlvReplies) {
-    for (const auto &[wwn, d] : fabric_.devices) {
-        if (!d.per_vsan) continue;
-        uint32_t words[2];
-        std::memcpy(words, wwn.data(), 8);
-        for (uint32_t v : kVsans) {
-            void *reply = nullptr;
-            const int32_t r = zfx2_dlg_pv_vsan_entry_get(ep_, words[0], words[1], v, &reply);
-            const auto want = d.values.find(v);
-            EXPECT_EQ(r, want != d.values.end() ? 0 : ZFXD_ERR_NOT_FOUND) << zfxtool::wwn_text(wwn) << " vsan " << v;
-            if (r == 0 && reply != nullptr) {
-                EXPECT_EQ(zfxtool::load<uint32_t>(static_cast<uint8_t *>(reply)), want->second);
-            }
-            std::free(reply);
-        }
-    }
-
-    zfx_device_entry *handle = nullptr;
-    const auto start = std::next(fabric_.devices.begin(), kDevices - 5);  // four devices follow it
-    uint32_t words[2];
-    std::memcpy(words, start->first.data(), 8);
-    zfx_device_entry_handle_init_with_wwn(&handle, words[0], words[1]);
+    // The TLV-encoded replies of both asynchronous sends, decoded by both parsers: the four
+    // devices after one, and an FCR query for a device in any VSAN, one in a VSAN it has, and
+    // one that does not exist.
+    const auto last = std::prev(fabric_.devices.end()), before = std::prev(last);
+    zfx_device_entry *handle = cursor_at(std::prev(last, 4)->first);
     ASSERT_EQ(zfx2_device_ns_entry_send_req(ep_, handle, 41), 0);
-    const zfxtest::Bytes batch = received(41);
-    EXPECT_EQ(wwn_of(*handle), start->first) << "the send leaves the cursor";
-
-    std::vector<uint8_t> items(4 + 3 * sizeof(zfx_fcr_query_item), 0);
-    const uint32_t n = 3;
-    std::memcpy(items.data(), &n, 4);
-    std::memcpy(items.data() + 4, fabric_.devices.rbegin()->first.data(), 8);           // any VSAN
-    std::memcpy(items.data() + 16, std::prev(fabric_.devices.end(), 2)->first.data(), 8);  // with a VSAN it has
-    const uint32_t has = htonl(uint32_t(vsan_bitset_first_bit(&std::prev(fabric_.devices.end(), 2)->second.vsans.bits)));
-    std::memcpy(items.data() + 24, &has, 4);
-    std::memcpy(items.data() + 28, "\x99\x99\x99\x99\x99\x99\x99\x99", 8);  // no such device
-    ASSERT_EQ(zfx_fcr_query_entry_send(ep_, reinterpret_cast<const zfx_fcr_query *>(items.data()), 42), 0);
-    const zfxtest::Bytes fcr = received(42);
-
-    const struct {
-        const zfxtest::Bytes &reply;
-        std::vector<const FabricDevice *> devices;
-    } cases[] = {
-        {batch, {&std::next(start, 1)->second, &std::next(start, 2)->second, &std::next(start, 3)->second, &std::next(start, 4)->second}},
-        {fcr, {&fabric_.devices.rbegin()->second, &std::prev(fabric_.devices.end(), 2)->second}},
+    const Bytes batch = received(41);
+    EXPECT_EQ(wwn_of(*handle), std::prev(last, 4)->first) << "the send leaves the cursor";
+    const Bytes query = cat({le32(3), bytes_of(last->first.data(), 8), zeros(4), bytes_of(before->first.data(), 8),
+                             be32(uint32_t(vsan_bitset_first_bit(&before->second.vsans.bits))), Bytes(8, 0x99), zeros(4)});
+    ASSERT_EQ(zfx_fcr_query_entry_send(ep_, reinterpret_cast<const zfx_fcr_query *>(query.data()), 42), 0);
+    const Bytes fcr = received(42);
+    // After the last device, the walk's end: no entries.
+    ASSERT_EQ(zfx2_device_ns_entry_send_req(ep_, cursor_at(last->first), 43), 0);
+    const Bytes none = received(43);
+    const std::pair<const Bytes &, std::vector<const FabricDevice *>> cases[] = {
+        {batch, {&std::prev(last, 3)->second, &std::prev(last, 2)->second, &before->second, &last->second}},
+        {fcr, {&last->second, &before->second}},
+        {none, {}},
     };
-    for (const auto &c : cases) {
+    for (const auto &[reply, devices] : cases) {
         zfx_device_entry *entries = nullptr;
         zfx_device_ns_entry *ns = nullptr;
-        int32_t count = -1, ns_count = -1;
-        ASSERT_EQ(zfx2_device_entry_parse_checked(c.reply.data(), uint32_t(c.reply.size()), &entries, &count), 0);
-        ASSERT_EQ(zfx2_device_ns_entry_parse_checked(c.reply.data(), uint32_t(c.reply.size()), &ns, &ns_count), 0);
-        ASSERT_EQ(size_t(count), c.devices.size());
-        ASSERT_EQ(ns_count, count);
-        for (int32_t i = 0; i < count; ++i) {
-            expect_entry(entries[i], *c.devices[i]);
-            EXPECT_EQ(pairs_of(ns[i]), pairs_of(*c.devices[i]));
-            std::free(ns[i].pairs);
+        int32_t n = -1, ns_count = -1;
+        const int32_t want = devices.empty() ? ZFX_ERR_NO_ENTRIES : 0;
+        ASSERT_EQ(zfx2_device_entry_parse_checked(reply.data(), uint32_t(reply.size()), &entries, &n), want);
+        ASSERT_EQ(zfx2_device_ns_entry_parse_checked(reply.data(), uint32_t(reply.size()), &ns, &ns_count), want);
+        ASSERT_EQ(std::pair(size_t(n), size_t(ns_count)), std::pair(devices.size(), devices.size()));
+        for (int32_t i = 0; i < n; ++i) {
+            expect_entry(entries[i], *devices[i]);
+            EXPECT_EQ(pairs_of(ns[i]), pairs_of(*devices[i]));
         }
         std::free(entries);
         std::free(ns);
     }
 
-    // After the last device, the walk's end: no entries.
-    std::memcpy(words, fabric_.devices.rbegin()->first.data(), 8);
-    zfx_device_entry_handle_init_with_wwn(&handle, words[0], words[1]);
-    ASSERT_EQ(zfx2_device_ns_entry_send_req(ep_, handle, 43), 0);
-    const zfxtest::Bytes none = received(43);
-    zfx_device_entry *entries = nullptr;
-    int32_t count = -1;
-    EXPECT_EQ(zfx2_device_entry_parse_checked(none.data(), uint32_t(none.size()), &entries, &count), ZFX_ERR_NO_ENTRIES);
-    EXPECT_EQ(count, 0);
+    // Per-VSAN values, every VSAN of the fabric asked for.
+    for (const auto &[wwn, d] : fabric_.devices) {
+        if (!d.per_vsan) continue;
+        for (uint32_t v : kVsans) {
+            void *reply = nullptr;
+            const auto want = d.values.find(v);
+            const int32_t r = zfx2_dlg_pv_vsan_entry_get(ep_, load<uint32_t>(wwn.data()), load<uint32_t>(wwn.data() + 4), v, &reply);
+            EXPECT_EQ(r, want != d.values.end() ? 0 : ZFXD_ERR_NOT_FOUND) << zfxtool::wwn_text(wwn) << " vsan " << v;
+            if (r == 0 && reply != nullptr) EXPECT_EQ(load<uint32_t>(static_cast<uint8_t *>(reply)), want->second);
+            std::free(reply);
+        }
+    }
 }
 
-// The raw transport queries, combined and split, the frame hand-over and the name server.
-TEST_P(Fabric, RawQueriesFramesAndNameServer) {
-    for (uint32_t vsan : {10u, 20u, 30u, 40u}) {
+// The raw transport queries, combined and split, next hops and NAT rewrites, the frame
+// hand-over and the name server.
+TEST_P(Fabric, RawQueriesRoutesFramesAndNameServer) {
+    for (uint32_t vsan : kVsans) {
         const auto it = fabric_.native_domains.find(vsan);
         const int32_t want = it != fabric_.native_domains.end() ? 0 : ZFXD_ERR_NOT_FOUND;
         uint32_t domain = 0xDEAD, by_parts = 0xDEAD;
@@ -295,8 +253,7 @@ TEST_P(Fabric, RawQueriesFramesAndNameServer) {
         EXPECT_EQ(split(ep_, [&](xqb_msg *m) { return zfx_send_get_native_domain(ep_, vsan, 0, m); },
                         [&](xqb_msg *m) { return zfx_parse_get_native_domain(m, &by_parts); }),
                   want);
-        EXPECT_EQ(domain, want == 0 ? it->second : 0xDEAD);
-        EXPECT_EQ(by_parts, domain);
+        EXPECT_EQ(std::pair(domain, by_parts), std::pair(want == 0 ? uint32_t(it->second) : 0xDEADu, domain));
 
         zfx_proxy_domain_list list{}, list2{};
         const auto proxy = fabric_.proxy_domains.find(vsan);
@@ -309,9 +266,27 @@ TEST_P(Fabric, RawQueriesFramesAndNameServer) {
         std::vector<uint8_t> got;
         for (uint32_t d = 0; d < 256; ++d)
             if (zfxtool::id_bit(list.domain_list, d)) got.push_back(uint8_t(d));
-        EXPECT_EQ(got, proxy->second);
-        EXPECT_EQ(list.value, proxy->second.size());
+        EXPECT_EQ(std::pair(got, size_t(list.value)), std::pair(proxy->second, proxy->second.size()));
         EXPECT_EQ(std::memcmp(list.domain_list, list2.domain_list, sizeof list.domain_list), 0);
+
+        // Next hops from the service, to domains with and without one.
+        for (uint32_t domain : {1u, 2u, 3u, 4u}) {
+            uint32_t next = 0;
+            ASSERT_EQ(zfx_get_next_hop_vsan(ep_, vsan, htonl(domain << 16 | 0x0102), &next), 0);
+            const auto hop = fabric_.next_hops.find({vsan, uint8_t(domain)});
+            EXPECT_EQ(next, hop != fabric_.next_hops.end() ? hop->second : vsan) << vsan << " " << domain;
+        }
+    }
+    // NAT rewrites after the driver's next hop; another source in the same flow direction has no
+    // rewrite: nothing changes.
+    for (const auto &[key, rewrite] : fabric_.nat) {
+        for (const uint32_t sid : {key[2], key[2] + 1}) {
+            uint32_t vsan = key[0], s = htonl(sid), did = htonl(key[3]);
+            ASSERT_EQ(zfx_nat_get_next_hop_info(ep_, &vsan, &s, &did), 0);
+            const bool rewritten = sid == key[2];
+            EXPECT_EQ(std::tuple(vsan, ntohl(s), ntohl(did)),
+                      std::tuple(rewritten ? key[1] : key[0], rewritten ? rewrite.first : sid, rewritten ? rewrite.second : key[3]));
+        }
     }
 
     // Frames arrive whole (header words, length, the check of the data); one whose message is
@@ -326,52 +301,28 @@ TEST_P(Fabric, RawQueriesFramesAndNameServer) {
         ASSERT_EQ(zfx_forward_frame(ep_, frame), 0);
         EXPECT_EQ(frame->hdr[0], 0x22010203u + len);
     }
-    std::vector<uint8_t> bad(ZFX_FRAME_HEADER_SIZE + 4, 0);
+    Bytes bad(ZFX_FRAME_HEADER_SIZE + 4, 0);
     bad[16] = 5;  // data_len 5, four bytes follow
     // Refused by the service: in process the send returns its status; over the socket a send
     // does not wait for the answer.
     const int32_t refused = xqb_send(ep_, ZFX_NODE_REMOTE, ZFX_SAP, ZFX_XQB_FORWARD_FRAME, bad.data(), uint32_t(bad.size()), nullptr, 0, nullptr);
     EXPECT_EQ(refused, GetParam() == Transport::inproc ? ZFXD_ERR_MALFORMED : 0);
     EXPECT_EQ(zfx_dlg_get_info_int(ep_, ZFXD_INFO_FRAMES), 3);
-    zfx_info_record *last = zfx_dlg_get_info(ep_, ZFXD_INFO_LAST_FRAME);
-    ASSERT_NE(last, nullptr);
-    EXPECT_EQ(std::string(last->value), zfxtool::format("0x%08x 0x%08x 300 0x%08x", frame->hdr[0], frame->hdr[1], zfxd_frame_check(frame->data, 300)));
-    std::free(last);
+    zfx_info_record *info = zfx_dlg_get_info(ep_, ZFXD_INFO_LAST_FRAME);
+    ASSERT_NE(info, nullptr);
+    EXPECT_EQ(std::string(info->value), format("0x%08x 0x%08x 300 0x%08x", frame->hdr[0], frame->hdr[1], zfxd_frame_check(frame->data, 300)));
+    std::free(info);
     EXPECT_EQ(zfx_dlg_get_info_int(ep_, ZFXD_INFO_DEVICES), int32_t(kDevices));
 
     // The name server: every device in any VSAN and in one of its own; none outside them.
     for (const auto &[wwn, d] : fabric_.devices) {
-        const uint32_t w1 = zfxtool::load<uint32_t>(wwn.data()), w2 = zfxtool::load<uint32_t>(wwn.data() + 4);
+        const uint32_t w1 = load<uint32_t>(wwn.data()), w2 = load<uint32_t>(wwn.data() + 4);
         const uint32_t own = uint32_t(vsan_bitset_first_bit(&d.vsans.bits)), other = uint32_t(vsan_bitset_find_free_bit(&d.vsans.bits, 1));
         for (const auto &[scope, want] : {std::pair{0u, 0}, std::pair{own, 0}, std::pair{other, ZFXD_DIR_ERR_NOT_FOUND}}) {
             dir_entry e{};
             ASSERT_EQ(zfx_ns_get_entry_given_portname(ep_, ntohl(w1), ntohl(w2), scope, &e), want) << zfxtool::wwn_text(wwn);
             if (want == 0) expect_ns_block(reinterpret_cast<const uint8_t *>(&e), d);
         }
-    }
-}
-
-// Next hops from the service; NAT rewrites after the driver's next hop.
-TEST_P(Fabric, NextHopsAndNatRewrites) {
-    for (uint32_t vsan : kVsans)
-        for (uint32_t domain : {1u, 2u, 3u, 4u}) {
-            const uint32_t did = htonl(domain << 16 | 0x0102);
-            uint32_t next = 0;
-            ASSERT_EQ(zfx_get_next_hop_vsan(ep_, vsan, did, &next), 0);
-            const auto it = fabric_.next_hops.find({vsan, uint8_t(domain)});
-            EXPECT_EQ(next, it != fabric_.next_hops.end() ? it->second : vsan) << vsan << " " << domain;
-        }
-    for (const auto &[key, rewrite] : fabric_.nat) {
-        uint32_t vsan = key[0], sid = htonl(key[2]), did = htonl(key[3]);
-        ASSERT_EQ(zfx_nat_get_next_hop_info(ep_, &vsan, &sid, &did), 0);
-        EXPECT_EQ(vsan, key[1]);
-        EXPECT_EQ(ntohl(sid), rewrite.first);
-        EXPECT_EQ(ntohl(did), rewrite.second);
-        // Another source in the same flow direction has no rewrite: nothing changes.
-        vsan = key[0], sid = htonl(key[2] + 1), did = htonl(key[3]);
-        ASSERT_EQ(zfx_nat_get_next_hop_info(ep_, &vsan, &sid, &did), 0);
-        EXPECT_EQ(vsan, key[0]);
-        EXPECT_EQ(ntohl(sid), key[2] + 1);
     }
 }
 

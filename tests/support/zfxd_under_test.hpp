@@ -1,7 +1,8 @@
 // zfxd on a store, for the service's suites: reached in process (the service's dispatch answering
 // each call of the in-process transport) or over its socket (the server's loop on a thread of its
-// own), and started again on the same store on request. Header-only: it needs the service's
-// library, which only the service's suites link.
+// own), and started again on the same store on request. Its log goes to a temporary file that
+// log() reads back. Header-only: it needs the service's library, which only the service's suites
+// link.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -21,17 +22,19 @@ namespace zfxtest {
 
 enum class Transport { inproc, socket };
 
+struct ZfxdOptions {
+    Transport transport = Transport::inproc;
+    const zfxd::FabricDesc *fabric = nullptr;
+    zfxd::Limits limits = {};
+};
+
 class ZfxdUnderTest {
 public:
-    struct Options {
-        Transport transport = Transport::inproc;
-        const zfxd::FabricDesc *fabric = nullptr;
-        zfxd::Limits limits = {};
-        std::FILE *log = nullptr;
-    };
-    ZfxdUnderTest(std::string location, Options options) : location_(std::move(location)), options_(options) { start(); }
-    explicit ZfxdUnderTest(std::string location) : ZfxdUnderTest(std::move(location), Options{}) {}
-    ~ZfxdUnderTest() { stop(); }
+    explicit ZfxdUnderTest(std::string location, ZfxdOptions options = {}) : location_(std::move(location)), options_(options) { start(); }
+    ~ZfxdUnderTest() {
+        stop();
+        std::fclose(log_);
+    }
     ZfxdUnderTest(const ZfxdUnderTest &) = delete;
     ZfxdUnderTest &operator=(const ZfxdUnderTest &) = delete;
 
@@ -44,12 +47,19 @@ public:
         stop();
         start();
     }
+    // Everything logged so far (zfxd flushes every line).
+    std::string log() const {
+        std::string out;
+        char buf[4096];
+        for (ssize_t n; (n = pread(fileno(log_), buf, sizeof buf, off_t(out.size()))) > 0;) out.append(buf, size_t(n));
+        return out;
+    }
 
 private:
     void start() {
         db_ = std::make_unique<zfxd::ZoneDb>();
         ASSERT_EQ(db_->open(location_), "");
-        service_ = std::make_unique<zfxd::Service>(*db_, options_.log, options_.fabric);
+        service_ = std::make_unique<zfxd::Service>(*db_, log_, options_.fabric);
         if (options_.transport == Transport::inproc) {
             ep_ = plat_endpoint_open_inproc(handle, this);
         } else {
@@ -92,7 +102,8 @@ private:
     }
 
     std::string location_;
-    Options options_;
+    ZfxdOptions options_;
+    std::FILE *log_ = std::tmpfile();
     std::unique_ptr<zfxd::ZoneDb> db_;
     std::unique_ptr<zfxd::Service> service_;
     zfxd::Answer last_;
