@@ -2,6 +2,8 @@
 // deterministic topological order (see platform/ptxt.h for every rule).
 #include "platform/ptxt.h"
 
+#include <sys/mman.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -18,6 +20,10 @@ namespace {
 // of it that are its own. A feature that adds its text in the order it renders (as features do)
 // leaves the buffer holding the rendered text already, and ptxt_respond hands it over as it lies,
 // without a copy: the text is held once, and written once.
+//
+// A buffer of megabytes is mapped on its own and grows by remapping, so that growing never copies
+// it nor holds it twice (the allocator's heap would, for the sizes its threshold for mapping
+// blocks on their own has grown past).
 class Buffer {
 public:
     Buffer() = default;
@@ -26,14 +32,25 @@ public:
         std::swap(data_, o.data_), std::swap(len_, o.len_), std::swap(cap_, o.cap_);
         return *this;
     }
-    ~Buffer() { std::free(data_); }
+    ~Buffer() { release(data_, cap_); }
 
     // Room for more characters after the last (throws std::bad_alloc, the buffer unchanged).
     void reserve(size_t more) {
         if (cap_ - len_ >= more) return;
         const size_t cap = std::max({2 * cap_, len_ + more, kFirst});
-        void *p = std::realloc(data_, cap);
-        if (p == nullptr) throw std::bad_alloc();
+        void *p;
+        if (cap < kMapped) {
+            p = std::realloc(data_, cap);
+        } else if (cap_ >= kMapped) {
+            p = mremap(data_, cap_, cap, MREMAP_MAYMOVE);
+        } else {
+            p = mmap(nullptr, cap, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+            if (p != MAP_FAILED && data_ != nullptr) {
+                std::memcpy(p, data_, len_);
+                std::free(data_);
+            }
+        }
+        if (p == nullptr || p == MAP_FAILED) throw std::bad_alloc();
         data_ = static_cast<char *>(p);
         cap_ = cap;
     }
@@ -44,17 +61,16 @@ public:
         len_ += lead + n;
     }
     void clear() { len_ = 0; }
-    // Hands the characters over to the caller, who frees them.
-    char *release() {
-        char *p = data_;
-        data_ = nullptr, len_ = cap_ = 0;
-        return p;
-    }
     char *data() const { return data_; }
     size_t size() const { return len_; }
 
 private:
     static constexpr size_t kFirst = 64 * 1024;
+    static constexpr size_t kMapped = 1024 * 1024;
+    static void release(char *data, size_t cap) {
+        if (cap >= kMapped) munmap(data, cap);
+        else std::free(data);
+    }
     char *data_ = nullptr;
     size_t len_ = 0;
     size_t cap_ = 0;
@@ -331,7 +347,10 @@ int32_t ptxt_render(uint32_t handle, char **text, uint32_t *len) {
     *text = nullptr;
     uint32_t n = 0;
     const int32_t st = with_generation(handle, [&](Generation &g) {
-        *text = render(g, n, false).release();
+        const Buffer out = render(g, n, false);
+        *text = static_cast<char *>(std::malloc(size_t(n) + 1));
+        if (*text == nullptr) return PTXT_ERR_NO_MEMORY;
+        std::memcpy(*text, out.data(), size_t(n) + 1);
         return int32_t(0);
     });
     if (st == 0 && len != nullptr) *len = n;
