@@ -54,9 +54,9 @@ public:
         data_ = static_cast<char *>(p);
         cap_ = cap;
     }
-    // Appends lead spaces, then the n characters at p (room reserved).
+    // Appends lead spaces (an indentation: a few), then the n characters at p (room reserved).
     void put(size_t lead, const char *p, size_t n) {
-        std::memset(data_ + len_, ' ', lead);
+        for (size_t i = 0; i < lead; ++i) data_[len_ + i] = ' ';
         std::memcpy(data_ + len_ + lead, p, n);
         len_ += lead + n;
     }
@@ -89,14 +89,32 @@ struct Element {
     size_t size = 0;
     bool open = false;  // the last line has no "\n" yet
 
-    // Appends lead spaces (a line's indentation), then the n characters at p.
-    void put(Buffer &text, size_t lead, const char *p, size_t n) {
-        const size_t total = lead + n;
-        text.reserve(total + 1);  // and the terminator a handed-over text ends with
-        if (runs.empty() || runs.back().offset + runs.back().len != text.size()) runs.push_back(Run{text.size(), 0});
-        text.put(lead, p, n);
-        runs.back().len += total;
-        size += total;
+    // Appends text whose lines (those with any text, unless they continue an open line) begin
+    // with indent spaces. The buffer is grown once for the whole text, and a text at indent 0 goes
+    // in with one copy.
+    void append(Buffer &buf, const char *text, size_t indent) {
+        const size_t len = std::strlen(text);
+        if (len == 0) return;
+        // At most (len + 1) / 2 lines have text (each but the last ends with its "\n"); and the
+        // terminator a handed-over text ends with.
+        buf.reserve(len + indent * ((len + 1) / 2) + 1);
+        if (runs.empty() || runs.back().offset + runs.back().len != buf.size()) runs.push_back(Run{buf.size(), 0});
+        const size_t before = buf.size();
+        if (indent == 0) {
+            buf.put(0, text, len);
+            open = text[len - 1] != '\n';
+        } else {
+            for (const char *p = text, *end = text + len; p < end;) {
+                const char *nl = static_cast<const char *>(std::memchr(p, '\n', size_t(end - p)));
+                const bool whole = nl != nullptr;
+                const char *stop = whole ? nl : end;
+                buf.put(!open && stop != p ? indent : 0, p, size_t(stop - p) + (whole ? 1 : 0));
+                open = !whole;  // a last piece without its "\n" is never empty
+                p = stop + (whole ? 1 : 0);
+            }
+        }
+        runs.back().len += buf.size() - before;
+        size += buf.size() - before;
     }
 };
 
@@ -143,21 +161,6 @@ Element *element_of(Generation &g, uint32_t number) {
     for (Element &e : g.elements)
         if (e.number == number) return &e;
     return nullptr;
-}
-
-// Appends text to an element: each line is indented when it begins, a line left open continues
-// with the next piece. A whole line goes in with one copy, its indentation and "\n" included;
-// the text is read once (each line's end found as its terminator would be).
-void append(Buffer &text_of, Element &e, const char *text, uint32_t level) {
-    const size_t indent = 2 * size_t(level);
-    for (const char *p = text; *p != '\0';) {
-        const char *const nl = strchrnul(p, '\n');
-        const bool whole = *nl == '\n';
-        const size_t n = size_t(nl - p) + (whole ? 1 : 0);
-        e.put(text_of, !e.open && nl != p ? indent : 0, p, n);
-        e.open = !whole && (e.open || nl != p);
-        p += n;
-    }
 }
 
 // The order in which the elements render: topological, the earliest declared ready element first,
@@ -246,7 +249,7 @@ int32_t add_text(uint32_t handle, uint32_t element, const char *text, uint32_t l
     return with_generation(handle, [&](Generation &g) {
         Element *e = element_of(g, element);
         if (e == nullptr) return PTXT_ERR_NO_ELEMENT;
-        append(g.text, *e, text, level);
+        e->append(g.text, text, 2 * size_t(level));
         return int32_t(0);
     });
 }
