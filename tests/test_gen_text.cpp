@@ -180,12 +180,18 @@ TEST(GenText, BitmapHelpersMatchABitByBitReading) {
     }
 }
 
+constexpr uint32_t kNumbers[] = {0, 9, 10, 99, 100, 999, 1000, 9999, 10000, 99999, 100000, 999999999, 1000000000,
+                                  2147483647u, 2147483648u, 4294967295u};
+
 TEST(GenText, ZoneSectionWalkedEqualsLookedUp) {
     for (uint64_t seed = 1; seed <= 4; ++seed) {
         Fabric f = edge_fabric(seed);
         // Named by the zoneset, just above the crowded zone: left out of the header with zone
         // 8191, it is the zone table's limit.
-        f.zones.push_back(Zone{uint16_t(3001 + seed), "next", ZFX_ZONE_QOS_LOW, false, {}});
+        // Its members' VSANs are numbers at every digit count's edges.
+        Zone next{uint16_t(3001 + seed), "next", ZFX_ZONE_QOS_LOW, false, {}};
+        for (const uint32_t v : kNumbers) next.members.push_back(Member{ZFX_MEMBER_PWWN, {uint8_t(v), uint8_t(v >> 24)}, {}, "", v});
+        f.zones.push_back(next);
         f.zonesets.back().zones.push_back(uint16_t(3001 + seed));
         const std::vector<Record> sound = config_records(f);
         const uint16_t zone = f.zones[seed % f.zones.size()].id;
@@ -224,6 +230,8 @@ TEST(GenText, ZoneSectionWalkedEqualsLookedUp) {
             EXPECT_EQ(walked, looked_up) << c.what << ", seed " << seed;
             EXPECT_TRUE(c.status == kEither || (walked.status == 0) == (c.status == kSound)) << c.what << ", seed " << seed;
         }
+        const std::string sound_text = both_ways(sound).first.text;
+        for (const uint32_t v : kNumbers) EXPECT_NE(sound_text.find("vsan " + std::to_string(int32_t(v)) + "\n"), std::string::npos) << v;
         // The zone left out of the header is looked up for the zoneset, not listed as a zone.
         std::vector<Record> records = sound;
         cases[5].damage(records, zone, member);
