@@ -51,6 +51,7 @@ public:
             }
         }
         if (p == nullptr || p == MAP_FAILED) throw std::bad_alloc();
+        if (cap >= kMapped) madvise(p, cap, MADV_HUGEPAGE);  // pages of megabytes: few faults
         data_ = static_cast<char *>(p);
         cap_ = cap;
     }
