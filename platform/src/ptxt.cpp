@@ -2,6 +2,9 @@
 // deterministic topological order (see platform/ptxt.h for every rule).
 #include "platform/ptxt.h"
 
+#include <sys/mman.h>
+
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -13,28 +16,106 @@
 
 namespace {
 
-// An element's text is kept in chunks of about kChunk bytes: a text of megabytes grows without
-// being copied again, and its chunks come from (and go back to) the allocator's ordinary heap.
-constexpr size_t kChunk = 64 * 1024;
+// A generation's text lies in one buffer, in the order it was added; each element holds the runs
+// of it that are its own. A feature that adds its text in the order it renders (as features do)
+// leaves the buffer holding the rendered text already, and ptxt_respond hands it over as it lies,
+// without a copy: the text is held once, and written once.
+//
+// A buffer of megabytes is mapped on its own and grows by remapping, so that growing never copies
+// it nor holds it twice (the allocator's heap would, for the sizes its threshold for mapping
+// blocks on their own has grown past).
+class Buffer {
+public:
+    Buffer() = default;
+    Buffer(Buffer &&o) noexcept : data_(o.data_), len_(o.len_), cap_(o.cap_) { o.data_ = nullptr, o.len_ = o.cap_ = 0; }
+    Buffer &operator=(Buffer &&o) noexcept {
+        std::swap(data_, o.data_), std::swap(len_, o.len_), std::swap(cap_, o.cap_);
+        return *this;
+    }
+    ~Buffer() { release(data_, cap_); }
+
+    // Room for more characters after the last (throws std::bad_alloc, the buffer unchanged).
+    void reserve(size_t more) {
+        if (cap_ - len_ >= more) return;
+        const size_t cap = std::max({2 * cap_, len_ + more, kFirst});
+        void *p;
+        if (cap < kMapped) {
+            p = std::realloc(data_, cap);
+        } else if (cap_ >= kMapped) {
+            p = mremap(data_, cap_, cap, MREMAP_MAYMOVE);
+        } else {
+            p = mmap(nullptr, cap, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+            if (p != MAP_FAILED && data_ != nullptr) {
+                std::memcpy(p, data_, len_);
+                std::free(data_);
+            }
+        }
+        if (p == nullptr || p == MAP_FAILED) throw std::bad_alloc();
+        if (cap >= kMapped) madvise(p, cap, MADV_HUGEPAGE);  // pages of megabytes: few faults
+        data_ = static_cast<char *>(p);
+        cap_ = cap;
+    }
+    // Appends lead spaces (an indentation: a few), then the n characters at p (room reserved).
+    void put(size_t lead, const char *p, size_t n) {
+        for (size_t i = 0; i < lead; ++i) data_[len_ + i] = ' ';
+        std::memcpy(data_ + len_ + lead, p, n);
+        len_ += lead + n;
+    }
+    void clear() { len_ = 0; }
+    char *data() const { return data_; }
+    size_t size() const { return len_; }
+
+private:
+    static constexpr size_t kFirst = 64 * 1024;
+    static constexpr size_t kMapped = 1024 * 1024;
+    static void release(char *data, size_t cap) {
+        if (cap >= kMapped) munmap(data, cap);
+        else std::free(data);
+    }
+    char *data_ = nullptr;
+    size_t len_ = 0;
+    size_t cap_ = 0;
+};
+
+// Where an element's text lies in its generation's buffer.
+struct Run {
+    size_t offset;
+    size_t len;
+};
 
 struct Element {
     uint32_t group;
     uint32_t number;
-    std::vector<std::string> chunks;
+    std::vector<Run> runs;
     size_t size = 0;
     bool open = false;  // the last line has no "\n" yet
 
-    // Appends lead spaces (a line's indentation), then the n characters at p.
-    void put(size_t lead, const char *p, size_t n) {
-        const size_t total = lead + n;
-        if (chunks.empty() || chunks.back().size() + total > kChunk) {
-            chunks.emplace_back();
-            chunks.back().reserve(total > kChunk ? total : kChunk);
+    // Appends text whose lines (those with any text, unless they continue an open line) begin
+    // with indent spaces. The buffer is grown once for the whole text, and a text at indent 0 goes
+    // in with one copy.
+    void append(Buffer &buf, const char *text, size_t indent) {
+        const size_t len = std::strlen(text);
+        if (len == 0) return;
+        // At most (len + 1) / 2 lines have text (each but the last ends with its "\n"); and the
+        // terminator a handed-over text ends with.
+        buf.reserve(len + indent * ((len + 1) / 2) + 1);
+        if (runs.empty() || runs.back().offset + runs.back().len != buf.size()) runs.push_back(Run{buf.size(), 0});
+        const size_t before = buf.size();
+        if (indent == 0) {
+            buf.put(0, text, len);
+            open = text[len - 1] != '\n';
+        } else {
+            for (const char *p = text, *end = text + len; p < end;) {
+                const char *nl = static_cast<const char *>(std::memchr(p, '\n', size_t(end - p)));
+                const bool whole = nl != nullptr;
+                const char *stop = whole ? nl : end;
+                buf.put(!open && stop != p ? indent : 0, p, size_t(stop - p) + (whole ? 1 : 0));
+                open = !whole;  // a last piece without its "\n" is never empty
+                p = stop + (whole ? 1 : 0);
+            }
         }
-        std::string &c = chunks.back();
-        if (lead != 0) c.append(lead, ' ');
-        c.append(p, n);
-        size += total;
+        runs.back().len += buf.size() - before;
+        size += buf.size() - before;
     }
 };
 
@@ -48,6 +129,7 @@ struct Generation {
     std::vector<Element> elements;  // in declaration order: the tie-break of the rendering
     std::vector<Dependency> deps;
     std::string group_lines;
+    Buffer text;
 };
 
 std::mutex g_lock;
@@ -56,6 +138,11 @@ uint32_t g_last_handle;
 // The generation found last: text comes line by line, nearly always to the same generation.
 uint32_t g_found_handle;
 Generation *g_found;
+// The buffer of the last generation that ended, kept for the next one: a service answering
+// request after request writes its text into memory it has touched already, instead of having
+// the pages of megabytes of text mapped and cleared anew each time. It holds at most what the
+// largest text took.
+Buffer g_spare;
 
 Generation *find(uint32_t handle) {
     if (g_found != nullptr && g_found_handle == handle) return g_found;
@@ -75,21 +162,6 @@ Element *element_of(Generation &g, uint32_t number) {
     for (Element &e : g.elements)
         if (e.number == number) return &e;
     return nullptr;
-}
-
-// Appends text to an element: each line is indented when it begins, a line left open continues
-// with the next piece. A whole line goes in with one copy, its indentation and "\n" included;
-// the text is read once (each line's end found as its terminator would be).
-void append(Element &e, const char *text, uint32_t level) {
-    const size_t indent = 2 * size_t(level);
-    for (const char *p = text; *p != '\0';) {
-        const char *const nl = strchrnul(p, '\n');
-        const bool whole = *nl == '\n';
-        const size_t n = size_t(nl - p) + (whole ? 1 : 0);
-        e.put(!e.open && nl != p ? indent : 0, p, n);
-        e.open = !whole && (e.open || nl != p);
-        p += n;
-    }
 }
 
 // The order in which the elements render: topological, the earliest declared ready element first,
@@ -129,31 +201,36 @@ std::vector<size_t> render_order(const Generation &g) {
     return order;
 }
 
-// Renders the whole text into one block from malloc, sized exactly (texts run to megabytes: one
-// copy of each line, no regrowth). With consume, each chunk is released once copied, so that a
-// generation that ends with its rendering never holds its text twice. NULL when the block cannot
-// be allocated (nothing is released then).
-char *render(Generation &g, uint32_t &len, bool consume) {
+// Renders the whole text, NUL-terminated, into a buffer from malloc (texts run to megabytes: one
+// copy of each line at most, no regrowth). With consume (the generation ends), a text that lies in
+// its generation's buffer in rendering order is that buffer, taken over as it is; otherwise it is
+// copied into a block sized exactly. Throws std::bad_alloc.
+Buffer render(Generation &g, uint32_t &len, bool consume) {
     const std::vector<size_t> order = render_order(g);
     size_t total = g.group_lines.size();
     for (const Element &e : g.elements) total += e.size + (e.open ? 1 : 0);
-    char *block = static_cast<char *>(std::malloc(total + 1));
-    if (block == nullptr) return nullptr;
-    char *p = block;
-    for (size_t i : order) {
-        Element &e = g.elements[i];
-        for (std::string &c : e.chunks) {
-            std::memcpy(p, c.data(), c.size());
-            p += c.size();
-            if (consume) std::string().swap(c);
-        }
-        if (e.open) *p++ = '\n';
+    size_t at = 0;  // where the text rendered so far ends in the buffer, while it is in order
+    for (size_t i = 0; consume && i < order.size() && at != SIZE_MAX; ++i) {
+        const Element &e = g.elements[order[i]];
+        for (const Run &r : e.runs) at = r.offset == at ? at + r.len : SIZE_MAX;
+        if (e.open) at = SIZE_MAX;  // its "\n" goes between it and the next element
     }
-    std::memcpy(p, g.group_lines.data(), g.group_lines.size());
-    p += g.group_lines.size();
-    *p = '\0';
+    Buffer out;
+    if (consume && at == g.text.size()) {
+        out = std::move(g.text);
+    } else {
+        out.reserve(total + 1);
+        for (size_t i : order) {
+            const Element &e = g.elements[i];
+            for (const Run &r : e.runs) out.put(0, g.text.data() + r.offset, r.len);
+            if (e.open) out.put(0, "\n", 1);
+        }
+    }
+    out.reserve(g.group_lines.size() + 1);
+    out.put(0, g.group_lines.data(), g.group_lines.size());
+    out.data()[out.size()] = '\0';
     len = uint32_t(total);
-    return block;
+    return out;
 }
 
 template <typename F>
@@ -173,13 +250,13 @@ int32_t add_text(uint32_t handle, uint32_t element, const char *text, uint32_t l
     return with_generation(handle, [&](Generation &g) {
         Element *e = element_of(g, element);
         if (e == nullptr) return PTXT_ERR_NO_ELEMENT;
-        append(*e, text, level);
+        e->append(g.text, text, 2 * size_t(level));
         return int32_t(0);
     });
 }
 
 // Takes the generation out of the table (ending it) and renders its text.
-int32_t finish(uint32_t handle, char *&text, uint32_t &len) {
+int32_t finish(uint32_t handle, Buffer &text, uint32_t &len) {
     std::unique_ptr<Generation> g;
     {
         std::lock_guard<std::mutex> lock(g_lock);
@@ -191,7 +268,7 @@ int32_t finish(uint32_t handle, char *&text, uint32_t &len) {
     }
     try {
         text = render(*g, len, true);
-        return text != nullptr ? 0 : PTXT_ERR_NO_MEMORY;
+        return 0;
     } catch (const std::bad_alloc &) {
         return PTXT_ERR_NO_MEMORY;
     }
@@ -207,6 +284,8 @@ int32_t ptxt_hdl_init(uint32_t *handle) {
     std::lock_guard<std::mutex> lock(g_lock);
     try {
         auto g = std::make_unique<Generation>();
+        g->text = std::move(g_spare);
+        g->text.clear();
         if (++g_last_handle == 0) ++g_last_handle;
         forget(g_last_handle);
         g_gens[g_last_handle] = std::move(g);
@@ -272,21 +351,26 @@ int32_t ptxt_render(uint32_t handle, char **text, uint32_t *len) {
     *text = nullptr;
     uint32_t n = 0;
     const int32_t st = with_generation(handle, [&](Generation &g) {
-        *text = render(g, n, false);
-        return *text != nullptr ? int32_t(0) : PTXT_ERR_NO_MEMORY;
+        const Buffer out = render(g, n, false);
+        *text = static_cast<char *>(std::malloc(size_t(n) + 1));
+        if (*text == nullptr) return PTXT_ERR_NO_MEMORY;
+        std::memcpy(*text, out.data(), size_t(n) + 1);
+        return int32_t(0);
     });
     if (st == 0 && len != nullptr) *len = n;
     return st;
 }
 
 int32_t ptxt_respond(uint32_t handle, void *msg, void *req) {
-    char *text = nullptr;
+    Buffer text;
     uint32_t len = 0;
     const int32_t st = finish(handle, text, len);
     if (st != 0) return st;
     const ptxt_request *r = static_cast<const ptxt_request *>(req);
-    const int32_t result = r == nullptr ? PTXT_ERR_INVALID : r->sink == nullptr ? 0 : r->sink(r->sink_arg, msg, text, len);
-    std::free(text);
+    const int32_t result =
+        r == nullptr ? PTXT_ERR_INVALID : r->sink == nullptr ? 0 : r->sink(r->sink_arg, msg, text.data(), len);
+    std::lock_guard<std::mutex> lock(g_lock);
+    g_spare = std::move(text);  // the one kept before goes
     return result;
 }
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <bit>
+#include <type_traits>
 
 #include "zfx_internal.hpp"
 
@@ -53,11 +54,16 @@ inline uint32_t bit_count(const uint8_t *bits, uint32_t nbits) {
 }
 
 // Calls visit(id) for every set id from 1 below nbits, in ascending order; stops early, with its
-// result, at the first call that returns nonzero. Returns 0 otherwise.
+// result, at the first call that returns nonzero (a visit that returns nothing never stops the
+// walk). Returns 0 otherwise.
 template <typename Visit>
 int32_t for_each_id(const uint8_t *bits, uint32_t nbits, Visit &&visit) {
     for (uint32_t id = bit_next(bits, nbits, 1); id < nbits; id = bit_next(bits, nbits, id + 1)) {
-        if (const int32_t r = visit(id)) return r;
+        if constexpr (std::is_void_v<decltype(visit(id))>) {
+            visit(id);
+        } else if (const int32_t r = visit(id)) {
+            return r;
+        }
     }
     return 0;
 }

@@ -1,6 +1,9 @@
 // The line builder and the text forms shared by the sections of the configuration text.
 #include "zfx_gen_text.hpp"
 
+#include <algorithm>
+#include <array>
+
 #include "platform/fmt.h"
 
 namespace zfx {
@@ -10,46 +13,50 @@ uint32_t gen_handle;
 namespace {
 
 constexpr char kHex[] = "0123456789abcdef";
+// "00" to "99", each number's two digits.
+constexpr std::array<char, 200> kPairs = [] {
+    std::array<char, 200> t{};
+    for (int i = 0; i < 100; ++i) t[size_t(2 * i)] = char('0' + i / 10), t[size_t(2 * i + 1)] = char('0' + i % 10);
+    return t;
+}();
 
 }  // namespace
 
 Line &Line::left(const char *s, size_t n, size_t width) {
     put(s, n);
+    return spaces(std::max(width, n) - n);
+}
+
+Line &Line::spaces(size_t k) {
     static constexpr char kSpaces[] = "                ";
-    for (size_t pad = n < width ? width - n : 0; pad != 0;) {
-        const size_t k = pad < sizeof kSpaces - 1 ? pad : sizeof kSpaces - 1;
-        put(kSpaces, k);
-        pad -= k;
+    for (size_t pad = k; pad != 0;) {
+        const size_t step = pad < sizeof kSpaces - 1 ? pad : sizeof kSpaces - 1;
+        put(kSpaces, step);
+        pad -= step;
     }
     return *this;
 }
 
 Line &Line::dec(int32_t v, uint32_t width) {
-    // The magnitude as unsigned, so that INT32_MIN has one too.
+    // The magnitude as unsigned, so that INT32_MIN has one too; its digits two at a time, from
+    // the last pair back.
     uint32_t u = v < 0 ? 0u - uint32_t(v) : uint32_t(v);
-    size_t n = v < 0 ? 2 : 1;  // characters: the sign, then the digits
-    for (uint32_t rest = u; rest >= 10; rest /= 10) ++n;
-    for (size_t pad = n < width ? width - n : 0; pad != 0; --pad) put(" ", 1);
-    if (n > line_size_ - 1 - length()) {
-        // Cut: the text as snprintf would have cut it.
-        char tmp[16];
-        char *p = tmp + sizeof tmp;
-        do {
-            *--p = char('0' + u % 10);
-            u /= 10;
-        } while (u != 0);
-        if (v < 0) *--p = '-';
-        return put(p, n);
+    char tmp[12];
+    char *p = tmp + sizeof tmp;
+    for (; u >= 100; u /= 100) {
+        p -= 2;
+        std::memcpy(p, &kPairs[2 * (u % 100)], 2);
     }
-    // The digits straight into the line, from the last one back.
-    char *p = buf_ + len_ + n;
-    do {
-        *--p = char('0' + u % 10);
-        u /= 10;
-    } while (u != 0);
+    if (u >= 10) {
+        p -= 2;
+        std::memcpy(p, &kPairs[2 * u], 2);
+    } else {
+        *--p = char('0' + u);
+    }
     if (v < 0) *--p = '-';
-    len_ += n;
-    return *this;
+    const size_t n = size_t(tmp + sizeof tmp - p);
+    spaces(std::max(size_t(width), n) - n);
+    return put(p, n);  // cut, when the line ends within it, as snprintf cuts it
 }
 
 Line &Line::hex2(uint8_t b) {

@@ -60,6 +60,8 @@ public:
     // "%-*s": the n characters of s, then spaces up to width characters.
     Line &left(const char *s, size_t n, size_t width);
     Line &left(const char *s, size_t width) { return left(s, std::strlen(s), width); }
+    // k spaces.
+    Line &spaces(size_t k);
     // "%*d": v in decimal, right-aligned in width characters.
     Line &dec(int32_t v, uint32_t width = 0);
     // "%02x".

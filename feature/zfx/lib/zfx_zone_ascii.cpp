@@ -200,7 +200,6 @@ public:
             NamedRecord zone;
             if (zones.get(id, zone) == Found::yes && zone.id < groups_ && starts_[zone.id + 1] == 0)
                 starts_[zone.id + 1] = zone.members;
-            return 0;
         });
         for (uint32_t z = 0; z < groups_; ++z) {
             starts_[z + 1] += starts_[z];
@@ -394,10 +393,7 @@ int32_t zoneset_text(Section &s, uint32_t id) {
     }
     if (!full) std::memcpy(zones, short_zones, sizeof short_zones);
     // The names lie in zone records read long before: ask for all of them first.
-    for_each_id(zones, kZoneBits, [&](uint32_t zone_id) {
-        s.zones->prefetch(zone_id, offsetof(zfx_zone_rec_head, name) + ZFX_NAME_SIZE);
-        return 0;
-    });
+    for_each_id(zones, kZoneBits, [&](uint32_t zone_id) { s.zones->prefetch(zone_id, offsetof(zfx_zone_rec_head, name) + ZFX_NAME_SIZE); });
     return for_each_id(zones, kZoneBits, [&](uint32_t zone_id) {
         NamedRecord zone;
         const Found found = s.zones->get(zone_id, zone);
