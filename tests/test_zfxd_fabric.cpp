@@ -236,7 +236,9 @@ TEST_P(Fabric, DeviceWalksAndTlvReplies) {
             const auto want = d.values.find(v);
             const int32_t r = zfx2_dlg_pv_vsan_entry_get(ep_, load<uint32_t>(wwn.data()), load<uint32_t>(wwn.data() + 4), v, &reply);
             EXPECT_EQ(r, want != d.values.end() ? 0 : ZFXD_ERR_NOT_FOUND) << zfxtool::wwn_text(wwn) << " vsan " << v;
-            if (r == 0 && reply != nullptr) EXPECT_EQ(load<uint32_t>(static_cast<uint8_t *>(reply)), want->second);
+            if (r == 0 && reply != nullptr) {
+                EXPECT_EQ(load<uint32_t>(static_cast<uint8_t *>(reply)), want->second);
+            }
             std::free(reply);
         }
     }
@@ -270,11 +272,11 @@ TEST_P(Fabric, RawQueriesRoutesFramesAndNameServer) {
         EXPECT_EQ(std::memcmp(list.domain_list, list2.domain_list, sizeof list.domain_list), 0);
 
         // Next hops from the service, to domains with and without one.
-        for (uint32_t domain : {1u, 2u, 3u, 4u}) {
+        for (uint32_t to : {1u, 2u, 3u, 4u}) {
             uint32_t next = 0;
-            ASSERT_EQ(zfx_get_next_hop_vsan(ep_, vsan, htonl(domain << 16 | 0x0102), &next), 0);
-            const auto hop = fabric_.next_hops.find({vsan, uint8_t(domain)});
-            EXPECT_EQ(next, hop != fabric_.next_hops.end() ? hop->second : vsan) << vsan << " " << domain;
+            ASSERT_EQ(zfx_get_next_hop_vsan(ep_, vsan, htonl(to << 16 | 0x0102), &next), 0);
+            const auto hop = fabric_.next_hops.find({vsan, uint8_t(to)});
+            EXPECT_EQ(next, hop != fabric_.next_hops.end() ? hop->second : vsan) << vsan << " " << to;
         }
     }
     // NAT rewrites after the driver's next hop; another source in the same flow direction has no
