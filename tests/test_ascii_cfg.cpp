@@ -11,6 +11,7 @@
 #include "store.hpp"
 #include "zfx_ascii_cfg.h"
 #include "zfx_fabric.h"
+#include "zfx_testing.h"
 
 namespace {
 
@@ -169,6 +170,32 @@ TEST(AsciiCfg, AFailingSectionNeverStopsTheNext) {
     uint8_t flag = 9;
     EXPECT_EQ(zfx2_get_fcid_nat_flag_from_kvdb(&flag, r.get()), 0x40480077);
     EXPECT_EQ(flag, 0);
+}
+
+// Without memory for their index the service-group differences are found by the pairwise checks:
+// the same text.
+TEST(AsciiCfg, ServiceGroupDifferencesWithoutTheirIndex) {
+    Stored r({sg_name_rec(false, 1, "g1"), sg_member_rec(false, 1, 1, vsans({1})), sg_member_rec(false, 1, 2, vsans({2})),
+              sg_name_rec(false, 2, "gone"), sg_member_rec(false, 2, 1, vsans({3})), sg_name_rec(true, 1, "g1"),
+              sg_member_rec(true, 1, 1, vsans({1, 4})), sg_member_rec(true, 1, 3, vsans({2})), sg_name_rec(true, 3, "new"),
+              sg_member_rec(true, 3, 1, vsans({5}))});
+    zfx2_sg_list *cfg = nullptr, *act = nullptr;
+    uint32_t size = 0;
+    ASSERT_EQ(zfx2_sg_config_get(r.get(), &cfg, &size, 1), 0);
+    ASSERT_EQ(zfx2_sg_config_get(r.get(), &act, &size, 0), 0);
+    for (uint32_t fail : {0u, 1u}) {
+        EXPECT_EQ(generation_text([&](uint32_t handle) {
+                      zfx_testing_fail_allocation(fail);  // the first: the index
+                      zfx2_sg_table_config_show(handle, cfg, act);
+                      zfx_testing_fail_allocation(0);
+                  }),
+                  "no zfx service-group name gone\nzfx service-group name g1\n  no autonomous-fabric-id  2 vsan-ranges 2\n"
+                  "zfx service-group name g1\n  autonomous-fabric-id  1 vsan-ranges 1,4\n  autonomous-fabric-id  3 vsan-ranges 2\n"
+                  "zfx service-group name new\n  autonomous-fabric-id  1 vsan-ranges 5\n")
+            << fail;
+    }
+    std::free(cfg);
+    std::free(act);
 }
 
 TEST(AsciiCfg, SectionsHandedNoStoreReportItAndWriteNothing) {
