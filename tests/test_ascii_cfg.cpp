@@ -34,6 +34,14 @@ TEST(AsciiCfg, StoresYieldTheirTextInElementOrderWithTheCommitRules) {
          "feature zfx\nzfx distribute\nzfx aam register\nzfx commit\n"},
         {"no commit without distribution", {aam_rec(1), topo_mode_rec(ZFX_VT_MODE_AUTO)},
          "feature zfx\nzfx aam register\nzfx vsan-topology auto\n"},
+        {"an activation alone needs no commit",
+         {distribute_rec(1), zone_db_header_rec({}, {}), active_chunks(cat({le16(1), name68("a"), le16(0)}), 100)[0],
+          active_chunks(cat({le16(1), name68("a"), le16(0)}), 100)[1]},
+         "feature zfx\nzfx distribute\nzfx zoneset activate name a\n"},
+        {"a zoneset calls for it", {distribute_rec(1), zone_db_header_rec({}, {4}), zoneset_rec(4, "zs", tlv_array({}))},
+         "feature zfx\nzfx distribute\nzfx zoneset name zs\nzfx commit\n"},
+        {"a zone alone does too", {distribute_rec(1), zone_db_header_rec({2}, {}), zone_rec(2, "z", tlv_array({}))},
+         "feature zfx\nzfx distribute\nzfx zone name z\nzfx commit\n"},
         {"distribution 2 is off", {distribute_rec(2), aam_rec(1)}, "feature zfx\nzfx aam register\n"},
         {"short distribution value is missing", {{{0x6E, 0x00}, {0, 0, 1}}, aam_rec(1)},
          "feature zfx\nzfx aam register\n"},
@@ -111,20 +119,17 @@ struct Sink {
     }
 };
 
-// The whole path on both backends: stores written through the platform, opened by location.
+// The whole path: stores written through the platform, opened by location.
 TEST(AsciiCfg, GenFuncOpensTheStoresItselfAndAlwaysResponds) {
-    for (Backend backend : {Backend::lmdb, Backend::mem}) {
-        Prefix p(backend);
-        put(p.config(), {distribute_rec(1), topo_rec(1, kWwn, 2, vsans({1, 2, 3, 7})), afid_rec(true, kWwn, 10, vsans({}))});
+    {
+        Prefix p(Backend::lmdb);
+        put(p.config(), {distribute_rec(1), afid_rec(true, kWwn, 10, vsans({}))});
         put(p.debug(), {debug_level_rec(1, 2)});
         Sink sink;
         ptxt_request req{p.path().c_str(), p.path().c_str(), Sink::take, &sink};
         EXPECT_EQ(zfx_ptxt_gen_func(nullptr, &req), 7);
-        EXPECT_EQ(sink.text,
-                  "feature zfx\nzfx distribute\n"
-                  "zfx vsan-topology database\n  autonomous-fabric-id    1 switch-wwn 20:00:00:11:22:33:44:55 vsan-ranges 1-3,7\n"
-                  "autonomous-fabric-id database\n  switch-wwn 20:00:00:11:22:33:44:55 default-autonomous-fabric-id   10\n"
-                  "zfx commit\nlogging level zfx 2\n");
+        EXPECT_EQ(sink.text, "feature zfx\nzfx distribute\nautonomous-fabric-id database\n"
+                             "  switch-wwn 20:00:00:11:22:33:44:55 default-autonomous-fabric-id   10\nzfx commit\nlogging level zfx 2\n");
     }
     // A store that does not open still gets an answer: without the configuration store, nothing
     // (the debug store is never read); without the debug store, the configuration's text.

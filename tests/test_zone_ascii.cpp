@@ -178,15 +178,4 @@ TEST(ZoneText, FirstFailureStopsTheSectionAndKeepsItsLines) {
     }
 }
 
-TEST(ZoneText, CommitFlagOnlyForZonesAndZonesets) {
-    Prefix p;
-    put(p.config(), {zone_db_header_rec({}, {}), distribute_rec(1), active_chunks(active("a"), 100)[0],
-                     active_chunks(active("a"), 100)[1]});
-    EXPECT_EQ(generate_from(p.config()), "feature zfx\nzfx distribute\nzfx zoneset activate name a\n");
-    put(p.config(), {zone_db_header_rec({}, {4}), zoneset_rec(4, "zs", tlv_array({}))});
-    EXPECT_EQ(generate_from(p.config()), "feature zfx\nzfx distribute\nzfx zoneset name zs\nzfx zoneset activate name a\nzfx commit\n");
-    put(p.config(), {zone_db_header_rec({2}, {}), zone_rec(2, "z", zone_array({}))});  // a zone alone
-    EXPECT_EQ(generate_from(p.config()), "feature zfx\nzfx distribute\nzfx zone name z\nzfx zoneset activate name a\nzfx commit\n");
-}
-
 }  // namespace
