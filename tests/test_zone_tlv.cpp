@@ -107,6 +107,7 @@ TEST(ZoneTlv, CreateChecks) {
         {kMember, tlv_array({tlv(10, {}), tlv(11, {}), tlv(27, {})}), 0},  // a member's elements need no value
         {kMember, tlv_array({tlv(10, wwn), tlv(27, w)}), ZFX_ERR_CREATE_INCOMPLETE},
         {kMember, tlv_array({tlv(10, wwn), tlv(27, w), tlv(1, w)}), ZFX_ERR_CREATE_INCOMPLETE},  // 1 is no VSAN
+        {kMember, tlv_array({tlv(10, wwn), tlv(11, w), tlv(1, w)}), ZFX_ERR_CREATE_INCOMPLETE},  // nor a type
         {kMember, tlv_array({tlv(11, w), tlv(27, w), tlv(44, wwn)}), ZFX_ERR_CREATE_INCOMPLETE},
         {kMember, tlv_array({}), ZFX_ERR_CREATE_INCOMPLETE},
         {kZone, tlv_array({tlv(45, w), tlv(6, name)}), 0},
