@@ -41,8 +41,8 @@ void round_trip(const std::vector<Elem> &elems) {
     const Bytes before = array;
     EXPECT_NE(tlvbuf_add_tlv(array.data(), capacity, 1, 0, nullptr, 0), 0);
     EXPECT_EQ(array, before);
-    // Both walkers in turns, the second one element behind the first: each walk resumes from its
-    // own cursor, whatever the other one did last on this thread.
+    // Both walkers in turns, the second behind the first: each walk resumes from its own cursor,
+    // whatever the other one did last on this thread.
     decltype(&tlvbuf_get_next_tlv) walkers[] = {tlvbuf_get_next_tlv, tlvbuf_aligned_get_next_tlv};
     uint32_t cursors[2] = {0, 0};
     const auto step = [&](int w, const Elem *e) {
@@ -59,9 +59,11 @@ void round_trip(const std::vector<Elem> &elems) {
         else
             ASSERT_EQ(0, std::memcmp(value, e->value.data(), e->value.size()));
     };
+    size_t behind = 0;  // the second walker's next element: it catches up every 1000 elements
     for (size_t i = 0; i <= elems.size() && !testing::Test::HasFatalFailure(); ++i) {
         step(0, i < elems.size() ? &elems[i] : nullptr);
-        if (i > 0) step(1, &elems[i - 1]);
+        if (i % 1000 == 999 || i == elems.size())
+            for (; behind < i && !testing::Test::HasFatalFailure(); ++behind) step(1, &elems[behind]);
     }
     step(1, nullptr);
 }
