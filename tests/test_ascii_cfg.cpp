@@ -11,6 +11,7 @@
 #include "store.hpp"
 #include "zfx_ascii_cfg.h"
 #include "zfx_fabric.h"
+#include "zfx_testing.h"
 
 namespace {
 
@@ -33,6 +34,14 @@ TEST(AsciiCfg, StoresYieldTheirTextInElementOrderWithTheCommitRules) {
          "feature zfx\nzfx distribute\nzfx aam register\nzfx commit\n"},
         {"no commit without distribution", {aam_rec(1), topo_mode_rec(ZFX_VT_MODE_AUTO)},
          "feature zfx\nzfx aam register\nzfx vsan-topology auto\n"},
+        {"an activation alone needs no commit",
+         {distribute_rec(1), zone_db_header_rec({}, {}), active_chunks(cat({le16(1), name68("a"), le16(0)}), 100)[0],
+          active_chunks(cat({le16(1), name68("a"), le16(0)}), 100)[1]},
+         "feature zfx\nzfx distribute\nzfx zoneset activate name a\n"},
+        {"a zoneset calls for it", {distribute_rec(1), zone_db_header_rec({}, {4}), zoneset_rec(4, "zs", tlv_array({}))},
+         "feature zfx\nzfx distribute\nzfx zoneset name zs\nzfx commit\n"},
+        {"a zone alone does too", {distribute_rec(1), zone_db_header_rec({2}, {}), zone_rec(2, "z", tlv_array({}))},
+         "feature zfx\nzfx distribute\nzfx zone name z\nzfx commit\n"},
         {"distribution 2 is off", {distribute_rec(2), aam_rec(1)}, "feature zfx\nzfx aam register\n"},
         {"short distribution value is missing", {{{0x6E, 0x00}, {0, 0, 1}}, aam_rec(1)},
          "feature zfx\nzfx aam register\n"},
@@ -79,24 +88,13 @@ TEST(AsciiCfg, DebugLevelLineOnlyForAValidAudibleLevel) {
     EXPECT_EQ(zfx_debug_ascii_gen_from_kvdb(nullptr), 0);
 }
 
-TEST(AsciiCfg, RequestsRunTheirStoresInOrderAndOnlyWhenSelected) {
+TEST(AsciiCfg, RequestsRunTheirStoresInOrder) {
     Prefix a, b;
     put(a.config(), {nat_rec(1)});
     put(b.config(), {aam_rec(1)});
     Reader ra(a.config()), rb(b.config());
     EXPECT_EQ(generate({{ZFX_GEN_STORE_CONFIG, rb.get()}, {99, ra.get()}, {ZFX_GEN_STORE_CONFIG, ra.get()}}),
               "feature zfx\nfeature zfx\nzfx aam register\nzfx nat\n");  // each store adds its feature line
-
-    uint32_t handle;
-    ASSERT_EQ(ptxt_hdl_init(&handle), 0);
-    zfx_gen_request idle{0, handle, 0, 0};
-    EXPECT_EQ(zfx_ascii_cfg_generate(&idle), 0);
-    EXPECT_EQ(zfx_ascii_cfg_generate(nullptr), ZFX_ERR_INVALID_ARG);
-    char *text = nullptr;
-    ASSERT_EQ(ptxt_render(handle, &text, nullptr), 0);
-    EXPECT_STREQ(text, "");
-    std::free(text);
-    ptxt_hdl_release(handle);
 }
 
 struct Sink {
@@ -110,20 +108,17 @@ struct Sink {
     }
 };
 
-// The whole path on both backends: stores written through the platform, opened by location.
+// The whole path: stores written through the platform, opened by location.
 TEST(AsciiCfg, GenFuncOpensTheStoresItselfAndAlwaysResponds) {
-    for (Backend backend : {Backend::lmdb, Backend::mem}) {
-        Prefix p(backend);
-        put(p.config(), {distribute_rec(1), topo_rec(1, kWwn, 2, vsans({1, 2, 3, 7})), afid_rec(true, kWwn, 10, vsans({}))});
+    {
+        Prefix p(Backend::lmdb);
+        put(p.config(), {distribute_rec(1), afid_rec(true, kWwn, 10, vsans({}))});
         put(p.debug(), {debug_level_rec(1, 2)});
         Sink sink;
         ptxt_request req{p.path().c_str(), p.path().c_str(), Sink::take, &sink};
         EXPECT_EQ(zfx_ptxt_gen_func(nullptr, &req), 7);
-        EXPECT_EQ(sink.text,
-                  "feature zfx\nzfx distribute\n"
-                  "zfx vsan-topology database\n  autonomous-fabric-id    1 switch-wwn 20:00:00:11:22:33:44:55 vsan-ranges 1-3,7\n"
-                  "autonomous-fabric-id database\n  switch-wwn 20:00:00:11:22:33:44:55 default-autonomous-fabric-id   10\n"
-                  "zfx commit\nlogging level zfx 2\n");
+        EXPECT_EQ(sink.text, "feature zfx\nzfx distribute\nautonomous-fabric-id database\n"
+                             "  switch-wwn 20:00:00:11:22:33:44:55 default-autonomous-fabric-id   10\nzfx commit\nlogging level zfx 2\n");
     }
     // A store that does not open still gets an answer: without the configuration store, nothing
     // (the debug store is never read); without the debug store, the configuration's text.
@@ -171,17 +166,50 @@ TEST(AsciiCfg, AFailingSectionNeverStopsTheNext) {
     EXPECT_EQ(flag, 0);
 }
 
+// Without memory for their index the service-group differences are found by the pairwise checks:
+// the same text.
+TEST(AsciiCfg, ServiceGroupDifferencesWithoutTheirIndex) {
+    Stored r({sg_name_rec(false, 1, "g1"), sg_member_rec(false, 1, 1, vsans({1})), sg_member_rec(false, 1, 2, vsans({2})),
+              sg_name_rec(false, 2, "gone"), sg_member_rec(false, 2, 1, vsans({3})), sg_name_rec(true, 1, "g1"),
+              sg_member_rec(true, 1, 1, vsans({1, 4})), sg_member_rec(true, 1, 3, vsans({2})), sg_name_rec(true, 3, "new"),
+              sg_member_rec(true, 3, 1, vsans({5}))});
+    zfx2_sg_list *cfg = nullptr, *act = nullptr;
+    uint32_t size = 0;
+    ASSERT_EQ(zfx2_sg_config_get(r.get(), &cfg, &size, 1), 0);
+    ASSERT_EQ(zfx2_sg_config_get(r.get(), &act, &size, 0), 0);
+    for (uint32_t fail : {0u, 1u}) {
+        EXPECT_EQ(generation_text([&](uint32_t handle) {
+                      zfx_testing_fail_allocation(fail);  // the first: the index
+                      zfx2_sg_table_config_show(handle, cfg, act);
+                      zfx_testing_fail_allocation(0);
+                  }),
+                  "no zfx service-group name gone\nzfx service-group name g1\n  no autonomous-fabric-id  2 vsan-ranges 2\n"
+                  "zfx service-group name g1\n  autonomous-fabric-id  1 vsan-ranges 1,4\n  autonomous-fabric-id  3 vsan-ranges 2\n"
+                  "zfx service-group name new\n  autonomous-fabric-id  1 vsan-ranges 5\n")
+            << fail;
+    }
+    std::free(cfg);
+    std::free(act);
+}
+
+// A request that selects nothing, and sections handed no store: they write no text.
 TEST(AsciiCfg, SectionsHandedNoStoreReportItAndWriteNothing) {
-    uint32_t handle;
-    ASSERT_EQ(ptxt_hdl_init(&handle), 0);
     int32_t commit = 0;
-    Capture err(2);
-    EXPECT_EQ(zfx2_fcid_nat_generate_ascii_config(handle, nullptr), 0);
-    EXPECT_EQ(zfx2_aam_generate_ascii_config(handle, nullptr), 0);
-    EXPECT_EQ(zfx_vsan_topology_generate_ascii_config(handle, nullptr), 0);
-    EXPECT_EQ(zfx2_afid_table_generate_ascii_config(handle, nullptr, &commit), 0);
-    EXPECT_EQ(zfx2_sg_table_generate_ascii_config(handle, nullptr, &commit), 0);
-    const std::string text = err.text();
+    std::string text;
+    EXPECT_EQ(generation_text([&](uint32_t handle) {
+                  const zfx_gen_request idle{0, handle, 0, 0};
+                  EXPECT_EQ(zfx_ascii_cfg_generate(&idle), 0);
+                  EXPECT_EQ(zfx_ascii_cfg_generate(nullptr), ZFX_ERR_INVALID_ARG);
+                  Capture err(2);
+                  EXPECT_EQ(zfx2_fcid_nat_generate_ascii_config(handle, nullptr), 0);
+                  EXPECT_EQ(zfx2_aam_generate_ascii_config(handle, nullptr), 0);
+                  EXPECT_EQ(zfx_vsan_topology_generate_ascii_config(handle, nullptr), 0);
+                  EXPECT_EQ(zfx2_afid_table_generate_ascii_config(handle, nullptr, &commit), 0);
+                  EXPECT_EQ(zfx2_sg_table_generate_ascii_config(handle, nullptr, &commit), 0);
+                  EXPECT_EQ(zfx_global_flags_mode_generate_ascii_config(handle, nullptr), 0);
+                  text = err.text();
+              }),
+              "");
     const std::string vt = "ZFX-VT-PTXT: kvdb service is null\n: ", sg = "ZFX-SG-PTXT: kvdb service is null\n: ";
     size_t at = 0;
     for (const std::string &m : {vt, vt, vt, vt, sg}) {
@@ -190,17 +218,11 @@ TEST(AsciiCfg, SectionsHandedNoStoreReportItAndWriteNothing) {
         at += m.size();
     }
     EXPECT_EQ(commit, 0);
-    EXPECT_EQ(zfx_global_flags_mode_generate_ascii_config(handle, nullptr), 0);
     uint32_t flags = 5;
     EXPECT_EQ(zfx_global_flags_kvdb_restore(nullptr, &flags), ZFX_ERR_INVALID_ARG);
     EXPECT_EQ(flags, 0u);
     EXPECT_EQ(zfx2_get_aam_flag_from_kvdb(nullptr, nullptr), ZFX_ERR_INVALID_ARG);
     EXPECT_EQ(zfx_kvdb_restore_fabric_distribute(nullptr), 0);
-    char *out = nullptr;
-    ASSERT_EQ(ptxt_render(handle, &out, nullptr), 0);
-    EXPECT_STREQ(out, "");
-    std::free(out);
-    ptxt_hdl_release(handle);
 }
 
 }  // namespace

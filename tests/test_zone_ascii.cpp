@@ -107,6 +107,8 @@ TEST(ZoneText, EveryRuleOfTheZoneSection) {
          {zone_db_header_rec({}, {}), zone_options_rec(0x7FFFFFFF), active_chunks(active("act"), 100)[0],
           active_chunks(active("act"), 100)[1]},
          {0, "zfx zoneset activate name act\n"}},
+        {"a record under a zone key of another shape is not the zone's",
+         with(one_zone, {{{0x68, 0, 1, 0, 1, 0}, zone_rec(1, "other", zone_array({})).second}}), {0, "zfx zone name z1\n"}},
         {"a zone record with no data is skipped, in a zoneset too",
          {zone_db_header_rec({1, 2}, {1}), {{0x68, 0, 1, 0, 0, 0}, {}}, zone_rec(2, "z2", zone_array({})),
           zoneset_rec(1, "zs", tlv_array({zones_tlv(4, {1, 2})}))},
@@ -176,17 +178,6 @@ TEST(ZoneText, FirstFailureStopsTheSectionAndKeepsItsLines) {
         kvdb_mem_inject(stored.prefix().config().c_str(), &w.fault);
         EXPECT_EQ(zone_section_on(stored.get()), w.result) << w.name;
     }
-}
-
-TEST(ZoneText, CommitFlagOnlyForZonesAndZonesets) {
-    Prefix p;
-    put(p.config(), {zone_db_header_rec({}, {}), distribute_rec(1), active_chunks(active("a"), 100)[0],
-                     active_chunks(active("a"), 100)[1]});
-    EXPECT_EQ(generate_from(p.config()), "feature zfx\nzfx distribute\nzfx zoneset activate name a\n");
-    put(p.config(), {zone_db_header_rec({}, {4}), zoneset_rec(4, "zs", tlv_array({}))});
-    EXPECT_EQ(generate_from(p.config()), "feature zfx\nzfx distribute\nzfx zoneset name zs\nzfx zoneset activate name a\nzfx commit\n");
-    put(p.config(), {zone_db_header_rec({2}, {}), zone_rec(2, "z", zone_array({}))});  // a zone alone
-    EXPECT_EQ(generate_from(p.config()), "feature zfx\nzfx distribute\nzfx zone name z\nzfx zoneset activate name a\nzfx commit\n");
 }
 
 }  // namespace

@@ -103,10 +103,11 @@ TEST(ZoneQuery, DataQueriesFillTheirStructures) {
     FakeService svc;
     const Bytes members = cat({le32(256), Bytes(256, 0x81)}), attr = {1, 2, 3, 4, 5, 6, 7, 8};
     const Bytes wwn = {1, 2, 3, 4, 5, 6, 7, 8};
-    // Zone: a 70-character name keeps 64; read-only converted; QoS as received; others passed over.
+    // Zone: a 70-character name keeps 64; read-only converted; QoS as received; others (another
+    // kind's elements too) passed over.
     svc.answer(Answer::reply_with(cat({be32(1), zeros(4), be32(0x0102),
-                                       tlv_array({tlv(6, str0(chars(70))), tlv(7, members), tlv(9, attr),
-                                                  tlv(45, le32(3)), tlv(59, be32(1)), tlv(99, zeros(12))})})));
+                                       tlv_array({tlv(6, str0(chars(70))), tlv(7, members), tlv(9, attr), tlv(45, le32(3)),
+                                                  tlv(59, be32(1)), tlv(99, zeros(12)), tlv(1, str0("set"))})})));
     svc.answer(Answer::reply_with(cat({be32(1), zeros(4), be32(3), tlv_array({tlv(45, le32(0)), tlv(6, {'a', 'b'})})})));
     zfx_zone_info zone;
     std::memset(&zone, 0xCC, sizeof zone);
@@ -124,10 +125,12 @@ TEST(ZoneQuery, DataQueriesFillTheirStructures) {
     EXPECT_EQ(std::string(zone.name), "ab");  // an unterminated name stops at its length
     EXPECT_EQ(bytes_of(zone.members, 260), zeros(260));  // cleared first
 
-    // Zoneset: the later of the two names wins; short and long values stay within their fields.
+    // Zoneset: the later of the two names wins; short and long values stay within their fields; a
+    // member's element is passed over.
     svc.answer(Answer::reply_with(cat({be32(1), zeros(20), be32(6),
                                        tlv_array({tlv(56, str0("second-long-name")), tlv(1, str0("first")),
-                                                  tlv(61, Bytes(2000, 0x42)), tlv(3, {9}), tlv(31, Bytes(20, 7))})})));
+                                                  tlv(61, Bytes(2000, 0x42)), tlv(3, {9}), tlv(31, Bytes(20, 7)),
+                                                  tlv(27, Bytes(8, 0x41))})})));
     zfx_zoneset_info set{};
     set.id = 6;
     ASSERT_EQ(zfx_dlg_get_zoneset_data(svc.ep(), 1, &set, 0), 0u);
@@ -172,6 +175,8 @@ TEST(ZoneQuery, ActiveZoneset) {
          uint32_t(ZFX_ERR_INVALID_ARG), "~", {}},
         {Answer::reply_with(cat({head, tlv_array({tlv(1, str0("only"))})})), uint32_t(ZFX_ERR_INVALID_ARG), "only", {}},
         {Answer::reply_with(cat({head, le32(3), tlv(1, str0("x"))})), uint32_t(ZFX_ERR_INVALID_ARG), "~", {}},
+        // The zone bitmap's value runs 8 bytes past the reply.
+        {Answer::reply_with(cat({head, le32(2), tlv(1, str0("x")), le16(61), le16(8)})), uint32_t(ZFX_ERR_INVALID_ARG), "~", {}},
     };
     for (const auto &c : cases) {
         FakeService svc;

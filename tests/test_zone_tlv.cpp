@@ -1,7 +1,11 @@
-// Zone TLV records: sizes, one-record messages, adding elements, the create checks and the
-// byte-order conversions, against byte layouts written out independently.
+// Zone TLV records: sizes, one-record messages, adding elements, the create checks, the
+// byte-order conversions and the caller's messages sent in network order, against byte layouts
+// written out independently.
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
+#include <functional>
+#include <string>
 
 #include <gtest/gtest.h>
 
@@ -13,51 +17,60 @@ namespace {
 
 using namespace zfxtest;
 
+// The three kinds side by side, so that every test runs on each.
+struct Kind {
+    std::function<void *()> alloc;
+    int32_t (*add)(void *, uint16_t, uint16_t, const void *);
+    std::function<int32_t(const void *)> check;
+    std::function<void(void *)> hton, ntoh;
+    std::function<uint32_t(plat_endpoint *, uint32_t, void *)> send;
+    uint32_t (*one_size)();
+    uint32_t size, array_off, msg_type;
+};
+
+template <typename M>
+Kind kind(M *(*alloc)(), int32_t (*add)(void *, uint16_t, uint16_t, const void *), int32_t (*check)(const M *),
+          void (*hton)(M *), void (*ntoh)(M *), uint32_t (*send)(plat_endpoint *, uint32_t, M *, const char *, uint32_t),
+          uint32_t (*one_size)(), uint32_t size, uint32_t array_off, uint32_t msg_type) {
+    return {[=] { return static_cast<void *>(alloc()); }, add, [=](const void *m) { return check(static_cast<const M *>(m)); },
+            [=](void *m) { hton(static_cast<M *>(m)); }, [=](void *m) { ntoh(static_cast<M *>(m)); },
+            [=](plat_endpoint *ep, uint32_t op, void *m) { return send(ep, op, static_cast<M *>(m), "o", 6); },
+            one_size, size, array_off, msg_type};
+}
+
+const Kind kMember = kind(zfx_dlg_malloc_one_zone_member_and_all_attribs,
+                          zfx_dlg_zone_member_add_tlv, zfx_do_sanity_for_zone_member_create, zfx_zone_member_tlv_hton,
+                          zfx_zone_member_tlv_ntoh, zfx_dlg_config_zone_member_tlv, zfx_get_size_one_zone_member_tlv,
+                          140, 16, 8603);
+const Kind kZone = kind(zfx_dlg_malloc_one_zone_and_all_attribs,
+                        zfx_dlg_zone_add_tlv, zfx_do_sanity_for_zone_create, zfx_zone_tlv_hton, zfx_zone_tlv_ntoh,
+                        zfx_dlg_config_zone_tlv, zfx_get_size_one_zone_tlv, 380, 12, 8602);
+const Kind kZoneset = kind(zfx_dlg_malloc_one_zoneset_and_all_attribs,
+                           zfx_dlg_zoneset_add_tlv, zfx_do_sanity_for_zoneset_create, zfx_zoneset_tlv_hton,
+                           zfx_zoneset_tlv_ntoh, zfx_dlg_config_zoneset_tlv, zfx_get_size_one_zoneset_tlv, 1244, 28, 8601);
+
+// A message of the kind: its fixed part (count 1, zeros, unless given), the array, zeros to the
+// one-record size, and 8 bytes more that nothing may read or write.
+Bytes message(const Kind &k, const Bytes &array, Bytes fixed = {}) {
+    if (fixed.empty()) fixed = cat({le32(1), zeros(k.array_off - 4)});
+    Bytes m = cat({fixed, array});
+    m.resize(k.size + 8, 0);
+    return m;
+}
+// An array whose one element ends 4 bytes past the one-record size.
+Bytes overrun(const Kind &k) { return cat({le32(1), le16(11), le16(uint16_t(k.size - k.array_off - 4))}); }
+
 TEST(ZoneTlv, SizesOfTypesAndRecords) {
     const std::pair<uint32_t, uint32_t> cases[] = {
         {0, 0},  {1, 72},  {2, 8},  {3, 12},  {4, 0},  {5, 72},  {6, 72},   {7, 264},   {9, 12}, {10, 12},
         {11, 8}, {17, 1032}, {25, 0}, {27, 8}, {31, 24}, {44, 12}, {45, 8}, {46, 0}, {53, 0}, {56, 72},
         {57, 0}, {59, 8},  {60, 0}, {61, 1032}, {65, 72}, {66, 0}, {0x10001, 0}};
     for (const auto &[type, size] : cases) EXPECT_EQ(zfx_tlv_size_get_for_type(type), size) << type;
-    EXPECT_EQ(zfx_get_size_one_zone_member_tlv(), 20u + 12 + 8 + 8 + 8 + 12 + 72);
-    EXPECT_EQ(zfx_get_size_one_zone_tlv(), 16u + 72 + 264 + 12 + 8 + 8);
-    EXPECT_EQ(zfx_get_size_one_zoneset_tlv(), 32u + 72 + 72 + 1032 + 12 + 24);
-}
-
-// The three kinds side by side, so that every test runs on each.
-struct Kind {
-    void *(*alloc)();
-    int32_t (*add)(void *, uint16_t, uint16_t, const void *);
-    int32_t (*check)(const void *);
-    void (*hton)(void *);
-    void (*ntoh)(void *);
-    uint32_t size, array_off;
-};
-
-const Kind kMember{[] { return static_cast<void *>(zfx_dlg_malloc_one_zone_member_and_all_attribs()); },
-                   zfx_dlg_zone_member_add_tlv,
-                   [](const void *m) { return zfx_do_sanity_for_zone_member_create(static_cast<const zfx_zone_member_msg *>(m)); },
-                   [](void *m) { zfx_zone_member_tlv_hton(static_cast<zfx_zone_member_msg *>(m)); },
-                   [](void *m) { zfx_zone_member_tlv_ntoh(static_cast<zfx_zone_member_msg *>(m)); }, 140, 16};
-const Kind kZone{[] { return static_cast<void *>(zfx_dlg_malloc_one_zone_and_all_attribs()); }, zfx_dlg_zone_add_tlv,
-                 [](const void *m) { return zfx_do_sanity_for_zone_create(static_cast<const zfx_zone_msg *>(m)); },
-                 [](void *m) { zfx_zone_tlv_hton(static_cast<zfx_zone_msg *>(m)); },
-                 [](void *m) { zfx_zone_tlv_ntoh(static_cast<zfx_zone_msg *>(m)); }, 380, 12};
-const Kind kZoneset{[] { return static_cast<void *>(zfx_dlg_malloc_one_zoneset_and_all_attribs()); },
-                    zfx_dlg_zoneset_add_tlv,
-                    [](const void *m) { return zfx_do_sanity_for_zoneset_create(static_cast<const zfx_zoneset_msg *>(m)); },
-                    [](void *m) { zfx_zoneset_tlv_hton(static_cast<zfx_zoneset_msg *>(m)); },
-                    [](void *m) { zfx_zoneset_tlv_ntoh(static_cast<zfx_zoneset_msg *>(m)); }, 1244, 28};
-
-// A message of the kind: its fixed part, the array, zeros to the one-record size.
-Bytes message(const Kind &k, const Bytes &fixed, const Bytes &array) {
-    Bytes m = cat({fixed, array});
-    m.resize(k.size, 0);
-    return m;
 }
 
 TEST(ZoneTlv, OneRecordMessagesFillToTheirSize) {
     for (const Kind *k : {&kMember, &kZone, &kZoneset}) {
+        EXPECT_EQ(k->one_size(), k->size);
         auto *msg = static_cast<uint8_t *>(k->alloc());
         ASSERT_NE(msg, nullptr);
         EXPECT_EQ(bytes_of(msg, k->size), cat({le32(1), zeros(k->size - 4)}));
@@ -84,32 +97,34 @@ TEST(ZoneTlv, OneRecordMessagesFillToTheirSize) {
 
 TEST(ZoneTlv, CreateChecks) {
     const Bytes w = le32(1), wwn(8, 1), name = str0("n");
-    const Bytes mhead = cat({le32(1), zeros(12)}), zhead = cat({le32(1), zeros(8)}), shead = cat({le32(1), zeros(24)});
     const struct {
         const Kind &kind;
-        Bytes msg;
+        Bytes array;
         int32_t result;
     } cases[] = {
-        {kMember, message(kMember, mhead, tlv_array({tlv(65, name), tlv(11, w), tlv(27, w)})), 0},
-        {kMember, message(kMember, mhead, tlv_array({tlv(10, wwn), tlv(27, w), tlv(11, w)})), 0},
-        {kMember, message(kMember, mhead, tlv_array({tlv(10, wwn), tlv(27, w)})), ZFX_ERR_CREATE_INCOMPLETE},
-        {kMember, message(kMember, mhead, tlv_array({tlv(11, w), tlv(27, w), tlv(44, wwn)})), ZFX_ERR_CREATE_INCOMPLETE},
-        {kMember, message(kMember, mhead, tlv_array({})), ZFX_ERR_CREATE_INCOMPLETE},
-        {kZone, message(kZone, zhead, tlv_array({tlv(45, w), tlv(6, name)})), 0},
-        {kZone, message(kZone, zhead, tlv_array({tlv(45, w)})), ZFX_ERR_CREATE_INCOMPLETE},
-        {kZone, message(kZone, zhead, tlv_array({tlv(6, {})})), ZFX_ERR_CREATE_INCOMPLETE},  // no value
-        {kZone, message(kZone, zhead, tlv_array({tlv(0, name)})), ZFX_ERR_CREATE_INCOMPLETE},  // type 0 is no name
-        {kZoneset, message(kZoneset, shead, tlv_array({tlv(1, name)})), 0},
-        {kZoneset, message(kZoneset, shead, tlv_array({tlv(56, name)})), ZFX_ERR_CREATE_INCOMPLETE},
-        {kZone, message(kZone, zhead, cat({le32(200), tlv(6, name)})), ZFX_ERR_INVALID_ARG},    // count too big
-        {kZone, message(kZone, zhead, cat({le32(1), le16(6), le16(400)})), ZFX_ERR_INVALID_ARG},  // value too long
+        {kMember, tlv_array({tlv(65, name), tlv(11, w), tlv(27, w)}), 0},
+        {kMember, tlv_array({tlv(10, wwn), tlv(27, w), tlv(11, w)}), 0},
+        {kMember, tlv_array({tlv(10, {}), tlv(11, {}), tlv(27, {})}), 0},  // a member's elements need no value
+        {kMember, tlv_array({tlv(10, wwn), tlv(27, w)}), ZFX_ERR_CREATE_INCOMPLETE},
+        {kMember, tlv_array({tlv(10, wwn), tlv(27, w), tlv(1, w)}), ZFX_ERR_CREATE_INCOMPLETE},  // 1 is no VSAN
+        {kMember, tlv_array({tlv(10, wwn), tlv(11, w), tlv(1, w)}), ZFX_ERR_CREATE_INCOMPLETE},  // nor a type
+        {kMember, tlv_array({tlv(11, w), tlv(27, w), tlv(44, wwn)}), ZFX_ERR_CREATE_INCOMPLETE},
+        {kMember, tlv_array({}), ZFX_ERR_CREATE_INCOMPLETE},
+        {kZone, tlv_array({tlv(45, w), tlv(6, name)}), 0},
+        {kZone, tlv_array({tlv(45, w)}), ZFX_ERR_CREATE_INCOMPLETE},
+        {kZone, tlv_array({tlv(6, {})}), ZFX_ERR_CREATE_INCOMPLETE},    // no value
+        {kZone, tlv_array({tlv(0, name)}), ZFX_ERR_CREATE_INCOMPLETE},  // type 0 is no name
+        {kZoneset, tlv_array({tlv(1, name)}), 0},
+        {kZoneset, tlv_array({tlv(56, name)}), ZFX_ERR_CREATE_INCOMPLETE},
+        {kZone, cat({le32(200), tlv(6, name)}), ZFX_ERR_INVALID_ARG},  // count too big
+        {kZone, overrun(kZone), ZFX_ERR_INVALID_ARG},
     };
-    for (const auto &c : cases) {
-        EXPECT_EQ(c.kind.check(c.msg.data()), c.result) << hex(Bytes(c.msg.begin(), c.msg.begin() + 40));
-    }
+    for (const auto &c : cases) EXPECT_EQ(c.kind.check(message(c.kind, c.array).data()), c.result) << hex(c.array);
     EXPECT_EQ(zfx_do_sanity_for_zone_create(nullptr), ZFX_ERR_INVALID_ARG);
 }
 
+// hton and ntoh, and the caller's message sent: on the wire as hton makes it, handed back as ntoh
+// makes it again.
 TEST(ZoneTlv, ConversionsOnTheWire) {
     const Bytes wwn = {1, 2, 3, 4, 5, 6, 7, 8}, attr = {0xA1, 0xA2, 0xA3, 0xA4, 0xA5, 0xA6, 0xA7, 0xA8};
     const Bytes attr_conv = cat({{0xA4}, Bytes(attr.begin() + 1, attr.end())});  // byte 0 takes byte 3
@@ -121,43 +136,67 @@ TEST(ZoneTlv, ConversionsOnTheWire) {
         // Member: entry count, both ids, VSAN, fabric ID and type reversed; strings, WWN, LUN, QoS,
         // element headers, the array count and the flags as they were.
         {kMember,
-         message(kMember, cat({le32(1), le16(0x0102), zeros(2), le32(5), le32(6)}),
-                 tlv_array({tlv(6, str0("z")), tlv(10, wwn), tlv(11, le32(10)), tlv(12, le32(0x00050007)),
-                            tlv(27, le32(241)), tlv(44, wwn), tlv(45, le32(2))})),
-         message(kMember, cat({be32(1), le16(0x0102), zeros(2), be32(5), be32(6)}),
-                 tlv_array({tlv(6, str0("z")), tlv(10, wwn), tlv(11, be32(10)), tlv(12, be32(0x00050007)),
-                            tlv(27, be32(241)), tlv(44, wwn), tlv(45, le32(2))}))},
+         message(kMember, tlv_array({tlv(6, str0("z")), tlv(10, wwn), tlv(11, le32(10)), tlv(12, le32(0x00050007)),
+                                     tlv(27, le32(241)), tlv(44, wwn), tlv(45, le32(2))}),
+                 cat({le32(1), le16(0x0102), zeros(2), le32(5), le32(6)})),
+         message(kMember, tlv_array({tlv(6, str0("z")), tlv(10, wwn), tlv(11, be32(10)), tlv(12, be32(0x00050007)),
+                                     tlv(27, be32(241)), tlv(44, wwn), tlv(45, le32(2))}),
+                 cat({be32(1), le16(0x0102), zeros(2), be32(5), be32(6)}))},
         // Zone: id reversed; QoS and read-only as they are; the attribute block's convention.
         {kZone,
-         message(kZone, cat({le32(1), zeros(4), le32(0x0A0B)}),
-                 tlv_array({tlv(9, attr), tlv(45, le32(2)), tlv(59, be32(1)), tlv(11, le32(3))})),
-         message(kZone, cat({be32(1), zeros(4), be32(0x0A0B)}),
-                 tlv_array({tlv(9, attr_conv), tlv(45, le32(2)), tlv(59, be32(1)), tlv(11, le32(3))}))},
+         message(kZone, tlv_array({tlv(9, attr), tlv(45, le32(2)), tlv(59, be32(1)), tlv(11, le32(3))}),
+                 cat({le32(1), zeros(4), le32(0x0A0B)})),
+         message(kZone, tlv_array({tlv(9, attr_conv), tlv(45, le32(2)), tlv(59, be32(1)), tlv(11, le32(3))}),
+                 cat({be32(1), zeros(4), be32(0x0A0B)}))},
         // Zoneset: the id at 24 reversed; its 16 reserved bytes untouched.
         {kZoneset,
-         message(kZoneset, cat({le32(1), le16(0x80), zeros(2), reserved, le32(9)}),
-                 tlv_array({tlv(1, str0("s")), tlv(3, attr), tlv(61, zeros(1028))})),
-         message(kZoneset, cat({be32(1), le16(0x80), zeros(2), reserved, be32(9)}),
-                 tlv_array({tlv(1, str0("s")), tlv(3, attr_conv), tlv(61, zeros(1028))}))},
+         message(kZoneset, tlv_array({tlv(1, str0("s")), tlv(3, attr), tlv(61, zeros(1028))}),
+                 cat({le32(1), le16(0x80), zeros(2), reserved, le32(9)})),
+         message(kZoneset, tlv_array({tlv(1, str0("s")), tlv(3, attr_conv), tlv(61, zeros(1028))}),
+                 cat({be32(1), le16(0x80), zeros(2), reserved, be32(9)}))},
     };
     for (const auto &c : cases) {
-        Bytes m = c.host;
-        c.kind.hton(m.data());
-        EXPECT_EQ(m, c.net) << hex(m);
+        const Kind &k = c.kind;
         // ntoh restores everything hton reversed; the attribute block keeps its first byte.
-        c.kind.ntoh(m.data());
         Bytes back = c.host;
         const auto at = std::search(back.begin(), back.end(), attr.begin(), attr.end());
         if (at != back.end()) *at = 0xA4;
+        Bytes m = c.host;
+        k.hton(m.data());
+        EXPECT_EQ(m, c.net) << hex(m);
+        k.ntoh(m.data());
         EXPECT_EQ(m, back);
-        // A malformed array leaves the whole message as it is.
-        Bytes bad = c.host;
-        bad[c.kind.array_off + 1] = 0xFF;
-        const Bytes before = bad;
-        c.kind.hton(bad.data());
-        EXPECT_EQ(bad, before);
-        c.kind.hton(nullptr);
+
+        FakeService svc;
+        svc.answer(Answer::failure(EIO));
+        svc.answer(Answer::status(0x409A0006));
+        m = c.host;
+        EXPECT_EQ(k.send(svc.ep(), 1, m.data()), 0xFFFFFFFFu);
+        EXPECT_EQ(k.send(svc.ep(), 2, m.data()), 0x409A0006u);
+        m = c.host;
+        for (uint32_t op = 0; op < 6; ++op) {  // operation codes 3 and 4 wait longer
+            ASSERT_EQ(k.send(svc.ep(), op, m.data()), 0u);
+            EXPECT_EQ(svc.last().summary(), "req " + std::to_string(k.msg_type) + "/" + std::to_string(op) +
+                                                (op == 3 || op == 4 ? " t23" : " t10") + " a=o b6");
+            EXPECT_EQ(svc.last().payload, Bytes(c.net.begin(), c.net.begin() + k.size));
+            EXPECT_EQ(m, back) << "the caller's message is host order again";
+            m = c.host;
+        }
+        // A malformed array, even one that ends just past the message, leaves the whole message
+        // as it is, and nothing is sent.
+        for (const Bytes &array : {cat({le32(0xFF01), Bytes(c.host.begin() + k.array_off + 4, c.host.end())}), overrun(k)}) {
+            Bytes bad = cat({Bytes(c.host.begin(), c.host.begin() + k.array_off), array});
+            bad.resize(k.size + 8, 0);
+            const Bytes before = bad;
+            k.hton(bad.data());
+            EXPECT_EQ(bad, before);
+            EXPECT_EQ(k.send(svc.ep(), 1, bad.data()), uint32_t(ZFX_ERR_INVALID_ARG));
+            EXPECT_EQ(bad, before);
+        }
+        EXPECT_EQ(svc.sent().size(), 8u);
+        k.hton(nullptr);
     }
+    EXPECT_EQ(zfx_dlg_config_zone_tlv(nullptr, 1, nullptr, nullptr, 0), uint32_t(ZFX_ERR_INVALID_ARG));
 }
 
 }  // namespace
