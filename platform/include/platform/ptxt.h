@@ -88,7 +88,9 @@ PLAT_API int32_t ptxt_elem_group_config_str_add(uint32_t handle, uint32_t group,
 PLAT_API int32_t ptxt_render(uint32_t handle, char **text, uint32_t *len);
 /* Renders the text, hands it to the request's sink (req is a ptxt_request) and ends the
  * generation, whatever happens. Returns the sink's result, 0 when there is no sink, or a PTXT_
- * code (PTXT_ERR_INVALID for a NULL req, the generation still ended). */
+ * code (PTXT_ERR_INVALID for a NULL req, the generation still ended). The memory the text lay in
+ * is kept for the next generation (a service answering request after request writes into pages it
+ * has touched already), so a process holds up to its largest text between generations. */
 PLAT_API int32_t ptxt_respond(uint32_t handle, void *msg, void *req);
 
 PLAT_EXTERN_C_END
