@@ -85,7 +85,6 @@ public:
     const std::vector<Sent> &sent() const { return sent_; }
     const std::vector<Sent> &receives() const { return receives_; }
     const Sent &last() const { return sent_.back(); }
-    size_t unanswered() const { return script_.size() - next_; }
 
 private:
     static void handle(void *ctx, const plat_call *call, plat_answer *answer);
