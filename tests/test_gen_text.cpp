@@ -19,6 +19,7 @@
 #include "zfx_ascii_cfg.h"
 #include "zfx_bitmap.hpp"
 #include "zfx_fabric.h"
+#include "zfx_testing.h"
 #include "zfx_zone_db.h"
 
 namespace {
@@ -229,6 +230,16 @@ TEST(GenText, ZoneSectionWalkedEqualsLookedUp) {
             const auto [walked, looked_up] = both_ways(records);
             EXPECT_EQ(walked, looked_up) << c.what << ", seed " << seed;
             EXPECT_TRUE(c.status == kEither || (walked.status == 0) == (c.status == kSound)) << c.what << ", seed " << seed;
+        }
+        // A sound store's zones and members all come from the walks: only the header, the
+        // options, the active zoneset (its head and its one chunk) and each zoneset are looked up.
+        {
+            Prefix p;
+            zfxtest::put(p.config(), sound);
+            Reader reader(p.config());
+            zfx_testing_lookup_count();
+            zone_section_on(reader.get());
+            EXPECT_EQ(zfx_testing_lookup_count(), 4 + f.zonesets.size()) << seed;
         }
         const std::string sound_text = both_ways(sound).first.text;
         for (const uint32_t v : kNumbers) EXPECT_NE(sound_text.find("vsan " + std::to_string(int32_t(v)) + "\n"), std::string::npos) << v;

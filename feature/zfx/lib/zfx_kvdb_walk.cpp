@@ -1,9 +1,24 @@
 // Store access shared by every reader of the generation path: see zfx_kvdb_walk.hpp.
 #include "zfx_kvdb_walk.hpp"
 
+#include "zfx_testing.h"
+
+#ifdef ZFX_TESTING
+#include <atomic>
+
+namespace {
+std::atomic<uint32_t> g_lookups;
+}  // namespace
+
+extern "C" uint32_t zfx_testing_lookup_count(void) { return g_lookups.exchange(0); }
+#endif
+
 namespace zfx {
 
 const kvdb_datum *fetch(kvdb_store *store, const void *key, uint32_t key_len, int32_t &status) {
+#ifdef ZFX_TESTING
+    g_lookups.fetch_add(1, std::memory_order_relaxed);
+#endif
     kvdb_datum k{const_cast<void *>(key), key_len};
     status = ZFX_ERR_KVDB;  // a store that answers without setting a status has failed
     const kvdb_datum *v = kvdb_fetch(store, &k, &status);

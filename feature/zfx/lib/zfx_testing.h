@@ -18,6 +18,10 @@ ZFX_API void zfx_testing_fail_allocation(uint32_t nth);
 /* Allocations libzfx attempted since the last zfx_testing_fail_allocation call (the failed one
  * included). */
 ZFX_API uint32_t zfx_testing_allocation_count(void);
+/* Store lookups by key that libzfx made since the last call (walks of a table are not counted),
+ * and the count starts again: a reader that should take its records from a walk can be held to
+ * it, since its lookups give the same text, only slower. */
+ZFX_API uint32_t zfx_testing_lookup_count(void);
 #endif
 
 ZFX_EXTERN_C_END
