@@ -215,7 +215,7 @@ TEST(DeviceEntry, SendsAndPerVsanRequest) {
     EXPECT_EQ(zfx_fcr_query_entry_send(svc.ep(), reinterpret_cast<zfx_fcr_query *>(fcr.data()), 9), 0);
     EXPECT_EQ(svc.last().summary(), "send 8496/1 @fe000000 tag9 a=ZFX");
     EXPECT_EQ(svc.last().payload, Bytes(fcr.begin(), fcr.end() - 1)) << "4 + 12 x 2 bytes";
-    const zfx_fcr_query huge{0x20000000};
+    const zfx_fcr_query huge{(UINT32_MAX - 4) / 12 + 1};  // the first count whose length wraps
     EXPECT_EQ(zfx_fcr_query_entry_send(svc.ep(), &huge, 9), ZFX_ERR_INVALID_VALUE);
     EXPECT_EQ(zfx_fcr_query_entry_send(svc.ep(), nullptr, 9), ZFX_ERR_INVALID_ARG);
     EXPECT_EQ(zfx2_device_ns_entry_send_req(svc.ep(), nullptr, 9), ZFX_ERR_INVALID_ARG);

@@ -114,6 +114,7 @@ TEST(ZoneTlv, CreateChecks) {
         {kZone, tlv_array({tlv(45, w)}), ZFX_ERR_CREATE_INCOMPLETE},
         {kZone, tlv_array({tlv(6, {})}), ZFX_ERR_CREATE_INCOMPLETE},    // no value
         {kZone, tlv_array({tlv(0, name)}), ZFX_ERR_CREATE_INCOMPLETE},  // type 0 is no name
+        {kZone, tlv_array({tlv(1, name)}), ZFX_ERR_CREATE_INCOMPLETE},  // nor a zoneset's name
         {kZoneset, tlv_array({tlv(1, name)}), 0},
         {kZoneset, tlv_array({tlv(56, name)}), ZFX_ERR_CREATE_INCOMPLETE},
         {kZone, cat({le32(200), tlv(6, name)}), ZFX_ERR_INVALID_ARG},  // count too big
