@@ -21,7 +21,6 @@
 #include "fake_service.hpp"
 #include "history.hpp"
 #include "platform/heapx.h"
-#include "platform/ptxt.h"
 #include "platform/tlg.h"
 #include "platform/wwnsvc.h"
 #include "store.hpp"
@@ -476,14 +475,9 @@ std::vector<Row> text_rows(const Prefix &p) {
              all, blocks),
         text("zfx_ptxt_gen_func",
              [p = p.path()] {
-                 std::string text;
-                 ptxt_request req{p.c_str(), p.c_str(),
-                                  [](void *sink, void *, const char *t, uint32_t len) {
-                                      static_cast<std::string *>(sink)->assign(t, len);
-                                      return int32_t(0);
-                                  },
-                                  &text};
-                 return zfx_ptxt_gen_func(nullptr, &req) == 0 ? text : "no response";
+                 int32_t status;
+                 const std::string text = gen_func_text(p, &status);
+                 return status == 0 ? text : "no response";
              },
              all, blocks),
     };

@@ -80,13 +80,6 @@ int32_t append(void *sink, void *, const char *text, uint32_t len) {
     return 0;
 }
 
-std::string text_at(const std::string &prefix) {
-    std::string text;
-    ptxt_request request{prefix.c_str(), prefix.c_str(), append, &text};
-    EXPECT_EQ(zfx_ptxt_gen_func(nullptr, &request), 0);
-    return text;
-}
-
 uint64_t fnv1a(const std::string &text) {
     uint64_t h = 0xcbf29ce484222325ull;
     for (unsigned char c : text) h = (h ^ c) * 0x100000001b3ull;
@@ -107,7 +100,7 @@ TEST(GenText, EdgeFabricsKeepTheirText) {
         Fabric f = edge_fabric(seed);
         Prefix p;
         ASSERT_EQ(write_fabric(f, p.path(), p.path(), false), "");
-        const std::string text = text_at(p.path());
+        const std::string text = zfxtest::gen_func_text(p.path());
         EXPECT_EQ(fnv1a(text), kReference[seed - 1]) << "seed " << seed << "\n" << text;
         // Outside a generation the text service refuses every line; the commit line's refusal
         // is the result.

@@ -14,7 +14,6 @@
 #include "load.hpp"
 #include "messy_text.hpp"
 #include "platform/kvdb.h"
-#include "platform/ptxt.h"
 #include "store.hpp"
 #include "store_guard.hpp"
 #include "zfx_ascii_cfg.h"
@@ -26,23 +25,10 @@ using namespace zfxtool;
 using zfxtest::Prefix;
 using RecordMap = std::map<Bytes, Bytes>;
 
-// The configuration text of the stores under prefix, as zfx-gen prints it.
-std::string text_at(const Prefix &p) {
-    std::string text;
-    ptxt_request request{p.path().c_str(), p.path().c_str(),
-                         [](void *sink, void *, const char *t, uint32_t len) {
-                             static_cast<std::string *>(sink)->append(t, len);
-                             return int32_t(0);
-                         },
-                         &text};
-    EXPECT_EQ(zfx_ptxt_gen_func(nullptr, &request), 0);
-    return text;
-}
-
 std::string text_of(const Fabric &f) {
     Prefix p;
     EXPECT_EQ(write_fabric(f, p.path(), p.path(), false), "");
-    return text_at(p);
+    return zfxtest::gen_func_text(p.path());
 }
 
 Fabric loaded(const std::string &text, const LoadOptions &options = {}, size_t *skipped = nullptr) {
@@ -148,7 +134,7 @@ TEST(Tools, FabricsAreWrittenAsBuiltAndTheirTextLoadsBackToItself) {
         }
         EXPECT_EQ(seen, built.size()) << "fabric " << i << ": zone database records differ from the builders'";
 
-        const std::string text = text_at(p);
+        const std::string text = zfxtest::gen_func_text(p.path());
         if (i == 0) {
             const char *root = std::getenv("ZFX_SOURCE_DIR");
             std::ifstream golden(std::string(root != nullptr ? root : ".") + "/tests/golden/demo.txt");
@@ -311,7 +297,7 @@ TEST(Tools, DamagedStoresAreToldFromMissingOnesAndLeftAlone) {
     EXPECT_EQ(write_fabric(demo_fabric(), mem.path() + "/new", mem.path(), true), damaged_text(mem.debug()));
     ASSERT_EQ(kvdb_mem_inject(mem.config().c_str(), nullptr), 0);
     EXPECT_EQ(walk_store(mem.config()), StoreState::readable);
-    EXPECT_EQ(text_at(mem), "feature zfx\n") << "the refused writes changed the store";
+    EXPECT_EQ(zfxtest::gen_func_text(mem.path()), "feature zfx\n") << "the refused writes changed the store";
 }
 
 }  // namespace
