@@ -64,7 +64,11 @@ TEST(ZoneConfig, MessagesBuiltFromArguments) {
     };
     for (const auto &c : cases) {
         FakeService svc;
+        debug_cli = 1;  // the progress lines are the member request's alone
+        Capture out;
         EXPECT_EQ(c.call(svc.ep()), c.msg_type != 0 ? 0u : uint32_t(ZFX_ERR_INVALID_ARG));
+        debug_cli = 0;
+        EXPECT_EQ(out.text().find("sending req") != std::string::npos, c.msg_type == 8603);
         ASSERT_EQ(svc.sent().size(), c.msg_type != 0 ? 1u : 0u);
         if (c.msg_type == 0) continue;
         EXPECT_EQ(svc.last().summary(), "req " + std::to_string(c.msg_type) + "/2 t10 a=o b6");

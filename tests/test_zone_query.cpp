@@ -58,6 +58,7 @@ TEST(ZoneQuery, MessageQueriesOnTheWireAndTheirDebugLines) {
 // failure leaves the caller's structure as it was.
 TEST(ZoneQuery, RepliesAreCheckedBeforeUse) {
     const Bytes good = cat({be32(1), zeros(4), be32(5), tlv_array({tlv(6, str0("z"))})});
+    const Bytes empties = cat({be32(1), zeros(4), be32(5), tlv_array({tlv(98, {}), tlv(99, {})})});
     const uint32_t invalid = uint32_t(ZFX_ERR_INVALID_ARG);
     const struct {
         Answer answer;
@@ -67,6 +68,7 @@ TEST(ZoneQuery, RepliesAreCheckedBeforeUse) {
     } cases[] = {
         {Answer::reply_with(good), 0, good, 0},
         {Answer::reply_with(good, 7), 7, good, 7},  // beside a status, handed over too
+        {Answer::reply_with(empties), 0, empties, 0},  // empty elements filling the array exactly
         {Answer::none(), 0, {}, invalid},
         {Answer::failure(EIO), 0xFFFFFFFFu, {}, 0xFFFFFFFFu},
         {Answer::reply_with(zeros(15)), invalid, {}, invalid},  // shorter than the fixed part
@@ -93,6 +95,7 @@ TEST(ZoneQuery, RepliesAreCheckedBeforeUse) {
     FakeService svc;
     Capture out;
     EXPECT_EQ(zfx_dlg_get_zone(svc.ep(), 1, huge.c_str(), 1, nullptr, 1, 0), uint32_t(ZFX_ERR_INVALID_ARG));
+    EXPECT_EQ(zfx_dlg_get_zoneset(svc.ep(), 1, huge.c_str(), 1, nullptr, 1, 0), uint32_t(ZFX_ERR_INVALID_ARG));
     EXPECT_EQ(zfx_dlg_get_zone_member(svc.ep(), 1, huge.c_str(), 1, 1, nullptr, 1, 0), uint32_t(ZFX_ERR_INVALID_ARG));
     EXPECT_EQ(out.text(), "Internal error due to fail in adding zone name to tlvs\n");
     EXPECT_EQ(zfx_dlg_get_zone_member_data(svc.ep(), 1, nullptr, 0), invalid);

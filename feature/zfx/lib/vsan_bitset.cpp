@@ -132,7 +132,7 @@ void walk_runs(const vsan_bitset *s, int32_t from, Fn fn) {
     int pos = from & 63;
     for (int32_t w = from >> 6; w < kWords; ++w, pos = 0) {
         const uint64_t word = word_at(s, w);
-        while (pos < 64) {
+        for (;;) {  // pos stays below 64: it only ever moves onto a set bit of the shifted word
             const uint64_t rest = (start < 0 ? word : ~word) << pos;
             if (rest == 0) break;
             pos += std::countl_zero(rest);

@@ -274,7 +274,7 @@ int32_t zfx2_pfcid_generate_ascii_config(uint32_t handle, kvdb_store *store, int
     zfx2_pfcid_list *list = nullptr;
     uint32_t size = 0;
     const int32_t status = zfx2_pfcid_get_next(store, &start, -1, &list, &size);
-    if (status != 0 || list == nullptr) return status;
+    if (status != 0) return status;
     if (list_count(list) != 0) {
         if (commit != nullptr) *commit = 1;
         PfcidText{handle, list, {}}.write();

@@ -315,18 +315,18 @@ void take_bitmap(uint8_t *dst, size_t size, const Tlv &e) {
 // the process-wide scratch strings, as the section has always left them.
 void member_line(Section &s, const MemberView &m) {
     static constexpr uint8_t kZero[8] = {};
-    MemberShape shape{};
-    const bool known = member_shape(m.type, shape);
+    MemberShape shape{};  // an unknown type leaves it empty: no member text, no LUN
+    member_shape(m.type, shape);
     Line &line = s.out;
-    if (known && shape.pwwn) {
+    if (shape.pwwn) {
         plat_wwn wwn;
         std::memcpy(wwn.bytes, m.pwwn != nullptr ? m.pwwn : kZero, sizeof wwn.bytes);
         fmt_wwn(zfx_sp_wwn_str, wwn);
         line.text("member pwwn ").text(zfx_sp_wwn_str, FMT_WWN_SIZE - 1).text(" ");
-    } else if (known && shape.alias) {
+    } else if (shape.alias) {
         line.text("member device-alias ").left(m.alias != nullptr ? m.alias : "", m.alias_len, 15).text(" ");
     }
-    if (known && shape.lun) {
+    if (shape.lun) {
         line.text("lun ").text(lun_str, std::strlen(fmt_lun(lun_str, m.lun != nullptr ? m.lun : kZero))).text(" ");
     } else {
         line.text(kNoLun, sizeof kNoLun - 1);
