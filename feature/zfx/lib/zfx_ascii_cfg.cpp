@@ -57,21 +57,19 @@ struct Dependency {
 };
 
 // The feature's elements in the order they are declared (the configuration-text service breaks
-// ties in this order), each with what it comes after.
+// ties in this order), each with what it comes after (unused places left zero: no group is 0).
 struct ElementDecl {
     uint32_t element;
     Dependency after[3];
-    uint32_t count;
 };
 
 constexpr ElementDecl kElements[] = {
-    {ZFX_ELEM_FEATURE, {}, 0},
-    {ZFX_ELEM_GLOBAL, {{ZFX_PTXT_GROUP, ZFX_ELEM_FEATURE}}, 1},
-    {ZFX_ELEM_ZONE, {{ZFX_PTXT_GROUP, ZFX_ELEM_GLOBAL}, {ZFX_PTXT_ZONE_AFTER_GROUP, ZFX_PTXT_ZONE_AFTER_ELEM}}, 2},
-    {ZFX_ELEM_TOPOLOGY, {{ZFX_PTXT_GROUP, ZFX_ELEM_GLOBAL}}, 1},
+    {ZFX_ELEM_FEATURE, {}},
+    {ZFX_ELEM_GLOBAL, {{ZFX_PTXT_GROUP, ZFX_ELEM_FEATURE}}},
+    {ZFX_ELEM_ZONE, {{ZFX_PTXT_GROUP, ZFX_ELEM_GLOBAL}, {ZFX_PTXT_ZONE_AFTER_GROUP, ZFX_PTXT_ZONE_AFTER_ELEM}}},
+    {ZFX_ELEM_TOPOLOGY, {{ZFX_PTXT_GROUP, ZFX_ELEM_GLOBAL}}},
     {ZFX_ELEM_COMMIT,
-     {{ZFX_PTXT_GROUP, ZFX_ELEM_GLOBAL}, {ZFX_PTXT_GROUP, ZFX_ELEM_ZONE}, {ZFX_PTXT_GROUP, ZFX_ELEM_TOPOLOGY}},
-     3},
+     {{ZFX_PTXT_GROUP, ZFX_ELEM_GLOBAL}, {ZFX_PTXT_GROUP, ZFX_ELEM_ZONE}, {ZFX_PTXT_GROUP, ZFX_ELEM_TOPOLOGY}}},
 };
 // The last three tables: each is declared, the commit line comes after it, it comes after 4.
 constexpr uint32_t kLateTables[] = {ZFX_ELEM_AFID, ZFX_ELEM_SERVICE_GROUP, ZFX_ELEM_PFCID};
@@ -80,8 +78,8 @@ void declare_elements(uint32_t handle) {
     for (const ElementDecl &d : kElements) {
         ptxt_elem_add(handle, ZFX_PTXT_GROUP, d.element, ZFX_PTXT_ELEM_KIND);
         if (d.element == ZFX_ELEM_FEATURE) ptxt_elem_str_add(handle, ZFX_ELEM_FEATURE, "feature zfx\n");
-        for (uint32_t i = 0; i < d.count; ++i)
-            ptxt_elem_dependency_add(handle, d.element, d.after[i].group, d.after[i].element);
+        for (const Dependency &a : d.after)
+            if (a.group != 0) ptxt_elem_dependency_add(handle, d.element, a.group, a.element);
     }
     for (uint32_t element : kLateTables) {
         ptxt_elem_add(handle, ZFX_PTXT_GROUP, element, ZFX_PTXT_ELEM_KIND);
