@@ -1,6 +1,5 @@
 // Virtual domains: both line forms among the global lines, the per-AFID list's bytes and
-// capacities, the longest range text, and the tracked allocation of the list (counters and the
-// failure report).
+// capacities, the longest range text, and the tracked allocation of the list (its counters).
 #include <climits>
 #include <string>
 #include <vector>
@@ -9,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include "capture.hpp"
-#include "history.hpp"
 #include "platform/heapx.h"
 #include "platform/tlg.h"
 #include "store.hpp"
@@ -107,34 +105,10 @@ TEST(VirtualDomains, ListHoldsTheEntriesUpToItsCapacity) {
     EXPECT_EQ(zfx_num_mem_allocs - allocs, 4u);
 }
 
-// The two tracked lists of a generation, the virtual domains' (made first) and the persistent
-// FCIDs'. That a failed list writes none of its lines and leaks nothing, the allocation-failure
-// sweep checks; here, the report: the allocating function, its file, to standard error too with
-// the debug print on, and the feature's owner counters.
-TEST(TrackedLists, AFailedListIsReportedAndWritesNothingOfItsOwn) {
-    const std::vector<Record> records = {rdi_rec(2, vsans({3})), pfcid_domain_rec(1, 10, 2, 20, 0x20)};
-    const struct {
-        const char *function, *file;
-        uint32_t nth;
-    } cases[] = {{"zfx_rdi_get_next", "zfx_ascii_cfg", 1}, {"zfx2_pfcid_get_next", "zfx2_pfcid_lib", 2}};
-    tlg_debug_enable(102, 1);
-    for (const auto &c : cases) {
-        tlg_hist_clear();
-        heapx_stats_reset();
-        Capture err(2);
-        heapx_fail_allocation(c.nth);
-        section(records);
-        heapx_fail_allocation(0);
-        const std::string report = std::string("Memory allocation failed in ") + c.function +
-                                   R"(:[0-9]+ \(\.\./feature/zfx/lib/)" + c.file + R"(\))";
-        EXPECT_THAT(err.text(), testing::MatchesRegex("zfx: " + report + "\n"));
-        EXPECT_THAT(alloc_failures(), testing::ElementsAre(testing::MatchesRegex(report)));
-        EXPECT_EQ(heapx_stats(180).failures, 1u);
-        EXPECT_EQ(heapx_stats(180).allocs, 1u);
-    }
-    tlg_debug_enable(102, 0);
-    tlg_hist_clear();
-    // Empty lists are released and counted too.
+// The two tracked lists of a generation, the virtual domains' and the persistent FCIDs': a failed
+// one, its report and its counters are the allocation-failure sweep's; an empty one is released
+// and counted too.
+TEST(TrackedLists, EmptyListsAreReleasedAndCounted) {
     heapx_stats_reset();
     EXPECT_EQ(section({}), "");
     EXPECT_EQ(heapx_stats(180).frees, 2u);
