@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "capture.hpp"
+#include "history.hpp"
 #include "platform/heapx.h"
 #include "platform/tlg.h"
 #include "store.hpp"
@@ -105,10 +106,22 @@ TEST(VirtualDomains, ListHoldsTheEntriesUpToItsCapacity) {
     EXPECT_EQ(zfx_num_mem_allocs - allocs, 4u);
 }
 
-// The two tracked lists of a generation, the virtual domains' and the persistent FCIDs': a failed
-// one, its report and its counters are the allocation-failure sweep's; an empty one is released
-// and counted too.
-TEST(TrackedLists, EmptyListsAreReleasedAndCounted) {
+// The two tracked lists of a generation, the virtual domains' (made first) and the persistent
+// FCIDs'. What a failed one writes and how it is reported, the allocation-failure sweep checks
+// with the library's own failures; here, one the allocator refuses takes the same path and is
+// counted under the feature's owner. Empty lists are released and counted too.
+TEST(TrackedLists, RefusedAndEmptyListsAreCounted) {
+    for (uint32_t nth : {1u, 2u}) {
+        tlg_hist_clear();
+        heapx_stats_reset();
+        heapx_fail_allocation(nth);
+        section({rdi_rec(2, vsans({3})), pfcid_domain_rec(1, 10, 2, 20, 0x20)});
+        heapx_fail_allocation(0);
+        EXPECT_EQ(alloc_failures().size(), 1u) << nth;
+        EXPECT_EQ(heapx_stats(180).failures, 1u);
+        EXPECT_EQ(heapx_stats(180).allocs, 1u);
+    }
+    tlg_hist_clear();
     heapx_stats_reset();
     EXPECT_EQ(section({}), "");
     EXPECT_EQ(heapx_stats(180).frees, 2u);
