@@ -204,12 +204,10 @@ Bytes device(uint32_t w0, uint32_t value, std::initializer_list<int> vsan_list, 
     return d;
 }
 
-void free_ns(zfx_device_ns_entry *entries, size_t n) {
+void release(zfx_device_ns_entry *entries, size_t n) {
     for (size_t i = 0; i < n; ++i) std::free(entries[i].pairs);
     std::free(entries);
 }
-
-void release(zfx_device_ns_entry *entries, size_t n) { free_ns(entries, n); }
 void release(zfx_device_entry *entries, size_t) { std::free(entries); }
 
 // A batch of two devices, the second asked VSAN by VSAN.
@@ -232,7 +230,7 @@ Row ns_view(const char *name, F call) {
                 if (failed())
                     return r == ZFX_ERR_NO_MEMORY && ns == untouched<zfx_device_ns_entry>() && count == 99 && kept;
                 const bool whole = r == 0 && count == 2 && !kept;
-                free_ns(ns, count);
+                release(ns, count);
                 return whole;
             }};
 }
