@@ -14,6 +14,7 @@
 #include <type_traits>
 #include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "capture.hpp"
@@ -203,12 +204,10 @@ Bytes device(uint32_t w0, uint32_t value, std::initializer_list<int> vsan_list, 
     return d;
 }
 
-void free_ns(zfx_device_ns_entry *entries, size_t n) {
+void release(zfx_device_ns_entry *entries, size_t n) {
     for (size_t i = 0; i < n; ++i) std::free(entries[i].pairs);
     std::free(entries);
 }
-
-void release(zfx_device_ns_entry *entries, size_t n) { free_ns(entries, n); }
 void release(zfx_device_entry *entries, size_t) { std::free(entries); }
 
 // A batch of two devices, the second asked VSAN by VSAN.
@@ -231,7 +230,7 @@ Row ns_view(const char *name, F call) {
                 if (failed())
                     return r == ZFX_ERR_NO_MEMORY && ns == untouched<zfx_device_ns_entry>() && count == 99 && kept;
                 const bool whole = r == 0 && count == 2 && !kept;
-                free_ns(ns, count);
+                release(ns, count);
                 return whole;
             }};
 }
@@ -332,12 +331,17 @@ std::vector<Row> zone_db_rows(const Prefix &p) {
 // ---- store lists ----------------------------------------------------------------------------------
 
 // A list builder on the store at location: on failure *list NULL and *size 0; a builder of the
-// standard allocator answers ZFX_ERR_NO_MEMORY, one of the tracked allocator (whose list the
-// feature's owner holds) answers 0 and reports the failure to the event history and, with the
-// failure messages switched on (every other run), to standard error in the same words.
+// standard allocator answers ZFX_ERR_NO_MEMORY, one of the tracked allocator (file names the source
+// that allocates the list, which the feature's owner holds) answers 0 and reports the failure,
+// naming the function and its file, to the event history and, with the failure messages switched
+// on (every other run), to standard error in the same words.
 template <typename List, typename F>
-Row list(const std::string &location, uint32_t entries, bool tracked, const char *name, F call) {
-    return {name, [location, call, entries, tracked] {
+Row list(const std::string &location, uint32_t entries, const char *file, const char *name, F call) {
+    const bool tracked = file != nullptr;
+    const std::string report(tracked ? "Memory allocation failed in " + std::string(name, std::strchr(name, '(')) +
+                                          R"(:[0-9]+ \(\.\./feature/zfx/lib/)" + file + R"(\))"
+                                    : "");
+    return {name, [location, call, entries, tracked, report] {
                 Reader r(location);
                 List *l = untouched<List>();
                 uint32_t size = 99;
@@ -354,7 +358,7 @@ Row list(const std::string &location, uint32_t entries, bool tracked, const char
                 tlg_hist_clear();
                 if (fail && tracked)
                     return l == nullptr && size == 0 && status == 0 && reported.size() == 1 &&
-                           printed == (messages ? "zfx: " + reported[0] + "\n" : "");
+                           testing::Value(reported[0], testing::MatchesRegex(report)) && printed == (messages ? "zfx: " + reported[0] + "\n" : "");
                 if (fail) return l == nullptr && size == 0 && status == ZFX_ERR_NO_MEMORY && reported.empty();
                 const bool whole = status == 0 && l != nullptr && ntohl(l->count) == entries && reported.empty() &&
                                    printed.empty() && owned == tracked;
@@ -369,13 +373,13 @@ Row list(const std::string &location, uint32_t entries, bool tracked, const char
 std::vector<Row> list_rows(const Prefix &p) {
     const std::string s = p.config();
     return {
-        list<zfx_vsan_topo_list>(s, 1, false, CALL(zfx_vsan_topo_config_get, at, ZFX_VT_TABLE, 0xFF, out, n)),
-        list<zfx2_afid_table_list>(s, 1, false, CALL(zfx2_afid_table_config_get, at, out, n, 1)),  // the default
-        list<zfx2_afid_table_list>(s, 1, false, CALL(zfx2_afid_table_config_get, at, out, n, 0)),
-        list<zfx2_sg_list>(s, 1, false, CALL(zfx2_sg_config_get, at, out, n, 1)),  // configured
-        list<zfx2_sg_list>(s, 1, false, CALL(zfx2_sg_config_get, at, out, n, 0)),  // active
-        list<zfx_rdi_list>(s, 1, true, CALL(zfx_rdi_get_next, at, -1, out, n)),
-        list<zfx2_pfcid_list>(s, 2, true, CALL(zfx2_pfcid_get_next, at, nullptr, -1, out, n)),
+        list<zfx_vsan_topo_list>(s, 1, nullptr, CALL(zfx_vsan_topo_config_get, at, ZFX_VT_TABLE, 0xFF, out, n)),
+        list<zfx2_afid_table_list>(s, 1, nullptr, CALL(zfx2_afid_table_config_get, at, out, n, 1)),  // the default
+        list<zfx2_afid_table_list>(s, 1, nullptr, CALL(zfx2_afid_table_config_get, at, out, n, 0)),
+        list<zfx2_sg_list>(s, 1, nullptr, CALL(zfx2_sg_config_get, at, out, n, 1)),  // configured
+        list<zfx2_sg_list>(s, 1, nullptr, CALL(zfx2_sg_config_get, at, out, n, 0)),  // active
+        list<zfx_rdi_list>(s, 1, "zfx_ascii_cfg", CALL(zfx_rdi_get_next, at, -1, out, n)),
+        list<zfx2_pfcid_list>(s, 2, "zfx2_pfcid_lib", CALL(zfx2_pfcid_get_next, at, nullptr, -1, out, n)),
     };
 }
 
@@ -465,14 +469,8 @@ std::vector<Row> text_rows(const Prefix &p) {
         text("zfx2_pfcid_generate_ascii_config", section(zfx2_pfcid_generate_ascii_config), kPfcid + "commit\n",
              {kPfcid + "commit\n"}),
         text("zfx_zone_generate_ascii_config", section(zones), kZone, {}),
-        // The entry with open stores: zfx_ascii_gen_from_kvdb on the configuration, then
-        // zfx_debug_ascii_gen_from_kvdb on the debug store.
-        text("zfx_ascii_cfg_generate",
-             [at, debug = p.debug()] {
-                 Reader config(at), levels(debug);
-                 return generate({{ZFX_GEN_STORE_CONFIG, config.get()}, {ZFX_GEN_STORE_DEBUG, levels.get()}});
-             },
-             all, blocks),
+        // The entry that opens the stores itself runs the whole generation, configuration then
+        // debug levels, as the entry handed open stores does (which allocates nothing of its own).
         text("zfx_ptxt_gen_func",
              [p = p.path()] {
                  int32_t status;

@@ -1,6 +1,5 @@
 // Virtual domains: both line forms among the global lines, the per-AFID list's bytes and
-// capacities, the longest range text, and the tracked allocation of the list (counters and the
-// failure report).
+// capacities, the longest range text, and the tracked allocation of the list (its counters).
 #include <climits>
 #include <string>
 #include <vector>
@@ -108,33 +107,21 @@ TEST(VirtualDomains, ListHoldsTheEntriesUpToItsCapacity) {
 }
 
 // The two tracked lists of a generation, the virtual domains' (made first) and the persistent
-// FCIDs'. That a failed list writes none of its lines and leaks nothing, the allocation-failure
-// sweep checks; here, the report: the allocating function, its file, to standard error too with
-// the debug print on, and the feature's owner counters.
-TEST(TrackedLists, AFailedListIsReportedAndWritesNothingOfItsOwn) {
-    const std::vector<Record> records = {rdi_rec(2, vsans({3})), pfcid_domain_rec(1, 10, 2, 20, 0x20)};
-    const struct {
-        const char *function, *file;
-        uint32_t nth;
-    } cases[] = {{"zfx_rdi_get_next", "zfx_ascii_cfg", 1}, {"zfx2_pfcid_get_next", "zfx2_pfcid_lib", 2}};
-    tlg_debug_enable(102, 1);
-    for (const auto &c : cases) {
+// FCIDs'. What a failed one writes and how it is reported, the allocation-failure sweep checks
+// with the library's own failures; here, one the allocator refuses takes the same path and is
+// counted under the feature's owner. Empty lists are released and counted too.
+TEST(TrackedLists, RefusedAndEmptyListsAreCounted) {
+    for (uint32_t nth : {1u, 2u}) {
         tlg_hist_clear();
         heapx_stats_reset();
-        Capture err(2);
-        heapx_fail_allocation(c.nth);
-        section(records);
+        heapx_fail_allocation(nth);
+        section({rdi_rec(2, vsans({3})), pfcid_domain_rec(1, 10, 2, 20, 0x20)});
         heapx_fail_allocation(0);
-        const std::string report = std::string("Memory allocation failed in ") + c.function +
-                                   R"(:[0-9]+ \(\.\./feature/zfx/lib/)" + c.file + R"(\))";
-        EXPECT_THAT(err.text(), testing::MatchesRegex("zfx: " + report + "\n"));
-        EXPECT_THAT(alloc_failures(), testing::ElementsAre(testing::MatchesRegex(report)));
+        EXPECT_EQ(alloc_failures().size(), 1u) << nth;
         EXPECT_EQ(heapx_stats(180).failures, 1u);
         EXPECT_EQ(heapx_stats(180).allocs, 1u);
     }
-    tlg_debug_enable(102, 0);
     tlg_hist_clear();
-    // Empty lists are released and counted too.
     heapx_stats_reset();
     EXPECT_EQ(section({}), "");
     EXPECT_EQ(heapx_stats(180).frees, 2u);
