@@ -172,7 +172,7 @@ void fill_field(uint8_t *info, const FieldRule &f, const Tlv &e) {
             break;
         case Fill::afid: {
             uint8_t word[4] = {};
-            tlv_copy(word, e, 4);
+            tlv_copy(word, e, sizeof word);
             store_le16(field, static_cast<uint16_t>(load_le32(word)));
             break;
         }
