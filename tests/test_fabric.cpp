@@ -232,12 +232,16 @@ TEST(Fabric, ServiceGroupListsAndLookups) {
         EXPECT_EQ(zfx2_get_default_sg_policy(store), policy);
 }
 
-// Every show returns 0, and a show of no list writes nothing. (Which sections ask for the commit
-// line, with records and without, the allocation sweep's section texts and the driver's commit
-// rules hold.)
-TEST(Fabric, ShowsReturnZeroAndWriteNothingOfNoList) {
+// The topology section asks for the commit line when its table holds records (its auto mode
+// does too, which hides this from the texts of stores that have both; the other sections' rule
+// is the allocation sweep's section texts and the driver's commit rules). Every show returns 0,
+// and a show of no list writes nothing.
+TEST(Fabric, TopologyAsksForTheCommitAndShowsReturnZero) {
     Stored full({topo_rec(5, kWwn, 3, vsans({1})), afid_rec(false, kWwn, 1, vsans({1})),
                  sg_member_rec(true, 1, 1, vsans({1})), sg_member_rec(false, 1, 2, vsans({2}))});
+    commit_reqd = 0;
+    generation_text([&](uint32_t h) { zfx_vsan_topology_generate_ascii_config(h, full.get()); });
+    EXPECT_EQ(commit_reqd, 1);
     zfx_vsan_topo_list *topo;
     zfx2_afid_table_list *afid;
     zfx2_sg_list *active, *cfg;
