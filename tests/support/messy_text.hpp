@@ -19,7 +19,8 @@ struct MessyText {
 // blank-and-tab lines anywhere, CRLF line ends on some lines, trailing blanks, every block line
 // indented by another mix of blanks and tabs, one to three blanks between words, upper-case
 // hexadecimal in WWNs, LUNs and FCIDs, and blocks of other features' lines between the zfx
-// commands (some starting with the same words as one). Names are left as they are.
+// commands (some starting with the same words as one), and sometimes no line end after the last
+// line. Names are left as they are.
 inline MessyText messy_text(const std::string &canonical, uint64_t seed) {
     uint64_t state = seed * 0x9E3779B97F4A7C15ull + 1;
     const auto below = [&state](uint32_t n) {
@@ -94,6 +95,7 @@ inline MessyText messy_text(const std::string &canonical, uint64_t seed) {
         end_line();
     }
     extras(true);
+    if (below(4) == 0) out.text.erase(out.text.find_last_not_of("\r\n") + 1);  // no line end after the last line
     return out;
 }
 
