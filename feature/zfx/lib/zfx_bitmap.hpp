@@ -57,8 +57,11 @@ inline uint32_t bit_count(const uint8_t *bits, uint32_t nbits) {
 // result, at the first call that returns nonzero (a visit that returns nothing never stops the
 // walk). Returns 0 otherwise. The bitmap is read eight bytes at a time, each byte once (a visit
 // must not change it): walking the set ids costs an eighth of its bytes plus one step per id.
+// A caller that knows how many ids are set gives that as most: the walk ends after that many
+// visits, without reading the rest of the bitmap.
 template <typename Visit>
-int32_t for_each_id(const uint8_t *bits, uint32_t nbits, Visit &&visit) {
+int32_t for_each_id(const uint8_t *bits, uint32_t nbits, Visit &&visit, uint32_t most = UINT32_MAX) {
+    if (most == 0) return 0;
     const auto call = [&](uint32_t id) -> int32_t {
         if constexpr (std::is_void_v<decltype(visit(id))>) {
             visit(id);
@@ -77,6 +80,7 @@ int32_t for_each_id(const uint8_t *bits, uint32_t nbits, Visit &&visit) {
             const uint32_t first = uint32_t(std::countl_zero(w));
             w ^= uint64_t(1) << (63 - first);
             if (const int32_t r = call(byte * 8 + first)) return r;
+            if (--most == 0) return 0;
         }
     }
     for (; byte < bytes; ++byte) {
@@ -85,6 +89,7 @@ int32_t for_each_id(const uint8_t *bits, uint32_t nbits, Visit &&visit) {
             const uint32_t first = uint32_t(std::countl_zero(uint8_t(b)));
             b ^= 0x80u >> first;
             if (const int32_t r = call(byte * 8 + first)) return r;
+            if (--most == 0) return 0;
         }
     }
     return 0;
