@@ -11,6 +11,7 @@
 
 #include <cstdlib>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "fabric.hpp"
@@ -18,6 +19,7 @@
 #include "store.hpp"
 #include "zfx_ascii_cfg.h"
 #include "zfx_bitmap.hpp"
+#include "zfx_tlv_walk.hpp"
 #include "zfx_fabric.h"
 #include "zfx_testing.h"
 #include "zfx_zone_db.h"
@@ -170,6 +172,65 @@ TEST(GenText, BitmapHelpersMatchABitByBitReading) {
                 if (zfx::bit_test(bits.data(), id)) end = id + 1, count += id != 0;
             EXPECT_EQ(zfx::bit_end(bits.data(), 8 * bytes), end) << bytes << " " << round;
             EXPECT_EQ(zfx::bit_count(bits.data(), 8 * bytes), count) << bytes << " " << round;
+            // Every id from 1 in order, and a visit that stops the walk stops it there.
+            std::vector<uint32_t> want, got;
+            for (uint32_t id = 1; id < 8 * bytes; ++id)
+                if (zfx::bit_test(bits.data(), id)) want.push_back(id);
+            EXPECT_EQ(zfx::for_each_id(bits.data(), 8 * bytes, [&](uint32_t id) { got.push_back(id); }), 0);
+            EXPECT_EQ(got, want) << bytes << " " << round;
+            if (!want.empty()) {
+                const uint32_t stop = want[want.size() / 2];
+                got.clear();
+                EXPECT_EQ(zfx::for_each_id(bits.data(), 8 * bytes, [&](uint32_t id) { got.push_back(id); return id == stop ? 7 : 0; }), 7);
+                EXPECT_EQ(got.back(), stop) << bytes << " " << round;
+                EXPECT_EQ(got.size(), want.size() / 2 + 1) << bytes << " " << round;
+                // Told how many to visit, it visits the first that many.
+                got.clear();
+                EXPECT_EQ(zfx::for_each_id(bits.data(), 8 * bytes, [&](uint32_t id) { got.push_back(id); }, uint32_t(want.size() / 2)), 0);
+                EXPECT_EQ(got, std::vector<uint32_t>(want.begin(), want.begin() + ptrdiff_t(want.size() / 2))) << bytes << " " << round;
+            }
+        }
+    }
+}
+
+// The walk that checks as it goes against a plain reading of the layout: on arrays whole, cut
+// short at every length, and with counts and element lengths that overrun, it must end ok exactly
+// when every element the count claims lies within the bytes, and give those elements.
+TEST(GenText, StepwiseTlvWalkMatchesAPlainReading) {
+    using Elem = std::tuple<uint16_t, uint16_t, const uint8_t *>;
+    const auto plain = [](const std::vector<uint8_t> &a, size_t avail, std::vector<Elem> &out) {
+        if (avail < 4) return false;
+        size_t off = 4;
+        for (uint32_t i = 0, n = zfx::load<uint32_t>(a.data()); i < n; ++i) {
+            if (off + 4 > avail) return false;
+            const uint16_t len = zfx::load<uint16_t>(a.data() + off + 2);
+            if (off + 4 + len > avail) return false;
+            out.emplace_back(zfx::load<uint16_t>(a.data() + off), len, len != 0 ? a.data() + off + 4 : nullptr);
+            off += 4 + (len + 3u) / 4 * 4;
+        }
+        return true;
+    };
+    uint64_t rng = 0x243f6a8885a308d3ull;
+    const auto next = [&] { return uint32_t((rng = rng * 6364136223846793005ull + 1442695040888963407ull) >> 33); };
+    for (uint32_t round = 0; round < 200; ++round) {
+        std::vector<uint8_t> a(4);
+        const uint32_t n = next() % 6;
+        for (uint32_t i = 0; i < n; ++i) {
+            const uint16_t len = uint16_t(next() % 3 == 0 ? next() % 20 : next() % 9);
+            const size_t at = a.size();
+            a.resize(at + 4 + (len + 3u) / 4 * 4);
+            zfx::store<uint16_t>(a.data() + at, uint16_t(next() % 7));
+            zfx::store<uint16_t>(a.data() + at + 2, len);
+        }
+        zfx::store<uint32_t>(a.data(), n + (round % 5 == 0 ? next() % 3 : 0));  // some claim more than they hold
+        if (round % 7 == 0 && n != 0) zfx::store<uint16_t>(a.data() + 6, uint16_t(0xFFF0));  // the first overruns
+        for (size_t avail = 0; avail <= a.size(); ++avail) {
+            std::vector<Elem> want, got;
+            const bool valid = plain(a, avail, want);
+            zfx::TlvWalk walk(a.data(), avail, zfx::TlvStepwise{});
+            for (zfx::Tlv e; walk.next(e);) got.emplace_back(e.type, e.len, e.value);
+            EXPECT_EQ(walk.ok(), valid) << round << " " << avail;
+            if (valid) EXPECT_EQ(got, want) << round << " " << avail;
         }
     }
 }

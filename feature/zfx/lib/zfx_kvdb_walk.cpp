@@ -32,15 +32,6 @@ size_t copy_value(void *dst, size_t size, const kvdb_datum *value) {
     return n;
 }
 
-int32_t key_check(const kvdb_datum *key, const KeyShape &shape) {
-    if (key == nullptr) return shape.bad_key;
-    if (key->len != shape.length) return shape.bad_length;
-    const uint8_t *k = static_cast<const uint8_t *>(key->data);
-    if (k == nullptr || k[0] != shape.table) return shape.bad_key;
-    if (shape.kinds != 0 && (shape.length < 2 || (kind_bit(k[1]) & shape.kinds) == 0)) return shape.bad_key;
-    return 0;
-}
-
 int32_t build_list(kvdb_store *store, const TableWalk &walk, const ListShape &shape, int32_t count,
                    ListAlloc alloc, FillEntry fill, const void *fill_arg, void **list, uint32_t *size) {
     *list = nullptr;

@@ -53,8 +53,16 @@ struct KeyShape {
 constexpr uint32_t kind_bit(uint8_t kind) { return kind < 32 ? 1u << kind : 0; }
 
 // Tests a NULL key, then the length, then the table byte, then the kind; the first failing test
-// decides the code. 0 when the key belongs to the table.
-int32_t key_check(const kvdb_datum *key, const KeyShape &shape);
+// decides the code. 0 when the key belongs to the table. Inline: every step of a walk asks it.
+inline int32_t key_check(const kvdb_datum *key, const KeyShape &shape) {
+    if (key == nullptr) return shape.bad_key;
+    if (key->len != shape.length) return shape.bad_length;
+    const uint8_t *k = static_cast<const uint8_t *>(key->data);
+    if (k == nullptr || k[0] != shape.table) return shape.bad_key;
+    if (shape.kinds != 0 && (shape.length < 2 || (kind_bit(k[1]) & shape.kinds) == 0)) return shape.bad_key;
+    return 0;
+}
+
 
 // ---- table walks -----------------------------------------------------------------------------------
 

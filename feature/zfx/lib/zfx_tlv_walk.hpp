@@ -61,6 +61,13 @@ bool tlv_array_valid(const void *array, size_t avail);
 // read): a TlvWalk made with it walks the array without checking it again.
 struct TlvChecked {};
 
+// Says that the array is to be checked as the walk goes, each element against the bytes available
+// before it is given out, with the same rules as tlv_array_valid: the walk reads each header once
+// instead of twice. It stops at the first element that does not lie within them, and ok() is
+// false from then on: a reader that may act only on a whole valid array collects what it walks
+// and acts once the walk has ended with ok().
+struct TlvStepwise {};
+
 class TlvWalk {
 public:
     TlvWalk(void *array, size_t avail)
@@ -68,6 +75,11 @@ public:
         count_ = ok_ ? load<uint32_t>(array_) : 0;
     }
     TlvWalk(void *array, TlvChecked) : array_(static_cast<uint8_t *>(array)), ok_(true), count_(load<uint32_t>(array_)) {}
+    TlvWalk(void *array, size_t avail, TlvStepwise) : array_(static_cast<uint8_t *>(array)), avail_(avail), stepwise_(true) {
+        // Every element takes at least its 4-byte header: a count above avail / 4 cannot hold.
+        ok_ = array_ != nullptr && avail >= 4 && load<uint32_t>(array_) <= (avail - 4) / 4;
+        count_ = ok_ ? load<uint32_t>(array_) : 0;
+    }
 
     bool ok() const { return ok_; }
     uint32_t count() const { return count_; }
@@ -76,6 +88,11 @@ public:
     bool next(Tlv &e) {
         if (seen_ == count_) return false;
         uint8_t *h = array_ + offset_;
+        if (stepwise_ && (uint64_t(offset_) + 4 > avail_ || uint64_t(offset_) + 4 + load<uint16_t>(h + 2) > avail_)) {
+            ok_ = false;
+            count_ = seen_;
+            return false;
+        }
         e.type = load<uint16_t>(h);
         e.len = load<uint16_t>(h + 2);
         e.value = e.len != 0 ? h + 4 : nullptr;
@@ -86,6 +103,8 @@ public:
 
 private:
     uint8_t *array_;
+    size_t avail_ = 0;
+    bool stepwise_ = false;
     bool ok_;
     uint32_t count_;
     uint32_t seen_ = 0;

@@ -164,11 +164,12 @@ private:
     Slot *slots_ = nullptr;
 };
 
-// for_each_id over the member ids a member bitmap element names.
+// for_each_id over the member ids a member bitmap element names; count_members(bits) of them,
+// when the caller has that count, as most.
 template <typename Visit>
-int32_t for_each_member(const Tlv &bits, Visit &&visit) {
+int32_t for_each_member(const Tlv &bits, Visit &&visit, uint32_t most = UINT32_MAX) {
     const uint32_t n = member_bytes(bits);
-    return n == 0 ? 0 : for_each_id(bits.value + 4, 8 * n, visit);
+    return n == 0 ? 0 : for_each_id(bits.value + 4, 8 * n, visit, most);
 }
 
 // The member records the zones ask for, found with one walk of the member table in key order and
@@ -369,7 +370,7 @@ int32_t zone_text(Section &s, uint32_t id) {
         if (value == nullptr || !view_member(value->data, value->len, m)) return ZFX_ERR_KVDB;
         member_line(s, m);
         return 0;
-    });
+    }, zone.members);  // counted from the same element when the record was checked
 }
 
 int32_t zoneset_text(Section &s, uint32_t id) {

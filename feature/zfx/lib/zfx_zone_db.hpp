@@ -40,8 +40,8 @@ struct MemberView {
     size_t alias_len;
 };
 
-// Views a stored member record of len bytes; false, with v untouched, when the record is shorter
-// than its head or its array does not lie within it.
+// Views a stored member record of len bytes; false when the record is shorter than its head or
+// its array does not lie within it (v then holds nothing to be used).
 bool view_member(const void *record, size_t len, MemberView &v);
 
 // Decodes a stored member record of len bytes into m (see zfx_zone_decode_member_from_kvdb_cfg):
