@@ -192,7 +192,10 @@ TEST(ZoneQuery, ActiveZoneset) {
         EXPECT_EQ(svc.last().summary(), "req 8601/1 t10 reply");
         EXPECT_EQ(svc.last().payload, cat({be32(1), le16(0x80), zeros(18), be32(0), le32(0)}));
     }
-    EXPECT_EQ(zfx_get_active_zoneset(nullptr, nullptr, nullptr), uint32_t(ZFX_ERR_INVALID_ARG));
+    char name[68];
+    uint8_t zones[1028];
+    EXPECT_EQ(zfx_get_active_zoneset(nullptr, name, nullptr), uint32_t(ZFX_ERR_INVALID_ARG));
+    EXPECT_EQ(zfx_get_active_zoneset(nullptr, nullptr, zones), uint32_t(ZFX_ERR_INVALID_ARG));
 }
 
 }  // namespace

@@ -118,6 +118,7 @@ TEST(ZoneTlv, CreateChecks) {
         {kZone, tlv_array({tlv(1, name)}), ZFX_ERR_CREATE_INCOMPLETE},  // nor a zoneset's name
         {kZoneset, tlv_array({tlv(1, name)}), 0},
         {kZoneset, tlv_array({tlv(56, name)}), ZFX_ERR_CREATE_INCOMPLETE},
+        {kZoneset, tlv_array({tlv(1, {})}), ZFX_ERR_CREATE_INCOMPLETE},  // a zoneset's name needs its value
         {kZone, cat({le32(200), tlv(6, name)}), ZFX_ERR_INVALID_ARG},  // count too big
         {kZone, overrun(kZone), ZFX_ERR_INVALID_ARG},
     };

@@ -95,7 +95,7 @@ struct Pass {
     void group(const zfx2_sg_entry &e, const char *word = "") {
         if (same_name(e.name, last)) return;
         std::memcpy(last, e.name, sizeof last);
-        Line(line, sizeof line).text(word).text("zfx service-group name ").text_max(e.name, 80).end().add(
+        Line(line, sizeof line).text(word).text("zfx service-group name ").text_max(e.name, sizeof e.name).end().add(
             handle, ZFX_ELEM_SERVICE_GROUP, kBaseLevel);
     }
     // A member line at level 1, its range text cut after the last run that fits the line.
@@ -209,7 +209,7 @@ int32_t zfx2_sg_table_config_show(uint32_t handle, const zfx2_sg_list *configure
         if (same_name(e.name, removed.last)) continue;
         std::memcpy(removed.last, e.name, sizeof removed.last);
         if (!in_configured.holds(i, active, SgIndex::kName)) {
-            Line(removed.line, sizeof removed.line).text("no zfx service-group name ").text_max(e.name, 80).end().add(
+            Line(removed.line, sizeof removed.line).text("no zfx service-group name ").text_max(e.name, sizeof e.name).end().add(
                 handle, ZFX_ELEM_SERVICE_GROUP, kBaseLevel);
         }
     }
