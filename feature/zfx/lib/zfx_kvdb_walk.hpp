@@ -63,7 +63,6 @@ inline int32_t key_check(const kvdb_datum *key, const KeyShape &shape) {
     return 0;
 }
 
-
 // ---- table walks -----------------------------------------------------------------------------------
 
 struct TableWalk {

@@ -76,7 +76,8 @@ public:
     }
     TlvWalk(void *array, TlvChecked) : array_(static_cast<uint8_t *>(array)), ok_(true), count_(load<uint32_t>(array_)) {}
     TlvWalk(void *array, size_t avail, TlvStepwise) : array_(static_cast<uint8_t *>(array)), avail_(avail), stepwise_(true) {
-        // Every element takes at least its 4-byte header: a count above avail / 4 cannot hold.
+        // Every element takes at least its 4-byte header, so a count above avail / 4 cannot hold;
+        // refusing it first keeps a walk bounded by the bytes, not by the claim.
         ok_ = array_ != nullptr && avail >= 4 && load<uint32_t>(array_) <= (avail - 4) / 4;
         count_ = ok_ ? load<uint32_t>(array_) : 0;
     }

@@ -210,28 +210,27 @@ bool view_member(const void *record, size_t len, MemberView &v) {
     auto *rec = static_cast<uint8_t *>(const_cast<void *>(record));  // walked, never written
     // One pass checks and reads the array.
     TlvWalk walk(rec + offsetof(zfx_member_rec_head, tlvs), len - offsetof(zfx_member_rec_head, tlvs), TlvStepwise{});
-    MemberView &m = v;
-    m = MemberView{};
-    m.type = rec[offsetof(zfx_member_rec_head, type)];
+    v = MemberView{};
+    v.type = rec[offsetof(zfx_member_rec_head, type)];
     for (Tlv e; walk.next(e);) {
         switch (e.type) {
             case ZFX_TLV_MEMBER_PWWN:
-                if (e.len >= 8) m.pwwn = e.value;
+                if (e.len >= 8) v.pwwn = e.value;
                 break;
             case ZFX_TLV_MEMBER_VSAN:
-                if (e.len >= 4) m.vsan = load_le32(e.value), m.has_vsan = true;
+                if (e.len >= 4) v.vsan = load_le32(e.value), v.has_vsan = true;
                 break;
             case ZFX_TLV_MEMBER_AFID:
-                if (e.len >= 4) m.afid = uint16_t(load_le32(e.value)), m.has_afid = true;
+                if (e.len >= 4) v.afid = uint16_t(load_le32(e.value)), v.has_afid = true;
                 break;
             case ZFX_TLV_MEMBER_LUN:
-                if (e.len >= 8) m.lun = e.value;
+                if (e.len >= 8) v.lun = e.value;
                 break;
             case ZFX_TLV_MEMBER_DEVICE_ALIAS:
                 // The characters up to the terminator, never past the value.
-                m.has_alias = true;
-                m.alias = reinterpret_cast<const char *>(e.value);
-                m.alias_len = e.value != nullptr ? strnlen(m.alias, e.len < ZFX_NAME_SIZE - 1 ? e.len : ZFX_NAME_SIZE - 1) : 0;
+                v.has_alias = true;
+                v.alias = reinterpret_cast<const char *>(e.value);
+                v.alias_len = e.value != nullptr ? strnlen(v.alias, e.len < ZFX_NAME_SIZE - 1 ? e.len : ZFX_NAME_SIZE - 1) : 0;
                 break;
             default: break;
         }
