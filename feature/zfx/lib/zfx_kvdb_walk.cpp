@@ -25,11 +25,9 @@ const kvdb_datum *fetch(kvdb_store *store, const void *key, uint32_t key_len, in
     return status == 0 ? v : nullptr;
 }
 
-size_t copy_value(void *dst, size_t size, const kvdb_datum *value) {
-    if (value == nullptr || value->data == nullptr) return 0;
-    const size_t n = value->len < size ? value->len : size;
-    std::memcpy(dst, value->data, n);
-    return n;
+void copy_value(void *dst, size_t size, const kvdb_datum *value) {
+    if (value == nullptr || value->data == nullptr) return;
+    std::memcpy(dst, value->data, value->len < size ? value->len : size);
 }
 
 int32_t build_list(kvdb_store *store, const TableWalk &walk, const ListShape &shape, int32_t count,

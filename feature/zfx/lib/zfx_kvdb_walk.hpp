@@ -20,8 +20,8 @@ namespace zfx {
 // data or length 0 is a value with no data.
 const kvdb_datum *fetch(kvdb_store *store, const void *key, uint32_t key_len, int32_t &status);
 
-// Copies at most size bytes of the value into dst; returns the bytes copied (0 for NULL).
-size_t copy_value(void *dst, size_t size, const kvdb_datum *value);
+// Copies at most size bytes of the value into dst (nothing for NULL or a value without data).
+void copy_value(void *dst, size_t size, const kvdb_datum *value);
 
 // True when the value holds at least len bytes (a shorter record counts as missing).
 inline bool holds(const kvdb_datum *value, uint32_t len) {
