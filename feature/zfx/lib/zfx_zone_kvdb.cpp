@@ -238,9 +238,9 @@ bool view_member(const void *record, size_t len, MemberView &v) {
     return walk.ok();
 }
 
-void decode_member(const void *record, size_t len, zfx_zone_member_node &m) {
+bool decode_member(const void *record, size_t len, zfx_zone_member_node &m) {
     MemberView v;
-    if (!view_member(record, len, v)) return;
+    if (!view_member(record, len, v)) return false;
     m.type = v.type;
     if (v.pwwn != nullptr) std::memcpy(m.pwwn, v.pwwn, sizeof m.pwwn);
     if (v.has_vsan) m.vsan = v.vsan;
@@ -250,6 +250,7 @@ void decode_member(const void *record, size_t len, zfx_zone_member_node &m) {
         if (v.alias_len != 0) std::memcpy(m.device_alias, v.alias, v.alias_len);
         m.device_alias[v.alias_len] = '\0';
     }
+    return true;
 }
 
 uint32_t active_total(kvdb_store *store) {
