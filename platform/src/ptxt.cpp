@@ -201,34 +201,51 @@ std::vector<size_t> render_order(const Generation &g) {
     return order;
 }
 
-// Renders the whole text, NUL-terminated, into a buffer from malloc (texts run to megabytes: one
-// copy of each line at most, no regrowth). With consume (the generation ends), a text that lies in
-// its generation's buffer in rendering order is that buffer, taken over as it is; otherwise it is
-// copied into a block sized exactly. Throws std::bad_alloc.
-Buffer render(Generation &g, uint32_t &len, bool consume) {
-    const std::vector<size_t> order = render_order(g);
+// The rendered text's length: every element's text, an open last line's "\n", the group lines.
+size_t rendered_size(const Generation &g) {
     size_t total = g.group_lines.size();
     for (const Element &e : g.elements) total += e.size + (e.open ? 1 : 0);
+    return total;
+}
+
+// Writes the rendered text at dst (rendered_size(g) + 1 bytes): the elements in order, each
+// open last line ended, then the group lines and the terminator. One copy of each line.
+void write_rendered(const Generation &g, const std::vector<size_t> &order, char *dst) {
+    for (size_t i : order) {
+        const Element &e = g.elements[i];
+        for (const Run &r : e.runs) {
+            std::memcpy(dst, g.text.data() + r.offset, r.len);
+            dst += r.len;
+        }
+        if (e.open) *dst++ = '\n';
+    }
+    std::memcpy(dst, g.group_lines.data(), g.group_lines.size());
+    dst[g.group_lines.size()] = '\0';
+}
+
+// Renders the text of a generation that ends, NUL-terminated: a text that lies in its
+// generation's buffer in rendering order is that buffer, taken over as it is; otherwise it is
+// written into a buffer sized exactly. Only the first len bytes (and the terminator) of the
+// result are its text. Throws std::bad_alloc.
+Buffer render_ending(Generation &g, uint32_t &len) {
+    const std::vector<size_t> order = render_order(g);
+    const size_t total = rendered_size(g);
     size_t at = 0;  // where the text rendered so far ends in the buffer, while it is in order
-    for (size_t i = 0; consume && i < order.size() && at != SIZE_MAX; ++i) {
+    for (size_t i = 0; i < order.size() && at != SIZE_MAX; ++i) {
         const Element &e = g.elements[order[i]];
         for (const Run &r : e.runs) at = r.offset == at ? at + r.len : SIZE_MAX;
         if (e.open) at = SIZE_MAX;  // its "\n" goes between it and the next element
     }
     Buffer out;
-    if (consume && at == g.text.size()) {
+    if (at == g.text.size()) {
         out = std::move(g.text);
+        out.reserve(g.group_lines.size() + 1);
+        out.put(0, g.group_lines.data(), g.group_lines.size());
+        out.data()[out.size()] = '\0';
     } else {
         out.reserve(total + 1);
-        for (size_t i : order) {
-            const Element &e = g.elements[i];
-            for (const Run &r : e.runs) out.put(0, g.text.data() + r.offset, r.len);
-            if (e.open) out.put(0, "\n", 1);
-        }
+        write_rendered(g, order, out.data());
     }
-    out.reserve(g.group_lines.size() + 1);
-    out.put(0, g.group_lines.data(), g.group_lines.size());
-    out.data()[out.size()] = '\0';
     len = uint32_t(total);
     return out;
 }
@@ -267,7 +284,7 @@ int32_t finish(uint32_t handle, Buffer &text, uint32_t &len) {
         forget(handle);
     }
     try {
-        text = render(*g, len, true);
+        text = render_ending(*g, len);
         return 0;
     } catch (const std::bad_alloc &) {
         return PTXT_ERR_NO_MEMORY;
@@ -351,10 +368,12 @@ int32_t ptxt_render(uint32_t handle, char **text, uint32_t *len) {
     *text = nullptr;
     uint32_t n = 0;
     const int32_t st = with_generation(handle, [&](Generation &g) {
-        const Buffer out = render(g, n, false);
-        *text = static_cast<char *>(std::malloc(size_t(n) + 1));
+        const std::vector<size_t> order = render_order(g);
+        const size_t total = rendered_size(g);
+        *text = static_cast<char *>(std::malloc(total + 1));
         if (*text == nullptr) return PTXT_ERR_NO_MEMORY;
-        std::memcpy(*text, out.data(), size_t(n) + 1);
+        write_rendered(g, order, *text);
+        n = uint32_t(total);
         return int32_t(0);
     });
     if (st == 0 && len != nullptr) *len = n;
