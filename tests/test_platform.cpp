@@ -83,6 +83,31 @@ TEST(Ptxt, PiecesJoinUntilTheLineEndsAndLinesTakeTheirFirstPiecesLevel) {
               "zone\n  member a    vsan 1\n  next\n\n      open\n    other\nlogging level zfx 7\nsecond\n");
 }
 
+// Indentation against a character-by-character reading of the rule, over random pieces: lines of
+// every length around the 16-byte blocks the service copies, empty lines, pieces ending mid-line.
+TEST(Ptxt, IndentationFollowsTheRuleOverRandomPieces) {
+    std::mt19937 rng(7);
+    for (int round = 0; round < 40; ++round) {
+        Gen g;
+        ptxt_elem_add(g.h, 180, 2, 11);
+        std::string expected;
+        bool open = false;
+        for (int piece = 0; piece < 16; ++piece) {
+            const uint32_t level = rng() % 4;
+            std::string text(rng() % 100, 'x');
+            for (char &c : text) c = rng() % 12 == 0 ? '\n' : char('a' + rng() % 26);
+            ASSERT_EQ(ptxt_elem_str_add_indent(g.h, 2, text.c_str(), level), 0);
+            for (char c : text) {
+                if (!open && c != '\n') expected.append(2 * level, ' ');
+                expected += c;
+                open = c != '\n';
+            }
+        }
+        if (open) expected += '\n';
+        ASSERT_EQ(g.text(), expected) << "round " << round;
+    }
+}
+
 // The statuses of bad calls; respond hands the message to the request's sink and ends the
 // generation (the entry point's tests see the text delivered, here what passes through).
 TEST(Ptxt, BadCallsAnswerTheirStatusesAndRespondEndsTheGeneration) {

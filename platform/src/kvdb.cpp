@@ -33,6 +33,14 @@ std::string_view view(const kvdb_datum &d) {
 
 kvdb_datum datum(std::string_view s) { return kvdb_datum{const_cast<char *>(s.data()), uint32_t(s.size())}; }
 
+// Copies a descriptor member by member. A backend writes one as a pointer and a 32-bit length;
+// read back at once, as the one wide load a plain copy compiles to, it would wait for both writes
+// to reach the cache instead of taking them as they go: a stall on every step of a walk.
+void copy_datum(kvdb_datum &to, const kvdb_datum &from) {
+    to.data = from.data;
+    to.len = from.len;
+}
+
 bool is_mem(const char *location) {
     return std::strncmp(location, KVDB_LOCATION_MEM_PREFIX, sizeof KVDB_LOCATION_MEM_PREFIX - 1) == 0;
 }
@@ -484,7 +492,7 @@ kvdb_datum *land(kvdb_store *store, kvdb_cursor *cursor, bool found, const kvdb_
     }
     if (++store->serials == 0) store->serials = 1;
     cursor->serial = store->cached = store->serials;
-    cursor->key = key;
+    copy_datum(cursor->key, key);
     return &cursor->key;
 }
 
@@ -555,7 +563,7 @@ kvdb_datum *kvdb_getvalue(kvdb_store *store, kvdb_cursor *cursor) {
     kvdb_datum v{};
     int32_t st = owns_position(store, cursor) ? store->current(v) : store->get(view(cursor->key), v);
     if (store->note(st) != 0) return nullptr;
-    cursor->value = v;
+    copy_datum(cursor->value, v);
     return &cursor->value;
 }
 

@@ -4,6 +4,10 @@
 
 #include <sys/mman.h>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -15,6 +19,29 @@
 #include <vector>
 
 namespace {
+
+// Copies the line at p (up to its "\n" and with it, or up to end when it has none) to d, which
+// has room for all of end - p; returns the line's length. The lines are short: where the text has
+// sixteen bytes left, a block is copied whole and searched at once, rather than searching the
+// line first and then copying it (the bytes a block copies past the line's end lie within the
+// room, and the next line overwrites them).
+size_t copy_line(char *d, const char *p, const char *end) {
+    size_t n = 0;
+#if defined(__SSE2__)
+    const __m128i nl = _mm_set1_epi8('\n');
+    for (; end - p - n >= 16; n += 16) {
+        const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p + n));
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(d + n), block);
+        if (const unsigned found = unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(block, nl))))
+            return n + size_t(__builtin_ctz(found)) + 1;
+    }
+#endif
+    const char *rest = p + n;
+    const char *nl_at = static_cast<const char *>(std::memchr(rest, '\n', size_t(end - rest)));
+    const size_t k = nl_at != nullptr ? size_t(nl_at - rest) + 1 : size_t(end - rest);
+    std::memcpy(d + n, rest, k);
+    return n + k;
+}
 
 // A generation's text lies in one buffer, in the order it was added; each element holds the runs
 // of it that are its own. A feature that adds its text in the order it renders (as features do)
@@ -55,11 +82,19 @@ public:
         data_ = static_cast<char *>(p);
         cap_ = cap;
     }
-    // Appends lead spaces (an indentation: a few), then the n characters at p (room reserved).
-    void put(size_t lead, const char *p, size_t n) {
+    // Appends the n characters at p (room reserved).
+    void put(const char *p, size_t n) {
+        std::memcpy(data_ + len_, p, n);
+        len_ += n;
+    }
+    // Appends lead spaces (an indentation: a few), then the line at p: up to its "\n" and with it, or up to end when it
+    // has none. Room is reserved for lead and all of end - p. Returns the line's length.
+    size_t put_line(size_t lead, const char *p, const char *end) {
         for (size_t i = 0; i < lead; ++i) data_[len_ + i] = ' ';
-        std::memcpy(data_ + len_ + lead, p, n);
-        len_ += lead + n;
+        len_ += lead;
+        const size_t n = copy_line(data_ + len_, p, end);
+        len_ += n;
+        return n;
     }
     void clear() { len_ = 0; }
     char *data() const { return data_; }
@@ -102,16 +137,14 @@ struct Element {
         if (runs.empty() || runs.back().offset + runs.back().len != buf.size()) runs.push_back(Run{buf.size(), 0});
         const size_t before = buf.size();
         if (indent == 0) {
-            buf.put(0, text, len);
+            buf.put(text, len);
             open = text[len - 1] != '\n';
         } else {
             for (const char *p = text, *end = text + len; p < end;) {
-                const char *nl = static_cast<const char *>(std::memchr(p, '\n', size_t(end - p)));
-                const bool whole = nl != nullptr;
-                const char *stop = whole ? nl : end;
-                buf.put(!open && stop != p ? indent : 0, p, size_t(stop - p) + (whole ? 1 : 0));
-                open = !whole;  // a last piece without its "\n" is never empty
-                p = stop + (whole ? 1 : 0);
+                // A line with text is indented, unless it goes on with an open one.
+                const size_t n = buf.put_line(!open && *p != '\n' ? indent : 0, p, end);
+                open = p[n - 1] != '\n';  // a last piece without its "\n" is never empty
+                p += n;
             }
         }
         runs.back().len += buf.size() - before;
@@ -240,7 +273,7 @@ Buffer render_ending(Generation &g, uint32_t &len) {
     if (at == g.text.size()) {
         out = std::move(g.text);
         out.reserve(g.group_lines.size() + 1);
-        out.put(0, g.group_lines.data(), g.group_lines.size());
+        out.put(g.group_lines.data(), g.group_lines.size());
         out.data()[out.size()] = '\0';
     } else {
         out.reserve(total + 1);

@@ -19,6 +19,8 @@ constexpr std::array<char, 200> kPairs = [] {
     for (int i = 0; i < 100; ++i) t[size_t(2 * i)] = char('0' + i / 10), t[size_t(2 * i + 1)] = char('0' + i % 10);
     return t;
 }();
+// 10 to 10^9: a number of k digits is below kPowers[k - 1].
+constexpr uint32_t kPowers[] = {10, 100, 1000, 10000, 100000, 1000000, 10000000, 100000000, 1000000000};
 
 }  // namespace
 
@@ -38,11 +40,20 @@ Line &Line::spaces(size_t k) {
 }
 
 Line &Line::dec(int32_t v, uint32_t width) {
-    // The magnitude as unsigned, so that INT32_MIN has one too; its digits two at a time, from
-    // the last pair back.
-    uint32_t u = v < 0 ? 0u - uint32_t(v) : uint32_t(v);
+    // The magnitude as unsigned, so that INT32_MIN has one too.
+    const uint32_t magnitude = v < 0 ? 0u - uint32_t(v) : uint32_t(v);
+    size_t digits = 1;
+    while (digits <= std::size(kPowers) && magnitude >= kPowers[digits - 1]) ++digits;
+    const size_t n = digits + (v < 0 ? 1 : 0);
+    if (width > n) spaces(width - n);
+    // The digits go straight to their place in the line, two at a time from the last pair back:
+    // written into a scratch first, the copy would read them back before they had reached the
+    // cache and wait for them. Only a number that the line's end cuts goes through the scratch.
     char tmp[12];
-    char *p = tmp + sizeof tmp;
+    const bool whole = n <= line_size_ - 1 - (len_ - start_);
+    char *const first = whole ? buf_ + len_ : tmp + sizeof tmp - n;
+    char *p = first + n;
+    uint32_t u = magnitude;
     for (; u >= 100; u /= 100) {
         p -= 2;
         std::memcpy(p, &kPairs[2 * (u % 100)], 2);
@@ -54,9 +65,9 @@ Line &Line::dec(int32_t v, uint32_t width) {
         *--p = char('0' + u);
     }
     if (v < 0) *--p = '-';
-    const size_t n = size_t(tmp + sizeof tmp - p);
-    spaces(std::max(size_t(width), n) - n);
-    return put(p, n);  // cut, when the line ends within it, as snprintf cuts it
+    if (!whole) return put(first, n);  // cut as snprintf cuts it
+    len_ += n;
+    return *this;
 }
 
 Line &Line::hex2(uint8_t b) {

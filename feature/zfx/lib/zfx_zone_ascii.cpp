@@ -322,8 +322,7 @@ void member_line(Section &s, const MemberView &m) {
     if (shape.pwwn) {
         plat_wwn wwn;
         std::memcpy(wwn.bytes, m.pwwn != nullptr ? m.pwwn : kZero, sizeof wwn.bytes);
-        fmt_wwn(zfx_sp_wwn_str, wwn);
-        line.text("member pwwn ").text(zfx_sp_wwn_str, FMT_WWN_SIZE - 1).text(" ");
+        line.text("member pwwn ").text(fmt_wwn(zfx_sp_wwn_str, wwn), FMT_WWN_SIZE - 1).text(" ");
     } else if (shape.alias) {
         line.text("member device-alias ").left(m.alias != nullptr ? m.alias : "", m.alias_len, 15).text(" ");
     }
