@@ -154,10 +154,16 @@ int32_t zfx2_sg_config_get(kvdb_store *store, zfx2_sg_list **list, uint32_t *siz
     const TableWalk walk{member_shape(is_cfg), start, sizeof start, sizeof(vsan_bitset)};
     const int32_t status = get_list(store, walk, fill_member, &state, list, size);
     if (status != 0) return status;
-    // Every entry carries its group's name: one lookup per member.
+    // Every entry carries its group's name. A group's members lie together (its id leads their
+    // keys): an entry of the same group as the one before takes its name from there, and the
+    // name is looked up once per group, not once per member.
     for (uint32_t i = 0, n = list_count(*list); i < n; ++i) {
         zfx2_sg_entry &e = (*list)->entries[i];
-        zfx2_sg_get_name_from_id(ntoh32(e.group_id), e.name, store, is_cfg);
+        const zfx2_sg_entry *before = i != 0 ? &(*list)->entries[i - 1] : nullptr;
+        if (before != nullptr && before->group_id == e.group_id)
+            std::memcpy(e.name, before->name, sizeof e.name);
+        else
+            zfx2_sg_get_name_from_id(ntoh32(e.group_id), e.name, store, is_cfg);
     }
     return 0;
 }
