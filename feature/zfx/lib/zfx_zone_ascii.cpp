@@ -35,6 +35,31 @@ constexpr const char *kQos[] = {nullptr, "low", "medium", "high"};
 // bitmap lie within it.
 constexpr size_t kRecordAhead = 512;
 
+// What a walk hands on N items late: an item's lines are asked of memory (read or written) when
+// the walk meets it, and it is handled N items later, so that the walk's waits on memory overlap
+// instead of coming one after another.
+template <typename T, uint32_t N>
+class Late {
+public:
+    // Keeps item, after handing the one kept N items before it (if any) to handle.
+    template <typename Handle>
+    void push(const T &item, Handle &&handle) {
+        T &slot = items_[n_++ % N];
+        if (n_ > N) handle(slot);
+        slot = item;
+    }
+    // Hands the items still kept to handle, in the order they came.
+    template <typename Handle>
+    void drain(Handle &&handle) {
+        for (uint32_t i = n_ > N ? n_ - N : 0; i < n_; ++i) handle(items_[i % N]);
+        n_ = 0;
+    }
+
+private:
+    T items_[N];
+    uint32_t n_ = 0;
+};
+
 // A zone or zoneset record, checked: its stored id, its name, its array (which lies within the
 // record: walk it with TlvChecked), and how many member ids its last member bitmap element names
 // (what the member index needs of a zone, taken while the record is at hand).
@@ -109,13 +134,12 @@ public:
         if (slots_ == nullptr) return;
         constexpr uint8_t start[2] = {ZFX_KVDB_ZONE_KEY, 0};
         constexpr KeyShape shape{ZFX_KVDB_ZONE_KEY, kind_bit(0), ZFX_ZONE_DB_KEY_SIZE, 1, 1};
-        // A record is checked kAhead records after the walk met it, its lines asked for when it
-        // was met: the walk's reads of the records overlap instead of waiting one by one.
+        // A record is checked kAhead records after the walk met it.
         struct Met {
             uint32_t id;
             kvdb_datum value;
-        } met[kAhead];
-        uint32_t n = 0;
+        };
+        Late<Met, kAhead> met;
         const auto check = [&](const Met &m) { slots_[m.id].found = check_named(&m.value, slots_[m.id].rec); };
         walk_table(store, TableWalk{shape, start, sizeof start}, UINT32_MAX, [&](const kvdb_datum &key, const kvdb_datum &value) {
             const uint8_t *k = static_cast<const uint8_t *>(key.data);
@@ -123,11 +147,9 @@ public:
             // Only the key a lookup of the id would ask for, and only a value the walk could read.
             if (load_le16(k + 4) != 0 || id >= limit_ || value.data == nullptr) return;
             prefetch_value(value.data, value.len);
-            Met &m = met[n++ % kAhead];
-            if (n > kAhead) check(m);
-            m = Met{id, value};
+            met.push(Met{id, value}, check);
         });
-        for (uint32_t i = n > kAhead ? n - kAhead : 0; i < n; ++i) check(met[i % kAhead]);
+        met.drain(check);
     }
     ~ZoneTable() { std::free(slots_); }
     ZoneTable(const ZoneTable &) = delete;
@@ -214,6 +236,14 @@ public:
         }
         constexpr uint8_t start[2] = {ZFX_KVDB_ZONE_MEMBER_KEY, 0};
         constexpr KeyShape shape{ZFX_KVDB_ZONE_MEMBER_KEY, kind_bit(0), ZFX_ZONE_DB_KEY_SIZE, 1, 1};
+        // An entry is written 16 records after the walk asked for its place: the places lie all
+        // over the index (a zone's group takes one record of each member id).
+        struct Held {
+            Entry *place;
+            Entry entry;
+        };
+        Late<Held, 16> held;
+        const auto write = [](const Held &h) { *h.place = h.entry; };
         walk_table(store, TableWalk{shape, start, sizeof start}, UINT32_MAX, [&](const kvdb_datum &key, const kvdb_datum &value) {
             const uint8_t *k = static_cast<const uint8_t *>(key.data);
             const uint32_t zone = load_le16(k + 4);
@@ -224,8 +254,11 @@ public:
             if (zone >= groups_ || ends_[zone] == starts_[zone + 1] || value.data == nullptr || value.len == 0 ||
                 value.len > UINT16_MAX)
                 return;
-            entries_[ends_[zone]++] = Entry{static_cast<const uint8_t *>(value.data), uint16_t(value.len), load_le16(k + 2)};
+            Entry *place = &entries_[ends_[zone]++];
+            __builtin_prefetch(place, 1);
+            held.push(Held{place, Entry{static_cast<const uint8_t *>(value.data), uint16_t(value.len), load_le16(k + 2)}}, write);
         });
+        held.drain(write);
     }
     ~MemberIndex() { release(); }
     MemberIndex(const MemberIndex &) = delete;
