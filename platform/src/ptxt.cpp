@@ -87,8 +87,9 @@ public:
         std::memcpy(data_ + len_, p, n);
         len_ += n;
     }
-    // Appends lead spaces (an indentation: a few), then the line at p: up to its "\n" and with it, or up to end when it
-    // has none. Room is reserved for lead and all of end - p. Returns the line's length.
+    // Appends lead spaces (an indentation: a few), then the line at p: up to its "\n" and with
+    // it, or up to end when it has none. Room is reserved for lead and all of end - p. Returns
+    // the line's length.
     size_t put_line(size_t lead, const char *p, const char *end) {
         for (size_t i = 0; i < lead; ++i) data_[len_ + i] = ' ';
         len_ += lead;
