@@ -95,17 +95,19 @@ Found check_named(const kvdb_datum *value, NamedRecord &rec) {
     if (value->data == nullptr || value->len == 0) return Found::empty;
     const size_t array_off = offsetof(zfx_zone_rec_head, tlvs);
     auto *data = static_cast<uint8_t *>(value->data);
-    if (value->len < sizeof(zfx_zone_rec_head) || !tlv_array_valid(data + array_off, value->len - array_off))
-        return Found::failed;
+    if (value->len < sizeof(zfx_zone_rec_head)) return Found::failed;
+    // One pass checks the array and finds the last member bitmap element (it counts, as in the
+    // zone pass).
+    Tlv members{};
+    TlvWalk walk(data + array_off, value->len - array_off, TlvStepwise{});
+    for (Tlv e; walk.next(e);)
+        if (e.type == ZFX_TLV_ZONE_MEMBERS) members = e;
+    if (!walk.ok()) return Found::failed;
     rec.id = load_le16(data);
     rec.name = reinterpret_cast<const char *>(data + offsetof(zfx_zone_rec_head, name));
     rec.name_len = uint8_t(strnlen(rec.name, ZFX_NAME_SIZE - 1));
     rec.array = data + array_off;
     rec.len = value->len;
-    Tlv members{};  // the last member bitmap element counts, as in the zone pass
-    TlvWalk walk(rec.array, TlvChecked{});
-    for (Tlv e; walk.next(e);)
-        if (e.type == ZFX_TLV_ZONE_MEMBERS) members = e;
     rec.members = uint16_t(count_members(members));
     return Found::yes;
 }
