@@ -482,7 +482,7 @@ void vsan_bitset_to_bitarray(const vsan_bitset *set, uint8_t *array, int32_t len
 
 void vsan_bitset_from_bitarray(vsan_bitset *set, const uint8_t *array, int32_t length) {
     vsan_bitset_clear(set);
-    if (array == nullptr || length <= 0) return;
+    if (array == nullptr) return;
     const int32_t n = length < kBytes ? length : kBytes;
     for (int32_t i = 0; i < n; ++i) set->bits[i] = uint8_t(byte_bitswap(array[i]));
 }

@@ -85,7 +85,7 @@ int32_t add_elems(void *array, uint32_t capacity, const ElemList &list) {
 uint32_t member_size(const MemberElems &e) { return sizeof(zfx_member_rec_head) + e.list.bytes(); }
 
 // Writes the member's head and array at `at`, within room bytes. Returns the bytes written, or 0
-// when they do not fit or an add is refused.
+// when they do not fit. The array is sized to its elements, so every add fits.
 uint32_t write_member(uint8_t *at, size_t room, const zfx_zone_member_node &m, const MemberElems &e) {
     const uint32_t size = member_size(e);
     if (size > room) return 0;
@@ -93,7 +93,8 @@ uint32_t write_member(uint8_t *at, size_t room, const zfx_zone_member_node &m, c
     at[2] = uint8_t(m.type);
     at[3] = 0;
     store_le32(at + 4, 0);
-    return add_elems(at + 4, size - 4, e.list) == 0 ? size : 0;
+    add_elems(at + 4, size - 4, e.list);
+    return size;
 }
 
 // The elements of a tree, in order.
@@ -310,10 +311,7 @@ void *zfx_zone_encode_zone_member_to_kvdb(const zfx_zone_member_node *member, ui
     const uint32_t size = member_size(e);
     auto *rec = static_cast<uint8_t *>(mem_zalloc(size));
     if (rec == nullptr) return nullptr;
-    if (write_member(rec, size, *member, e) == 0) {
-        std::free(rec);
-        return nullptr;
-    }
+    write_member(rec, size, *member, e);
     *length = size;
     return rec;
 }
