@@ -22,40 +22,46 @@ Bytes info_record(uint32_t key, const std::string &text = "") {
     return b;
 }
 
+// Each request as sent. Every one is answered with a reply beside status 6: the ones that hand
+// the channel's result back give 6 (the zoneset status the reply too), the info reads nothing.
 TEST(DlgStatus, RequestsOnTheWire) {
     zfx_status_reply *sr = nullptr;
     void *raw = nullptr;
     const Bytes one_zero = cat({be32(1), be32(0)});
     const struct {
-        std::function<void(plat_endpoint *)> call;
+        std::function<int32_t(plat_endpoint *)> call;
         const char *sent;
         Bytes payload;
     } cases[] = {
-        {[&](auto ep) { zfx_is_zfx_enabled(ep, &sr); }, "req 8626/1 t15 reply", zeros(4)},
-        {[&](auto ep) { zfx_is_zfx_enabled_ext(ep, &sr); }, "req 8626/1 t15 reply", vsan_form(2, {})},
-        {[](auto ep) { zfx_is_zfx_enabled_send(ep, 77); }, "send 8626/1 @fe000000 tag77", zeros(4)},
+        {[&](auto ep) { return zfx_is_zfx_enabled(ep, &sr); }, "req 8626/1 t15 reply", zeros(4)},
+        {[&](auto ep) { return zfx_is_zfx_enabled_ext(ep, &sr); }, "req 8626/1 t15 reply", vsan_form(2, {})},
+        {[](auto ep) { return zfx_is_zfx_enabled_send(ep, 77); }, "send 8626/1 @fe000000 tag77", zeros(4)},
         // VSAN 0 asks for no VSAN at all; 4095 is the last one a set holds.
-        {[](auto ep) { zfx_is_zfx_nat_enabled_in_vsan_send(ep, 0, 5); }, "send 8626/1 @fe000000 tag5", vsan_form(1, {})},
-        {[](auto ep) { zfx_is_zfx_nat_enabled_in_vsan_send(ep, 4095, 5); }, "send 8626/1 @fe000000 tag5",
+        {[](auto ep) { return zfx_is_zfx_nat_enabled_in_vsan_send(ep, 0, 5); }, "send 8626/1 @fe000000 tag5",
+         vsan_form(1, {})},
+        {[](auto ep) { return zfx_is_zfx_nat_enabled_in_vsan_send(ep, 4095, 5); }, "send 8626/1 @fe000000 tag5",
          vsan_form(1, {4095})},
-        {[](auto ep) { zfx_set_fcdomain_check_ignore(ep, 9); }, "req 8647/3 t5", one_zero},
-        {[](auto ep) { zfx_set_fcdomain_check_ignore(ep, 0); }, "req 8647/4 t5", one_zero},
-        {[](auto ep) { zfx_dlg_set_info(ep, 7, -7, "ZFX", 9); }, "req 8605/3 t10 a=ZFX b9", info_record(7, "-7")},
-        {[](auto ep) { std::free(zfx_dlg_get_info(ep, 0x01020304)); }, "req 8605/1 t4 reply", info_record(0x01020304)},
-        {[](auto ep) { std::free(zfx_dlg_get_info_with_timeout(ep, 5, 30)); }, "req 8605/1 t30 reply", info_record(5)},
-        {[&](auto ep) { zfx_dlg_get_zoneset_status(ep, 2, 3, &raw); }, "req 8616/2 t10 reply", cat({be32(1), be32(3)})},
-        {[](auto ep) { zfx_dlg_get_zoneset_status(ep, 6, 0xFFFFFFFFu, nullptr); }, "req 8616/6 t10",
+        {[](auto ep) { return zfx_set_fcdomain_check_ignore(ep, 9); }, "req 8647/3 t5", one_zero},
+        {[](auto ep) { return zfx_set_fcdomain_check_ignore(ep, 0); }, "req 8647/4 t5", one_zero},
+        {[](auto ep) { return zfx_dlg_set_info(ep, 7, -7, "ZFX", 9); }, "req 8605/3 t10 a=ZFX b9", info_record(7, "-7")},
+        {[](auto ep) { return zfx_dlg_get_info_with_timeout(ep, 5, 30) == nullptr ? 6 : 0; }, "req 8605/1 t30 reply",
+         info_record(5)},
+        {[&](auto ep) { return zfx_dlg_get_zoneset_status(ep, 2, 3, &raw); }, "req 8616/2 t10 reply", cat({be32(1), be32(3)})},
+        {[](auto ep) { return zfx_dlg_get_zoneset_status(ep, 6, 0xFFFFFFFFu, nullptr); }, "req 8616/6 t10",
          cat({be32(0), be32(0xFFFFFFFFu)})},
     };
     for (const auto &c : cases) {
         FakeService svc;
-        c.call(svc.ep());
+        svc.answer(Answer::reply_with({1, 2, 3}, 6));
+        EXPECT_EQ(c.call(svc.ep()), 6) << c.sent;
         std::free(sr);
         sr = nullptr;
         ASSERT_EQ(svc.sent().size(), 1u) << c.sent;
         EXPECT_EQ(svc.last().summary(), c.sent);
         EXPECT_EQ(svc.last().payload, c.payload) << c.sent << "\n" << hex(svc.last().payload);
     }
+    EXPECT_EQ(bytes_of(raw, 3), (Bytes{1, 2, 3}));
+    std::free(raw);
 }
 
 TEST(DlgStatus, EnabledReplyOrSubstitute) {
@@ -123,15 +129,13 @@ TEST(DlgStatus, SplitEnabledAndNatQueries) {
     }
     EXPECT_EQ(zfx_is_zfx_enabled_parse(nullptr, nullptr), ZFX_ERR_INVALID_ARG);
 
-    // Send results (a send and a received reply meet in the service suite).
+    // A failed send, and VSANs out of range (a send and a received reply meet in the service suite).
     FakeService svc;
     svc.answer(Answer::failure(EIO));
-    svc.answer(Answer::status(9));
     EXPECT_EQ(zfx_is_zfx_enabled_send(svc.ep(), 1), ZFX_ERR_CHANNEL);
-    EXPECT_EQ(zfx_is_zfx_nat_enabled_in_vsan_send(svc.ep(), 3, 1), 9);
     EXPECT_EQ(zfx_is_zfx_nat_enabled_in_vsan_send(svc.ep(), -1, 1), ZFX_ERR_INVALID_VALUE);
     EXPECT_EQ(zfx_is_zfx_nat_enabled_in_vsan_send(svc.ep(), 4096, 1), ZFX_ERR_INVALID_VALUE);
-    EXPECT_EQ(svc.sent().size(), 2u);
+    EXPECT_EQ(svc.sent().size(), 1u);
 }
 
 TEST(DlgStatus, InfoReadsCheckTheirReply) {
@@ -185,20 +189,6 @@ TEST(DlgStatus, InfoReadsCheckTheirReply) {
             EXPECT_EQ(sent.summary() + hex(sent.payload), "req 8605/1 t4 reply" + hex(info_record(18)));
     }
     zfx_dlg_get_info_activate_time(nullptr, nullptr);  // refused before the endpoint is used
-}
-
-// These hand the channel's result back as it is, -1 included, and the zoneset status reply.
-TEST(DlgStatus, PassThroughResults) {
-    for (const Answer &a : {Answer::failure(EIO), Answer::status(0x12345), Answer::reply_with({1, 2, 3}, 6)}) {
-        FakeService svc;
-        for (int i = 0; i < 3; ++i) svc.answer(a);
-        EXPECT_EQ(zfx_set_fcdomain_check_ignore(svc.ep(), 1), a.result);
-        EXPECT_EQ(zfx_dlg_set_info(svc.ep(), 1, 1, nullptr, 0), a.result);
-        void *reply = &svc;
-        EXPECT_EQ(zfx_dlg_get_zoneset_status(svc.ep(), 1, 1, &reply), a.result);
-        EXPECT_EQ(reply != nullptr ? bytes_of(reply, 3) : Bytes{}, a.reply.value_or(Bytes{}));
-        std::free(reply);
-    }
 }
 
 }  // namespace
