@@ -222,7 +222,6 @@ TEST(DeviceEntry, SendsAndPerVsanRequest) {
         Answer answer;
         int32_t result;
     } cases[] = {
-        {Answer::reply_with({1, 2, 3, 4}), 0},
         {Answer::failure(ENOENT), ZFX_ERR_ERRNO(ENOENT)},
         {Answer::reply_with({9}, 5), 5},
     };
