@@ -1,5 +1,6 @@
 // Status queries of the feature's service: the exact request each function sends, the reply
 // conversions, the mapping of channel results, and short or missing replies.
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -64,52 +65,29 @@ TEST(DlgStatus, RequestsOnTheWire) {
     std::free(raw);
 }
 
-TEST(DlgStatus, EnabledReplyOrSubstitute) {
-    const Bytes good = cat({be32(1), be32(0x0A0B0C0D), be32(3), {0x01}});
+// One status reply, received by the split queries (NAT and enabled) and answering the waited
+// ones. The enabled forms give the reply with its three words in host order; the waited ones
+// otherwise a zero substitute of 48 readable bytes, and an errno code for a failed channel call.
+TEST(DlgStatus, EnabledAndNatRepliesWaitedOrSplit) {
     const struct {
-        Answer answer;
-        int32_t result;
-    } cases[] = {
-        {Answer::reply_with(good), 0},
-        {Answer::failure(ENOENT), int32_t(0x809A0002)},
-        {Answer::status(5), 5},
-        {Answer::reply_with(good, 5), 5},  // a reply beside a status is released
-        {Answer::none(), ZFX_ERR_INVALID_ARG},
-        {Answer::reply_with(Bytes(good.begin(), good.end() - 1)), ZFX_ERR_INVALID_ARG},
-    };
-    for (auto fn : {zfx_is_zfx_enabled, zfx_is_zfx_enabled_ext}) {
-        for (const auto &c : cases) {
-            FakeService svc;
-            svc.answer(c.answer);
-            zfx_status_reply *reply = nullptr;
-            EXPECT_EQ(fn(svc.ep(), &reply), c.result);
-            ASSERT_NE(reply, nullptr);
-            // Either the reply in host order, or a zero substitute of 48 readable bytes.
-            EXPECT_EQ(bytes_of(reply, c.result == 0 ? 13 : 48),
-                      c.result == 0 ? cat({le32(1), le32(0x0A0B0C0D), le32(3), {1}}) : zeros(48));
-            std::free(reply);
-        }
-        EXPECT_EQ(fn(nullptr, nullptr), ZFX_ERR_INVALID_ARG) << "refused before the endpoint is used";
-    }
-}
-
-TEST(DlgStatus, SplitEnabledAndNatQueries) {
-    const struct {
-        int32_t status;
+        int32_t status;  // -1: the channel call failed
         Bytes payload;
         int32_t result;
         uint32_t nat;
     } cases[] = {
-        {0, cat({be32(1), be32(2), be32(3), {0x01}}), 0, 1},
+        {0, cat({be32(1), be32(0x0A0B0C0D), be32(3), {0x01}}), 0, 1},
         {0, cat({be32(1), be32(2), be32(3), {0xFE}}), 0, 0},
         {0, cat({be32(0), be32(2), be32(3), {0x01}}), 0, 0},
         {0, cat({{1, 0, 0, 0}, be32(2), be32(3), {0x03}}), 0, 1},  // word 0 read in network order
         {7, {}, 7, 0},
+        {5, cat({be32(1), be32(2), be32(3), {0x01}}), 5, 0},  // a reply beside a status is released
         {-1, {}, ZFX_ERR_CHANNEL, 0},
         {0, zeros(12), ZFX_ERR_INVALID_ARG, 0},
         {0, {}, ZFX_ERR_INVALID_ARG, 0},
     };
     for (const auto &c : cases) {
+        Bytes host = c.payload;
+        for (size_t w = 0; c.result == 0 && w < 3; ++w) std::reverse(host.begin() + 4 * long(w), host.begin() + 4 * long(w + 1));
         const plat_msg_info info{8626, 1, 0, 110, 0, 1, c.status};
         plat_msg *msg = plat_msg_new(&info, c.payload.data(), uint32_t(c.payload.size()));
         uint32_t flag = 5, len;
@@ -121,12 +99,23 @@ TEST(DlgStatus, SplitEnabledAndNatQueries) {
         auto *reply = reinterpret_cast<zfx_status_reply *>(&flag);
         EXPECT_EQ(zfx_is_zfx_enabled_parse(msg, &reply), c.result);
         EXPECT_EQ(static_cast<const void *>(reply), c.result == 0 ? payload : nullptr);
-        if (c.result == 0) {  // converted in place
-            EXPECT_EQ(reply->status2, 2u);
-            EXPECT_EQ(reply->status3, 3u);
-        }
+        EXPECT_EQ(bytes_of(payload, len), host) << "converted in place";
         plat_msg_free(msg);
+
+        for (auto fn : {zfx_is_zfx_enabled, zfx_is_zfx_enabled_ext}) {
+            FakeService svc;
+            svc.answer(c.status == -1        ? Answer::failure(ENOENT)
+                       : !c.payload.empty() ? Answer::reply_with(c.payload, c.status)
+                                            : Answer::status(c.status));
+            zfx_status_reply *waited = nullptr;
+            EXPECT_EQ(fn(svc.ep(), &waited), c.status == -1 ? ZFX_ERR_ERRNO(ENOENT) : c.result);
+            ASSERT_NE(waited, nullptr);
+            EXPECT_EQ(bytes_of(waited, c.result == 0 ? 13 : 48), c.result == 0 ? host : zeros(48));
+            std::free(waited);
+        }
     }
+    for (auto fn : {zfx_is_zfx_enabled, zfx_is_zfx_enabled_ext})
+        EXPECT_EQ(fn(nullptr, nullptr), ZFX_ERR_INVALID_ARG) << "refused before the endpoint is used";
     EXPECT_EQ(zfx_is_zfx_enabled_parse(nullptr, nullptr), ZFX_ERR_INVALID_ARG);
 
     // A failed send, and VSANs out of range (a send and a received reply meet in the service suite).
