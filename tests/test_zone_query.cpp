@@ -116,6 +116,7 @@ TEST(ZoneQuery, DataQueriesFillTheirStructures) {
     std::memset(&zone, 0xCC, sizeof zone);
     zone.id = 0x0102;
     ASSERT_EQ(zfx_dlg_get_zone_data(svc.ep(), 1, &zone, 0x40), 0u);
+    EXPECT_EQ(svc.last().payload, cat({be32(1), le16(0x40), zeros(2), be32(0x0102), le32(0)}));
     EXPECT_EQ(zone.id, 0x0102u);
     EXPECT_EQ(std::string(zone.name), chars(64));
     EXPECT_EQ(bytes_of(zone.members, 260), members);
@@ -150,6 +151,8 @@ TEST(ZoneQuery, DataQueriesFillTheirStructures) {
     member.id = 3;
     member.zone_id = 4;
     ASSERT_EQ(zfx_dlg_get_zone_member_data(svc.ep(), 5, &member, 0), 0u);
+    EXPECT_EQ(svc.last().summary(), "req 8603/5 t10 reply");
+    EXPECT_EQ(svc.last().payload, cat({be32(1), zeros(4), be32(4), be32(3), le32(0)}));
     EXPECT_EQ(bytes_of(&member, 14), cat({le32(3), le32(4), le32(241), le16(7)}));
     EXPECT_EQ(bytes_of(member.pwwn, 16), cat({wwn, wwn}));
     EXPECT_EQ(bytes_of(&member.vsan, 4), be32(10));  // as received
