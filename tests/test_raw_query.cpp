@@ -36,8 +36,6 @@ TEST(RawQuery, MessagesOnTheWire) {
     } cases[] = {
         {[&](plat_endpoint *ep) { return zfx_send_get_native_domain(ep, 0x01020304, 0xAABBCCDD, &sent); },
          "raw 0/198657 @fe000001 reply", cat({be32(0x01020304), le32(0xAABBCCDD)})},
-        {[&](plat_endpoint *ep) { return zfx_send_get_proxy_domain_list(ep, 5, &sent); }, "raw 0/8615 @fe000001 reply",
-         be32(5)},
         {[&](plat_endpoint *ep) {
              const dir_query q{.scope = 0x0102, .attributes = DIR_ATTR_ALL};
              return dir_send_get_entry_given_portname(ep, 0x20000011, 0x22334455, &q, &sent);
