@@ -1,9 +1,10 @@
-// Allocation failure, swept: every exported function that allocates is run with its 1st, 2nd, ...
-// allocation failing until a run makes no more allocations than the one that fails. Each run must
-// give the function's documented failure value, hand out nothing (no list, no record, no
-// half-written section of the configuration text, no out-parameter left pointing at a released
-// block) and leak nothing: the tracked allocator's blocks are counted here after every run, the
-// standard allocator's by LeakSanitizer at exit.
+// Allocation failure, swept: every exported function that allocates (one of each set sharing a
+// body: the unchecked decoders, the wrappers of a request, the kinds of a zone query or record)
+// is run with its 1st, 2nd, ... allocation failing until a run makes no more allocations than the
+// one that fails. Each run must give the function's documented failure value, hand out nothing
+// (no list, no record, no half-written section of the configuration text, no out-parameter left
+// pointing at a released block) and leak nothing: the tracked allocator's blocks are counted here
+// after every run, the standard allocator's by LeakSanitizer at exit.
 #include <arpa/inet.h>
 
 #include <cerrno>
@@ -50,11 +51,10 @@ bool failed() { return zfx_testing_allocation_count() >= g_nth; }
 
 // One exported function: run() sets up, calls it once, and returns whether the outcome is the
 // documented one: its failure value when failed(), its whole result otherwise (which it releases).
-// allocates: a run without failure makes at least one allocation.
+// A run without failure makes at least one allocation.
 struct Row {
     std::string name;
     std::function<bool()> run;
-    bool allocates = true;
 };
 
 // A row's name and call: the function with its arguments as written, in which ep, at, out and n
@@ -140,9 +140,7 @@ Row enabled(Answer answer, int32_t expected, const char *name, F call) {
             }};
 }
 
-// A zone, zone member and zoneset message as the service answers a query.
-const Bytes kZoneReply = cat({be32(1), zeros(4), be32(7), tlv_array({tlv(6, str0("z1")), tlv(45, le32(2))})});
-const Bytes kMemberReply = cat({be32(1), zeros(4), be32(7), be32(3), tlv_array({tlv(27, be32(0)), tlv(10, kWwn)})});
+// A zoneset message as the service answers a query.
 const Bytes kZonesetReply =
     cat({be32(1), zeros(20), be32(5), tlv_array({tlv(1, str0("zs1")), tlv(61, cat({le32(1024), zeros(1024)}))})});
 
@@ -175,16 +173,9 @@ std::vector<Row> request_rows() {
         malloc_one(CALL(zfx_dlg_malloc_one_zoneset_and_all_attribs)),
         request(CALL(zfx_dlg_config_zone_member, ep, 2, "z1", 3, 4, 0, kWwn.data(), nullptr, 10, 2, nullptr, 0)),
         request(CALL(zfx_dlg_config_zone_all_attrib, ep, 2, "z", "n2", 9, 3, 1, nullptr, 0)),
-        request(CALL(zfx_dlg_config_zone_attrib, ep, 2, "z", nullptr, 9, 1, 0, nullptr, 0)),
-        request(CALL(zfx_dlg_config_zone, ep, 2, "z", nullptr, nullptr, 0)),
         request(CALL(zfx_dlg_config_zoneset_all_attrib, ep, 2, "s", "s2", 4, "z", nullptr, nullptr, 0)),
-        request(CALL(zfx_dlg_config_zoneset, ep, 2, "s", nullptr, "z", nullptr, 0)),
         query<zfx_zoneset_msg *>(kZonesetReply, CALL(zfx_dlg_get_zoneset, ep, 1, "zs1", 5, out, 1, 0)),
-        query<zfx_zone_msg *>(kZoneReply, CALL(zfx_dlg_get_zone, ep, 1, "z1", 7, out, 1, 0)),
-        query<zfx_zone_member_msg *>(kMemberReply, CALL(zfx_dlg_get_zone_member, ep, 1, nullptr, 3, 7, out, 1, 0)),
         query<zfx_zoneset_info>(kZonesetReply, CALL(zfx_dlg_get_zoneset_data, ep, 1, out, 0)),
-        query<zfx_zone_info>(kZoneReply, CALL(zfx_dlg_get_zone_data, ep, 1, out, 0)),
-        query<zfx_zone_member_info>(kMemberReply, CALL(zfx_dlg_get_zone_member_data, ep, 1, out, 0)),
         query<ActiveZoneset>(kZonesetReply, CALL(zfx_get_active_zoneset, ep, out->name, out->zones)),
     };
 }
@@ -271,9 +262,7 @@ std::vector<Row> device_rows() {
         ns_view(CALL(zfx_device_ns_entry_get_next, ep, at, out, n)),
         ns_view(CALL(zfx2_device_ns_entry_get_next, ep, at, out, n)),
         decoder<zfx_device_entry>(CALL(zfx2_device_entry_parse_checked, at->data(), uint32_t(at->size()), out, n)),
-        decoder<zfx_device_entry>(CALL(zfx2_device_entry_parse, at->data(), out, n)),
         decoder<zfx_device_ns_entry>(CALL(zfx2_device_ns_entry_parse_checked, at->data(), uint32_t(at->size()), out, n)),
-        decoder<zfx_device_ns_entry>(CALL(zfx2_device_ns_entry_parse, at->data(), out, n)),
     };
 }
 
@@ -305,7 +294,6 @@ Row encoder(uint32_t length_on_failure, const char *name, F call) {
 std::vector<Row> zone_db_rows(const Prefix &p) {
     const std::string location = p.config();
     return {
-        encoder(12345, CALL(zfx_zone_encode_zone_to_kvdb, &at->z, n)),
         encoder(12345, CALL(zfx_zone_encode_zone_member_to_kvdb, &at->alias, n)),
         encoder(12345, CALL(zfx_zone_encode_zoneset_to_kvdb, &at->set, n)),
         encoder(0, CALL(zfx_zone_zoneset_to_persistent_kvdb_data, &at->set, n)),
@@ -318,13 +306,6 @@ std::vector<Row> zone_db_rows(const Prefix &p) {
              std::free(data);
              return whole;
          }},
-        {"zfx_zone_decode_member_from_kvdb_cfg",
-         [] {
-             const Bytes rec = cat({le16(1), {ZFX_MEMBER_PWWN, 0}, tlv_array({tlv(10, kWwn)})});
-             zfx_zone_member_node m{};
-             return zfx_zone_decode_member_from_kvdb_cfg(rec.data(), &m) == 0 && bytes_of(m.pwwn, 8) == kWwn;
-         },
-         false},
     };
 }
 
@@ -506,7 +487,7 @@ TEST(AllocFailure, EveryAllocationOfEveryFunctionTakesItsDocumentedPath) {
             EXPECT_EQ(heapx_stats(kOwner).bytes_in_use, 0u) << row.name << " with allocation " << nth;
             if (!reached) break;
         }
-        EXPECT_EQ(nth > 1, row.allocates) << row.name << ": " << nth - 1 << " allocations";
+        EXPECT_GT(nth, 1u) << row.name << " makes no allocation";
     }
 }
 

@@ -40,10 +40,6 @@ TEST(VirtualDomains, LinesOfBothFormsStandAmongTheGlobalLines) {
          {rdi_rec(1, vsans({1})), {{0x79, 0, 2, 0, 0}, vsans({2})}, rdi_rec(3, vsans({3}))}, add2 + "1  vsan-ranges 1\n"},
         {"never a commit of their own", {distribute_rec(1), vdom_list_rec(vsans({7})), rdi_rec(5, vsans({8}))},
          "zfx distribute\n" + add + "7\n" + add2 + "5  vsan-ranges 8\n"},
-        {"after distribution, before the flags",
-         {aam_rec(1), flags_rec(0x13), nat_rec(1), distribute_rec(1), vdom_list_rec(vsans({7})), rdi_rec(5, vsans({8}))},
-         "zfx nat\nzfx distribute\n" + add + "7 force\n" + add2 +
-             "5  vsan-ranges 8\nzfx fcdomain check-ignore\nzfx share-hw-entries\nzfx aam register\nzfx commit\n"},
     };
     for (const auto &c : cases) EXPECT_EQ(section(c.records), c.expected) << c.name;
 }

@@ -172,7 +172,6 @@ TEST(Routing, NextHopAndNatRequests) {
         bool asked;
         Bytes after;  // vsan, sid, did
     } nat[] = {
-        {20, 0, Answer::reply_with(cat({le32(0x0A0B0C), le32(0x0D0E0F)})), true, cat({le32(20), le32(0x0A0B0C), le32(0x0D0E0F)})},
         {4096, 0, Answer::reply_with(cat({le32(1), le32(2)})), true, cat({le32(4096), le32(1), le32(2)})},
         {20, 0, Answer::reply_with(zeros(7)), true, unchanged}, {20, 0, Answer::failure(EIO), true, unchanged},
         {10, 0, Answer::none(), false, unchanged},              {4097, 0, Answer::none(), false, unchanged},
