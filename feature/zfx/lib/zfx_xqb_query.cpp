@@ -32,7 +32,7 @@ int32_t receive_reply(plat_endpoint *ep, xqb_msg *sent, xqb_msg *reply, uint32_t
     do {
         r = xqb_recv(ep, reply, &opts);
     } while (r == -1 && errno == EINTR);
-    return r < 0 ? r : 0;
+    return r;
 }
 
 // The reply's payload when its status word is 0 and it holds need bytes; otherwise NULL and
