@@ -106,14 +106,19 @@ TEST(ZoneQuery, DataQueriesFillTheirStructures) {
     FakeService svc;
     const Bytes members = cat({le32(256), Bytes(256, 0x81)}), attr = {1, 2, 3, 4, 5, 6, 7, 8};
     const Bytes wwn = {1, 2, 3, 4, 5, 6, 7, 8};
-    // Zone: a 70-character name keeps 64; read-only converted; QoS as received; others (another
-    // kind's elements too) passed over.
+    // Zone: a 70-character name keeps 64; read-only converted, its word alone taken from a longer
+    // value (the structure ends there); QoS as received; others (another kind's elements too)
+    // passed over.
     svc.answer(Answer::reply_with(cat({be32(1), zeros(4), be32(0x0102),
                                        tlv_array({tlv(6, str0(chars(70))), tlv(7, members), tlv(9, attr), tlv(45, le32(3)),
-                                                  tlv(59, be32(1)), tlv(99, zeros(12)), tlv(1, str0("set"))})})));
+                                                  tlv(59, cat({be32(1), {9, 9}})), tlv(99, zeros(12)), tlv(1, str0("set"))})})));
     svc.answer(Answer::reply_with(cat({be32(1), zeros(4), be32(3), tlv_array({tlv(45, le32(0)), tlv(6, {'a', 'b'})})})));
-    zfx_zone_info zone;
-    std::memset(&zone, 0xCC, sizeof zone);
+    struct {
+        zfx_zone_info info;
+        uint8_t guard[4];
+    } guarded;
+    std::memset(&guarded, 0xCC, sizeof guarded);
+    zfx_zone_info &zone = guarded.info;
     zone.id = 0x0102;
     ASSERT_EQ(zfx_dlg_get_zone_data(svc.ep(), 1, &zone, 0x40), 0u);
     EXPECT_EQ(svc.last().payload, cat({be32(1), le16(0x40), zeros(2), be32(0x0102), le32(0)}));
@@ -121,7 +126,7 @@ TEST(ZoneQuery, DataQueriesFillTheirStructures) {
     EXPECT_EQ(std::string(zone.name), chars(64));
     EXPECT_EQ(bytes_of(zone.members, 260), members);
     EXPECT_EQ(bytes_of(zone.attributes, 8), attr);
-    EXPECT_EQ(bytes_of(&zone.qos_set, 12), cat({le32(1), le32(3), le32(1)}));  // qos set, qos, read-only
+    EXPECT_EQ(bytes_of(&zone.qos_set, 16), cat({le32(1), le32(3), le32(1), Bytes(4, 0xCC)}));  // qos set, qos, read-only
     zone.id = 3;
     ASSERT_EQ(zfx_dlg_get_zone_data(svc.ep(), 1, &zone, 0), 0u);
     EXPECT_EQ(zone.qos_set, 0u);

@@ -268,10 +268,11 @@ uint32_t active_total(kvdb_store *store) {
 uint32_t read_active(kvdb_store *store, void *data, uint32_t size) {
     auto *out = static_cast<uint8_t *>(data);
     uint8_t key[ZFX_ZONE_DB_KEY_SIZE];
-    // The chunks' own lengths decide; the first missing number ends the data.
+    // The chunks' own lengths decide; the first missing number ends the data, and so does the
+    // last number a key holds (the count wraps to 0 past it).
     uint32_t filled = 0;
-    for (uint32_t n = 1; n <= UINT16_MAX && filled < size; ++n) {
-        zfx_zone_db_key(key, ZFX_KVDB_ACTIVE_ZONESET_KEY, 0, uint16_t(n));
+    for (uint16_t n = 1; n != 0 && filled < size; ++n) {
+        zfx_zone_db_key(key, ZFX_KVDB_ACTIVE_ZONESET_KEY, 0, n);
         int32_t status;
         const kvdb_datum *chunk = fetch(store, key, sizeof key, status);
         if (chunk == nullptr) break;
