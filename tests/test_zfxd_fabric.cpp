@@ -29,8 +29,7 @@ constexpr uint32_t kDevices = 3 * ZFXD_DEVICE_BATCH + 7;
 constexpr uint32_t kVsans[] = {10, 20, 30, 40};
 
 // A fabric description of kDevices devices in shuffled order: every fourth with values per VSAN
-// (one VSAN of its set left without a value), every device in one to four VSANs; native domains
-// for three VSANs, proxy domains, next hops and NAT rewrites for a few flows.
+// (one VSAN of its set left without a value), every device in one to four VSANs.
 std::string fabric_text() {
     std::mt19937 rng(7);
     std::vector<uint32_t> order(kDevices);
@@ -52,10 +51,6 @@ std::string fabric_text() {
         t += i % 4 == 0 ? " per-vsan " + per : " value " + std::to_string(i * 3);
         t += format(" node 20:00:00:24:ff:%02x:%02x:%02x name host-%u afid %u\n", i >> 16, (i >> 8) & 0xFF, i & 0xFF, i, 1 + i % 2);
     }
-    t += "native-domain 10 1\nnative-domain 20 0x2\nnative-domain 30 239\n";
-    t += "proxy-domains 10 5,3,239\nproxy-domains 40 1\n";
-    t += "next-hop 10 2 20\nnext-hop 10 3 30\nnext-hop 20 1 10\n";
-    t += "nat 10 20 0x010000 0x020001 0x140001 0x140002\nnat 20 10 0x020001 0x010000 0x0a0009 0x0a0008\n";
     return t;
 }
 
