@@ -74,12 +74,16 @@ uint8_t *array_of(Msg *m) { return reinterpret_cast<uint8_t *>(m) + 8; }
 // object, the enabled status three ways and NAT in a VSAN.
 std::string answers(plat_endpoint *ep) {
     zfx_zone_info z{.id = 2};
-    zfx_zone_member_info m{.id = 2, .zone_id = 2};
-    const uint32_t zr = zfx_dlg_get_zone_data(ep, ZFXD_OP_GET, &z, 0), mr = zfx_dlg_get_zone_member_data(ep, ZFXD_OP_GET, &m, 0);
+    const uint32_t zr = zfx_dlg_get_zone_data(ep, ZFXD_OP_GET, &z, 0);
     std::string out = format("zone %u: %u %s qos %u/%u ro %u members %s\n", zr, z.id, z.name, z.qos_set, z.qos, z.read_only,
                              hex(bytes_of(z.members + 4, 8)).c_str());
-    out += format("member %u: type %u vsan %u afid %u alias %s lun %s\n", mr, m.type, m.vsan, m.afid, m.device_alias,
-                  hex(bytes_of(m.lun, 8)).c_str());
+    // A member by its port WWN and one by its alias: what a reply lacks is left zero.
+    for (uint32_t id : {1u, 2u}) {
+        zfx_zone_member_info m{.id = id, .zone_id = 2};
+        const uint32_t mr = zfx_dlg_get_zone_member_data(ep, ZFXD_OP_GET, &m, 0);
+        out += format("member %u: type %u vsan %u afid %u alias %s wwn %s lun %s\n", mr, m.type, m.vsan, m.afid, m.device_alias,
+                      hex(bytes_of(m.pwwn, 8)).c_str(), hex(bytes_of(m.lun, 8)).c_str());
+    }
     char name[ZFX_NAME_SIZE] = "none";
     uint8_t zones[ZFX_ZONESET_ZONES_SIZE] = {};
     const uint32_t active = zfx_get_active_zoneset(ep, name, zones);
@@ -194,7 +198,8 @@ TEST(Zfxd, EveryRequestBuildsTheDatabaseTheToolsWouldWriteAndARestartKeepsIt) {
 
     const std::string want =
         "zone 0: 2 db qos 1/3 ro 0 members 60 00 00 00 00 00 00 00 \n"
-        "member 0: type 241 vsan 20 afid 7 alias array-b lun 00 01 00 00 00 00 00 00 \n"
+        "member 0: type 240 vsan 20 afid 1 alias  wwn 50 06 01 60 3b 20 11 4a  lun 00 01 00 00 00 00 00 00 \n"
+        "member 0: type 241 vsan 20 afid 7 alias array-b wwn 00 00 00 00 00 00 00 00  lun 00 01 00 00 00 00 00 00 \n"
         "active 0 prod 60 00 \ninfo 1 = 3\ninfo 2 = 2\ninfo 3 = 4\ninfo 4 = 1\ninfo 32 = 1\ninfo 34 = 1\n"
         "activated yes\nmembers 4 3\nall: zones 0/3 zonesets 0/2 web members 0/2\n"
         "enabled 0/1 ext 0/1 version 1\nsplit enabled 1\nnat in vsan 10: 1\n";
