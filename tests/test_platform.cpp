@@ -66,45 +66,35 @@ TEST(Ptxt, ElementsRenderInDependencyOrderWithDeclarationOrderBreakingTies) {
     }
 }
 
-TEST(Ptxt, PiecesJoinUntilTheLineEndsAndLinesTakeTheirFirstPiecesLevel) {
-    Gen g;
-    ptxt_elem_add(g.h, 180, 2, 11);
-    ptxt_elem_add(g.h, 180, 3, 11);
-    ptxt_elem_str_add_indent(g.h, 2, "zone\n", 0);
-    ptxt_elem_str_add_indent(g.h, 2, "member a ", 1);
-    ptxt_elem_str_add_indent(g.h, 3, "other\n", 2);  // another element's line does not interrupt
-    ptxt_elem_str_add_indent(g.h, 2, "   ", 2);
-    ptxt_elem_str_add_indent(g.h, 2, "vsan 1\nnext\n\n", 1);
-    ptxt_elem_str_add_indent(g.h, 2, "open", 3);
-    ptxt_elem_group_config_str_add(g.h, 115, 0, 3, "logging level zfx 7\n");
-    ptxt_elem_group_config_str_add(g.h, 115, 0, 3, "second");
-    ptxt_elem_group_config_str_add(g.h, 115, 0, 3, "");
-    EXPECT_EQ(g.text(),
-              "zone\n  member a    vsan 1\n  next\n\n      open\n    other\nlogging level zfx 7\nsecond\n");
-}
-
-// Indentation against a character-by-character reading of the rule, over random pieces: lines of
-// every length around the 16-byte blocks the service copies, empty lines, pieces ending mid-line.
-TEST(Ptxt, IndentationFollowsTheRuleOverRandomPieces) {
+// Joining and indentation against a character-by-character reading of the rule, over random
+// pieces given to two elements in turn: lines of every length around the 16-byte blocks the
+// service copies, empty lines, pieces ending mid-line. A line takes its first piece's level and
+// runs on until a newline, whatever the other element got in between; every element's text ends
+// its line, and the group's lines (each ended) come last.
+TEST(Ptxt, PiecesJoinAndIndentByTheRuleOverRandomPieces) {
     std::mt19937 rng(7);
     for (int round = 0; round < 40; ++round) {
         Gen g;
-        ptxt_elem_add(g.h, 180, 2, 11);
-        std::string expected;
-        bool open = false;
+        for (uint32_t e : {2u, 3u}) ptxt_elem_add(g.h, 180, e, 11);
+        std::string expected[2], group;
+        bool open[2] = {};
         for (int piece = 0; piece < 16; ++piece) {
-            const uint32_t level = rng() % 4;
+            const uint32_t e = rng() % 2, level = rng() % 4;
             std::string text(rng() % 100, 'x');
             for (char &c : text) c = rng() % 12 == 0 ? '\n' : char('a' + rng() % 26);
-            ASSERT_EQ(ptxt_elem_str_add_indent(g.h, 2, text.c_str(), level), 0);
+            ASSERT_EQ(ptxt_elem_str_add_indent(g.h, 2 + e, text.c_str(), level), 0);
             for (char c : text) {
-                if (!open && c != '\n') expected.append(2 * level, ' ');
-                expected += c;
-                open = c != '\n';
+                if (!open[e] && c != '\n') expected[e].append(2 * level, ' ');
+                expected[e] += c;
+                open[e] = c != '\n';
             }
+            const std::string line = std::string(rng() % 3, 'g') + (rng() % 2 != 0 ? "\n" : "");
+            ASSERT_EQ(ptxt_elem_group_config_str_add(g.h, 115, 0, 3, line.c_str()), 0);
+            if (!line.empty()) group += line.back() == '\n' ? line : line + '\n';
         }
-        if (open) expected += '\n';
-        ASSERT_EQ(g.text(), expected) << "round " << round;
+        for (int e : {0, 1})
+            if (open[e]) expected[e] += '\n';
+        ASSERT_EQ(g.text(), expected[0] + expected[1] + group) << "round " << round;
     }
 }
 
@@ -171,15 +161,11 @@ TEST(Tree, InsertsInOrderAndWalksLikeASortedSet) {
     tree_destroy(nullptr);
 }
 
-// WWNs as eight lowercase pairs, written in FMT_WWN_SIZE bytes; no LUN is no text. (The LUN
-// forms are the configuration text's: the golden texts, the edge fabrics' digests and the tools'
-// text round trip hold them.)
-TEST(Fmt, WwnAndLunText) {
-    char buf[FMT_WWN_SIZE + 1];
-    buf[FMT_WWN_SIZE] = 'x';
-    EXPECT_STREQ(fmt_wwn(buf, plat_wwn{{0x20, 0, 0, 0x11, 0xAB, 0x33, 0x44, 0xFF}}), "20:00:00:11:ab:33:44:ff");
-    EXPECT_EQ(buf[FMT_WWN_SIZE], 'x');
+// No buffer is no text, and no LUN is an empty one. (What they write is the configuration
+// text's, into buffers of exactly their size: the golden texts and the tools' round trips.)
+TEST(Fmt, NoBufferOrNoLun) {
     EXPECT_EQ(fmt_wwn(nullptr, plat_wwn{}), nullptr);
+    EXPECT_EQ(fmt_lun(nullptr, nullptr), nullptr);
     char out[FMT_LUN_SIZE] = "z";
     EXPECT_EQ(fmt_lun(out, nullptr), out);
     EXPECT_STREQ(out, "");

@@ -1,7 +1,7 @@
 // zfxd's handlers driven by the library's own request and query functions, through the in-process
 // transport: one scripted scenario builds a zone database with every kind of request, and after
 // every change the store holds exactly what the tools' writer would write for the same database;
-// the generated text is the golden one; a restart on the same store answers every query alike;
+// the generated text is the golden one; a restart on the same store answers the queries alike;
 // and every refused request leaves the store untouched.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
@@ -14,6 +14,7 @@
 #include "platform/dlg.h"
 #include "service.hpp"
 #include "store.hpp"
+#include "store_guard.hpp"
 #include "zfx_service.h"
 #include "zfx_zone_db.h"
 #include "zfx_zone_msg.h"
@@ -28,14 +29,10 @@ using zfxtool::format;
 bool zone_db_key(const Bytes &k) { return k[0] >= ZFX_KVDB_ZONE_DB_HEADER_KEY && k[0] <= ZFX_KVDB_ACTIVE_ZONESET_KEY; }
 
 std::vector<Record> records(const std::string &location, bool zone_db_only) {
-    Reader r(location);
     std::vector<Record> out;
-    kvdb_cursor c{};
-    for (kvdb_datum *k = kvdb_move2location(r.get(), KVDB_LOC_FIRST, &c); k != nullptr; k = kvdb_move2location(r.get(), KVDB_LOC_NEXT, &c)) {
-        const kvdb_datum *v = kvdb_getvalue(r.get(), &c);
-        Record rec{bytes_of(k->data, k->len), bytes_of(v->data, v->len)};
-        if (!zone_db_only || zone_db_key(rec.first)) out.push_back(rec);
-    }
+    zfxtool::walk_store(location, [&](const uint8_t *k, uint32_t klen, const uint8_t *v, uint32_t vlen) {
+        if (!zone_db_only || zone_db_key(Bytes(k, k + klen))) out.push_back({Bytes(k, k + klen), Bytes(v, v + vlen)});
+    });
     return out;
 }
 
@@ -72,32 +69,25 @@ uint32_t activation(plat_endpoint *ep, uint32_t op, const char *name, uint32_t f
 template <typename Msg>
 uint8_t *array_of(Msg *m) { return reinterpret_cast<uint8_t *>(m) + 8; }
 
-// Every query the library has, answered into one text: equal texts, equal answers.
-std::string everything(plat_endpoint *ep) {
-    std::string out;
-    for (uint32_t id = 1; id <= 4; ++id) {
-        zfx_zone_info z{.id = id};
-        if (zfx_dlg_get_zone_data(ep, ZFXD_OP_GET, &z, 0) != 0) continue;
-        out += format("zone %u %s qos %u/%u ro %u members %s\n", z.id, z.name, z.qos_set, z.qos, z.read_only, hex(bytes_of(z.members + 4, 8)).c_str());
-        for (uint32_t m = 1; m <= 12; ++m) {
-            zfx_zone_member_info mi{.id = m, .zone_id = id};
-            if (zfx_dlg_get_zone_member_data(ep, ZFXD_OP_GET, &mi, 0) != 0) continue;
-            out += format("  member %u type %u vsan %u afid %u alias %s wwn %s lun %s\n", mi.id, mi.type, mi.vsan, mi.afid, mi.device_alias,
-                          hex(bytes_of(mi.pwwn, 8)).c_str(), hex(bytes_of(mi.lun, 8)).c_str());
-        }
-    }
-    for (uint32_t id = 1; id <= 3; ++id) {
-        zfx_zoneset_info s{.id = id};
-        if (zfx_dlg_get_zoneset_data(ep, ZFXD_OP_GET, &s, 0) == 0)
-            out += format("zoneset %u %s zones %s info %s\n", s.id, s.name, hex(bytes_of(s.zones + 4, 2)).c_str(), hex(bytes_of(s.information, 8)).c_str());
+// What the queries answer that the zfx commands' end-to-end run does not show, as one text: a
+// zone's data and a member's, the active zoneset, the info values, the message queries for every
+// object, the enabled status three ways and NAT in a VSAN.
+std::string answers(plat_endpoint *ep) {
+    zfx_zone_info z{.id = 2};
+    const uint32_t zr = zfx_dlg_get_zone_data(ep, ZFXD_OP_GET, &z, 0);
+    std::string out = format("zone %u: %u %s qos %u/%u ro %u members %s\n", zr, z.id, z.name, z.qos_set, z.qos, z.read_only,
+                             hex(bytes_of(z.members + 4, 8)).c_str());
+    // A member by its port WWN and one by its alias: what a reply lacks is left zero.
+    for (uint32_t id : {1u, 2u}) {
+        zfx_zone_member_info m{.id = id, .zone_id = 2};
+        const uint32_t mr = zfx_dlg_get_zone_member_data(ep, ZFXD_OP_GET, &m, 0);
+        out += format("member %u: type %u vsan %u afid %u alias %s wwn %s lun %s\n", mr, m.type, m.vsan, m.afid, m.device_alias,
+                      hex(bytes_of(m.pwwn, 8)).c_str(), hex(bytes_of(m.lun, 8)).c_str());
     }
     char name[ZFX_NAME_SIZE] = "none";
     uint8_t zones[ZFX_ZONESET_ZONES_SIZE] = {};
     const uint32_t active = zfx_get_active_zoneset(ep, name, zones);
     out += format("active %u %s %s\n", active, name, hex(bytes_of(zones + 4, 2)).c_str());
-    void *status = nullptr;
-    out += format("status %u\n", zfx_dlg_get_zoneset_status(ep, ZFXD_OP_GET, ZFX_ZONESET_ID_ALL, &status));
-    std::free(status);
     for (uint32_t key : {ZFXD_INFO_ZONES, ZFXD_INFO_ZONESETS, ZFXD_INFO_MEMBERS, ZFXD_INFO_ACTIVE_ZONESET, ZFXD_INFO_DEFAULT_ZONE, ZFXD_INFO_CHECK_IGNORE})
         out += format("info %u = %s\n", key, zfx_dlg_get_info_char(ep, key));
     zfx_time_value t{};
@@ -110,11 +100,11 @@ std::string everything(plat_endpoint *ep) {
     zfx_zone_msg *zones_reply = nullptr;
     zfx_zoneset_msg *sets_reply = nullptr;
     zfx_zone_member_msg *members_reply = nullptr;
-    const uint32_t zr = zfx_dlg_get_zone(ep, ZFXD_OP_GET, nullptr, 0, &zones_reply, 1, 0);
-    const uint32_t sr = zfx_dlg_get_zoneset(ep, ZFXD_OP_GET, nullptr, 0, &sets_reply, 1, 0);
-    const uint32_t mr = zfx_dlg_get_zone_member(ep, ZFXD_OP_GET, "web", 0, 0, &members_reply, 1, 0);
-    out += format("all: zones %u/%u zonesets %u/%u web members %u/%u\n", zr, zones_reply ? ntohl(zones_reply->hdr.count) : 0, sr,
-                  sets_reply ? ntohl(sets_reply->hdr.count) : 0, mr, members_reply ? ntohl(members_reply->hdr.count) : 0);
+    const uint32_t zq = zfx_dlg_get_zone(ep, ZFXD_OP_GET, nullptr, 0, &zones_reply, 1, 0);
+    const uint32_t sq = zfx_dlg_get_zoneset(ep, ZFXD_OP_GET, nullptr, 0, &sets_reply, 1, 0);
+    const uint32_t mq = zfx_dlg_get_zone_member(ep, ZFXD_OP_GET, "web", 0, 0, &members_reply, 1, 0);
+    out += format("all: zones %u/%u zonesets %u/%u web members %u/%u\n", zq, zones_reply ? ntohl(zones_reply->hdr.count) : 0, sq,
+                  sets_reply ? ntohl(sets_reply->hdr.count) : 0, mq, members_reply ? ntohl(members_reply->hdr.count) : 0);
     std::free(zones_reply);
     std::free(sets_reply);
     std::free(members_reply);
@@ -154,21 +144,12 @@ TEST(Zfxd, EveryRequestBuildsTheDatabaseTheToolsWouldWriteAndARestartKeepsIt) {
     std::free(zm);
     same_as_tools("zones");
 
-    // Members of all four kinds, by zone name; one by hand with its ids.
+    // Members of all four kinds, by zone name and by zone id. (One by a message built by hand is the
+    // zfx command's member add --id, in its end-to-end run.)
     ASSERT_EQ(member(ep, ZFXD_OP_CREATE, "web", ZFX_MEMBER_PWWN, kWwn1, 10), 0u);
     ASSERT_EQ(zfx_dlg_config_zone_member(ep, ZFXD_OP_ADD, "web", 0, 0, ZFX_MEMBER_DEVICE_ALIAS, "host-a", nullptr, 10, 5, nullptr, 0), 0u);
     ASSERT_EQ(member(ep, ZFXD_OP_CREATE, "db", ZFX_MEMBER_PWWN_LUN, kWwn2, 20, kLun), 0u);
     ASSERT_EQ(zfx_dlg_config_zone_member(ep, ZFXD_OP_CREATE, nullptr, 0, 2, ZFX_MEMBER_DEVICE_ALIAS_LUN, "array-b", kLun, 20, 7, nullptr, 0), 0u);
-    zfx_zone_member_msg *mm = zfx_dlg_malloc_one_zone_member_and_all_attribs();
-    mm->parent_id = 3;
-    mm->id = 9;
-    const uint32_t type = ZFX_MEMBER_PWWN, vsan = 30;
-    zfx_dlg_zone_member_add_tlv(array_of(mm), ZFX_TLV_MEMBER_TYPE, 4, &type);
-    zfx_dlg_zone_member_add_tlv(array_of(mm), ZFX_TLV_MEMBER_PWWN, 8, kWwn2);
-    zfx_dlg_zone_member_add_tlv(array_of(mm), ZFX_TLV_MEMBER_VSAN, 4, &vsan);
-    ASSERT_EQ(zfx_do_sanity_for_zone_member_create(mm), 0);
-    ASSERT_EQ(zfx_dlg_config_zone_member_tlv(ep, ZFXD_OP_CREATE, mm, nullptr, 0), 0u);
-    std::free(mm);
     // A member added and removed again: by its value, then one by its id.
     ASSERT_EQ(member(ep, ZFXD_OP_CREATE, "web", ZFX_MEMBER_PWWN, kWwn2, 11), 0u);
     ASSERT_EQ(member(ep, ZFXD_OP_REMOVE, "web", ZFX_MEMBER_PWWN, kWwn2, 11), 0u);
@@ -215,13 +196,17 @@ TEST(Zfxd, EveryRequestBuildsTheDatabaseTheToolsWouldWriteAndARestartKeepsIt) {
     std::ifstream golden(std::string(std::getenv("ZFX_SOURCE_DIR") != nullptr ? std::getenv("ZFX_SOURCE_DIR") : ".") + "/tests/golden/zfxd.txt");
     EXPECT_EQ(text, std::string(std::istreambuf_iterator<char>(golden), {}));
 
-    const std::string answers = everything(ep);
-    for (const char *want : {"zone 2 db qos 1/3 ro 0", "member 2 type 241 vsan 20 afid 7 alias array-b", "active 0 prod 60 00", "info 34 = 1",
-                             "members 5 3\nall: zones 0/3 zonesets 0/2 web members 0/2\nenabled 0/1 ext 0/1 version 1\nsplit enabled 1\nnat in vsan 10: 1\n"})
-        EXPECT_NE(answers.find(want), std::string::npos) << want << "\n" << answers;
+    const std::string want =
+        "zone 0: 2 db qos 1/3 ro 0 members 60 00 00 00 00 00 00 00 \n"
+        "member 0: type 240 vsan 20 afid 1 alias  wwn 50 06 01 60 3b 20 11 4a  lun 00 01 00 00 00 00 00 00 \n"
+        "member 0: type 241 vsan 20 afid 7 alias array-b wwn 00 00 00 00 00 00 00 00  lun 00 01 00 00 00 00 00 00 \n"
+        "active 0 prod 60 00 \ninfo 1 = 3\ninfo 2 = 2\ninfo 3 = 4\ninfo 4 = 1\ninfo 32 = 1\ninfo 34 = 1\n"
+        "activated yes\nmembers 4 3\nall: zones 0/3 zonesets 0/2 web members 0/2\n"
+        "enabled 0/1 ext 0/1 version 1\nsplit enabled 1\nnat in vsan 10: 1\n";
+    EXPECT_EQ(answers(ep), want);
 
     d.restart();
-    EXPECT_EQ(everything(d.ep()), answers);
+    EXPECT_EQ(answers(d.ep()), want);
     EXPECT_EQ(generate_from(d.location()), text);
     same_as_tools("restart");
 

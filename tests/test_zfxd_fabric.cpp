@@ -1,7 +1,7 @@
 // zfxd's fabric requests driven by the library's own request functions, in process and over the
 // socket to a running server: a generated fabric of more devices than three batches hold, each
-// answer held against the fabric description it came from. The forwarding driver the NAT lookup
-// asks first is played here (open and ioctl), answering the fabric's next hops.
+// answer held against the fabric description it came from. What the zfx command asks of a fabric
+// (the device views, per-VSAN values, domains, next hops, NAT) is its end-to-end run's.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
@@ -10,7 +10,6 @@
 #include <random>
 
 #include "fabric_file.hpp"
-#include "fcfwd_driver.hpp"
 #include "platform/dlg.h"
 #include "store.hpp"
 #include "tlv.hpp"
@@ -26,25 +25,11 @@ using zfxtool::format;
 using zfxtool::load;
 using zfxtool::Wwn;
 
-// The played driver's next hop is the fabric's, and the flow's own VSAN where the fabric has none.
-const zfxd::FabricDesc *g_fabric = nullptr;
-const bool g_driver_set = [] {
-    fcfwd_driver().on_control = [](int, unsigned long request, uint8_t *block) {
-        if (request != ZFX_FCFWD_IOC_NEXT_HOP) return ENOTTY;
-        auto *arg = reinterpret_cast<zfx_fcfwd_next_hop_arg *>(block);
-        const auto it = g_fabric->next_hops.find({arg->vsan, uint8_t(ntohl(arg->did) >> 16)});
-        arg->next_hop = it != g_fabric->next_hops.end() ? it->second : arg->vsan;
-        return 0;
-    };
-    return true;
-}();
-
 constexpr uint32_t kDevices = 3 * ZFXD_DEVICE_BATCH + 7;
 constexpr uint32_t kVsans[] = {10, 20, 30, 40};
 
 // A fabric description of kDevices devices in shuffled order: every fourth with values per VSAN
-// (one VSAN of its set left without a value), every device in one to four VSANs; native domains
-// for three VSANs, proxy domains, next hops and NAT rewrites for a few flows.
+// (one VSAN of its set left without a value), every device in one to four VSANs.
 std::string fabric_text() {
     std::mt19937 rng(7);
     std::vector<uint32_t> order(kDevices);
@@ -66,10 +51,6 @@ std::string fabric_text() {
         t += i % 4 == 0 ? " per-vsan " + per : " value " + std::to_string(i * 3);
         t += format(" node 20:00:00:24:ff:%02x:%02x:%02x name host-%u afid %u\n", i >> 16, (i >> 8) & 0xFF, i & 0xFF, i, 1 + i % 2);
     }
-    t += "native-domain 10 1\nnative-domain 20 0x2\nnative-domain 30 239\n";
-    t += "proxy-domains 10 5,3,239\nproxy-domains 40 1\n";
-    t += "next-hop 10 2 20\nnext-hop 10 3 30\nnext-hop 20 1 10\n";
-    t += "nat 10 20 0x010000 0x020001 0x140001 0x140002\nnat 20 10 0x020001 0x010000 0x0a0009 0x0a0008\n";
     return t;
 }
 
@@ -99,19 +80,6 @@ Pairs pairs_of(const zfx_device_ns_entry &e) {
     return out;
 }
 
-// A split raw query: sent, its reply received by the request's token, parsed, both dropped.
-template <typename Send, typename Parse>
-int32_t split(plat_endpoint *ep, Send send, Parse parse) {
-    xqb_msg msg = XQB_MSG_EMPTY;
-    EXPECT_EQ(send(&msg), 0);
-    const xqb_recv_opts opts{XQB_SELECT_TOKEN, 0, 5, xqb_rr_token_get(&msg), {}};
-    xqb_drop(ep, &msg);
-    EXPECT_EQ(xqb_recv(ep, &msg, &opts), 0);
-    const int32_t r = parse(&msg);
-    xqb_drop(ep, &msg);
-    return r;
-}
-
 void expect_ns_block(const uint8_t *block, const FabricDevice &d) {
     dir_entry e;
     std::memcpy(&e, block, sizeof e);
@@ -133,7 +101,6 @@ protected:
     void SetUp() override {
         std::string error;
         ASSERT_TRUE(zfxd::parse_fabric(fabric_text(), "gen", {{2, {}}}, fabric_, error)) << error;
-        g_fabric = &fabric_;
         zfxd_ = std::make_unique<ZfxdUnderTest>(prefix_.config(), ZfxdOptions{GetParam(), &fabric_});
         ep_ = zfxd_->ep();
     }
@@ -218,60 +185,10 @@ TEST_P(Fabric, DeviceWalksAndTlvReplies) {
         std::free(entries);
         std::free(ns);
     }
-
-    // Per-VSAN values, every VSAN of the fabric asked for.
-    for (const auto &[wwn, d] : fabric_.devices) {
-        if (!d.per_vsan) continue;
-        for (uint32_t v : kVsans) {
-            void *reply = nullptr;
-            const auto want = d.values.find(v);
-            const int32_t r = zfx2_dlg_pv_vsan_entry_get(ep_, load<uint32_t>(wwn.data()), load<uint32_t>(wwn.data() + 4), v, &reply);
-            EXPECT_EQ(r, want != d.values.end() ? 0 : ZFXD_ERR_NOT_FOUND) << zfxtool::wwn_text(wwn) << " vsan " << v;
-            if (r == 0 && reply != nullptr) {
-                EXPECT_EQ(load<uint32_t>(static_cast<uint8_t *>(reply)), want->second);
-            }
-            std::free(reply);
-        }
-    }
 }
 
-// The raw transport queries split into send and parse, NAT rewrites, the frame hand-over and the
-// name server. The combined queries and the next hops are the zfx command's, checked end to end
-// against the same kind of fabric description.
-TEST_P(Fabric, RawQueriesRoutesFramesAndNameServer) {
-    for (uint32_t vsan : kVsans) {
-        const auto it = fabric_.native_domains.find(vsan);
-        const int32_t want = it != fabric_.native_domains.end() ? 0 : ZFXD_ERR_NOT_FOUND;
-        uint32_t domain = 0xDEAD;
-        EXPECT_EQ(split(ep_, [&](xqb_msg *m) { return zfx_send_get_native_domain(ep_, vsan, 0, m); },
-                        [&](xqb_msg *m) { return zfx_parse_get_native_domain(m, &domain); }),
-                  want) << vsan;
-        EXPECT_EQ(domain, want == 0 ? uint32_t(it->second) : 0xDEADu);
-
-        zfx_proxy_domain_list list{};
-        const auto proxy = fabric_.proxy_domains.find(vsan);
-        const int32_t want_proxy = proxy != fabric_.proxy_domains.end() ? 0 : ZFXD_ERR_NOT_FOUND;
-        EXPECT_EQ(split(ep_, [&](xqb_msg *m) { return zfx_send_get_proxy_domain_list(ep_, vsan, m); },
-                        [&](xqb_msg *m) { return zfx_parse_get_proxy_domain_list(m, &list); }),
-                  want_proxy);
-        if (want_proxy != 0) continue;
-        std::vector<uint8_t> got;
-        for (uint32_t d = 0; d < 256; ++d)
-            if (zfxtool::id_bit(list.domain_list, d)) got.push_back(uint8_t(d));
-        EXPECT_EQ(std::pair(got, size_t(list.value)), std::pair(proxy->second, proxy->second.size()));
-    }
-    // NAT rewrites after the driver's next hop; another source in the same flow direction has no
-    // rewrite: nothing changes.
-    for (const auto &[key, rewrite] : fabric_.nat) {
-        for (const uint32_t sid : {key[2], key[2] + 1}) {
-            uint32_t vsan = key[0], s = htonl(sid), did = htonl(key[3]);
-            ASSERT_EQ(zfx_nat_get_next_hop_info(ep_, &vsan, &s, &did), 0);
-            const bool rewritten = sid == key[2];
-            EXPECT_EQ(std::tuple(vsan, ntohl(s), ntohl(did)),
-                      std::tuple(rewritten ? key[1] : key[0], rewritten ? rewrite.first : sid, rewritten ? rewrite.second : key[3]));
-        }
-    }
-
+// The frame hand-over and the name server.
+TEST_P(Fabric, FramesAndNameServer) {
     // Frames arrive whole (header words, length, the check of the data); one whose message is
     // not its header and data is refused and not counted.
     std::vector<uint32_t> words(ZFX_FRAME_HEADER_SIZE / 4 + 300 / 4, 0);
