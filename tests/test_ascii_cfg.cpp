@@ -18,12 +18,6 @@ namespace {
 using namespace zfxtest;
 
 
-struct TextCase {
-    const char *name;
-    std::vector<Record> records;
-    std::string expected;
-};
-
 TEST(AsciiCfg, StoresYieldTheirTextInElementOrderWithTheCommitRules) {
     const TextCase cases[] = {
         {"empty store", {}, "feature zfx\n"},

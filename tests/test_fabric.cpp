@@ -16,14 +16,7 @@ namespace {
 
 using namespace zfxtest;
 
-const Bytes kWwn = {0x20, 0x00, 0x00, 0x11, 0x22, 0x33, 0x44, 0x55};
 const Bytes kOther = {0x10, 0x00, 0x00, 0x00, 0x00, 0x00, 0xab, 0xcd};
-
-struct TextCase {
-    const char *name;
-    std::vector<Record> records;
-    std::string expected;  // the text after the feature line
-};
 
 // Every per-fabric key check, from one key it accepts, against each way a key can be wrong: none
 // at all, a byte more or less, another table (with a wrong length too: the length is tested
