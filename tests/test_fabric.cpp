@@ -113,6 +113,9 @@ TEST(Fabric, TopologyAndAfidListsAndTheModeRecord) {
 // configured, removals), each AFID half under its own database line, and the service groups'
 // active block with its deny policy and each kind of difference beside others; here what it does
 // not hold: each pass and difference alone, the walks' stopping rules, and the limits of a line.
+// The topology table asks for the commit line by itself (its auto mode does too, which hides
+// this in the stores that have both; the other sections' rule is the allocation sweep's section
+// texts and the driver's commit rules).
 TEST(Fabric, TablesTextCaseByCase) {
     const std::string db = "zfx vsan-topology database\n", act = "zfx vsan-topology activate\n";
     auto entry = [](int afid, const char *ranges, const char *word = "") {
@@ -155,7 +158,8 @@ TEST(Fabric, TablesTextCaseByCase) {
     std::string fits, fits_short;
     const Bytes tight = runs(100, 1000, fits), one_short = runs(1000, 1002, fits_short);
     const TextCase cases[] = {
-        {"topology configured only: nothing to activate", {topo_rec(5, kWwn, 2, vsans({4095}))}, db + entry(5, "4095")},
+        {"topology configured only: nothing to activate, and a commit without the auto mode",
+         {distribute_rec(1), topo_rec(5, kWwn, 2, vsans({4095}))}, "zfx distribute\n" + db + entry(5, "4095") + "zfx commit\n"},
         {"topology activated only: then removed", {topo_rec(5, kWwn, 1, vsans({9}))}, db + entry(5, "9") + act + entry(5, "9", "no ")},
         {"auto mode alone", {topo_mode_rec(ZFX_VT_MODE_AUTO)}, "zfx vsan-topology auto\n"},
         {"another mode", {topo_mode_rec(100)}, ""},
@@ -212,16 +216,10 @@ TEST(Fabric, ServiceGroupListsAndLookups) {
         EXPECT_EQ(zfx2_get_default_sg_policy(store), policy);
 }
 
-// The topology section asks for the commit line when its table holds records (its auto mode
-// does too, which hides this from the texts of stores that have both; the other sections' rule
-// is the allocation sweep's section texts and the driver's commit rules). Every show returns 0,
-// and a show of no list writes nothing.
-TEST(Fabric, TopologyAsksForTheCommitAndShowsReturnZero) {
+// Every show returns 0, and a show of no list writes nothing.
+TEST(Fabric, ShowsReturnZero) {
     Stored full({topo_rec(5, kWwn, 3, vsans({1})), afid_rec(false, kWwn, 1, vsans({1})),
                  sg_member_rec(true, 1, 1, vsans({1})), sg_member_rec(false, 1, 2, vsans({2}))});
-    commit_reqd = 0;
-    generation_text([&](uint32_t h) { zfx_vsan_topology_generate_ascii_config(h, full.get()); });
-    EXPECT_EQ(commit_reqd, 1);
     zfx_vsan_topo_list *topo;
     zfx2_afid_table_list *afid;
     zfx2_sg_list *active, *cfg;
