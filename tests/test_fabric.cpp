@@ -16,14 +16,7 @@ namespace {
 
 using namespace zfxtest;
 
-const Bytes kWwn = {0x20, 0x00, 0x00, 0x11, 0x22, 0x33, 0x44, 0x55};
 const Bytes kOther = {0x10, 0x00, 0x00, 0x00, 0x00, 0x00, 0xab, 0xcd};
-
-struct TextCase {
-    const char *name;
-    std::vector<Record> records;
-    std::string expected;  // the text after the feature line
-};
 
 // Every per-fabric key check, from one key it accepts, against each way a key can be wrong: none
 // at all, a byte more or less, another table (with a wrong length too: the length is tested
@@ -81,18 +74,24 @@ TEST(StoreKeys, ChecksRefuseEveryWayAKeyCanBeWrongAndFirstKeysPass) {
     }
 }
 
-TEST(Fabric, TopologyListAndModeRecord) {
+// The lists in key order and network order; only the local switch's entry is marked local.
+TEST(Fabric, TopologyAndAfidListsAndTheModeRecord) {
     Stored r({topo_rec(5, kWwn, 3, vsans({1, 4095})), topo_rec(6, kOther, 2, vsans({})), topo_rec(7, kOther, 1, vsans({9})),
-              topo_mode_rec(ZFX_VT_MODE_AUTO)});
+              topo_mode_rec(ZFX_VT_MODE_AUTO), afid_rec(true, kOther, 0x0b, vsans({})), afid_rec(true, kWwn, 0x0a, vsans({}))});
     std::memcpy(local_switch_wwn, kWwn.data(), 8);
     zfx_vsan_topo_list *list = nullptr;
-    uint32_t size = 0;
+    zfx2_afid_table_list *afids;
+    uint32_t size = 0, afid_size;
     ASSERT_EQ(zfx_vsan_topo_config_get(r.get(), 0x65, ZFX_VT_FLAG_ACTIVE, &list, &size), 0);
+    ASSERT_EQ(zfx2_afid_table_config_get(r.get(), &afids, &afid_size, 1), 0);
     std::memset(local_switch_wwn, 0, 8);
-    // The entries the mask takes, in network order; only the local switch's is marked local.
+    // The entries the mask takes.
     EXPECT_EQ(bytes_of(list, size), cat({be32(2), {0, 5, 0, 0}, kWwn, vsans({1, 4095}), be32(1), be32(0), be32(3), be32(0),
                                          {0, 7, 0, 0}, kOther, vsans({9}), be32(0), be32(0), be32(1), be32(0)}));
+    EXPECT_EQ(bytes_of(afids, afid_size), cat({be32(2), {0, 0x0b, 0, 0}, kOther, vsans({}), be32(0), zeros(8),
+                                               {0, 0x0a, 0, 0}, kWwn, vsans({}), be32(1), zeros(8)}));
     std::free(list);
+    std::free(afids);
     EXPECT_EQ(zfx_vsan_topo_config_get(nullptr, 0x65, 3, &list, &size), ZFX_ERR_INVALID_ARG);
     EXPECT_EQ(list, nullptr);
     EXPECT_EQ(size, 0u);
@@ -110,9 +109,14 @@ TEST(Fabric, TopologyListAndModeRecord) {
     EXPECT_EQ(first, 0xA1B2C3D4u);
 }
 
-// The three passes in their order (activated, configured, removals) are in the demo's golden
-// text; here the cases it does not hold.
-TEST(Fabric, TopologyTextRunsItsThreePasses) {
+// The demo's golden text holds the topology's three passes in their order (activated,
+// configured, removals), each AFID half under its own database line, and the service groups'
+// active block with its deny policy and each kind of difference beside others; here what it does
+// not hold: each pass and difference alone, the walks' stopping rules, and the limits of a line.
+// The topology table asks for the commit line by itself (its auto mode does too, which hides
+// this in the stores that have both; the other sections' rule is the allocation sweep's section
+// texts and the driver's commit rules).
+TEST(Fabric, TablesTextCaseByCase) {
     const std::string db = "zfx vsan-topology database\n", act = "zfx vsan-topology activate\n";
     auto entry = [](int afid, const char *ranges, const char *word = "") {
         char buf[200];
@@ -120,43 +124,7 @@ TEST(Fabric, TopologyTextRunsItsThreePasses) {
                       word, afid, ranges);
         return std::string(buf);
     };
-    const TextCase cases[] = {
-        {"configured only: nothing to activate", {topo_rec(5, kWwn, 2, vsans({4095}))}, db + entry(5, "4095")},
-        {"activated only: then removed", {topo_rec(5, kWwn, 1, vsans({9}))}, db + entry(5, "9") + act + entry(5, "9", "no ")},
-        {"auto mode alone", {topo_mode_rec(ZFX_VT_MODE_AUTO)}, "zfx vsan-topology auto\n"},
-        {"another mode", {topo_mode_rec(100)}, ""},
-        {"short mode record is missing", {{{0x65, 0x02}, cat({le32(0), be32(101)})}}, ""},
-        {"a short value is passed over", {topo_rec(1, kWwn, 2, Bytes(515, 0)), topo_rec(2, kWwn, 2, vsans({2}))},
-         db + entry(2, "2")},
-        {"a key of the wrong length ends the walk",
-         {topo_rec(1, kWwn, 2, vsans({1})), {cat({{0x65, 1, 2}, Bytes(11, 0)}), vsans({})}, topo_rec(3, kWwn, 2, vsans({3}))},
-         db + entry(1, "1")},
-    };
-    for (const TextCase &c : cases) EXPECT_EQ(section(c.records), c.expected) << c.name;
-}
-
-TEST(Fabric, AfidTableWritesEachHalfUnderItsOwnDatabaseLine) {
-    const std::string db = "autonomous-fabric-id database\n";
-    EXPECT_EQ(section({afid_rec(false, kWwn, 10, vsans({1, 2, 3, 7})), afid_rec(true, kOther, 1, vsans({5})),
-                       afid_rec(false, kOther, 2, vsans({}))}),
-              db + "  switch-wwn 10:00:00:00:00:00:ab:cd default-autonomous-fabric-id    1\n" + db +
-                  "  switch-wwn 10:00:00:00:00:00:ab:cd autonomous-fabric-id    2 vsan-ranges \n"
-                  "  switch-wwn 20:00:00:11:22:33:44:55 autonomous-fabric-id   10 vsan-ranges 1-3,7\n");
-
-    // The entries in key order (switch WWN first); only the local switch's is marked local.
-    Stored r({afid_rec(true, kOther, 0x0b, vsans({})), afid_rec(true, kWwn, 0x0a, vsans({}))});
-    std::memcpy(local_switch_wwn, kWwn.data(), 8);
-    zfx2_afid_table_list *list;
-    uint32_t size;
-    ASSERT_EQ(zfx2_afid_table_config_get(r.get(), &list, &size, 1), 0);
-    std::memset(local_switch_wwn, 0, 8);
-    EXPECT_EQ(bytes_of(list, size), cat({be32(2), {0, 0x0b, 0, 0}, kOther, vsans({}), be32(0), zeros(8), {0, 0x0a, 0, 0},
-                                         kWwn, vsans({}), be32(1), zeros(8)}));
-    std::free(list);
-}
-// The demo's golden text holds the active block with its deny policy and each kind of difference
-// beside others; here each alone, and the limits of a line.
-TEST(Fabric, ServiceGroupsWriteTheActiveBlockThenTheDifferences) {
+    const std::string afid_db = "autonomous-fabric-id database\n";
     const std::string g1 = "zfx service-group name g1\n", g2 = "zfx service-group name g2\n";
     const std::string activate = "zfx service-group activate\n";
     auto m = [](int afid, const char *ranges, const char *word = "") {
@@ -190,10 +158,26 @@ TEST(Fabric, ServiceGroupsWriteTheActiveBlockThenTheDifferences) {
     std::string fits, fits_short;
     const Bytes tight = runs(100, 1000, fits), one_short = runs(1000, 1002, fits_short);
     const TextCase cases[] = {
-        {"configured only", groups(true, {{1, "g1", {{1, {1}}}}, {2, "g2", {{2, {2}}}}}), g1 + m(1, "1") + g2 + m(2, "2")},
-        {"active only: every group removed", groups(false, {{1, "g1", {{1, {1}}}}, {2, "g2", {{1, {4}}}}}),
+        {"topology configured only: nothing to activate, and a commit without the auto mode",
+         {distribute_rec(1), topo_rec(5, kWwn, 2, vsans({4095}))}, "zfx distribute\n" + db + entry(5, "4095") + "zfx commit\n"},
+        {"topology activated only: then removed", {topo_rec(5, kWwn, 1, vsans({9}))}, db + entry(5, "9") + act + entry(5, "9", "no ")},
+        {"auto mode alone", {topo_mode_rec(ZFX_VT_MODE_AUTO)}, "zfx vsan-topology auto\n"},
+        {"another mode", {topo_mode_rec(100)}, ""},
+        {"short mode record is missing", {{{0x65, 0x02}, cat({le32(0), be32(101)})}}, ""},
+        {"a short value is passed over", {topo_rec(1, kWwn, 2, Bytes(515, 0)), topo_rec(2, kWwn, 2, vsans({2}))},
+         db + entry(2, "2")},
+        {"a key of the wrong length ends the walk",
+         {topo_rec(1, kWwn, 2, vsans({1})), {cat({{0x65, 1, 2}, Bytes(11, 0)}), vsans({})}, topo_rec(3, kWwn, 2, vsans({3}))},
+         db + entry(1, "1")},
+        {"AFIDs: the default half first, each in key order",
+         {afid_rec(false, kWwn, 10, vsans({1, 2, 3, 7})), afid_rec(true, kOther, 1, vsans({5})), afid_rec(false, kOther, 2, vsans({}))},
+         afid_db + "  switch-wwn 10:00:00:00:00:00:ab:cd default-autonomous-fabric-id    1\n" + afid_db +
+             "  switch-wwn 10:00:00:00:00:00:ab:cd autonomous-fabric-id    2 vsan-ranges \n"
+             "  switch-wwn 20:00:00:11:22:33:44:55 autonomous-fabric-id   10 vsan-ranges 1-3,7\n"},
+        {"groups configured only", groups(true, {{1, "g1", {{1, {1}}}}, {2, "g2", {{2, {2}}}}}), g1 + m(1, "1") + g2 + m(2, "2")},
+        {"groups active only: every one removed", groups(false, {{1, "g1", {{1, {1}}}}, {2, "g2", {{1, {4}}}}}),
          g1 + m(1, "1") + g2 + m(1, "4") + activate + "no " + g1 + "no " + g2},
-        {"unchanged", groups(true, {{7, "g1", {{1, {1}}, {2, {2, 3}}}}}, active12), g1 + m(1, "1") + m(2, "2-3") + activate},
+        {"groups unchanged", groups(true, {{7, "g1", {{1, {1}}, {2, {2, 3}}}}}, active12), g1 + m(1, "1") + m(2, "2-3") + activate},
         {"nameless members share the empty name", {sg_member_rec(true, 1, 1, vsans({1})), sg_member_rec(true, 2, 2, vsans({2}))},
          m(1, "1") + m(2, "2")},
         {"names print up to 80 bytes", groups(true, {{1, std::string(100, 'n'), {{1, {1}}}}}),
@@ -232,16 +216,10 @@ TEST(Fabric, ServiceGroupListsAndLookups) {
         EXPECT_EQ(zfx2_get_default_sg_policy(store), policy);
 }
 
-// The topology section asks for the commit line when its table holds records (its auto mode
-// does too, which hides this from the texts of stores that have both; the other sections' rule
-// is the allocation sweep's section texts and the driver's commit rules). Every show returns 0,
-// and a show of no list writes nothing.
-TEST(Fabric, TopologyAsksForTheCommitAndShowsReturnZero) {
+// Every show returns 0, and a show of no list writes nothing.
+TEST(Fabric, ShowsReturnZero) {
     Stored full({topo_rec(5, kWwn, 3, vsans({1})), afid_rec(false, kWwn, 1, vsans({1})),
                  sg_member_rec(true, 1, 1, vsans({1})), sg_member_rec(false, 1, 2, vsans({2}))});
-    commit_reqd = 0;
-    generation_text([&](uint32_t h) { zfx_vsan_topology_generate_ascii_config(h, full.get()); });
-    EXPECT_EQ(commit_reqd, 1);
     zfx_vsan_topo_list *topo;
     zfx2_afid_table_list *afid;
     zfx2_sg_list *active, *cfg;

@@ -172,6 +172,11 @@ TEST(GenText, BitmapHelpersMatchABitByBitReading) {
                 if (zfx::bit_test(bits.data(), id)) end = id + 1, count += id != 0;
             EXPECT_EQ(zfx::bit_end(bits.data(), 8 * bytes), end) << bytes << " " << round;
             EXPECT_EQ(zfx::bit_count(bits.data(), 8 * bytes), count) << bytes << " " << round;
+            // From every start (and past the end), the next set id; the bitmap's size when none is.
+            std::vector<uint32_t> next(8 * bytes + 1, 8 * bytes);
+            for (uint32_t id = 8 * bytes; id-- > 0;) next[id] = zfx::bit_test(bits.data(), id) ? id : next[id + 1];
+            for (uint32_t from = 0; from <= 8 * bytes + 8; ++from)
+                ASSERT_EQ(zfx::bit_next(bits.data(), 8 * bytes, from), next[std::min(from, 8 * bytes)]) << bytes << " " << from;
             // Every id from 1 in order, and a visit that stops the walk stops it there.
             std::vector<uint32_t> want, got;
             for (uint32_t id = 1; id < 8 * bytes; ++id)

@@ -5,7 +5,6 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <set>
 
 #include "dump.hpp"
 #include "fabric.hpp"
@@ -53,31 +52,6 @@ RecordMap as_stored(const std::vector<Record> &records) {
     return out;
 }
 
-// The zone database's records as the service's per-object builders make them.
-RecordMap built_zone_db(const Fabric &f) {
-    RecordMap built;
-    std::vector<uint16_t> zone_ids, zoneset_ids;
-    for (const Zone &z : f.zones) {
-        built.insert(zone_record(z));
-        zone_ids.push_back(z.id);
-        const std::vector<uint16_t> ids = member_ids(z);
-        for (size_t m = 0; m < ids.size(); ++m) built.insert(member_record(z.id, ids[m], z.members[m]));
-    }
-    for (const Zoneset &s : f.zonesets) {
-        built.insert(zoneset_record(s));
-        zoneset_ids.push_back(s.id);
-    }
-    std::sort(zone_ids.begin(), zone_ids.end());
-    built.insert(zone_db_header_record(zone_ids, zoneset_ids));
-    built.insert(zone_options_record(f.active && f.active->force));
-    if (f.active) {
-        std::vector<const Zone *> zones;
-        for (uint16_t id : std::set<uint16_t>(f.active->zones.begin(), f.active->zones.end())) zones.push_back(f.zone(id));
-        for (Record &r : active_records(*f.active, zones, kActiveChunkSize)) built.insert(std::move(r));
-    }
-    return built;
-}
-
 // The demo (as it is, then with a topology entry listed twice and names of mixed case and signs)
 // and seeded fabrics of every record kind. Sizes vary with the seed; the last one has more than 255 service groups, whose ids must
 // still list in the text's order.
@@ -105,12 +79,14 @@ std::vector<Fabric> fabrics() {
 }
 
 // The writer appends the stores' records in key order, building each value as it writes it: the
-// stores it leaves hold what config_records and debug_records list, the zone database as the
-// per-object builders make it. Every third fabric goes over the one before in the same LMDB store:
-// refused, changing nothing, without replace; with it, nothing of the old stores stays, the debug
-// store's level included. (The demo's golden text is the tools' end-to-end run's.) The text loads back from the forms a
-// person or another tool has it in, and generates itself again (generate -> load -> generate is a
-// fixed point); other features' lines are counted when skipped and refused otherwise.
+// stores it leaves hold what config_records and debug_records list (that the zone database's
+// records are those the service's per-object builders make, zfxd's suite checks after every
+// change). Every third fabric goes over the one before in the same LMDB store: refused, changing
+// nothing, without replace; with it, nothing of the old stores stays, the debug store's level
+// included. (The demo's golden text is the tools' end-to-end run's.) The text loads back from the
+// forms a person or another tool has it in, and generates itself again (generate -> load ->
+// generate is a fixed point); other features' lines are counted when skipped and refused
+// otherwise.
 TEST(Tools, FabricsAreWrittenAsBuiltAndTheirTextLoadsBackToItself) {
     const std::vector<Fabric> all = fabrics();
     Prefix lmdb(zfxtest::Backend::lmdb);
@@ -124,16 +100,8 @@ TEST(Tools, FabricsAreWrittenAsBuiltAndTheirTextLoadsBackToItself) {
             EXPECT_EQ(stored(p.config()), before);
         }
         ASSERT_EQ(write_fabric(f, p.path(), p.path(), i % 3 == 0), "") << i;
-        const RecordMap store = stored(p.config());
-        EXPECT_EQ(store, as_stored(config_records(f))) << "fabric " << i;
+        EXPECT_EQ(stored(p.config()), as_stored(config_records(f))) << "fabric " << i;
         EXPECT_EQ(stored(p.debug()), as_stored(debug_records(f))) << "fabric " << i;
-        const RecordMap built = built_zone_db(f);
-        size_t seen = 0;
-        for (const auto &[k, v] : built) {
-            const auto it = store.find(k);
-            seen += it != store.end() && it->second == v;
-        }
-        EXPECT_EQ(seen, built.size()) << "fabric " << i << ": zone database records differ from the builders'";
 
         const std::string text = zfxtest::gen_func_text(p.path());
         const Fabric canonical = loaded(text);

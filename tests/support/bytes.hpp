@@ -12,6 +12,9 @@ namespace zfxtest {
 
 using Bytes = std::vector<uint8_t>;
 
+// The port WWN the suites' records and nodes name: 20:00:00:11:22:33:44:55.
+extern const Bytes kWwn;
+
 Bytes cat(std::initializer_list<Bytes> parts);
 Bytes le16(uint16_t v);
 Bytes le32(uint32_t v);

@@ -5,10 +5,6 @@
 
 namespace zfxtest::full {
 
-namespace {
-const Bytes kWwn = {0x20, 0x00, 0x00, 0x11, 0x22, 0x33, 0x44, 0x55};
-}
-
 std::vector<Record> records() {
     std::vector<Record> r = {
         distribute_rec(1), nat_rec(1), aam_rec(1), flags_rec(0x10), topo_rec(1, kWwn, 1, vsans({4})),

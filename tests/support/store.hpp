@@ -88,6 +88,13 @@ private:
     kvdb_store *store_;
 };
 
+// Records and the text expected of them, a row of the suites' text tables.
+struct TextCase {
+    const char *name;
+    std::vector<Record> records;
+    std::string expected;
+};
+
 // A configuration store of its own holding records, open for reading: the setup of every test
 // that reads a store the service has written.
 class Stored {

@@ -8,11 +8,10 @@
 
 namespace zfxtest {
 
-const Bytes kNodeWwn = {0x20, 0x00, 0x00, 0x11, 0x22, 0x33, 0x44, 0x55};
 const Bytes kNodeLun = {0x00, 0x07, 0, 0, 0, 0, 0, 0};
 
 Bytes node_wwn(uint8_t last) {
-    Bytes w = kNodeWwn;
+    Bytes w = kWwn;
     w[7] = last;
     return w;
 }

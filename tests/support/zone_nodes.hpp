@@ -13,8 +13,8 @@
 
 namespace zfxtest {
 
-// The port WWN of member id n: kNodeWwn with its last byte n; every LUN is kNodeLun.
-extern const Bytes kNodeWwn, kNodeLun;
+// The port WWN of member id n: kWwn with its last byte n; every LUN is kNodeLun.
+extern const Bytes kNodeLun;
 Bytes node_wwn(uint8_t last);
 
 // Nodes live as long as the database; the trees are destroyed with it.
