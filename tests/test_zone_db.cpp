@@ -45,11 +45,13 @@ TEST(ZoneDb, MemberRecordsCarryTheElementsOfTheirTypeAndDecodeBack) {
         EXPECT_EQ(bytes_of(back.lun, 8), lun ? kNodeLun : zeros(8));
         EXPECT_EQ(std::string(back.device_alias), named ? alias : "");
 
-        uint32_t size = 0;
+        uint32_t size = 0, typed = 0;
         EXPECT_EQ(zfx_zone_get_zone_member_attrib_tlvs_size(&m, 0, &size), 0);
         EXPECT_EQ(size + 8, rec.size());
         // With the type element: 27 first, then the same elements.
-        Bytes array(size + 12, 0);
+        EXPECT_EQ(zfx_zone_get_zone_member_attrib_tlvs_size(&m, 1, &typed), 0);
+        EXPECT_EQ(typed, size + 8);
+        Bytes array(typed + 4, 0);
         EXPECT_EQ(zfx_zone_encode_zone_member_attrib_tlvs(array.data(), uint32_t(array.size()), &m, 1), 0);
         EXPECT_EQ(array, cat({le32(tlvbuf_get_num_tlvs(c.array.data(), 0) + 1), tlv(27, le32(c.type)),
                               Bytes(c.array.begin() + 4, c.array.end())}));
@@ -86,7 +88,7 @@ TEST(ZoneDb, DecodeFillsOnlyWhatTheRecordCarries) {
     EXPECT_EQ(Bytes(m.pwwn, m.pwwn + 8), wwn);
     EXPECT_EQ(Bytes(m.lun, m.lun + 8), lun);
     EXPECT_STREQ(m.device_alias, "kept");
-    for (const auto &[alias, want] : {std::pair{tlv_array({tlv(65, Bytes(80, 'x'))}), std::string(67, 'x')},
+    for (const auto &[alias, want] : {std::pair{tlv_array({tlv(65, Bytes(68, 'x'))}), std::string(67, 'x')},
                                       {tlv_array({tlv(65, {'a', 'b', 0, 'c'}), tlv(65, {})}), std::string()}}) {
         ASSERT_EQ(zfx_zone_decode_member_from_kvdb_cfg(cat({le16(4), {0, 0}, alias}).data(), &m), 0);
         EXPECT_EQ(std::string(m.device_alias), want);
@@ -207,6 +209,14 @@ TEST(ZoneDb, ExtensionStepWritesOnlyWhatFits) {
             EXPECT_EQ(buf, cat({fits ? want : zeros(room), guard})) << room;
         }
     }
+    // Any argument or the cursor missing: nothing written, nothing counted.
+    uint8_t buf[64] = {}, *at = buf, *none = nullptr;
+    uint32_t count = 5;
+    EXPECT_EQ(zfx_zone_ext_to_persistent_kvdb_data(nullptr, &count, 64, &at), 0u);
+    EXPECT_EQ(zfx_zone_ext_to_persistent_kvdb_data(&z, nullptr, 64, &at), 0u);
+    EXPECT_EQ(zfx_zone_ext_to_persistent_kvdb_data(&z, &count, 64, nullptr), 0u);
+    EXPECT_EQ(zfx_zone_ext_to_persistent_kvdb_data(&z, &count, 64, &none), 0u);
+    EXPECT_EQ(std::tuple(count, at, bytes_of(buf, 64)), std::tuple(5u, buf, zeros(64)));
 }
 
 TEST(ZoneDb, ChunkedRestoreJoinsCompletesAndNeverOverruns) {
