@@ -194,7 +194,7 @@ uint32_t data_query(plat_endpoint *ep, const InfoLayout &L, size_t info_size, ui
     std::memset(out, 0, info_size);
     for (uint8_t i = 0; i < k.n_ids; ++i)
         store_le32(out + L.info_id_off[i], load_be32(reply.bytes() + k.id_off[i]));
-    TlvWalk walk(reply.bytes() + k.array_off, reply.len - k.array_off);
+    TlvWalk walk(reply.bytes() + k.array_off, TlvChecked{});
     for (Tlv e; walk.next(e);) {
         for (uint8_t i = 0; i < L.n_rules; ++i)
             if (L.rules[i].type == e.type) fill_field(out, L.rules[i], e);
@@ -251,8 +251,9 @@ uint32_t zfx_get_active_zoneset(plat_endpoint *ep, char *name, uint8_t *zones) {
     if (r != 0) return uint32_t(r);
     if (!reply) return 0;
     if (load_be32(reply.bytes()) != 1) return uint32_t(ZFX_ERR_INVALID_ARG);
-    // The service sends the name first and the zone bitmap second; they are taken by position.
-    TlvWalk walk(reply.bytes() + kZonesetKind.array_off, reply.len - kZonesetKind.array_off);
+    // The service sends the name first and the zone bitmap second; they are taken by position
+    // (from an array the query has checked).
+    TlvWalk walk(reply.bytes() + kZonesetKind.array_off, TlvChecked{});
     Tlv e;
     if (!walk.next(e)) return uint32_t(ZFX_ERR_INVALID_ARG);
     if (e.value != nullptr) tlv_copy_text(name, e, ZFX_NAME_SIZE - 1);
