@@ -226,7 +226,7 @@ TEST(VsanBitset, AlgebraAgreesWithModelAndToleratesAliasing) {
         EXPECT_EQ(vsan_bitset_subset(&a.s, &b.s), (A & ~B).none() ? 1 : 0);
         EXPECT_EQ(vsan_bitset_subset(&b.s, &a.s), (B & ~A).none() ? 1 : 0);  // b's guard is not a's
 
-        const int start = int(rng() % 4200) - 50, count = int(rng() % 300) - 20;
+        const int start = i % 8 == 0 ? int(rng() % 16) - 8 : int(rng() % 4200) - 50, count = int(rng() % 300) - 20;
         Model inside;
         for (int p = std::max(start, 0); p < std::min(4096, start + count); ++p) inside[p] = true;
         check([&](vsan_bitset *x) { vsan_bitset_union_range(x, &b.s, start, count); },

@@ -399,7 +399,6 @@ int32_t vsan_bitset_snprintf(char *buffer, uint32_t size, const vsan_bitset *set
                              uint8_t *done) {
     if (done) *done = 0;
     if (buffer == nullptr || size == 0) return 0;
-    buffer[0] = '\0';
     // A resumed write goes on after the last run written (so a cursor of 0 never yields 0).
     int32_t from = 0;
     if (restart) range_print_cursor = 0;
