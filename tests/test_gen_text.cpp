@@ -261,8 +261,9 @@ TEST(GenText, ZoneSectionWalkedEqualsLookedUp) {
         const uint16_t member = member_ids(f.zones[seed % f.zones.size()]).at(0);
         // Damage the walks and the lookups must meet alike: a member record cut short, a zone
         // record whose array overruns it, a missing member, an empty zone record, a zone left out
-        // of the header that a zoneset still names, and a zone record holding another zone's id
-        // (both then ask for the same member records). The status: 0, failed, or either.
+        // of the header that a zoneset still names, a zone record holding another zone's id (both
+        // then ask for the same member records), and a member record longer than 64 KiB. The
+        // status: 0, failed, or either.
         enum Status { kSound, kFailed, kEither };
         const struct {
             const char *what;
@@ -284,6 +285,12 @@ TEST(GenText, ZoneSectionWalkedEqualsLookedUp) {
             {"shared id", kFailed, [](auto &r, auto, auto) {  // zone 8191 now holds zone 1's id
                  Bytes &v = find(r, ZFX_KVDB_ZONE_KEY, 8191, 0)->second;
                  v[0] = 1, v[1] = 0;
+             }},
+            {"long member", kSound, [](auto &r, auto z, auto m) {  // two unknown elements of 40000 bytes more
+                 Bytes &v = find(r, ZFX_KVDB_ZONE_MEMBER_KEY, m, z)->second;
+                 const Bytes more = zfxtest::tlv(99, Bytes(40000, 1));
+                 for (int i = 0; i < 2; ++i) v.insert(v.end(), more.begin(), more.end());
+                 v[4] += 2;
              }},
         };
         for (const auto &c : cases) {

@@ -26,7 +26,7 @@ int32_t send_query(plat_endpoint *ep, uint32_t opcode, const void *request, uint
 // receive's negative result (-1 with errno).
 int32_t receive_reply(plat_endpoint *ep, xqb_msg *sent, xqb_msg *reply, uint32_t wait) {
     const xqb_recv_opts opts{
-        .select = XQB_SELECT_TOKEN, .flags = 0, .wait = wait, .token = xqb_rr_token_get(sent)};
+        .select = XQB_SELECT_TOKEN, .wait = wait, .token = xqb_rr_token_get(sent)};
     xqb_drop(ep, sent);
     int32_t r;
     do {
