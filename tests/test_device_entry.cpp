@@ -266,6 +266,7 @@ TEST(DeviceEntry, TlvRepliesDecodedOrRejectedWhole) {
     } cases[] = {
         {tlv_reply(0, {}), ZFX_ERR_NO_ENTRIES, 0},
         {tlv_reply(-3, {}), ZFX_ERR_NO_ENTRIES, -3},
+        {cat({le32(0), zeros(4)}), ZFX_ERR_NO_ENTRIES, 0},  // the count and the unread word alone
         {le32(1), ZFX_ERR_INVALID_ARG, 0},
         {overclaim, ZFX_ERR_INVALID_ARG, 0},
         {tlv_reply(2, {tlv(69, head(d)), tlv(1, block(d)), tlv(2, le32(0))}), ZFX_ERR_INVALID_ARG, 0},
