@@ -9,6 +9,7 @@
 // before its lines were built without a format string: kReference holds that text's digest.
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <tuple>
@@ -22,6 +23,7 @@
 #include "zfx_bitmap.hpp"
 #include "zfx_tlv_walk.hpp"
 #include "zfx_fabric.h"
+#include "zfx_gen_text.hpp"
 #include "zfx_testing.h"
 #include "zfx_zone_db.h"
 
@@ -196,6 +198,27 @@ TEST(GenText, BitmapHelpersMatchABitByBitReading) {
                 EXPECT_EQ(got, std::vector<uint32_t>(want.begin(), want.begin() + ptrdiff_t(want.size() / 2))) << bytes << " " << round;
             }
         }
+    }
+}
+
+// The line's writers of numbers and characters against "%d" and memcpy: every count of digits and
+// its neighbours, both signs, the ends of the range and random values; every length a piece can
+// have, leaving the bytes after it alone.
+TEST(GenText, LineWritersMatchPrintf) {
+    std::vector<int32_t> values = {INT32_MIN, INT32_MAX};
+    for (int64_t p = 1; p <= INT32_MAX; p *= 10)
+        for (int64_t v : {p - 1, p, p + 1}) values.insert(values.end(), {int32_t(v), int32_t(-v)});
+    for (uint32_t x = 1, i = 0; i < 20000; ++i) values.push_back(int32_t((x = x * 1664525u + 1013904223u) >> (i % 32)));
+    for (const int32_t v : values) {
+        char want[16], got[16];
+        std::snprintf(want, sizeof want, "%d", v);
+        ASSERT_EQ(std::string(got, zfx::put_dec(got, v)), want);
+    }
+    const std::string from(40, 'x');
+    for (size_t n = 0; n <= 33; ++n) {
+        std::string to(40, '.');
+        ASSERT_EQ(zfx::put_chars(to.data(), from.data(), n), to.data() + n);
+        ASSERT_EQ(to, std::string(n, 'x') + std::string(40 - n, '.')) << n;
     }
 }
 

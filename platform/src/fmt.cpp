@@ -5,12 +5,18 @@
 
 namespace {
 
-constexpr char kHex[] = "0123456789abcdef";
+// Every byte's two lower-case hex digits, looked up whole: a WWN or LUN text is a string of them.
+constexpr struct HexPairs {
+    char at[256][2];
+    constexpr HexPairs() : at() {
+        constexpr char kHex[] = "0123456789abcdef";
+        for (int b = 0; b < 256; ++b) at[b][0] = kHex[b >> 4], at[b][1] = kHex[b & 0xF];
+    }
+} kHexPairs;
 
 char *put_hex_byte(char *p, uint8_t b) {
-    *p++ = kHex[b >> 4];
-    *p++ = kHex[b & 0xF];
-    return p;
+    std::memcpy(p, kHexPairs.at[b], 2);
+    return p + 2;
 }
 
 }  // namespace
@@ -38,10 +44,9 @@ uint32_t copy_mem_to_buf(uint32_t limit, void *dst, const void *src, uint32_t le
 char *fmt_wwn(char *buf, plat_wwn wwn) {
     if (buf == nullptr) return nullptr;
     char *p = buf;
-    for (size_t i = 0; i < 8; ++i) {
-        p = put_hex_byte(p, wwn.bytes[i]);
-        *p++ = i < 7 ? ':' : '\0';
-    }
+    for (size_t i = 0; i < 8; ++i) p = put_hex_byte(p, wwn.bytes[i]) + 1;
+    for (size_t i = 2; i < 23; i += 3) buf[i] = ':';
+    buf[23] = '\0';
     return buf;
 }
 

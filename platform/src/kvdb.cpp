@@ -75,6 +75,9 @@ struct kvdb_store {
     virtual bool seek(Seek /*how*/, std::string_view /*key*/, kvdb_datum & /*found*/) { return false; }
     virtual int32_t current(kvdb_datum & /*value*/) { return KVDB_ERR_INVALID; }
     virtual bool move_fails() { return false; }
+    // A walk's step from the backend's position to the next key: seek(Seek::next) unless the
+    // move fails first.
+    virtual bool step_next(kvdb_datum &found) { return !move_fails() && seek(Seek::next, {}, found); }
 
     // Writing. A NULL value deletes the key. append: the key must sort after every key held
     // (KVDB_ERR_INVALID otherwise).
@@ -330,6 +333,8 @@ struct LmdbReader final : kvdb_store {
         value = datum(at);
         return 0;
     }
+    // A move never fails here before it is made.
+    bool step_next(kvdb_datum &found) override { return LmdbReader::seek(Seek::next, {}, found); }
     MDB_val at{};  // the value under the backend's position
 };
 
@@ -500,6 +505,35 @@ bool owns_position(const kvdb_store *store, const kvdb_cursor *cursor) {
     return cursor->store == store && cursor->serial != 0 && cursor->serial == store->cached;
 }
 
+// kvdb_move2location's every other move (store is a reader, cursor not NULL), kept out of the
+// step's way.
+__attribute__((noinline)) kvdb_datum *move_any(kvdb_store *store, uint32_t location, kvdb_cursor *cursor) {
+    kvdb_datum found{};
+    if (location < KVDB_LOC_FIRST || location > KVDB_LOC_PREV) return nullptr;
+    const bool relative = location == KVDB_LOC_NEXT || location == KVDB_LOC_PREV;
+    if (relative && cursor->key.data == nullptr) return nullptr;
+    if (store->move_fails()) return land(store, cursor, false, found, 0);
+    bool ok;
+    if (location == KVDB_LOC_FIRST) {
+        ok = store->seek(Seek::first, {}, found);
+    } else if (location == KVDB_LOC_LAST) {
+        ok = store->seek(Seek::last, {}, found);
+    } else if (owns_position(store, cursor)) {
+        ok = store->seek(location == KVDB_LOC_NEXT ? Seek::next : Seek::prev, {}, found);
+    } else {
+        // Not the cursor the backend moved last: find its key again, then step from there. A key
+        // this handle no longer holds (a cursor of another handle) counts from where it would be.
+        const std::string_view at = view(cursor->key);
+        ok = store->seek(Seek::ge, at, found);
+        if (location == KVDB_LOC_NEXT) {
+            if (ok && view(found) == at) ok = store->seek(Seek::next, {}, found);
+        } else {
+            ok = ok ? store->seek(Seek::prev, {}, found) : store->seek(Seek::last, {}, found);
+        }
+    }
+    return land(store, cursor, ok, found, 0);
+}
+
 }  // namespace
 
 extern "C" {
@@ -532,30 +566,12 @@ kvdb_datum *kvdb_move2key(kvdb_store *store, const kvdb_datum *key, kvdb_cursor 
 
 kvdb_datum *kvdb_move2location(kvdb_store *store, uint32_t location, kvdb_cursor *cursor) {
     if (reader(store) == nullptr || cursor == nullptr) return nullptr;
-    kvdb_datum found{};
-    if (location < KVDB_LOC_FIRST || location > KVDB_LOC_PREV) return nullptr;
-    const bool relative = location == KVDB_LOC_NEXT || location == KVDB_LOC_PREV;
-    if (relative && cursor->key.data == nullptr) return nullptr;
-    if (store->move_fails()) return land(store, cursor, false, found, 0);
-    bool ok;
-    if (location == KVDB_LOC_FIRST) {
-        ok = store->seek(Seek::first, {}, found);
-    } else if (location == KVDB_LOC_LAST) {
-        ok = store->seek(Seek::last, {}, found);
-    } else if (owns_position(store, cursor)) {
-        ok = store->seek(location == KVDB_LOC_NEXT ? Seek::next : Seek::prev, {}, found);
-    } else {
-        // Not the cursor the backend moved last: find its key again, then step from there. A key
-        // this handle no longer holds (a cursor of another handle) counts from where it would be.
-        const std::string_view at = view(cursor->key);
-        ok = store->seek(Seek::ge, at, found);
-        if (location == KVDB_LOC_NEXT) {
-            if (ok && view(found) == at) ok = store->seek(Seek::next, {}, found);
-        } else {
-            ok = ok ? store->seek(Seek::prev, {}, found) : store->seek(Seek::last, {}, found);
-        }
+    // A walk's step, nearly every move: the cursor the backend moved last, one key on.
+    if (location == KVDB_LOC_NEXT && cursor->key.data != nullptr && owns_position(store, cursor)) {
+        kvdb_datum found{};
+        return land(store, cursor, store->step_next(found), found, 0);
     }
-    return land(store, cursor, ok, found, 0);
+    return move_any(store, location, cursor);
 }
 
 kvdb_datum *kvdb_getvalue(kvdb_store *store, kvdb_cursor *cursor) {

@@ -29,6 +29,16 @@ size_t copy_line(char *d, const char *p, const char *end) {
     size_t n = 0;
 #if defined(__SSE2__)
     const __m128i nl = _mm_set1_epi8('\n');
+    // Two blocks at a time while there are two (one test for both), then one.
+    for (; end - p - n >= 32; n += 32) {
+        const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p + n));
+        const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p + n + 16));
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(d + n), a);
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(d + n + 16), b);
+        const unsigned found = unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(a, nl))) |
+                               unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(b, nl))) << 16;
+        if (found != 0) return n + size_t(__builtin_ctz(found)) + 1;
+    }
     for (; end - p - n >= 16; n += 16) {
         const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p + n));
         _mm_storeu_si128(reinterpret_cast<__m128i *>(d + n), block);
@@ -41,6 +51,15 @@ size_t copy_line(char *d, const char *p, const char *end) {
     const size_t k = nl_at != nullptr ? size_t(nl_at - rest) + 1 : size_t(end - rest);
     std::memcpy(d + n, rest, k);
     return n + k;
+}
+
+// Writes indent spaces at d, in blocks of kSpaceBlock (an indentation is a few: the room of a
+// whole block is reserved after it); returns where they end.
+constexpr size_t kSpaceBlock = 16;
+char *indent_line(char *d, size_t indent) {
+    static constexpr char kSpaces[kSpaceBlock + 1] = "                ";
+    for (size_t done = 0; done < indent; done += kSpaceBlock) std::memcpy(d + done, kSpaces, kSpaceBlock);
+    return d + indent;
 }
 
 // A generation's text lies in one buffer, in the order it was added; each element holds the runs
@@ -87,16 +106,10 @@ public:
         std::memcpy(data_ + len_, p, n);
         len_ += n;
     }
-    // Appends lead spaces (an indentation: a few), then the line at p: up to its "\n" and with
-    // it, or up to end when it has none. Room is reserved for lead and all of end - p. Returns
-    // the line's length.
-    size_t put_line(size_t lead, const char *p, const char *end) {
-        for (size_t i = 0; i < lead; ++i) data_[len_ + i] = ' ';
-        len_ += lead;
-        const size_t n = copy_line(data_ + len_, p, end);
-        len_ += n;
-        return n;
-    }
+    // Where the next character goes, for a writer that has reserved its room; grow(n) then
+    // counts the n characters it wrote there.
+    char *end() const { return data_ + len_; }
+    void grow(size_t n) { len_ += n; }
     void clear() { len_ = 0; }
     char *data() const { return data_; }
     size_t size() const { return len_; }
@@ -132,21 +145,29 @@ struct Element {
     void append(Buffer &buf, const char *text, size_t indent) {
         const size_t len = std::strlen(text);
         if (len == 0) return;
-        // At most (len + 1) / 2 lines have text (each but the last ends with its "\n"); and the
-        // terminator a handed-over text ends with.
-        buf.reserve(len + indent * ((len + 1) / 2) + 1);
+        // At most (len + 1) / 2 lines have text (each but the last ends with its "\n"); the
+        // terminator a handed-over text ends with; and the block of spaces an indentation is
+        // written with.
+        buf.reserve(len + indent * ((len + 1) / 2) + 1 + kSpaceBlock);
         if (runs.empty() || runs.back().offset + runs.back().len != buf.size()) runs.push_back(Run{buf.size(), 0});
         const size_t before = buf.size();
         if (indent == 0) {
             buf.put(text, len);
             open = text[len - 1] != '\n';
         } else {
+            char *const first = buf.end();
+            char *d = first;
+            bool going_on = open;
             for (const char *p = text, *end = text + len; p < end;) {
                 // A line with text is indented, unless it goes on with an open one.
-                const size_t n = buf.put_line(!open && *p != '\n' ? indent : 0, p, end);
-                open = p[n - 1] != '\n';  // a last piece without its "\n" is never empty
+                if (!going_on && *p != '\n') d = indent_line(d, indent);
+                const size_t n = copy_line(d, p, end);
+                d += n;
+                going_on = p[n - 1] != '\n';  // a last piece without its "\n" is never empty
                 p += n;
             }
+            buf.grow(size_t(d - first));
+            open = going_on;
         }
         runs.back().len += buf.size() - before;
         size += buf.size() - before;

@@ -2,7 +2,6 @@
 #include "zfx_gen_text.hpp"
 
 #include <algorithm>
-#include <array>
 
 #include "platform/fmt.h"
 
@@ -13,14 +12,6 @@ uint32_t gen_handle;
 namespace {
 
 constexpr char kHex[] = "0123456789abcdef";
-// "00" to "99", each number's two digits.
-constexpr std::array<char, 200> kPairs = [] {
-    std::array<char, 200> t{};
-    for (int i = 0; i < 100; ++i) t[size_t(2 * i)] = char('0' + i / 10), t[size_t(2 * i + 1)] = char('0' + i % 10);
-    return t;
-}();
-// 10 to 10^9: a number of k digits is below kPowers[k - 1].
-constexpr uint32_t kPowers[] = {10, 100, 1000, 10000, 100000, 1000000, 10000000, 100000000, 1000000000};
 
 }  // namespace
 
@@ -39,35 +30,12 @@ Line &Line::spaces(size_t k) {
     return *this;
 }
 
-Line &Line::dec(int32_t v, uint32_t width) {
-    // The magnitude as unsigned, so that INT32_MIN has one too.
-    const uint32_t magnitude = v < 0 ? 0u - uint32_t(v) : uint32_t(v);
-    size_t digits = 1;
-    while (digits <= std::size(kPowers) && magnitude >= kPowers[digits - 1]) ++digits;
-    const size_t n = digits + (v < 0 ? 1 : 0);
+Line &Line::dec_any(int32_t v, uint32_t width) {
+    char digits[kDecMax];
+    const size_t n = size_t(put_dec(digits, v) - digits);
+    if (n > kDecMax) __builtin_unreachable();
     if (width > n) spaces(width - n);
-    // The digits go straight to their place in the line, two at a time from the last pair back:
-    // written into a scratch first, the copy would read them back before they had reached the
-    // cache and wait for them. Only a number that the line's end cuts goes through the scratch.
-    char tmp[12];
-    const bool whole = n <= line_size_ - 1 - (len_ - start_);
-    char *const first = whole ? buf_ + len_ : tmp + sizeof tmp - n;
-    char *p = first + n;
-    uint32_t u = magnitude;
-    for (; u >= 100; u /= 100) {
-        p -= 2;
-        std::memcpy(p, &kPairs[2 * (u % 100)], 2);
-    }
-    if (u >= 10) {
-        p -= 2;
-        std::memcpy(p, &kPairs[2 * u], 2);
-    } else {
-        *--p = char('0' + u);
-    }
-    if (v < 0) *--p = '-';
-    if (!whole) return put(first, n);  // cut as snprintf cuts it
-    len_ += n;
-    return *this;
+    return put(digits, n);  // cut as snprintf cuts it
 }
 
 Line &Line::hex2(uint8_t b) {
@@ -87,15 +55,14 @@ Line &Line::lun(const uint8_t *lun) {
     return put(t, std::strlen(fmt_lun(t, lun)));
 }
 
-Line &Line::ranges(const vsan_bitset *set, size_t room) {
-    const size_t space = line_size_ - 1 - length();
-    if (room <= space) {
-        len_ += put_ranges(buf_ + len_, room, set);
+Line &Line::ranges(const vsan_bitset *set, size_t most) {
+    if (most <= room()) {
+        len_ += put_ranges(buf_ + len_, most, set);
         return *this;
     }
-    // The line's end may fall within a run: cut whole runs to room first, then the line.
+    // The line's end may fall within a run: cut whole runs to most first, then the line.
     char t[VSAN_BITSET_TEXT_SIZE];
-    return put(t, put_ranges(t, room < VSAN_BITSET_TEXT_MAX ? room : VSAN_BITSET_TEXT_MAX, set));
+    return put(t, put_ranges(t, most < VSAN_BITSET_TEXT_MAX ? most : VSAN_BITSET_TEXT_MAX, set));
 }
 
 int32_t Line::hand(size_t n) {
@@ -112,7 +79,7 @@ int32_t Line::hand(size_t n) {
     return status;
 }
 
-int32_t Line::add(uint32_t handle, uint32_t element, int32_t level) {
+int32_t Line::add_any(uint32_t handle, uint32_t element, int32_t level) {
     // Kept lines for another element or level go first, on their own.
     int32_t status = start_ != 0 && (handle != handle_ || element != element_ || level != level_) ? flush() : 0;
     handle_ = handle;

@@ -3,6 +3,8 @@
 // handed no store.
 #pragma once
 
+#include <array>
+
 #include "platform/ptxt.h"
 #include "vsan_bitset.h"
 #include "zfx_internal.hpp"
@@ -24,6 +26,66 @@ constexpr size_t kRangeLineSize = VSAN_BITSET_TEXT_SIZE + 128;
 // the whole text is longer than max characters, so that a cut text never names a VSAN that is
 // not in the set. Returns its length. (vsan_bitset_sprintf is this with no limit.)
 size_t put_ranges(char *out, size_t max, const vsan_bitset *set);
+
+// Writers of the pieces of a line at p, which has room for them; each returns where the piece
+// ends. They are what Line writes with, and what a writer of a line in place (Line::at) uses.
+
+// The n characters at s: inline up to 16 of them, two moves that may overlap, never a byte outside
+// either range (the words of the text have lengths the compiler knows; the short pieces of the
+// records, names and numbers, are copied without a call as well).
+inline char *put_chars(char *d, const char *s, size_t n) {
+    if (n >= 8 && n <= 16) {
+        const uint64_t head = load<uint64_t>(s), tail = load<uint64_t>(s + n - 8);
+        store<uint64_t>(d, head);
+        store<uint64_t>(d + n - 8, tail);
+    } else if (n >= 4 && n < 8) {
+        const uint32_t head = load<uint32_t>(s), tail = load<uint32_t>(s + n - 4);
+        store<uint32_t>(d, head);
+        store<uint32_t>(d + n - 4, tail);
+    } else if (n != 0 && n < 4) {
+        d[0] = s[0];
+        d[n / 2] = s[n / 2];
+        d[n - 1] = s[n - 1];
+    } else if (n != 0) {
+        std::memcpy(d, s, n);
+    }
+    return d + n;
+}
+template <size_t N>
+inline char *put_chars(char *d, const char (&word)[N]) {
+    return put_chars(d, word, N - 1);
+}
+
+// "00" to "99", each number's two digits.
+inline constexpr std::array<char, 200> kDigitPairs = [] {
+    std::array<char, 200> t{};
+    for (int i = 0; i < 100; ++i) t[size_t(2 * i)] = char('0' + i / 10), t[size_t(2 * i + 1)] = char('0' + i % 10);
+    return t;
+}();
+
+// The most characters of "%d".
+constexpr size_t kDecMax = 11;
+
+// "%d". The digits go straight to their place, two at a time from the last pair back: written
+// into a scratch first, a copy would read them back before they had reached the cache and wait
+// for them.
+inline char *put_dec(char *p, int32_t v) {
+    // The magnitude as unsigned, so that INT32_MIN has one too.
+    const uint32_t magnitude = v < 0 ? 0u - uint32_t(v) : uint32_t(v);
+    size_t n = magnitude < 100 ? (magnitude < 10 ? 1 : 2) : magnitude < 10000 ? (magnitude < 1000 ? 3 : 4) : 5;
+    for (uint32_t power = 100000; n < 10 && magnitude >= power; power *= 10) ++n;
+    if (v < 0) *p++ = '-';
+    char *const end = p + n;
+    char *q = end;
+    uint32_t u = magnitude;
+    for (; u >= 100; u /= 100) {
+        q -= 2;
+        std::memcpy(q, &kDigitPairs[2 * (u % 100)], 2);
+    }
+    if (u >= 10) std::memcpy(q - 2, &kDigitPairs[2 * u], 2);
+    else q[-1] = char('0' + u);
+    return end;
+}
 
 // A line of the configuration text, built piece by piece in a caller's buffer and handed to the
 // text service. The pieces are the exact forms the text has always used ("%s", "%-15s", "%.80s",
@@ -62,16 +124,21 @@ public:
     Line &left(const char *s, size_t width) { return left(s, std::strlen(s), width); }
     // k spaces.
     Line &spaces(size_t k);
-    // "%*d": v in decimal, right-aligned in width characters.
-    Line &dec(int32_t v, uint32_t width = 0);
+    // "%*d": v in decimal, right-aligned in width characters. Most numbers of the text have no
+    // width and fit the line: they are written in place, inline.
+    Line &dec(int32_t v, uint32_t width = 0) {
+        if (width != 0 || room() < kDecMax) return dec_any(v, width);
+        len_ = size_t(put_dec(buf_ + len_, v) - buf_);
+        return *this;
+    }
     // "%02x".
     Line &hex2(uint8_t b);
     // The platform's fmt_wwn text of the 8 bytes of a WWN as they lie in a record.
     Line &wwn(const uint8_t *wwn);
     // The platform's fmt_lun text of an 8-byte LUN.
     Line &lun(const uint8_t *lun);
-    // The VSAN range text of set, cut after its last whole run when longer than room characters.
-    Line &ranges(const vsan_bitset *set, size_t room = VSAN_BITSET_TEXT_MAX);
+    // The VSAN range text of set, cut after its last whole run when longer than most characters.
+    Line &ranges(const vsan_bitset *set, size_t most = VSAN_BITSET_TEXT_MAX);
     // The line's "\n".
     Line &end() {
         put("\n", 1);
@@ -82,46 +149,46 @@ public:
     // Ends the line and gives it to element at level (kBaseLevel: the base level); the builder
     // goes on with the next line. Returns the configuration-text service's status for the lines
     // handed over in this call (0 when they are all kept for later).
-    int32_t add(uint32_t handle, uint32_t element, int32_t level);
+    int32_t add(uint32_t handle, uint32_t element, int32_t level) {
+        // The common case, inline: a line for where the kept lines go, with room left for another.
+        if (start_ == 0 || handle != handle_ || element != element_ || level != level_ || !gather_ ||
+            capacity_ - len_ < line_size_)
+            return add_any(handle, element, level);
+        start_ = len_;
+        cut_ = false;
+        return 0;
+    }
     // Hands the lines kept over; returns the service's status (0 when there were none).
     int32_t flush();
 
     // The characters of the line being built.
     size_t length() const { return len_ - start_; }
+    // How many more characters the line takes before it is cut.
+    size_t room() const { return line_size_ - 1 - (len_ - start_); }
 
-private:
-    Line &put(const char *s, size_t n) {
-        const size_t room = line_size_ - 1 - (len_ - start_);
-        // The piece that fits whole is copied with its own length, which the compiler knows for
-        // the words of the text; the short pieces of the records (names, numbers) are copied
-        // without a call as well.
-        if (n <= room) {
-            copy_short(buf_ + len_, s, n);
-            len_ += n;
-            return *this;
-        }
-        std::memcpy(buf_ + len_, s, room);
-        len_ += room;
-        cut_ = true;
+    // A line written in place: where its next character goes, for a writer that knows its text
+    // fits the room (room() at least its longest: a line begins with line_size - 1), which then
+    // hands back where it ended. No piece of such a text is cut, so nothing is checked on the
+    // way: a line of a bounded form (a member's) costs its characters alone.
+    char *at() { return buf_ + len_; }
+    Line &done(char *end) {
+        len_ = size_t(end - buf_);
         return *this;
     }
-    // memcpy, inline up to 16 bytes: two moves that may overlap, never a byte outside either range.
-    static void copy_short(char *d, const char *s, size_t n) {
-        if (n >= 8 && n <= 16) {
-            const uint64_t head = load<uint64_t>(s), tail = load<uint64_t>(s + n - 8);
-            store<uint64_t>(d, head);
-            store<uint64_t>(d + n - 8, tail);
-        } else if (n >= 4 && n < 8) {
-            const uint32_t head = load<uint32_t>(s), tail = load<uint32_t>(s + n - 4);
-            store<uint32_t>(d, head);
-            store<uint32_t>(d + n - 4, tail);
-        } else if (n != 0 && n < 4) {
-            d[0] = s[0];
-            d[n / 2] = s[n / 2];
-            d[n - 1] = s[n - 1];
-        } else if (n != 0) {
-            std::memcpy(d, s, n);
+
+private:
+    Line &dec_any(int32_t v, uint32_t width);
+    int32_t add_any(uint32_t handle, uint32_t element, int32_t level);
+    Line &put(const char *s, size_t n) {
+        const size_t left = room();
+        if (n <= left) {
+            len_ = size_t(put_chars(buf_ + len_, s, n) - buf_);
+            return *this;
         }
+        std::memcpy(buf_ + len_, s, left);
+        len_ += left;
+        cut_ = true;
+        return *this;
     }
     // Hands the first n characters of the buffer to the kept lines' element.
     int32_t hand(size_t n);

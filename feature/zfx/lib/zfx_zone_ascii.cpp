@@ -5,6 +5,7 @@
 // shorter than its fixed part, or whose array does not lie within it, fails like a missing one.
 // The first failure ends the section (the lines already added stay).
 #include <algorithm>
+#include <cassert>
 #include <iterator>
 
 #include "platform/fmt.h"
@@ -346,29 +347,46 @@ void take_bitmap(uint8_t *dst, size_t size, const Tlv &e) {
     if (e.len > 4) std::memcpy(dst, e.value + 4, size_t(e.len - 4) < size ? size_t(e.len - 4) : size);
 }
 
+// The longest member line: a device alias of the longest name, a LUN, the widest VSAN and AFID.
+constexpr size_t kMemberLineMax = sizeof "member device-alias " + ZFX_NAME_SIZE + sizeof "lun " + FMT_LUN_SIZE +
+                                  sizeof "vsan " + kDecMax + sizeof " autonomous-fabric-id " + kDecMax;
+static_assert(kMemberLineMax < kLineSize);
+
 // One member line: the member, the LUN column, the VSAN and fabric ID, from the record where it
 // lies; what the record lacks reads as zero (an empty alias). The WWN and LUN texts are left in
-// the process-wide scratch strings, as the section has always left them.
+// the process-wide scratch strings, as the section has always left them. The line is written in
+// place: it begins with the room of a whole line, which holds the longest member line.
 void member_line(Section &s, const MemberView &m) {
     static constexpr uint8_t kZero[8] = {};
+    static constexpr char kPad[] = "               ";  // an alias's column: 15 characters
     MemberShape shape{};  // an unknown type leaves it empty: no member text, no LUN
     member_shape(m.type, shape);
-    Line &line = s.out;
+    assert(s.out.room() >= kMemberLineMax);
+    char *p = s.out.at();
     if (shape.pwwn) {
         plat_wwn wwn;
         std::memcpy(wwn.bytes, m.pwwn != nullptr ? m.pwwn : kZero, sizeof wwn.bytes);
-        line.text("member pwwn ").text(fmt_wwn(zfx_sp_wwn_str, wwn), FMT_WWN_SIZE - 1).text(" ");
+        p = put_chars(p, "member pwwn ");
+        p = put_chars(p, fmt_wwn(zfx_sp_wwn_str, wwn), FMT_WWN_SIZE - 1);
+        *p++ = ' ';
     } else if (shape.alias) {
-        line.text("member device-alias ").left(m.alias != nullptr ? m.alias : "", m.alias_len, 15).text(" ");
+        p = put_chars(p, "member device-alias ");
+        p = put_chars(p, m.alias != nullptr ? m.alias : "", m.alias_len);
+        if (m.alias_len < sizeof kPad - 1) p = put_chars(p, kPad, sizeof kPad - 1 - m.alias_len);
+        *p++ = ' ';
     }
     if (shape.lun) {
-        line.text("lun ").text(lun_str, std::strlen(fmt_lun(lun_str, m.lun != nullptr ? m.lun : kZero))).text(" ");
+        p = put_chars(p, "lun ");
+        p = put_chars(p, lun_str, std::strlen(fmt_lun(lun_str, m.lun != nullptr ? m.lun : kZero)));
+        *p++ = ' ';
     } else {
-        line.text(kNoLun, sizeof kNoLun - 1);
+        p = put_chars(p, kNoLun);
     }
-    line.text("vsan ").dec(int32_t(m.vsan));
-    if (m.afid != 1) line.text(" autonomous-fabric-id ").dec(int32_t(m.afid));
-    line.end().add(s.handle, ZFX_ELEM_ZONE, 1);
+    p = put_chars(p, "vsan ");
+    p = put_dec(p, int32_t(m.vsan));
+    if (m.afid != 1) p = put_dec(put_chars(p, " autonomous-fabric-id "), int32_t(m.afid));
+    *p++ = '\n';
+    s.out.done(p).add(s.handle, ZFX_ELEM_ZONE, 1);
 }
 
 int32_t zone_text(Section &s, uint32_t id) {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "zfx_internal.hpp"
+#include "zfx_tlv_walk.hpp"
 #include "zfx_zone_db.h"
 
 namespace zfx {
@@ -41,8 +42,40 @@ struct MemberView {
 };
 
 // Views a stored member record of len bytes; false when the record is shorter than its head or
-// its array does not lie within it (v then holds nothing to be used).
-bool view_member(const void *record, size_t len, MemberView &v);
+// its array does not lie within it (v then holds nothing to be used). Inline: the zone text views
+// every member record it writes.
+inline bool view_member(const void *record, size_t len, MemberView &v) {
+    if (record == nullptr || len < sizeof(zfx_member_rec_head)) return false;
+    auto *rec = static_cast<uint8_t *>(const_cast<void *>(record));  // walked, never written
+    // One pass checks and reads the array.
+    TlvWalk walk(rec + offsetof(zfx_member_rec_head, tlvs), len - offsetof(zfx_member_rec_head, tlvs), TlvStepwise{});
+    v = MemberView{};
+    v.type = rec[offsetof(zfx_member_rec_head, type)];
+    for (Tlv e; walk.next(e);) {
+        switch (e.type) {
+            case ZFX_TLV_MEMBER_PWWN:
+                if (e.len >= 8) v.pwwn = e.value;
+                break;
+            case ZFX_TLV_MEMBER_VSAN:
+                if (e.len >= 4) v.vsan = load_le32(e.value), v.has_vsan = true;
+                break;
+            case ZFX_TLV_MEMBER_AFID:
+                if (e.len >= 4) v.afid = uint16_t(load_le32(e.value)), v.has_afid = true;
+                break;
+            case ZFX_TLV_MEMBER_LUN:
+                if (e.len >= 8) v.lun = e.value;
+                break;
+            case ZFX_TLV_MEMBER_DEVICE_ALIAS:
+                // The characters up to the terminator, never past the value.
+                v.has_alias = true;
+                v.alias = reinterpret_cast<const char *>(e.value);
+                v.alias_len = e.value != nullptr ? strnlen(v.alias, e.len < ZFX_NAME_SIZE - 1 ? e.len : ZFX_NAME_SIZE - 1) : 0;
+                break;
+            default: break;
+        }
+    }
+    return walk.ok();
+}
 
 // Decodes a stored member record of len bytes into m (see zfx_zone_decode_member_from_kvdb_cfg):
 // the view's fields copied, the ones the record lacks left as they are in m; false, with m
