@@ -49,11 +49,10 @@ public:
         if (n_ > N) handle(slot);
         slot = item;
     }
-    // Hands the items still kept to handle, in the order they came.
+    // Hands the items still kept to handle, in the order they came: the walk's end.
     template <typename Handle>
-    void drain(Handle &&handle) {
+    void drain(Handle &&handle) const {
         for (uint32_t i = n_ > N ? n_ - N : 0; i < n_; ++i) handle(items_[i % N]);
-        n_ = 0;
     }
 
 private:
@@ -132,7 +131,7 @@ Found fetch_named(kvdb_store *store, uint8_t table, uint32_t id, NamedRecord &re
 // each time it is asked for.
 class ZoneTable {
 public:
-    ZoneTable(kvdb_store *store, uint32_t limit) : store_(store), limit_(limit < kZoneBits ? limit : kZoneBits) {
+    ZoneTable(kvdb_store *store, uint32_t limit) : store_(store), limit_(std::min(limit, kZoneBits)) {
         slots_ = limit_ != 0 ? static_cast<Slot *>(mem_zalloc_array(limit_, sizeof(Slot))) : nullptr;
         if (slots_ == nullptr) return;
         constexpr uint8_t start[2] = {ZFX_KVDB_ZONE_KEY, 0};
