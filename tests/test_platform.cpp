@@ -68,7 +68,7 @@ TEST(Ptxt, ElementsRenderInDependencyOrderWithDeclarationOrderBreakingTies) {
 
 // Joining and indentation against a character-by-character reading of the rule, over random
 // pieces given to two elements in turn: lines of every length around the 16-byte blocks the
-// service copies, empty lines, pieces ending mid-line. A line takes its first piece's level and
+// service copies, empty lines, pieces ending mid-line, levels up to the deepest. A line takes its first piece's level and
 // runs on until a newline, whatever the other element got in between; every element's text ends
 // its line, and the group's lines (each ended) come last.
 TEST(Ptxt, PiecesJoinAndIndentByTheRuleOverRandomPieces) {
@@ -79,7 +79,8 @@ TEST(Ptxt, PiecesJoinAndIndentByTheRuleOverRandomPieces) {
         std::string expected[2], group;
         bool open[2] = {};
         for (int piece = 0; piece < 16; ++piece) {
-            const uint32_t e = rng() % 2, level = rng() % 4;
+            // Now and then a deep level: an indentation longer than the blocks spaces go in.
+            const uint32_t e = rng() % 2, level = rng() % 8 == 0 ? rng() % (PTXT_LEVEL_MAX + 1) : rng() % 4;
             std::string text(rng() % 100, 'x');
             for (char &c : text) c = rng() % 12 == 0 ? '\n' : char('a' + rng() % 26);
             ASSERT_EQ(ptxt_elem_str_add_indent(g.h, 2 + e, text.c_str(), level), 0);
