@@ -215,7 +215,7 @@ TEST(GenText, LineWritersMatchPrintf) {
         ASSERT_EQ(std::string(got, zfx::put_dec(got, v)), want);
     }
     const std::string from(40, 'x');
-    for (size_t n = 0; n <= 33; ++n) {
+    for (size_t n = 0; n <= 40; ++n) {
         std::string to(40, '.');
         ASSERT_EQ(zfx::put_chars(to.data(), from.data(), n), to.data() + n);
         ASSERT_EQ(to, std::string(n, 'x') + std::string(40 - n, '.')) << n;

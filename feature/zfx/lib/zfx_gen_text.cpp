@@ -52,7 +52,7 @@ Line &Line::wwn(const uint8_t *wwn) {
 
 Line &Line::lun(const uint8_t *lun) {
     char t[FMT_LUN_SIZE];
-    return put(t, std::strlen(fmt_lun(t, lun)));
+    return put(t, std::min(std::strlen(fmt_lun(t, lun)), sizeof t - 1));
 }
 
 Line &Line::ranges(const vsan_bitset *set, size_t most) {
