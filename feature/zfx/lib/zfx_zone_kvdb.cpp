@@ -316,7 +316,7 @@ uint32_t zfx_zoneset_get_persistent_data_size(const zfx_zoneset_node *zoneset, u
     if (zoneset == nullptr) return 0;
     uint64_t ext;
     const uint64_t total = pzs_size(*zoneset, ext);
-    if (total > UINT32_MAX) return UINT32_MAX;
+    if (total != uint32_t(total)) return UINT32_MAX;  // beyond what the 32-bit size can say
     *ext_size = uint32_t(ext);
     return uint32_t(total);
 }
@@ -379,7 +379,7 @@ void *zfx_zone_zoneset_to_persistent_kvdb_data(const zfx_zoneset_node *zoneset, 
     if (zoneset == nullptr || length == nullptr) return nullptr;
     uint64_t ext;
     const uint64_t total = pzs_size(*zoneset, ext);
-    if (total > UINT32_MAX) return nullptr;
+    if (total != uint32_t(total)) return nullptr;  // beyond what the 32-bit size can say
     auto *data = static_cast<uint8_t *>(mem_zalloc(total));
     if (data == nullptr) return nullptr;
     write_head(data, zoneset->id, zoneset->name);
