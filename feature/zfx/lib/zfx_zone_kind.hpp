@@ -79,6 +79,8 @@ public:
         for (const Elem &e : *this) sum += tlv_size(e.len);
         return sum;
     }
+    // The bytes of an array holding exactly the elements: its count word and them.
+    uint32_t array_bytes() const { return sizeof(uint32_t) + bytes(); }
 
 private:
     static constexpr uint8_t kMax = 8;  // more than any message carries

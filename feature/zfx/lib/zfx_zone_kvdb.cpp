@@ -82,7 +82,7 @@ int32_t add_elems(void *array, uint32_t capacity, const ElemList &list) {
 }
 
 // Bytes of a member head and its array of these elements.
-uint32_t member_size(const MemberElems &e) { return sizeof(zfx_member_rec_head) + e.list.bytes(); }
+uint32_t member_size(const MemberElems &e) { return offsetof(zfx_member_rec_head, tlvs) + e.list.array_bytes(); }
 
 // Writes the member's head and array at `at` and returns the bytes written, member_size(e): every
 // caller has made that room (an exact allocation, a buffer sized by the same elements, or a room
@@ -93,7 +93,7 @@ uint32_t write_member(uint8_t *at, const zfx_zone_member_node &m, const MemberEl
     at[2] = uint8_t(m.type);
     at[3] = 0;
     store_le32(at + 4, 0);
-    add_elems(at + 4, size - 4, e.list);
+    add_elems(at + offsetof(zfx_member_rec_head, tlvs), e.list.array_bytes(), e.list);
     return size;
 }
 
@@ -106,15 +106,13 @@ const T *next(const plat_tree *tree, tree_walker &w) {
 // A zone or zoneset record: its head (low 16 bits of the id, the name) and its array holding
 // exactly the elements.
 void *encode_named(uint32_t id, const char *name, const ElemList &list, uint32_t *length) {
-    // The array (its count word and the elements) is allocated to exactly the size it is given
-    // as capacity, so no add is refused.
-    const uint32_t array_size = sizeof(uint32_t) + list.bytes();
-    const uint32_t size = offsetof(zfx_zone_rec_head, tlvs) + array_size;
+    // The array is allocated to exactly the size it is given as capacity, so no add is refused.
+    const uint32_t size = offsetof(zfx_zone_rec_head, tlvs) + list.array_bytes();
     auto *rec = static_cast<uint8_t *>(mem_zalloc(size));
     if (rec == nullptr) return nullptr;
     store_le16(rec, uint16_t(id));
     copy_str_to_buf(ZFX_NAME_SIZE, reinterpret_cast<char *>(rec + offsetof(zfx_zone_rec_head, name)), name);
-    add_elems(rec + offsetof(zfx_zone_rec_head, tlvs), array_size, list);
+    add_elems(rec + offsetof(zfx_zone_rec_head, tlvs), list.array_bytes(), list);
     *length = size;
     return rec;
 }

@@ -150,7 +150,7 @@ int32_t check_create(const ZoneKind &k, const void *msg) {
 
 int32_t build_message(const ZoneKind &k, const ElemList &elems, Block &msg,
                       void (*before_add)(const Elem &)) {
-    const uint32_t capacity = 4 + elems.bytes();
+    const uint32_t capacity = elems.array_bytes();
     const uint32_t length = k.array_off + capacity;
     *msg.slot() = mem_zalloc(length);
     if (!msg) return ZFX_ERR_NO_MEMORY;
