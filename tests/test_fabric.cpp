@@ -201,6 +201,7 @@ TEST(Fabric, ServiceGroupListsAndLookups) {
     EXPECT_EQ(zfx2_sg_name_check_if_in_cfg2(0, list, list), 1);
     EXPECT_EQ(zfx2_sg_member_check_if_in_cfg2(0, list, list, 1), 1);
     EXPECT_EQ(zfx2_sg_name_check_if_in_cfg2(1, list, list), 0);
+    EXPECT_EQ(zfx2_sg_name_check_if_in_cfg2(0, nullptr, list), 0);
     EXPECT_EQ(zfx2_sg_member_check_if_in_cfg2(0, list, nullptr, 0), 0);
     std::free(list);
 

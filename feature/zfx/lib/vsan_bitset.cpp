@@ -25,12 +25,13 @@ inline uint64_t word_at(const vsan_bitset *s, int32_t w) {
 
 inline bool in_range(int32_t p) { return p >= 0 && p < kBits; }
 
-// Forward search over set positions (invert = false) or clear positions (invert = true).
-int32_t find_forward(const vsan_bitset *s, int32_t start, bool invert) {
+// Forward search over set positions (invert = false) or clear positions (invert = true). The
+// start is 64 bits wide so that "the position after p" needs no guard against wrapping.
+int32_t find_forward(const vsan_bitset *s, int64_t start, bool invert) {
     if (start < 0) start = 0;
     if (start >= kBits) return -1;
     const uint64_t flip = invert ? ~uint64_t(0) : 0;
-    int32_t w = start >> 6;
+    int32_t w = int32_t(start >> 6);
     uint64_t word = (word_at(s, w) ^ flip) & (~uint64_t(0) >> (start & 63));
     for (;;) {
         if (word) return 64 * w + std::countl_zero(word);
@@ -125,12 +126,12 @@ inline void bytewise(vsan_bitset *dst, Fn fn) {
 // count of leading zeros of the word (looking for a set position) or of its complement (looking
 // for the end of a run), so a run costs two bit counts whatever its length.
 template <typename Fn>
-void walk_runs(const vsan_bitset *s, int32_t from, Fn fn) {
+void walk_runs(const vsan_bitset *s, int64_t from, Fn fn) {
     if (from < 0) from = 0;
     if (from >= kBits) return;
     int32_t start = -1;
-    int pos = from & 63;
-    for (int32_t w = from >> 6; w < kWords; ++w, pos = 0) {
+    int pos = int(from & 63);
+    for (int32_t w = int32_t(from >> 6); w < kWords; ++w, pos = 0) {
         const uint64_t word = word_at(s, w);
         for (;;) {  // pos stays below 64: it only ever moves onto a set bit of the shifted word
             const uint64_t rest = (start < 0 ? word : ~word) << pos;
@@ -364,13 +365,13 @@ int32_t vsan_bitset_find_prev_bit(const vsan_bitset *set, int32_t start) { retur
 int32_t vsan_bitset_first_bit(const vsan_bitset *set) { return find_forward(set, 0, false); }
 
 int32_t vsan_bitset_next_bit(const vsan_bitset *set, int32_t p) {
-    return p >= kBits - 1 ? -1 : find_forward(set, p + 1, false);
+    return find_forward(set, int64_t(p) + 1, false);
 }
 
 int32_t vsan_bitset_first_free_bit(const vsan_bitset *set) { return find_forward(set, 0, true); }
 
 int32_t vsan_bitset_next_free_bit(const vsan_bitset *set, int32_t p) {
-    return p >= kBits - 1 ? -1 : find_forward(set, p + 1, true);
+    return find_forward(set, int64_t(p) + 1, true);
 }
 
 int32_t vsan_bitset_nth_bit(const vsan_bitset *set, int32_t n) { return nth(set, n, false); }
@@ -386,8 +387,8 @@ int32_t vsan_bitset_next_free_range(const vsan_bitset *set, vsan_bitset_range *c
 }
 
 int32_t vsan_bitset_is_range_free(const vsan_bitset *set, const vsan_bitset_range *range) {
-    if (range->last <= range->first || range->first >= kBits - 1) return 1;
-    int32_t p = find_forward(set, range->first + 1, false);
+    // The first set position after first; a range with last <= first never holds it.
+    int32_t p = find_forward(set, int64_t(range->first) + 1, false);
     return p >= 0 && p <= range->last ? 0 : 1;
 }
 
@@ -399,10 +400,11 @@ int32_t vsan_bitset_snprintf(char *buffer, uint32_t size, const vsan_bitset *set
                              uint8_t *done) {
     if (done) *done = 0;
     if (buffer == nullptr || size == 0) return 0;
-    // A resumed write goes on after the last run written (so a cursor of 0 never yields 0).
-    int32_t from = 0;
+    // A resumed write goes on after the last run written (so a cursor of 0 never yields 0); widened,
+    // as the cursor is anyone's to set.
+    int64_t from = 0;
     if (restart) range_print_cursor = 0;
-    else from = range_print_cursor >= kBits - 1 ? kBits : range_print_cursor + 1;
+    else from = int64_t(range_print_cursor) + 1;
     uint32_t n = 0;
     bool full = false;
     walk_runs(set, from, [&](int32_t first, int32_t last) {

@@ -31,6 +31,7 @@ constexpr Field kNative[] = {{offsetof(zfx2_pfcid_entry, id.domain.native_afid),
 constexpr size_t kKeyShift = offsetof(zfx2_pfcid_entry, tag) - offsetof(zfx2_pfcid_key, tag);
 constexpr size_t kKeyBody = sizeof(zfx2_pfcid_key) - offsetof(zfx2_pfcid_key, tag);  // 16 bytes
 static_assert(offsetof(zfx2_pfcid_entry, fcid) - offsetof(zfx2_pfcid_entry, tag) == kKeyBody);
+static_assert(offsetof(zfx2_pfcid_entry, kind) == 0);  // an entry's kind word is at its start
 
 // Reverses the identity numbers, and the native ones for the domain layout, of a key or entry
 // whose fields lie shift bytes before their entry offsets.
@@ -43,7 +44,7 @@ void swap_numbers(uint8_t *base, bool domain, size_t shift) {
 // Converts an entry in place; the kind decides the fields in host order, read before the swap
 // when going to network order and after it when coming back. with_word: the value word as well.
 void convert_entry(uint8_t *e, bool to_host, bool with_word) {
-    swap32_at(e + offsetof(zfx2_pfcid_entry, kind));
+    swap32_at(e);
     const uint32_t kind = to_host ? load_le32(e) : bswap(load_le32(e));
     swap_numbers(e, kind == ZFX2_PFCID_KIND_DOMAIN, 0);
     if (with_word) swap32_at(e + offsetof(zfx2_pfcid_entry, word));
@@ -69,18 +70,18 @@ void populate(const zfx2_pfcid_entry *entry, zfx2_pfcid_key *key, int32_t conver
 }
 
 void key_val_to_entry(const zfx2_pfcid_key *key, const zfx2_pfcid_value *value, zfx2_pfcid_entry *entry,
-                      int32_t convert, bool domain) {
+                      bool convert, bool domain) {
     if (key == nullptr || value == nullptr || entry == nullptr) return;
     const uint8_t *k = reinterpret_cast<const uint8_t *>(key);
     uint8_t *e = reinterpret_cast<uint8_t *>(entry);
     std::memset(e, 0, sizeof *entry);
-    store_le32(e + offsetof(zfx2_pfcid_entry, kind), k[offsetof(zfx2_pfcid_key, kind)]);
+    store_le32(e, k[offsetof(zfx2_pfcid_key, kind)]);
     std::memcpy(e + offsetof(zfx2_pfcid_entry, tag), k + offsetof(zfx2_pfcid_key, tag), kKeyBody);
     // The domain layout has no use for the key's bytes 12 and 13.
     if (domain) std::memset(e + offsetof(zfx2_pfcid_entry, id.domain.reserved), 0, 2);
     std::memcpy(e + offsetof(zfx2_pfcid_entry, fcid), value, sizeof *value);
-    if (convert == 0) return;
-    swap32_at(e + offsetof(zfx2_pfcid_entry, kind));
+    if (!convert) return;
+    swap32_at(e);
     swap_numbers(e, domain, 0);
     swap32_at(e + offsetof(zfx2_pfcid_entry, word));
 }
@@ -92,7 +93,7 @@ void fill_pfcid(uint8_t *out, const kvdb_datum &key, const kvdb_datum &value, co
     std::memcpy(&k, key.data, sizeof k);
     zfx2_pfcid_value v{};
     copy_value(&v, sizeof v, &value);
-    key_val_to_entry(&k, &v, reinterpret_cast<zfx2_pfcid_entry *>(out), 1, k.kind == ZFX2_PFCID_KIND_DOMAIN);
+    key_val_to_entry(&k, &v, reinterpret_cast<zfx2_pfcid_entry *>(out), true, k.kind == ZFX2_PFCID_KIND_DOMAIN);
 }
 
 // ---- the text ---------------------------------------------------------------------------------
@@ -222,11 +223,11 @@ void zfx2_pfcid_kvdb_vfcid_key_populate(const zfx2_pfcid_entry *entry, zfx2_pfci
 
 void zfx2_pfcid_vdom_key_val_2_pfcid_entry(const zfx2_pfcid_key *key, const zfx2_pfcid_value *value,
                                            zfx2_pfcid_entry *entry, int32_t convert) {
-    key_val_to_entry(key, value, entry, convert, true);
+    key_val_to_entry(key, value, entry, convert != 0, true);
 }
 void zfx2_pfcid_vfcid_key_val_2_pfcid_entry(const zfx2_pfcid_key *key, const zfx2_pfcid_value *value,
                                             zfx2_pfcid_entry *entry, int32_t convert) {
-    key_val_to_entry(key, value, entry, convert, false);
+    key_val_to_entry(key, value, entry, convert != 0, false);
 }
 
 int32_t zfx2_pfcid_entry_hton(zfx2_pfcid_entry *entry) {

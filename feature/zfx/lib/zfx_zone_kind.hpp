@@ -53,9 +53,9 @@ uint32_t one_record_size(const ZoneKind &k);
 // its array is malformed within the avail bytes of the message.
 bool convert(const ZoneKind &k, void *msg, size_t avail);
 
-// The create check of a message of avail bytes: 0, ZFX_ERR_CREATE_INCOMPLETE, or
+// The create check of a one-record message of kind k: 0, ZFX_ERR_CREATE_INCOMPLETE, or
 // ZFX_ERR_INVALID_ARG for a malformed array.
-int32_t check_create(const ZoneKind &k, const void *msg, size_t avail);
+int32_t check_create(const ZoneKind &k, const void *msg);
 
 // Elements of a message built from plain arguments, in the order they are to be added.
 struct Elem {
@@ -79,6 +79,8 @@ public:
         for (const Elem &e : *this) sum += tlv_size(e.len);
         return sum;
     }
+    // The bytes of an array holding exactly the elements: its count word and them.
+    uint32_t array_bytes() const { return sizeof(uint32_t) + bytes(); }
 
 private:
     static constexpr uint8_t kMax = 8;  // more than any message carries

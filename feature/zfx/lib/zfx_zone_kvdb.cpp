@@ -82,18 +82,18 @@ int32_t add_elems(void *array, uint32_t capacity, const ElemList &list) {
 }
 
 // Bytes of a member head and its array of these elements.
-uint32_t member_size(const MemberElems &e) { return sizeof(zfx_member_rec_head) + e.list.bytes(); }
+uint32_t member_size(const MemberElems &e) { return offsetof(zfx_member_rec_head, tlvs) + e.list.array_bytes(); }
 
-// Writes the member's head and array at `at`, within room bytes. Returns the bytes written, or 0
-// when they do not fit. The array is sized to its elements, so every add fits.
-uint32_t write_member(uint8_t *at, size_t room, const zfx_zone_member_node &m, const MemberElems &e) {
+// Writes the member's head and array at `at` and returns the bytes written, member_size(e): every
+// caller has made that room (an exact allocation, a buffer sized by the same elements, or a room
+// check of its own). The array is sized to its elements, so every add fits.
+uint32_t write_member(uint8_t *at, const zfx_zone_member_node &m, const MemberElems &e) {
     const uint32_t size = member_size(e);
-    if (size > room) return 0;
     store_le16(at, uint16_t(m.id));
     at[2] = uint8_t(m.type);
     at[3] = 0;
     store_le32(at + 4, 0);
-    add_elems(at + 4, size - 4, e.list);
+    add_elems(at + offsetof(zfx_member_rec_head, tlvs), e.list.array_bytes(), e.list);
     return size;
 }
 
@@ -106,15 +106,13 @@ const T *next(const plat_tree *tree, tree_walker &w) {
 // A zone or zoneset record: its head (low 16 bits of the id, the name) and its array holding
 // exactly the elements.
 void *encode_named(uint32_t id, const char *name, const ElemList &list, uint32_t *length) {
-    const uint32_t size = sizeof(zfx_zone_rec_head) + list.bytes();
+    // The array is allocated to exactly the size it is given as capacity, so no add is refused.
+    const uint32_t size = offsetof(zfx_zone_rec_head, tlvs) + list.array_bytes();
     auto *rec = static_cast<uint8_t *>(mem_zalloc(size));
     if (rec == nullptr) return nullptr;
     store_le16(rec, uint16_t(id));
     copy_str_to_buf(ZFX_NAME_SIZE, reinterpret_cast<char *>(rec + offsetof(zfx_zone_rec_head, name)), name);
-    if (add_elems(rec + offsetof(zfx_zone_rec_head, tlvs), size - offsetof(zfx_zone_rec_head, tlvs), list) != 0) {
-        std::free(rec);
-        return nullptr;
-    }
+    add_elems(rec + offsetof(zfx_zone_rec_head, tlvs), list.array_bytes(), list);
     *length = size;
     return rec;
 }
@@ -166,10 +164,9 @@ void write_head(uint8_t *at, uint32_t id, const char *name) {
     copy_str_to_buf(ZFX_NAME_SIZE, reinterpret_cast<char *>(at + offsetof(zfx_active_zoneset_data, name)), name);
 }
 
-// Writes one zone entry and its member entries at cursor, before end; the new cursor, or NULL
-// when they do not fit or an add is refused.
-uint8_t *write_zone_entry(uint8_t *cursor, const uint8_t *end, const zfx_zone_node &z) {
-    if (size_t(end - cursor) < sizeof(zfx_zone_entry_head)) return nullptr;
+// Writes one zone entry and its member entries at cursor and returns the new cursor. The data
+// was sized by pzs_size from these same zones and elements, so the entry always fits.
+uint8_t *write_zone_entry(uint8_t *cursor, const zfx_zone_node &z) {
     write_head(cursor, z.id, z.name);
     uint8_t *at = cursor + sizeof(zfx_zone_entry_head);
     uint16_t count = 0;
@@ -178,9 +175,7 @@ uint8_t *write_zone_entry(uint8_t *cursor, const uint8_t *end, const zfx_zone_no
         if (m->type != ZFX_MEMBER_PWWN) continue;
         MemberElems e;
         member_elems(*m, kRecordOrder, false, e);
-        const uint32_t n = write_member(at, size_t(end - at), *m, e);
-        if (n == 0) return nullptr;
-        at += n;
+        at += write_member(at, *m, e);
         ++count;
     }
     store_le16(cursor + offsetof(zfx_zone_entry_head, count), count);
@@ -279,7 +274,7 @@ void *zfx_zone_encode_zone_member_to_kvdb(const zfx_zone_member_node *member, ui
     const uint32_t size = member_size(e);
     auto *rec = static_cast<uint8_t *>(mem_zalloc(size));
     if (rec == nullptr) return nullptr;
-    write_member(rec, size, *member, e);
+    write_member(rec, *member, e);
     *length = size;
     return rec;
 }
@@ -319,7 +314,7 @@ uint32_t zfx_zoneset_get_persistent_data_size(const zfx_zoneset_node *zoneset, u
     if (zoneset == nullptr) return 0;
     uint64_t ext;
     const uint64_t total = pzs_size(*zoneset, ext);
-    if (total > UINT32_MAX) return UINT32_MAX;
+    if (total != uint32_t(total)) return UINT32_MAX;  // beyond what the 32-bit size can say
     *ext_size = uint32_t(ext);
     return uint32_t(total);
 }
@@ -353,8 +348,9 @@ uint32_t zfx_zone_ext_to_persistent_kvdb_data(const zfx_zone_node *zone, uint32_
         MemberElems e;
         if (m->type == ZFX_MEMBER_PWWN || !member_elems(*m, kExtOrder, false, e)) continue;
         const uint32_t value = member_size(e);
-        ok = fits(tlv_size(value)) && write_member(p + 4, size_t(end - p) - 4, *m, e) != 0;
+        ok = fits(tlv_size(value));
         if (ok) {
+            write_member(p + 4, *m, e);
             p = put_inner(p, ZFX_TLV_ZONE_EXT_MEMBER, uint16_t(value));
             ++count;
         }
@@ -381,7 +377,7 @@ void *zfx_zone_zoneset_to_persistent_kvdb_data(const zfx_zoneset_node *zoneset, 
     if (zoneset == nullptr || length == nullptr) return nullptr;
     uint64_t ext;
     const uint64_t total = pzs_size(*zoneset, ext);
-    if (total > UINT32_MAX) return nullptr;
+    if (total != uint32_t(total)) return nullptr;  // beyond what the 32-bit size can say
     auto *data = static_cast<uint8_t *>(mem_zalloc(total));
     if (data == nullptr) return nullptr;
     write_head(data, zoneset->id, zoneset->name);
@@ -393,11 +389,7 @@ void *zfx_zone_zoneset_to_persistent_kvdb_data(const zfx_zoneset_node *zoneset, 
         store_le16(data + offsetof(zfx_active_zoneset_data, count), uint16_t(tree_count(zoneset->zones)));
     tree_walker w{};
     while (const auto *z = next<zfx_zone_node>(zoneset->zones, w)) {
-        cursor = write_zone_entry(cursor, area, *z);
-        if (cursor == nullptr) {
-            std::free(data);
-            return nullptr;
-        }
+        cursor = write_zone_entry(cursor, *z);
         if (ext != 0) {
             zfx_zone_ext_to_persistent_kvdb_data(z, reinterpret_cast<uint32_t *>(area),
                                                  uint32_t(data + total - ext_cursor), &ext_cursor);

@@ -129,10 +129,11 @@ bool convert(const ZoneKind &k, void *msg, size_t avail) {
     return true;
 }
 
-int32_t check_create(const ZoneKind &k, const void *msg, size_t avail) {
-    if (msg == nullptr || avail < fixed_size(k)) return ZFX_ERR_INVALID_ARG;
+int32_t check_create(const ZoneKind &k, const void *msg) {
+    if (msg == nullptr) return ZFX_ERR_INVALID_ARG;
     auto *m = static_cast<uint8_t *>(const_cast<void *>(msg));  // walked, never written
-    TlvWalk walk(m + k.array_off, avail - k.array_off);
+    // A record's size holds its fixed part and the reserved elements, so the array has room.
+    TlvWalk walk(m + k.array_off, one_record_size(k) - k.array_off);
     if (!walk.ok()) return ZFX_ERR_INVALID_ARG;
     if (walk.count() == 0) return ZFX_ERR_CREATE_INCOMPLETE;
     uint32_t seen = 0;  // bit i: need i met
@@ -149,7 +150,7 @@ int32_t check_create(const ZoneKind &k, const void *msg, size_t avail) {
 
 int32_t build_message(const ZoneKind &k, const ElemList &elems, Block &msg,
                       void (*before_add)(const Elem &)) {
-    const uint32_t capacity = 4 + elems.bytes();
+    const uint32_t capacity = elems.array_bytes();
     const uint32_t length = k.array_off + capacity;
     *msg.slot() = mem_zalloc(length);
     if (!msg) return ZFX_ERR_NO_MEMORY;
@@ -226,13 +227,13 @@ int32_t zfx_dlg_zoneset_add_tlv(void *entry, uint16_t type, uint16_t length, con
 }
 
 int32_t zfx_do_sanity_for_zone_member_create(const zfx_zone_member_msg *msg) {
-    return zfx::check_create(kMemberKind, msg, zfx::one_record_size(kMemberKind));
+    return zfx::check_create(kMemberKind, msg);
 }
 int32_t zfx_do_sanity_for_zone_create(const zfx_zone_msg *msg) {
-    return zfx::check_create(kZoneKind, msg, zfx::one_record_size(kZoneKind));
+    return zfx::check_create(kZoneKind, msg);
 }
 int32_t zfx_do_sanity_for_zoneset_create(const zfx_zoneset_msg *msg) {
-    return zfx::check_create(kZonesetKind, msg, zfx::one_record_size(kZonesetKind));
+    return zfx::check_create(kZonesetKind, msg);
 }
 
 // Each kind has one conversion serving both directions.
