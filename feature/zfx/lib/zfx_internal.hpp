@@ -56,21 +56,6 @@ inline void store_be32(void *p, uint32_t v) { store(p, bswap(v)); }
 inline void swap32_at(void *p) { store(p, bswap(load<uint32_t>(p))); }
 inline void swap16_at(void *p) { store(p, bswap(load<uint16_t>(p))); }
 
-// strnlen, inline: the characters of s before its terminator, at most max of them, reading no byte
-// at or past s + max. The names and texts a record or a line holds are short, and the zone text
-// measures one per line: a call would cost more than the scan, eight characters at a time.
-inline size_t bounded_len(const char *s, size_t max) {
-    size_t n = 0;
-    for (; n + 8 <= max; n += 8) {
-        const uint64_t w = load<uint64_t>(s + n);
-        // The lowest byte of w that is zero sets the lowest bit here (higher ones may be wrong).
-        if (const uint64_t zero = (w - 0x0101010101010101ull) & ~w & 0x8080808080808080ull; zero != 0)
-            return n + size_t(__builtin_ctzll(zero)) / 8;
-    }
-    while (n < max && s[n] != '\0') ++n;
-    return n;
-}
-
 // ---- allocation -------------------------------------------------------------------------------
 // Every block the library allocates with the standard allocator goes through these, so that
 // a caller can free it with free() and so that allocation failure can be exercised in one place.

@@ -105,7 +105,7 @@ Found check_named(const kvdb_datum *value, NamedRecord &rec) {
     if (!walk.ok()) return Found::failed;
     rec.id = load_le16(data);
     rec.name = reinterpret_cast<const char *>(data + offsetof(zfx_zone_rec_head, name));
-    rec.name_len = uint8_t(bounded_len(rec.name, ZFX_NAME_SIZE - 1));
+    rec.name_len = uint8_t(strnlen(rec.name, ZFX_NAME_SIZE - 1));
     rec.array = data + array_off;
     rec.len = value->len;
     rec.members = uint16_t(count_members(members));
@@ -376,7 +376,7 @@ void member_line(Section &s, const MemberView &m) {
     }
     if (shape.lun) {
         p = put_chars(p, "lun ");
-        p = put_chars(p, lun_str, bounded_len(fmt_lun(lun_str, m.lun != nullptr ? m.lun : kZero), FMT_LUN_SIZE - 1));
+        p = put_chars(p, lun_str, std::strlen(fmt_lun(lun_str, m.lun != nullptr ? m.lun : kZero)));
         *p++ = ' ';
     } else {
         p = put_chars(p, kNoLun);

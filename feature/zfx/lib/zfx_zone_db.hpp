@@ -69,7 +69,7 @@ inline bool view_member(const void *record, size_t len, MemberView &v) {
                 // The characters up to the terminator, never past the value.
                 v.has_alias = true;
                 v.alias = reinterpret_cast<const char *>(e.value);
-                v.alias_len = e.value != nullptr ? bounded_len(v.alias, e.len < ZFX_NAME_SIZE - 1 ? e.len : ZFX_NAME_SIZE - 1) : 0;
+                v.alias_len = e.value != nullptr ? strnlen(v.alias, e.len < ZFX_NAME_SIZE - 1 ? e.len : ZFX_NAME_SIZE - 1) : 0;
                 break;
             default: break;
         }
