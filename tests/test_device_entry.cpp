@@ -181,6 +181,12 @@ TEST(DeviceEntry, NameServerViews) {
     };
     for (uint32_t i = 0; i < 3; ++i) EXPECT_EQ(ns_view(ns[i]), expected[i]) << i;
     free_ns(ns, count);
+    // A batch of one device is a view of one.
+    FakeService one;
+    one.answer(Answer::reply_with(plain));
+    ASSERT_EQ(zfx_device_ns_entry_get_next(one.ep(), h, &ns, &count), 0);
+    EXPECT_EQ(count, 1u);
+    free_ns(ns, count);
     ASSERT_EQ(second.sent().size(), 4u);
     for (uint32_t i = 1; i < 4; ++i) {
         EXPECT_EQ(second.sent()[i].summary(), "req 8634/1 t0 reply");
