@@ -519,7 +519,7 @@ __attribute__((noinline)) kvdb_datum *move_any(kvdb_store *store, uint32_t locat
     } else if (location == KVDB_LOC_LAST) {
         ok = store->seek(Seek::last, {}, found);
     } else if (owns_position(store, cursor)) {
-        ok = store->seek(location == KVDB_LOC_NEXT ? Seek::next : Seek::prev, {}, found);
+        ok = store->seek(Seek::prev, {}, found);  // the step on (KVDB_LOC_NEXT) never comes here
     } else {
         // Not the cursor the backend moved last: find its key again, then step from there. A key
         // this handle no longer holds (a cursor of another handle) counts from where it would be.

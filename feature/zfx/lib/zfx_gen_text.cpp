@@ -1,8 +1,6 @@
 // The line builder and the text forms shared by the sections of the configuration text.
 #include "zfx_gen_text.hpp"
 
-#include <algorithm>
-
 #include "platform/fmt.h"
 
 namespace zfx {
@@ -14,11 +12,6 @@ namespace {
 constexpr char kHex[] = "0123456789abcdef";
 
 }  // namespace
-
-Line &Line::left(const char *s, size_t n, size_t width) {
-    put(s, n);
-    return spaces(std::max(width, n) - n);
-}
 
 Line &Line::spaces(size_t k) {
     static constexpr char kSpaces[] = "                ";
@@ -48,11 +41,6 @@ Line &Line::wwn(const uint8_t *wwn) {
     std::memcpy(w.bytes, wwn, sizeof w.bytes);
     char t[FMT_WWN_SIZE];
     return put(fmt_wwn(t, w), FMT_WWN_SIZE - 1);
-}
-
-Line &Line::lun(const uint8_t *lun) {
-    char t[FMT_LUN_SIZE];
-    return put(t, std::min(std::strlen(fmt_lun(t, lun)), sizeof t - 1));
 }
 
 Line &Line::ranges(const vsan_bitset *set, size_t most) {

@@ -88,9 +88,9 @@ inline char *put_dec(char *p, int32_t v) {
 }
 
 // A line of the configuration text, built piece by piece in a caller's buffer and handed to the
-// text service. The pieces are the exact forms the text has always used ("%s", "%-15s", "%.80s",
-// "%d", "%4d", "%02x", WWN, LUN and range text), written straight into the line, with no format
-// string to interpret. A line longer than its size is cut as snprintf cuts it, after size - 1
+// text service. The pieces are the exact forms the text has always used ("%s", "%.80s", "%d",
+// "%4d", "%02x", WWN and range text), written straight into the line, with no format string to
+// interpret; a line of a bounded form is written in place with the piece writers above (at()). A line longer than its size is cut as snprintf cuts it, after size - 1
 // characters; when it was to end with "\n" (end()) the cut line still does, so that the next line
 // never runs into it.
 //
@@ -119,11 +119,6 @@ public:
     Line &text(const char *s, size_t n) { return put(s, n); }
     // "%.*s": at most max characters of s.
     Line &text_max(const char *s, size_t max) { return put(s, strnlen(s, max)); }
-    // "%-*s": the n characters of s, then spaces up to width characters.
-    Line &left(const char *s, size_t n, size_t width);
-    Line &left(const char *s, size_t width) { return left(s, std::strlen(s), width); }
-    // k spaces.
-    Line &spaces(size_t k);
     // "%*d": v in decimal, right-aligned in width characters. Most numbers of the text have no
     // width and fit the line: they are written in place, inline.
     Line &dec(int32_t v, uint32_t width = 0) {
@@ -135,8 +130,6 @@ public:
     Line &hex2(uint8_t b);
     // The platform's fmt_wwn text of the 8 bytes of a WWN as they lie in a record.
     Line &wwn(const uint8_t *wwn);
-    // The platform's fmt_lun text of an 8-byte LUN.
-    Line &lun(const uint8_t *lun);
     // The VSAN range text of set, cut after its last whole run when longer than most characters.
     Line &ranges(const vsan_bitset *set, size_t most = VSAN_BITSET_TEXT_MAX);
     // The line's "\n".
@@ -178,6 +171,8 @@ public:
 
 private:
     Line &dec_any(int32_t v, uint32_t width);
+    // k spaces.
+    Line &spaces(size_t k);
     int32_t add_any(uint32_t handle, uint32_t element, int32_t level);
     Line &put(const char *s, size_t n) {
         const size_t left = room();
