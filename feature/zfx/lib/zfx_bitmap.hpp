@@ -41,15 +41,26 @@ inline uint32_t bit_end(const uint8_t *bits, uint32_t nbits) {
 }
 
 // How many ids from 1 below nbits (nbits a multiple of 8) are set: the ids for_each_id visits.
-inline uint32_t bit_count(const uint8_t *bits, uint32_t nbits) {
+// used, when given, is set to a count of the bitmap's first bytes that holds every set id (it
+// ends at most seven bytes past the last one): a copy of that many bytes names the same ids.
+inline uint32_t bit_count(const uint8_t *bits, uint32_t nbits, uint32_t *used = nullptr) {
     const uint32_t bytes = nbits / 8;
-    uint32_t n = 0, byte = 0;
+    uint32_t n = 0, byte = 0, end = 0;
     // Zero words (most of a bitmap) are passed over: without a population-count instruction
     // (the switch's processor) each count is a call.
     for (; byte + 8 <= bytes; byte += 8) {
-        if (const uint64_t w = load<uint64_t>(bits + byte); w != 0) n += uint32_t(std::popcount(w));
+        if (const uint64_t w = load<uint64_t>(bits + byte); w != 0) {
+            n += uint32_t(std::popcount(w));
+            end = byte + 8;
+        }
     }
-    for (; byte < bytes; ++byte) n += uint32_t(std::popcount(bits[byte]));
+    for (; byte < bytes; ++byte) {
+        if (bits[byte] != 0) {
+            n += uint32_t(std::popcount(bits[byte]));
+            end = byte + 1;
+        }
+    }
+    if (used != nullptr) *used = end;
     return bytes != 0 && (bits[0] & 0x80u) != 0 ? n - 1 : n;  // id 0 names nothing
 }
 

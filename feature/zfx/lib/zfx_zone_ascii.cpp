@@ -62,13 +62,15 @@ private:
 
 // A zone or zoneset record, checked: its stored id, its name, its array (which lies within the
 // record: walk it with TlvChecked), and how many member ids its last member bitmap element names
-// (what the member index needs of a zone, taken while the record is at hand).
+// (what the member index needs of a zone, taken while the record is at hand). The name and the
+// array lie in the stored record, or in the zone table's copy of it (copy_zone).
 struct NamedRecord {
     uint16_t id;
     uint8_t name_len;
     uint16_t members;
-    uint32_t len;      // the record's bytes
-    const char *name;  // in the record; name_len characters, no terminator
+    uint16_t member_span;  // the bytes of its member bitmap (after the count word) that hold them
+    uint32_t span;         // the bytes from the name to the record's end: what a pass reads of it
+    const char *name;      // name_len characters, no terminator
     uint8_t *array;
 };
 
@@ -79,10 +81,11 @@ uint32_t member_bytes(const Tlv &bits) {
     return n < ZFX_MEMBER_BITMAP_SIZE ? n : ZFX_MEMBER_BITMAP_SIZE;
 }
 
-// How many member ids a member bitmap element names.
-uint32_t count_members(const Tlv &bits) {
+// How many member ids a member bitmap element names; used as bit_count sets it.
+uint32_t count_members(const Tlv &bits, uint32_t &used) {
     const uint32_t n = member_bytes(bits);
-    return n == 0 ? 0 : bit_count(bits.value + 4, 8 * n);
+    used = 0;
+    return n == 0 ? 0 : bit_count(bits.value + 4, 8 * n, &used);
 }
 
 enum class Found : uint8_t { unread, yes, empty, failed };
@@ -107,9 +110,50 @@ Found check_named(const kvdb_datum *value, NamedRecord &rec) {
     rec.name = reinterpret_cast<const char *>(data + offsetof(zfx_zone_rec_head, name));
     rec.name_len = uint8_t(strnlen(rec.name, ZFX_NAME_SIZE - 1));
     rec.array = data + array_off;
-    rec.len = value->len;
-    rec.members = uint16_t(count_members(members));
+    rec.span = value->len - uint32_t(offsetof(zfx_zone_rec_head, name));
+    uint32_t used;
+    rec.members = uint16_t(count_members(members, used));
+    rec.member_span = uint16_t(used);
     return Found::yes;
+}
+
+// What the zone text reads of a zone record, copied: its name, then an array of its attribute
+// elements (a value of 4 bytes each, in the record's order) and its last member bitmap element,
+// cut after the last byte naming a member. The text of the copy is the record's.
+constexpr size_t kKeptAttrs = 4;  // a record with more attribute elements is not copied
+constexpr size_t kCopyMax = ZFX_NAME_SIZE + 4 + kKeptAttrs * tlv_elem_size(4) + tlv_elem_size(4 + ZFX_MEMBER_BITMAP_SIZE);
+
+// Copies rec (checked) to dst, which has room for kCopyMax bytes, and points rec at the copy;
+// false, with rec and dst untouched, when the record has more attributes than a copy keeps.
+bool copy_zone(NamedRecord &rec, uint8_t *dst) {
+    Tlv attrs[kKeptAttrs];
+    size_t n = 0;
+    Tlv members{};
+    TlvWalk walk(rec.array, TlvChecked{});
+    for (Tlv e; walk.next(e);) {
+        if ((e.type == ZFX_TLV_ZONE_QOS || e.type == ZFX_TLV_ZONE_READ_ONLY) && e.len >= 4) {
+            if (n == kKeptAttrs) return false;
+            attrs[n++] = e;
+        } else if (e.type == ZFX_TLV_ZONE_MEMBERS) {
+            members = e;
+        }
+    }
+    std::memcpy(dst, rec.name, rec.name_len);
+    uint8_t *array = dst + rec.name_len, *p = array + 4;
+    const auto put = [&p](uint16_t type, const uint8_t *value, uint16_t len) {
+        store(p, type);
+        store(p + 2, len);
+        std::memcpy(p + 4, value, len);
+        p += tlv_elem_size(len);
+    };
+    for (size_t i = 0; i < n; ++i) put(attrs[i].type, attrs[i].value, 4);
+    const uint16_t bytes = rec.member_span;  // taken from the same element when it was checked
+    if (bytes != 0) put(ZFX_TLV_ZONE_MEMBERS, members.value, uint16_t(4 + bytes));
+    store(array, uint32_t(n + (bytes != 0)));
+    rec.name = reinterpret_cast<const char *>(dst);
+    rec.array = array;
+    rec.span = uint32_t(p - dst);
+    return true;
 }
 
 // Looks up the record of table and id.
@@ -129,11 +173,18 @@ Found fetch_named(kvdb_store *store, uint8_t table, uint32_t id, NamedRecord &re
 // the header names): a small fabric's generation does not clear and map a table for every id
 // there could be. A zone above them (a zoneset naming a zone the header does not) is looked up
 // each time it is asked for.
+//
+// The walk also copies what the zone text reads of each record it brings (copy_zone) side by
+// side, in the walk's order: the zone pass reads the zones in id order, which is not the
+// store's (a key holds the id's low byte first), so that each zone's record would otherwise lie
+// on a page of its own, read a second time long after the walk. The copies take a few dozen
+// bytes a zone; their block is only reserved for the most they could take.
 class ZoneTable {
 public:
     ZoneTable(kvdb_store *store, uint32_t limit) : store_(store), limit_(std::min(limit, kZoneBits)) {
         slots_ = limit_ != 0 ? static_cast<Slot *>(mem_zalloc_array(limit_, sizeof(Slot))) : nullptr;
         if (slots_ == nullptr) return;
+        copies_ = static_cast<uint8_t *>(mem_alloc(limit_ * kCopyMax));  // without it, no copies
         constexpr uint8_t start[2] = {ZFX_KVDB_ZONE_KEY, 0};
         constexpr KeyShape shape{ZFX_KVDB_ZONE_KEY, kind_bit(0), ZFX_ZONE_DB_KEY_SIZE, 1, 1};
         // A record is checked kAhead records after the walk met it.
@@ -142,7 +193,14 @@ public:
             kvdb_datum value;
         };
         Late<Met, kAhead> met;
-        const auto check = [&](const Met &m) { slots_[m.id].found = check_named(&m.value, slots_[m.id].rec); };
+        size_t used = 0;
+        const auto check = [&](const Met &m) {
+            Slot &slot = slots_[m.id];
+            slot.found = check_named(&m.value, slot.rec);
+            if (slot.found == Found::yes && copies_ != nullptr && used + kCopyMax <= limit_ * kCopyMax &&
+                copy_zone(slot.rec, copies_ + used))
+                used += slot.rec.span;
+        };
         walk_table(store, TableWalk{shape, start, sizeof start}, UINT32_MAX, [&](const kvdb_datum &key, const kvdb_datum &value) {
             const uint8_t *k = static_cast<const uint8_t *>(key.data);
             const uint32_t id = load_le16(k + 2);
@@ -153,7 +211,10 @@ public:
         });
         met.drain(check);
     }
-    ~ZoneTable() { std::free(slots_); }
+    ~ZoneTable() {
+        std::free(copies_);
+        std::free(slots_);
+    }
     ZoneTable(const ZoneTable &) = delete;
     ZoneTable &operator=(const ZoneTable &) = delete;
 
@@ -174,7 +235,7 @@ public:
     void prefetch(uint32_t id, size_t max) const {
         if (slots_ == nullptr || id >= limit_ || slots_[id].found != Found::yes) return;
         const NamedRecord &r = slots_[id].rec;
-        prefetch_value(r.name - offsetof(zfx_zone_rec_head, name), r.len, max);
+        prefetch_value(r.name, r.span, max);
     }
 
 private:
@@ -186,6 +247,7 @@ private:
     kvdb_store *store_;
     uint32_t limit_;
     Slot *slots_ = nullptr;
+    uint8_t *copies_ = nullptr;
 };
 
 // for_each_id over the member ids a member bitmap element names; count_members(bits) of them,
@@ -445,7 +507,7 @@ int32_t zoneset_text(Section &s, uint32_t id) {
     }
     if (!full) std::memcpy(zones, short_zones, sizeof short_zones);
     // The names lie in zone records read long before: ask for all of them first.
-    for_each_id(zones, kZoneBits, [&](uint32_t zone_id) { s.zones->prefetch(zone_id, offsetof(zfx_zone_rec_head, name) + ZFX_NAME_SIZE); });
+    for_each_id(zones, kZoneBits, [&](uint32_t zone_id) { s.zones->prefetch(zone_id, ZFX_NAME_SIZE); });
     return for_each_id(zones, kZoneBits, [&](uint32_t zone_id) {
         NamedRecord zone;
         const Found found = s.zones->get(zone_id, zone);
