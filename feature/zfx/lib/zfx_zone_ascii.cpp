@@ -126,7 +126,7 @@ constexpr size_t kCopyMax = ZFX_NAME_SIZE + 4 + kKeptAttrs * tlv_elem_size(4) + 
 // Copies rec (checked) to dst, which has room for kCopyMax bytes, and points rec at the copy;
 // false, with rec and dst untouched, when the record has more attributes than a copy keeps.
 bool copy_zone(NamedRecord &rec, uint8_t *dst) {
-    Tlv attrs[kKeptAttrs];
+    Tlv attrs[kKeptAttrs]{};
     size_t n = 0;
     Tlv members{};
     TlvWalk walk(rec.array, TlvChecked{});
