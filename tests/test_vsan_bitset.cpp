@@ -268,11 +268,8 @@ TEST(VsanBitset, TextFormsAgreeWithModel) {
         vsan_bitset_printf_hex(&g.s);
         ASSERT_EQ(out.text(), want + "|" + model_text(m, "%#x") + "|" + hex);
     }
-    // One literal text keeps the model itself honest. The buffer is exactly the documented size,
-    // and the samples hold the longest text: a write past it is caught.
-    Guarded s = set_of(model_of({1, 2, 3, 5, 7, 8, 4094}));
-    vsan_bitset_sprintf(buf.data(), &s.s);
-    EXPECT_STREQ(buf.data(), "1-3,5,7-8,4094");
+    // The buffer is exactly the documented size, and the samples hold the longest text: a write
+    // past it is caught. (The literal range texts of the generation suites keep the model honest.)
 }
 
 TEST(VsanBitset, ChunkedWriterReassemblesForEveryBufferSize) {
