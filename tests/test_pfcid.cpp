@@ -21,8 +21,6 @@ namespace {
 
 using namespace zfxtest;
 
-const Bytes kWwn = {0x20, 0x00, 0x00, 0x11, 0x22, 0x33, 0x44, 0x5A};
-
 Bytes reversed(const Bytes &b, size_t at, size_t n) { return Bytes(b.rbegin() + long(b.size() - at - n), b.rbegin() + long(b.size() - at)); }
 uint32_t num(const Bytes &b, size_t at, size_t n) {
     uint32_t v = 0;
