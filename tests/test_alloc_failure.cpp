@@ -168,9 +168,7 @@ std::vector<Row> request_rows() {
              // Without its reply buffer the query answers 0 with a WWN of zeros, as documented.
              return r == 0 && bytes_of(wwn, 8) == (fail ? zeros(8) : bytes_of(vsan_wwn, 8));
          }},
-        malloc_one(CALL(zfx_dlg_malloc_one_zone_member_and_all_attribs)),
         malloc_one(CALL(zfx_dlg_malloc_one_zone_and_all_attribs)),
-        malloc_one(CALL(zfx_dlg_malloc_one_zoneset_and_all_attribs)),
         request(CALL(zfx_dlg_config_zone_member, ep, 2, "z1", 3, 4, 0, kWwn.data(), nullptr, 10, 2, nullptr, 0)),
         request(CALL(zfx_dlg_config_zone_all_attrib, ep, 2, "z", "n2", 9, 3, 1, nullptr, 0)),
         request(CALL(zfx_dlg_config_zoneset_all_attrib, ep, 2, "s", "s2", 4, "z", nullptr, nullptr, 0)),
