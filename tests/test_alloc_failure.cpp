@@ -353,9 +353,8 @@ std::vector<Row> list_rows(const Prefix &p) {
     const std::string s = p.config();
     return {
         list<zfx_vsan_topo_list>(s, 1, nullptr, CALL(zfx_vsan_topo_config_get, at, ZFX_VT_TABLE, 0xFF, out, n)),
-        list<zfx2_afid_table_list>(s, 1, nullptr, CALL(zfx2_afid_table_config_get, at, out, n, 1)),  // the default
+        // (Either table of a list shares its walk and allocation: the text rows take both.)
         list<zfx2_afid_table_list>(s, 1, nullptr, CALL(zfx2_afid_table_config_get, at, out, n, 0)),
-        list<zfx2_sg_list>(s, 1, nullptr, CALL(zfx2_sg_config_get, at, out, n, 1)),  // configured
         list<zfx2_sg_list>(s, 1, nullptr, CALL(zfx2_sg_config_get, at, out, n, 0)),  // active
         list<zfx_rdi_list>(s, 1, "zfx_ascii_cfg", CALL(zfx_rdi_get_next, at, -1, out, n)),
         list<zfx2_pfcid_list>(s, 2, "zfx2_pfcid_lib", CALL(zfx2_pfcid_get_next, at, nullptr, -1, out, n)),
