@@ -168,9 +168,7 @@ std::vector<Row> request_rows() {
              // Without its reply buffer the query answers 0 with a WWN of zeros, as documented.
              return r == 0 && bytes_of(wwn, 8) == (fail ? zeros(8) : bytes_of(vsan_wwn, 8));
          }},
-        malloc_one(CALL(zfx_dlg_malloc_one_zone_member_and_all_attribs)),
         malloc_one(CALL(zfx_dlg_malloc_one_zone_and_all_attribs)),
-        malloc_one(CALL(zfx_dlg_malloc_one_zoneset_and_all_attribs)),
         request(CALL(zfx_dlg_config_zone_member, ep, 2, "z1", 3, 4, 0, kWwn.data(), nullptr, 10, 2, nullptr, 0)),
         request(CALL(zfx_dlg_config_zone_all_attrib, ep, 2, "z", "n2", 9, 3, 1, nullptr, 0)),
         request(CALL(zfx_dlg_config_zoneset_all_attrib, ep, 2, "s", "s2", 4, "z", nullptr, nullptr, 0)),
@@ -355,9 +353,8 @@ std::vector<Row> list_rows(const Prefix &p) {
     const std::string s = p.config();
     return {
         list<zfx_vsan_topo_list>(s, 1, nullptr, CALL(zfx_vsan_topo_config_get, at, ZFX_VT_TABLE, 0xFF, out, n)),
-        list<zfx2_afid_table_list>(s, 1, nullptr, CALL(zfx2_afid_table_config_get, at, out, n, 1)),  // the default
+        // (Either table of a list shares its walk and allocation: the text rows take both.)
         list<zfx2_afid_table_list>(s, 1, nullptr, CALL(zfx2_afid_table_config_get, at, out, n, 0)),
-        list<zfx2_sg_list>(s, 1, nullptr, CALL(zfx2_sg_config_get, at, out, n, 1)),  // configured
         list<zfx2_sg_list>(s, 1, nullptr, CALL(zfx2_sg_config_get, at, out, n, 0)),  // active
         list<zfx_rdi_list>(s, 1, "zfx_ascii_cfg", CALL(zfx_rdi_get_next, at, -1, out, n)),
         list<zfx2_pfcid_list>(s, 2, "zfx2_pfcid_lib", CALL(zfx2_pfcid_get_next, at, nullptr, -1, out, n)),

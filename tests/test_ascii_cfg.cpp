@@ -60,24 +60,19 @@ TEST(AsciiCfg, DebugLevelLineOnlyForAValidAudibleLevel) {
         {{cat({le32(2), le32(1)}), cat({le32(1), le32(3)})}, ""},  // another key
     };
     for (const auto &[record, line] : cases) {
-        Prefix p;
-        put(p.config(), {});
+        Prefix p, q;
+        put(p.config(), {nat_rec(1)});
+        put(q.config(), {aam_rec(1)});
         put(p.debug(), {record});
-        Reader cfg(p.config()), dbg(p.debug());
-        // Listed before the configuration store: the stores run in the order listed, and the
-        // logging line still renders after the feature's elements.
-        EXPECT_EQ(generate({{ZFX_GEN_STORE_DEBUG, dbg.get()}, {ZFX_GEN_STORE_CONFIG, cfg.get()}}), "feature zfx\n" + line);
+        Reader cfg(p.config()), other(q.config()), dbg(p.debug());
+        // Listed first: the stores run in the order listed, each configuration store adds its
+        // feature line, a store of unknown kind is passed over, and the logging line still
+        // renders after the feature's elements.
+        EXPECT_EQ(generate({{ZFX_GEN_STORE_DEBUG, dbg.get()}, {ZFX_GEN_STORE_CONFIG, other.get()}, {99, cfg.get()},
+                            {ZFX_GEN_STORE_CONFIG, cfg.get()}}),
+                  "feature zfx\nfeature zfx\nzfx aam register\nzfx nat\n" + line);
     }
     EXPECT_EQ(zfx_debug_ascii_gen_from_kvdb(nullptr), 0);
-}
-
-TEST(AsciiCfg, RequestsRunTheirStoresInOrder) {
-    Prefix a, b;
-    put(a.config(), {nat_rec(1)});
-    put(b.config(), {aam_rec(1)});
-    Reader ra(a.config()), rb(b.config());
-    EXPECT_EQ(generate({{ZFX_GEN_STORE_CONFIG, rb.get()}, {99, ra.get()}, {ZFX_GEN_STORE_CONFIG, ra.get()}}),
-              "feature zfx\nfeature zfx\nzfx aam register\nzfx nat\n");  // each store adds its feature line
 }
 
 struct Sink {

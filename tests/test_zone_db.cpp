@@ -112,17 +112,15 @@ TEST(ZoneDb, ZoneAndZonesetRecords) {
 
     // Zone ids below 2000 fit element 4 (its first 250 bytes); any later id adds element 60.
     const Bytes zsattr = {0xB1, 0, 0, 0, 0, 0, 0, 0xB8};
-    for (const std::vector<int> &ids : {std::vector<int>{1, 1999}, {1, 2000}, {8191}}) {
+    const std::pair<std::vector<int>, Bytes> sets[] = {
+        {{1, 1999}, tlv_array({zones_tlv(4, {1, 1999}), tlv(3, zsattr)})},
+        {{1, 2000}, tlv_array({zones_tlv(4, {1}), zones_tlv(60, {1, 2000}), tlv(3, zsattr)})},
+        {{8191}, tlv_array({zones_tlv(4, {}), zones_tlv(60, {8191}), tlv(3, zsattr)})},
+    };
+    for (const auto &[ids, array] : sets) {
         ZoneNodes d;
         zfx_zoneset_node s = d.zoneset(5, "zs", {});
         for (int id : ids) s.zone_bitmap[id / 8] |= uint8_t(0x80 >> (id % 8));
-        std::vector<int> low;
-        for (int id : ids) {
-            if (id < 2000) low.push_back(id);
-        }
-        const Bytes array = ids.back() < 2000
-                                ? tlv_array({zones_tlv(4, low), tlv(3, zsattr)})
-                                : tlv_array({zones_tlv(4, low), zones_tlv(60, ids), tlv(3, zsattr)});
         EXPECT_EQ(take(zfx_zone_encode_zoneset_to_kvdb(&s, &len), len), zoneset_rec(5, "zs", array).second) << ids.back();
     }
     // A name that fills its field without a terminator is cut to 67 characters.

@@ -102,7 +102,8 @@ TEST(ZoneTlv, CreateChecks) {
         Bytes array;
         int32_t result;
     } cases[] = {
-        {kMember, tlv_array({tlv(65, name), tlv(11, w), tlv(27, w)}), 0},
+        // Elements of other kinds' needs, and of type 0, add nothing to a complete record.
+        {kMember, tlv_array({tlv(65, name), tlv(11, w), tlv(27, w), tlv(6, name), tlv(1, w), tlv(3, w), tlv(0, w)}), 0},
         {kMember, tlv_array({tlv(10, wwn), tlv(27, w), tlv(11, w)}), 0},
         {kMember, tlv_array({tlv(10, {}), tlv(11, {}), tlv(27, {})}), 0},  // a member's elements need no value
         {kMember, tlv_array({tlv(10, wwn), tlv(27, w)}), ZFX_ERR_CREATE_INCOMPLETE},
@@ -110,12 +111,12 @@ TEST(ZoneTlv, CreateChecks) {
         {kMember, tlv_array({tlv(10, wwn), tlv(11, w), tlv(1, w)}), ZFX_ERR_CREATE_INCOMPLETE},  // nor a type
         {kMember, tlv_array({tlv(11, w), tlv(27, w), tlv(44, wwn)}), ZFX_ERR_CREATE_INCOMPLETE},
         {kMember, tlv_array({}), ZFX_ERR_CREATE_INCOMPLETE},
-        {kZone, tlv_array({tlv(45, w), tlv(6, name)}), 0},
+        {kZone, tlv_array({tlv(45, w), tlv(6, name), tlv(0, w), tlv(1, name)}), 0},
         {kZone, tlv_array({tlv(45, w)}), ZFX_ERR_CREATE_INCOMPLETE},
         {kZone, tlv_array({tlv(6, {})}), ZFX_ERR_CREATE_INCOMPLETE},    // no value
         {kZone, tlv_array({tlv(0, name)}), ZFX_ERR_CREATE_INCOMPLETE},  // type 0 is no name
         {kZone, tlv_array({tlv(1, name)}), ZFX_ERR_CREATE_INCOMPLETE},  // nor a zoneset's name
-        {kZoneset, tlv_array({tlv(1, name)}), 0},
+        {kZoneset, tlv_array({tlv(1, name), tlv(6, name), tlv(0, w)}), 0},
         {kZoneset, tlv_array({tlv(56, name)}), ZFX_ERR_CREATE_INCOMPLETE},
         {kZoneset, tlv_array({tlv(1, {})}), ZFX_ERR_CREATE_INCOMPLETE},  // a zoneset's name needs its value
         {kZone, cat({le32(200), tlv(6, name)}), ZFX_ERR_INVALID_ARG},  // count too big
