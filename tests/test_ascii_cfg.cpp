@@ -136,10 +136,11 @@ TEST(AsciiCfg, AFailingSectionNeverStopsTheNext) {
 }
 
 // Without memory for their index the service-group differences are found by the pairwise checks:
-// the same text.
+// the same text (a removed group of two members is removed once).
 TEST(AsciiCfg, ServiceGroupDifferencesWithoutTheirIndex) {
     Stored r({sg_name_rec(false, 1, "g1"), sg_member_rec(false, 1, 1, vsans({1})), sg_member_rec(false, 1, 2, vsans({2})),
-              sg_name_rec(false, 2, "gone"), sg_member_rec(false, 2, 1, vsans({3})), sg_name_rec(true, 1, "g1"),
+              sg_name_rec(false, 2, "gone"), sg_member_rec(false, 2, 1, vsans({3})), sg_member_rec(false, 2, 2, vsans({3})),
+              sg_name_rec(true, 1, "g1"),
               sg_member_rec(true, 1, 1, vsans({1, 4})), sg_member_rec(true, 1, 3, vsans({2})), sg_name_rec(true, 3, "new"),
               sg_member_rec(true, 3, 1, vsans({5}))});
     zfx2_sg_list *cfg = nullptr, *act = nullptr;

@@ -174,7 +174,10 @@ TEST(GenText, BitmapHelpersMatchABitByBitReading) {
             for (uint32_t id = 0; id < 8 * bytes; ++id)
                 if (zfx::bit_test(bits.data(), id)) end = id + 1, count += id != 0;
             EXPECT_EQ(zfx::bit_end(bits.data(), 8 * bytes), end) << bytes << " " << round;
-            EXPECT_EQ(zfx::bit_count(bits.data(), 8 * bytes), count) << bytes << " " << round;
+            // The bytes it says hold the set ids: from the last one's byte to at most 7 more.
+            uint32_t used = 0;
+            EXPECT_EQ(zfx::bit_count(bits.data(), 8 * bytes, &used), count) << bytes << " " << round;
+            EXPECT_TRUE(used >= (end + 7) / 8 && used <= std::min(bytes, (end + 7) / 8 + 7)) << bytes << " " << round;
             // From every start (and past the end), the next set id; the bitmap's size when none is.
             std::vector<uint32_t> next(8 * bytes + 1, 8 * bytes);
             for (uint32_t id = 8 * bytes; id-- > 0;) next[id] = zfx::bit_test(bits.data(), id) ? id : next[id + 1];
@@ -309,6 +312,17 @@ TEST(GenText, ZoneSectionWalkedEqualsLookedUp) {
             {"shared id", kFailed, [](auto &r, auto, auto) {  // zone 8191 now holds zone 1's id
                  Bytes &v = find(r, ZFX_KVDB_ZONE_KEY, 8191, 0)->second;
                  v[0] = 1, v[1] = 0;
+             }},
+            {"more attributes and bitmaps", kSound, [](auto &r, auto z, auto m) {
+                 // A short priority (no line), read-only, a priority, then a second member bitmap
+                 // naming one member: the last bitmap counts.
+                 Bytes &v = find(r, ZFX_KVDB_ZONE_KEY, z, 0)->second;
+                 Bytes bits(4 + ZFX_MEMBER_BITMAP_SIZE, 0);
+                 bits[4 + m / 8] = uint8_t(0x80 >> m % 8);
+                 for (const Bytes &e : {zfxtest::tlv(ZFX_TLV_ZONE_QOS, {3, 0}), zfxtest::tlv(ZFX_TLV_ZONE_READ_ONLY, {0, 0, 0, 1}),
+                                        zfxtest::tlv(ZFX_TLV_ZONE_QOS, {2, 0, 0, 0}), zfxtest::tlv(ZFX_TLV_ZONE_MEMBERS, bits)})
+                     v.insert(v.end(), e.begin(), e.end());
+                 v[offsetof(zfx_zone_rec_head, tlvs)] += 4;
              }},
             {"long member", kSound, [](auto &r, auto z, auto m) {  // two unknown elements of 40000 bytes more
                  Bytes &v = find(r, ZFX_KVDB_ZONE_MEMBER_KEY, m, z)->second;
