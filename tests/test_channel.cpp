@@ -1,9 +1,9 @@
-// The platform's endpoint and channel over the in-process transport: asynchronous replies queued
-// on the endpoint and received by token, their parsing, interrupted and empty receives, and any
-// transport carrying the endpoint. What a waited request sends and hands back is checked over this
-// transport and the socket's alike, in the socket suite.
+// The platform's endpoint and channel: any transport carrying the endpoint, and bad calls that
+// reach none. What a waited request sends and hands back, and the replies queued under tokens,
+// are checked over the in-process transport and the socket's alike, in the socket suite; a
+// reply's parse and interrupted receives, through the feature's split queries and raw queries.
 #include <cerrno>
-#include <cstdlib>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -13,37 +13,6 @@
 namespace {
 
 using namespace zfxtest;
-
-// Queueing under tokens and receiving by token or any are checked against the socket transport
-// in the socket suite; here, what only the played transport can do: an interrupted receive, a
-// refused send, and the parse of what was received.
-TEST(Channel, AsynchronousRepliesParseAndInterruptedReceives) {
-    FakeService svc;
-    for (Answer a : {Answer{0, 0, Bytes{1, 2, 3}, 0}, Answer{0, 0, Bytes{4}, 77},
-                     Answer{0, 0, Bytes{5}, 0},  // left queued: released with the endpoint
-                     Answer::failure(EIO)})
-        svc.answer(a);
-    for (int32_t result : {0, 0, 0, -1}) EXPECT_EQ(dlg_send_request(8626, 1, nullptr, 0, nullptr, 0, 0, 110, svc.ep(), 0), result);
-    EXPECT_EQ(errno, EIO);
-    // A status leaves the parse's outputs alone; a reply's payload is handed back inside the
-    // message, not copied.
-    plat_msg *msg = nullptr;
-    svc.fail_recv(-1, EINTR);
-    EXPECT_EQ(plat_endpoint_recv(svc.ep(), svc.sent()[1].token, &msg), -1);
-    EXPECT_EQ(errno, EINTR);
-    ASSERT_EQ(plat_endpoint_recv(svc.ep(), svc.sent()[1].token, &msg), 0);
-    void *payload = &msg;
-    uint32_t len = 9;
-    EXPECT_EQ(dlg_parse_response(msg, &payload, &len), 77);
-    EXPECT_EQ(len, 9u);
-    plat_msg_free(msg);
-    ASSERT_EQ(plat_endpoint_recv(svc.ep(), svc.sent()[0].token, &msg), 0);
-    ASSERT_EQ(dlg_parse_response(msg, &payload, &len), 0);
-    EXPECT_EQ(payload, plat_msg_payload(msg, nullptr));
-    EXPECT_EQ(bytes_of(payload, len), (Bytes{1, 2, 3}));
-    plat_msg_free(msg);
-    EXPECT_EQ(dlg_parse_response(nullptr, &payload, &len), -1);
-}
 
 TEST(Channel, AnyTransportCarriesTheEndpointAndBadCallsReachNone) {
     int state = 0;  // calls made; 100 more once closed
@@ -64,6 +33,14 @@ TEST(Channel, AnyTransportCarriesTheEndpointAndBadCallsReachNone) {
     void *reply = &reply;
     EXPECT_EQ(dlg_req_resp(1, 1, nullptr, &reply, &len, nullptr, 0, 110, nullptr, 10), -1);
     EXPECT_EQ(reply, nullptr);
+    EXPECT_EQ(dlg_parse_response(nullptr, &reply, &len), -1);
+    // A reply's status leaves the parse's outputs alone.
+    len = 9;
+    const plat_msg_info info{1, 1, 0, 110, 0, 1, 77};
+    plat_msg *msg = plat_msg_new(&info, "x", 1);
+    EXPECT_EQ(dlg_parse_response(msg, &reply, &len), 77);
+    EXPECT_EQ(std::pair(reply, len), std::pair(static_cast<void *>(nullptr), 9u));
+    plat_msg_free(msg);
     FakeService svc;
     EXPECT_EQ(dlg_req_resp(1, 1, nullptr, &reply, nullptr, nullptr, 0, 110, svc.ep(), 10), -1);
     EXPECT_EQ(dlg_send_request(1, 1, nullptr, 4, nullptr, 0, 0, 110, svc.ep(), 0), -1);  // bytes claimed, none given

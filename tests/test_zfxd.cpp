@@ -70,8 +70,9 @@ template <typename Msg>
 uint8_t *array_of(Msg *m) { return reinterpret_cast<uint8_t *>(m) + 8; }
 
 // What the queries answer that the zfx commands' end-to-end run does not show, as one text: a
-// zone's data and a member's, the active zoneset, the info values, the message queries for every
-// object, the enabled status three ways and NAT in a VSAN.
+// zone's data and a member's, the info values, the message queries for every object, the enabled
+// status three ways and NAT in a VSAN. (The active zoneset, the activation time and every zone
+// are that run's.)
 std::string answers(plat_endpoint *ep) {
     zfx_zone_info z{.id = 2};
     const uint32_t zr = zfx_dlg_get_zone_data(ep, ZFXD_OP_GET, &z, 0);
@@ -84,28 +85,19 @@ std::string answers(plat_endpoint *ep) {
         out += format("member %u: type %u vsan %u afid %u alias %s wwn %s lun %s\n", mr, m.type, m.vsan, m.afid, m.device_alias,
                       hex(bytes_of(m.pwwn, 8)).c_str(), hex(bytes_of(m.lun, 8)).c_str());
     }
-    char name[ZFX_NAME_SIZE] = "none";
-    uint8_t zones[ZFX_ZONESET_ZONES_SIZE] = {};
-    const uint32_t active = zfx_get_active_zoneset(ep, name, zones);
-    out += format("active %u %s %s\n", active, name, hex(bytes_of(zones + 4, 2)).c_str());
     for (uint32_t key : {ZFXD_INFO_ZONES, ZFXD_INFO_ZONESETS, ZFXD_INFO_MEMBERS, ZFXD_INFO_ACTIVE_ZONESET, ZFXD_INFO_DEFAULT_ZONE, ZFXD_INFO_CHECK_IGNORE})
         out += format("info %u = %s\n", key, zfx_dlg_get_info_char(ep, key));
-    zfx_time_value t{};
-    zfx_dlg_get_info_activate_time(ep, &t);
     zfx_info_record *r = zfx_dlg_get_info_with_timeout(ep, ZFXD_INFO_MEMBERS, 1);
-    out += format("activated %s\nmembers %s %d\n", t.word[0] != 0 ? "yes" : "no", r != nullptr ? r->value : "?",
-                  zfx_dlg_get_info_int_with_timeout(ep, ZFXD_INFO_ZONES, 1));
+    out += format("members %s %d\n", r != nullptr ? r->value : "?", zfx_dlg_get_info_int_with_timeout(ep, ZFXD_INFO_ZONES, 1));
     std::free(r);
-    // The message queries with id 0 answer every object: their entry counts.
-    zfx_zone_msg *zones_reply = nullptr;
+    // The message queries with id 0 answer every object (every zone, the zfx command's zone show):
+    // their entry counts.
     zfx_zoneset_msg *sets_reply = nullptr;
     zfx_zone_member_msg *members_reply = nullptr;
-    const uint32_t zq = zfx_dlg_get_zone(ep, ZFXD_OP_GET, nullptr, 0, &zones_reply, 1, 0);
     const uint32_t sq = zfx_dlg_get_zoneset(ep, ZFXD_OP_GET, nullptr, 0, &sets_reply, 1, 0);
     const uint32_t mq = zfx_dlg_get_zone_member(ep, ZFXD_OP_GET, "web", 0, 0, &members_reply, 1, 0);
-    out += format("all: zones %u/%u zonesets %u/%u web members %u/%u\n", zq, zones_reply ? ntohl(zones_reply->hdr.count) : 0, sq,
-                  sets_reply ? ntohl(sets_reply->hdr.count) : 0, mq, members_reply ? ntohl(members_reply->hdr.count) : 0);
-    std::free(zones_reply);
+    out += format("all: zonesets %u/%u web members %u/%u\n", sq, sets_reply ? ntohl(sets_reply->hdr.count) : 0, mq,
+                  members_reply ? ntohl(members_reply->hdr.count) : 0);
     std::free(sets_reply);
     std::free(members_reply);
     // The enabled status three ways, and NAT in a VSAN through a send, a receive and a parse.
@@ -200,8 +192,8 @@ TEST(Zfxd, EveryRequestBuildsTheDatabaseTheToolsWouldWriteAndARestartKeepsIt) {
         "zone 0: 2 db qos 1/3 ro 0 members 60 00 00 00 00 00 00 00 \n"
         "member 0: type 240 vsan 20 afid 1 alias  wwn 50 06 01 60 3b 20 11 4a  lun 00 01 00 00 00 00 00 00 \n"
         "member 0: type 241 vsan 20 afid 7 alias array-b wwn 00 00 00 00 00 00 00 00  lun 00 01 00 00 00 00 00 00 \n"
-        "active 0 prod 60 00 \ninfo 1 = 3\ninfo 2 = 2\ninfo 3 = 4\ninfo 4 = 1\ninfo 32 = 1\ninfo 34 = 1\n"
-        "activated yes\nmembers 4 3\nall: zones 0/3 zonesets 0/2 web members 0/2\n"
+        "info 1 = 3\ninfo 2 = 2\ninfo 3 = 4\ninfo 4 = 1\ninfo 32 = 1\ninfo 34 = 1\n"
+        "members 4 3\nall: zonesets 0/2 web members 0/2\n"
         "enabled 0/1 ext 0/1 version 1\nsplit enabled 1\nnat in vsan 10: 1\n";
     EXPECT_EQ(answers(ep), want);
 
