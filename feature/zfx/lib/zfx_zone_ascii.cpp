@@ -193,13 +193,13 @@ public:
             kvdb_datum value;
         };
         Late<Met, kAhead> met;
-        size_t used = 0;
+        size_t filled = 0;  // the copies' bytes
         const auto check = [&](const Met &m) {
             Slot &slot = slots_[m.id];
             slot.found = check_named(&m.value, slot.rec);
-            if (slot.found == Found::yes && copies_ != nullptr && used + kCopyMax <= limit_ * kCopyMax &&
-                copy_zone(slot.rec, copies_ + used))
-                used += slot.rec.span;
+            if (slot.found == Found::yes && copies_ != nullptr && filled + kCopyMax <= limit_ * kCopyMax &&
+                copy_zone(slot.rec, copies_ + filled))
+                filled += slot.rec.span;
         };
         walk_table(store, TableWalk{shape, start, sizeof start}, UINT32_MAX, [&](const kvdb_datum &key, const kvdb_datum &value) {
             const uint8_t *k = static_cast<const uint8_t *>(key.data);
@@ -250,8 +250,8 @@ private:
     uint8_t *copies_ = nullptr;
 };
 
-// for_each_id over the member ids a member bitmap element names; count_members(bits) of them,
-// when the caller has that count, as most.
+// for_each_id over the member ids a member bitmap element names; as many as count_members gives
+// for it, when the caller has that count, as most.
 template <typename Visit>
 int32_t for_each_member(const Tlv &bits, Visit &&visit, uint32_t most = UINT32_MAX) {
     const uint32_t n = member_bytes(bits);
@@ -506,7 +506,8 @@ int32_t zoneset_text(Section &s, uint32_t id) {
         }
     }
     if (!full) std::memcpy(zones, short_zones, sizeof short_zones);
-    // The names lie in zone records read long before: ask for all of them first.
+    // The names lie in the zone table's copies (or records) read long before: ask for all of
+    // them first.
     for_each_id(zones, kZoneBits, [&](uint32_t zone_id) { s.zones->prefetch(zone_id, ZFX_NAME_SIZE); });
     return for_each_id(zones, kZoneBits, [&](uint32_t zone_id) {
         NamedRecord zone;
