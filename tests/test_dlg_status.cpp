@@ -150,6 +150,7 @@ TEST(DlgStatus, InfoReadsCheckTheirReply) {
         {Answer::reply_with(unterminated), true, 0, ""},
         {Answer::reply_with(words), false, 0, ""},
         {Answer::reply_with(Bytes(words.begin(), words.end() - 1)), false, 0, ""},
+        {Answer::reply_with(Bytes(words.begin(), words.begin() + 3)), false, 0, ""},  // short of its key word
         {Answer::reply_with(Bytes(record.begin(), record.end() - 1)), false, 0, time_text},
         {Answer::reply_with(record), true, 0, time_text},
         {Answer::failure(EIO), false, 0, ""},
