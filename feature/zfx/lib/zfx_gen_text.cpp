@@ -59,7 +59,7 @@ int32_t Line::hand(size_t n) {
     buf_[n] = '\0';
     const int32_t status = level_ < 0 ? ptxt_elem_str_add(handle_, element_, buf_)
                                       : ptxt_elem_str_add_indent(handle_, element_, buf_, uint32_t(level_));
-    if (n < len_) buf_[n] = kept;
+    buf_[n] = kept;
     // What is left (the line being built) moves to the buffer's start.
     std::memmove(buf_, buf_ + n, len_ - n);
     len_ -= n;
