@@ -90,9 +90,9 @@ inline char *put_dec(char *p, int32_t v) {
 // A line of the configuration text, built piece by piece in a caller's buffer and handed to the
 // text service. The pieces are the exact forms the text has always used ("%s", "%.80s", "%d",
 // "%4d", "%02x", WWN and range text), written straight into the line, with no format string to
-// interpret; a line of a bounded form is written in place with the piece writers above (at()). A line longer than its size is cut as snprintf cuts it, after size - 1
-// characters; when it was to end with "\n" (end()) the cut line still does, so that the next line
-// never runs into it.
+// interpret; a line of a bounded form is written in place with the piece writers above (at()).
+// A line longer than its size is cut as snprintf cuts it, after size - 1 characters; when it was
+// to end with "\n" (end()) the cut line still does, so that the next line never runs into it.
 //
 // A builder made with a buffer of one line's size hands each line over as add() is called:
 //
