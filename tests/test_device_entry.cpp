@@ -299,9 +299,12 @@ TEST(DeviceEntry, TlvRepliesDecodedOrRejectedWhole) {
     // Every truncation of a good reply is either whole or rejected, never read past.
     for (size_t n = 0; n < ok.size(); n += (n < 16 || ok.size() - n < 16) ? 1 : 61)
         EXPECT_EQ(decode(Bytes(ok.begin(), ok.begin() + long(n)), true, true).result, ZFX_ERR_INVALID_ARG) << n;
+    // Each argument refused on its own.
     int32_t count;
-    EXPECT_EQ(zfx2_device_entry_parse_checked(nullptr, 8, nullptr, &count), ZFX_ERR_INVALID_ARG);
-    EXPECT_EQ(zfx2_device_entry_parse_checked(ok.data(), uint32_t(ok.size()), nullptr, nullptr), ZFX_ERR_INVALID_ARG);
+    zfx_device_entry *out = nullptr;
+    EXPECT_EQ(zfx2_device_entry_parse_checked(nullptr, 8, &out, &count), ZFX_ERR_INVALID_ARG);
+    EXPECT_EQ(zfx2_device_entry_parse_checked(ok.data(), uint32_t(ok.size()), nullptr, &count), ZFX_ERR_INVALID_ARG);
+    EXPECT_EQ(zfx2_device_entry_parse_checked(ok.data(), uint32_t(ok.size()), &out, nullptr), ZFX_ERR_INVALID_ARG);
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 // The VSAN topology, AFID and service-group tables: key checks, list bytes, and their text from
 // stores built record by record, including the walks' stopping rules and the longest lines.
+#include <arpa/inet.h>
+
 #include <cstring>
 #include <functional>
 #include <string>
@@ -207,6 +209,13 @@ TEST(Fabric, ServiceGroupListsAndLookups) {
     EXPECT_EQ(zfx2_sg_name_check_if_in_cfg2(1, list, list), 0);
     EXPECT_EQ(zfx2_sg_name_check_if_in_cfg2(0, nullptr, list), 0);
     EXPECT_EQ(zfx2_sg_member_check_if_in_cfg2(0, list, nullptr, 0), 0);
+    // Only the counted entries are looked at: a matching one past the count is not there.
+    std::vector<uint64_t> room((sizeof *list + 2 * sizeof list->entries[0] + 7) / 8, 0);
+    auto *past = reinterpret_cast<zfx2_sg_list *>(room.data());
+    past->count = htonl(1);
+    past->entries[1] = list->entries[0];
+    EXPECT_EQ(zfx2_sg_name_check_if_in_cfg2(0, list, past), 0);
+    EXPECT_EQ(zfx2_sg_member_check_if_in_cfg2(0, list, past, 1), 0);
     EXPECT_NE(generation_text([&](uint32_t h) {
                   EXPECT_EQ(zfx2_sg_table_active_show(h, list, 0), 0);
                   EXPECT_EQ(zfx2_sg_table_config_show(h, list, nullptr), 0);

@@ -112,7 +112,7 @@ TEST(ZoneQuery, DataQueriesFillTheirStructures) {
     svc.answer(Answer::reply_with(cat({be32(1), zeros(4), be32(0x0102),
                                        tlv_array({tlv(6, str0(chars(70))), tlv(7, members), tlv(9, attr), tlv(45, le32(3)),
                                                   tlv(59, cat({be32(1), {9, 9}})), tlv(99, zeros(12)), tlv(1, str0("set"))})})));
-    svc.answer(Answer::reply_with(cat({be32(1), zeros(4), be32(3), tlv_array({tlv(45, le32(0)), tlv(6, {'a', 'b'})})})));
+    svc.answer(Answer::reply_with(cat({be32(1), zeros(4), be32(3), tlv_array({tlv(45, cat({le32(0), {9}})), tlv(6, {'a', 'b'})})})));
     struct {
         zfx_zone_info info;
         uint8_t guard[4];
@@ -130,6 +130,7 @@ TEST(ZoneQuery, DataQueriesFillTheirStructures) {
     zone.id = 3;
     ASSERT_EQ(zfx_dlg_get_zone_data(svc.ep(), 1, &zone, 0), 0u);
     EXPECT_EQ(zone.qos_set, 0u);
+    EXPECT_EQ(zone.read_only, 0u);  // a longer QoS value keeps to its word
     EXPECT_EQ(std::string(zone.name), "ab");  // an unterminated name stops at its length
     EXPECT_EQ(bytes_of(zone.members, 260), zeros(260));  // cleared first
 

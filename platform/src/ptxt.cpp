@@ -371,7 +371,11 @@ int32_t ptxt_hdl_init(uint32_t *handle) {
 int32_t ptxt_hdl_release(uint32_t handle) {
     std::lock_guard<std::mutex> lock(g_lock);
     forget(handle);
-    return g_gens.erase(handle) != 0 ? 0 : PTXT_ERR_HANDLE;
+    auto it = g_gens.find(handle);
+    if (it == g_gens.end()) return PTXT_ERR_HANDLE;
+    g_spare = std::move(it->second->text);  // a generation given up keeps its buffer for the next too
+    g_gens.erase(it);
+    return 0;
 }
 
 const char *ptxt_startup_cfg_uri_prefix_get(void *req) {

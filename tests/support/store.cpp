@@ -144,12 +144,14 @@ std::string rendered(uint32_t handle) {
 std::string generate(std::initializer_list<std::pair<uint32_t, kvdb_store *>> stores) {
     uint32_t handle = 0;
     EXPECT_EQ(ptxt_hdl_init(&handle), 0);
-    const size_t bytes = sizeof(zfx_gen_request) + stores.size() * sizeof(zfx_gen_store_entry);
+    // One entry more than the count: a copy of the first, which must not be read.
+    const size_t bytes = sizeof(zfx_gen_request) + (stores.size() + 1) * sizeof(zfx_gen_store_entry);
     std::unique_ptr<uint8_t[]> block(new uint8_t[bytes]());
     auto *req = reinterpret_cast<zfx_gen_request *>(block.get());
     req->handle = handle;
     req->selector = ZFX_GEN_SELECT_GENERATE;
     for (const auto &[kind, store] : stores) req->entries[req->count++] = zfx_gen_store_entry{kind, store, 0};
+    if (req->count != 0) req->entries[req->count] = req->entries[0];
     EXPECT_EQ(zfx_ascii_cfg_generate(req), 0);
     return rendered(handle);
 }
