@@ -48,6 +48,7 @@ std::vector<Record> with(std::vector<Record> base, const std::vector<Record> &mo
 TEST(ZoneText, EveryRuleOfTheZoneSection) {
     const std::string wwn = "20:00:00:11:22:33:44:55";
     const std::vector<Record> one_zone = {zone_db_header_rec({1}, {}), zone_rec(1, "z1", zone_array({}))};
+    const std::string tail = "vsan 10 autonomous-fabric-id 0\n";  // of a member without its AFID
     const struct {
         const char *name;
         std::vector<Record> records;
@@ -80,6 +81,11 @@ TEST(ZoneText, EveryRuleOfTheZoneSection) {
              "  member pwwn " + wwn + "            vsan 4094 autonomous-fabric-id 0\n"
              "  member pwwn 00:00:00:00:00:00:00:00            vsan 0 autonomous-fabric-id 0\n"
              "             vsan 8\n"}},
+        {"an alias takes a column of 15 characters, a longer one as much as it needs",
+         with(one_zone, {zone_rec(1, "z1", zone_array({1, 2})), member(1, 1, 1, {tlv(65, str0(std::string(14, 'a'))), tlv(11, le32(10))}),
+                         member(1, 2, 1, {tlv(65, str0(std::string(16, 'b'))), tlv(11, le32(10))})}),
+         {0, "zfx zone name z1\n  member device-alias " + std::string(14, 'a') + std::string(13, ' ') + tail +
+                 "  member device-alias " + std::string(16, 'b') + std::string(12, ' ') + tail}},
         {"short bitmaps: the bits they lack are clear",
          {zone_db_header_rec({1}, {1}), zone_rec(1, "z1", tlv_array({tlv(7, cat({le32(256), {0x40}})), tlv(9, kAttr)})),
           pwwn_member(1, 1, 10, 1), zoneset_rec(1, "zs", tlv_array({tlv(4, cat({le32(250), {0x40}}))}))},
