@@ -64,7 +64,7 @@ int32_t zfx2_afid_table_generate_ascii_config(uint32_t handle, kvdb_store *store
         report_null_store(kVtNullStore);
         return 0;
     }
-    for (uint8_t is_default : {uint8_t(1), uint8_t(0)}) {
+    for (const bool is_default : {true, false}) {
         zfx2_afid_table_list *list = nullptr;
         uint32_t size = 0;
         if (zfx2_afid_table_config_get(store, &list, &size, is_default) == 0)

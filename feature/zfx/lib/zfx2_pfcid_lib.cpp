@@ -162,7 +162,8 @@ struct PfcidText {
             }
             return;
         }
-        const Placed *p = std::lower_bound(index.placed, index.placed + index.count, Placed{key, 0});
+        const Placed *p = std::partition_point(index.placed, index.placed + index.count,
+                                               [&](const Placed &x) { return x.placement < key; });
         for (; p != index.placed + index.count && p->placement == key; ++p) fcid_line(list->entries[p->position]);
     }
 

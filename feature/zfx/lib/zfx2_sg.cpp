@@ -76,7 +76,7 @@ private:
     const zfx2_sg_entry &entry(uint32_t i) const { return list_->entries[i]; }
     static int compare(const zfx2_sg_entry &a, const zfx2_sg_entry &b, Depth depth) {
         if (const int c = std::strncmp(a.name, b.name, ZFX2_SG_NAME_SIZE); c != 0 || depth == kName) return c;
-        if (a.afid != b.afid) return a.afid < b.afid ? -1 : 1;
+        if (a.afid != b.afid) return int(a.afid) - int(b.afid);
         return depth == kAfid ? 0 : std::memcmp(&a.vsans, &b.vsans, sizeof a.vsans);
     }
 
