@@ -77,6 +77,11 @@ inline bool view_member(const void *record, size_t len, MemberView &v) {
     return walk.ok();
 }
 
+// Decodes a stored member record of len bytes into m (see zfx_zone_decode_member_from_kvdb_cfg):
+// the view's fields copied, the ones the record lacks left as they are in m; false, with m
+// untouched, when view_member fails.
+bool decode_member(const void *record, size_t len, zfx_zone_member_node &m);
+
 // The active zoneset data's total length as its chunk 0 gives it; 0 when there is no data: chunk 0
 // is missing or shorter than 4 bytes, or gives 0 or more than the data can ever take.
 uint32_t active_total(kvdb_store *store);

@@ -201,6 +201,21 @@ uint32_t active_data_max() {
 
 }  // namespace
 
+bool decode_member(const void *record, size_t len, zfx_zone_member_node &m) {
+    MemberView v;
+    if (!view_member(record, len, v)) return false;
+    m.type = v.type;
+    if (v.pwwn != nullptr) std::memcpy(m.pwwn, v.pwwn, sizeof m.pwwn);
+    if (v.has_vsan) m.vsan = v.vsan;
+    if (v.has_afid) m.afid = v.afid;
+    if (v.lun != nullptr) std::memcpy(m.lun, v.lun, sizeof m.lun);
+    if (v.has_alias) {
+        if (v.alias_len != 0) std::memcpy(m.device_alias, v.alias, v.alias_len);
+        m.device_alias[v.alias_len] = '\0';
+    }
+    return true;
+}
+
 uint32_t active_total(kvdb_store *store) {
     uint8_t key[ZFX_ZONE_DB_KEY_SIZE];
     zfx_zone_db_key(key, ZFX_KVDB_ACTIVE_ZONESET_KEY, 0, 0);
@@ -387,20 +402,7 @@ void *zfx_zone_zoneset_to_persistent_kvdb_data(const zfx_zoneset_node *zoneset, 
 int32_t zfx_zone_decode_member_from_kvdb_cfg(const void *record, zfx_zone_member_node *member) {
     if (record == nullptr || member == nullptr) return ZFX_ERR_INVALID_ARG;
     // The record has no length of its own: its array is trusted to be as long as it claims.
-    MemberView v;
-    if (view_member(record, SIZE_MAX / 2, v)) {
-        // The view's fields copied; the ones the record lacks are left as they are.
-        zfx_zone_member_node &m = *member;
-        m.type = v.type;
-        if (v.pwwn != nullptr) std::memcpy(m.pwwn, v.pwwn, sizeof m.pwwn);
-        if (v.has_vsan) m.vsan = v.vsan;
-        if (v.has_afid) m.afid = v.afid;
-        if (v.lun != nullptr) std::memcpy(m.lun, v.lun, sizeof m.lun);
-        if (v.has_alias) {
-            if (v.alias_len != 0) std::memcpy(m.device_alias, v.alias, v.alias_len);
-            m.device_alias[v.alias_len] = '\0';
-        }
-    }
+    decode_member(record, SIZE_MAX / 2, *member);
     return 0;
 }
 
