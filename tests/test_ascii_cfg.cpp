@@ -133,6 +133,8 @@ TEST(AsciiCfg, AFailingSectionNeverStopsTheNext) {
     uint8_t flag = 9;
     EXPECT_EQ(zfx2_get_fcid_nat_flag_from_kvdb(&flag, r.get()), 0x40480077);
     EXPECT_EQ(flag, 0);
+    EXPECT_EQ(zfx2_get_fcid_nat_flag_from_kvdb(nullptr, r.get()), ZFX_ERR_INVALID_ARG);
+    EXPECT_EQ(zfx2_get_aam_flag_from_kvdb(&flag, nullptr), ZFX_ERR_INVALID_ARG);
 }
 
 // Without memory for their index the service-group differences are found by the pairwise checks:
@@ -191,7 +193,6 @@ TEST(AsciiCfg, SectionsHandedNoStoreReportItAndWriteNothing) {
     uint32_t flags = 5;
     EXPECT_EQ(zfx_global_flags_kvdb_restore(nullptr, &flags), ZFX_ERR_INVALID_ARG);
     EXPECT_EQ(flags, 0u);
-    EXPECT_EQ(zfx2_get_aam_flag_from_kvdb(nullptr, nullptr), ZFX_ERR_INVALID_ARG);
     EXPECT_EQ(zfx_kvdb_restore_fabric_distribute(nullptr), 0);
 }
 
