@@ -327,17 +327,28 @@ int32_t add_text(uint32_t handle, uint32_t element, const char *text, uint32_t l
     });
 }
 
-// Takes the generation out of the table (ending it) and renders its text.
+// Takes the generation out of the table, ending it; NULL when there is none.
+std::unique_ptr<Generation> take(uint32_t handle) {
+    std::lock_guard<std::mutex> lock(g_lock);
+    auto it = g_gens.find(handle);
+    if (it == g_gens.end()) return nullptr;
+    std::unique_ptr<Generation> g = std::move(it->second);
+    g_gens.erase(it);
+    forget(handle);
+    return g;
+}
+
+// Keeps the buffer of a generation that ended, responded or given up, for the next one (the one
+// kept before goes).
+void keep_spare(Buffer &&text) {
+    std::lock_guard<std::mutex> lock(g_lock);
+    g_spare = std::move(text);
+}
+
+// Ends the generation and renders its text.
 int32_t finish(uint32_t handle, Buffer &text, uint32_t &len) {
-    std::unique_ptr<Generation> g;
-    {
-        std::lock_guard<std::mutex> lock(g_lock);
-        auto it = g_gens.find(handle);
-        if (it == g_gens.end()) return PTXT_ERR_HANDLE;
-        g = std::move(it->second);
-        g_gens.erase(it);
-        forget(handle);
-    }
+    const std::unique_ptr<Generation> g = take(handle);
+    if (g == nullptr) return PTXT_ERR_HANDLE;
     try {
         text = render_ending(*g, len);
         return 0;
@@ -369,12 +380,9 @@ int32_t ptxt_hdl_init(uint32_t *handle) {
 }
 
 int32_t ptxt_hdl_release(uint32_t handle) {
-    std::lock_guard<std::mutex> lock(g_lock);
-    forget(handle);
-    auto it = g_gens.find(handle);
-    if (it == g_gens.end()) return PTXT_ERR_HANDLE;
-    g_spare = std::move(it->second->text);  // a generation given up keeps its buffer for the next too
-    g_gens.erase(it);
+    const std::unique_ptr<Generation> g = take(handle);
+    if (g == nullptr) return PTXT_ERR_HANDLE;
+    keep_spare(std::move(g->text));
     return 0;
 }
 
@@ -447,8 +455,7 @@ int32_t ptxt_respond(uint32_t handle, void *msg, void *req) {
     const ptxt_request *r = static_cast<const ptxt_request *>(req);
     const int32_t result =
         r == nullptr ? PTXT_ERR_INVALID : r->sink == nullptr ? 0 : r->sink(r->sink_arg, msg, text.data(), len);
-    std::lock_guard<std::mutex> lock(g_lock);
-    g_spare = std::move(text);  // the one kept before goes
+    keep_spare(std::move(text));
     return result;
 }
 
