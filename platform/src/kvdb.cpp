@@ -61,6 +61,10 @@ struct kvdb_store {
     uint32_t serials = 0;
     uint32_t cached = 0;  // serial of the cursor the backend position belongs to; 0: none
     int32_t failure = 0;  // the first backend failure of a read (kvdb_read_failure)
+    // A backend whose every move brings the value under its position along (into at) sets this:
+    // the value of the cursor it moved last is then at, and kvdb_getvalue asks it nothing.
+    bool steps_bring_values = false;
+    kvdb_datum at{};
 
     // Remembers st when it is the first failure: anything but success and a missing key.
     int32_t note(int32_t st) {
@@ -301,7 +305,7 @@ kvdb_datum datum(const MDB_val &v) { return kvdb_datum{v.mv_data, uint32_t(v.mv_
 // A read handle keeps one read transaction for its whole life: that is what keeps every value it
 // handed out valid until it is closed.
 struct LmdbReader final : kvdb_store {
-    LmdbReader() : kvdb_store(false) {}
+    LmdbReader() : kvdb_store(false) { steps_bring_values = true; }
     ~LmdbReader() override {
         if (cur != nullptr) mdb_cursor_close(cur);
         if (txn != nullptr) mdb_txn_abort(txn);
@@ -321,21 +325,28 @@ struct LmdbReader final : kvdb_store {
     // calls for nearly every key.
     bool seek(Seek how, std::string_view key, kvdb_datum &found) override {
         static constexpr MDB_cursor_op ops[] = {MDB_SET_RANGE, MDB_FIRST, MDB_LAST, MDB_NEXT, MDB_PREV};
-        MDB_val k = mval(key);
-        if (const int rc = mdb_cursor_get(cur, &k, &at, ops[int(how)]); rc != 0) {
-            note(lmdb_status(rc));
-            return false;
-        }
-        found = datum(k);
-        return true;
+        return move(mval(key), ops[int(how)], found);
     }
     int32_t current(kvdb_datum &value) override {
-        value = datum(at);
+        value = at;
         return 0;
     }
     // A move never fails here before it is made.
-    bool step_next(kvdb_datum &found) override { return LmdbReader::seek(Seek::next, {}, found); }
-    MDB_val at{};  // the value under the backend's position
+    bool step_next(kvdb_datum &found) override { return move(MDB_val{}, MDB_NEXT, found); }
+
+private:
+    bool move(MDB_val k, MDB_cursor_op op, kvdb_datum &found) {
+        MDB_val v;
+        if (const int rc = mdb_cursor_get(cur, &k, &v, op); rc != 0) {
+            note(lmdb_status(rc));
+            return false;
+        }
+        at.data = v.mv_data;
+        at.len = uint32_t(v.mv_size);
+        found.data = k.mv_data;
+        found.len = uint32_t(k.mv_size);
+        return true;
+    }
 };
 
 struct LmdbWriter final : kvdb_store {
@@ -568,16 +579,26 @@ kvdb_datum *kvdb_move2location(kvdb_store *store, uint32_t location, kvdb_cursor
     if (reader(store) == nullptr || cursor == nullptr) return nullptr;
     // A walk's step, nearly every move: the cursor the backend moved last, one key on.
     if (location == KVDB_LOC_NEXT && cursor->key.data != nullptr && owns_position(store, cursor)) {
-        kvdb_datum found{};
-        return land(store, cursor, store->step_next(found), found, 0);
+        // The cursor keeps the position, so it keeps its serial too.
+        kvdb_datum found;
+        if (!store->step_next(found)) return land(store, cursor, false, found, 0);
+        cursor->match = 0;
+        cursor->value = kvdb_datum{nullptr, 0};
+        copy_datum(cursor->key, found);
+        return &cursor->key;
     }
     return move_any(store, location, cursor);
 }
 
 kvdb_datum *kvdb_getvalue(kvdb_store *store, kvdb_cursor *cursor) {
     if (reader(store) == nullptr || cursor == nullptr || cursor->key.data == nullptr) return nullptr;
+    const bool owns = owns_position(store, cursor);
+    if (owns && store->steps_bring_values) {
+        copy_datum(cursor->value, store->at);
+        return &cursor->value;
+    }
     kvdb_datum v{};
-    int32_t st = owns_position(store, cursor) ? store->current(v) : store->get(view(cursor->key), v);
+    int32_t st = owns ? store->current(v) : store->get(view(cursor->key), v);
     if (store->note(st) != 0) return nullptr;
     copy_datum(cursor->value, v);
     return &cursor->value;
