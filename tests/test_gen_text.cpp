@@ -54,7 +54,7 @@ Fabric edge_fabric(uint64_t seed) {
                                      {0xff, 0xff, 0xff, 0xff, 0, 0, 0, uint8_t(id)}, std::string(67, char('A' + id % 26)),
                                      id == 2047 ? 0xFFFFFFFFu : 4094u + id, uint16_t(id == 255 ? 65535 : 1), id});
     f.zones.push_back(big);
-    f.zones.push_back(Zone{uint16_t(2000 + seed), "z" + std::to_string(seed), ZFX_ZONE_QOS_LOW, false, {}});
+    f.zones.push_back(Zone{uint16_t(2000 + seed), std::string("z").append(std::to_string(seed)), ZFX_ZONE_QOS_LOW, false, {}});
     // A zone whose member lines are more than the zone text gathers for one call to the text
     // service (its lines go over in several).
     Zone crowded{uint16_t(3000 + seed), std::string(67, 'C'), ZFX_ZONE_QOS_MEDIUM, true, {}};
