@@ -128,6 +128,7 @@ TEST_P(StoreTest, MatchesAnOrderedMapAfterRandomWritesAndTransactions) {
         std::memset(&pc, 0xA5, sizeof pc);  // a cursor starts as any bytes
         EXPECT_EQ(str(kvdb_move2key(now.get(), &key, &pc)), lb == model.end() ? "<null>" : lb->first);
         EXPECT_EQ(pc.match, lb != model.end() && lb->first == k ? 0u : 1u);
+        if (kvdb_move2location(now.get(), KVDB_LOC_NEXT, &pc) != nullptr) EXPECT_EQ(pc.match, 0u);  // a step's match
         int32_t st = -1;
         kvdb_datum *v = kvdb_fetch(now.get(), &key, &st);
         auto it = model.find(k);
