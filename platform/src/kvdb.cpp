@@ -77,6 +77,8 @@ struct kvdb_store {
     // (and so does a move_fails that says yes); get's and current's statuses are noted by callers.
     virtual int32_t get(std::string_view /*key*/, kvdb_datum & /*value*/) { return KVDB_ERR_INVALID; }
     virtual bool seek(Seek /*how*/, std::string_view /*key*/, kvdb_datum & /*found*/) { return false; }
+    // The value under the backend's position (a backend whose steps bring values along is not
+    // asked).
     virtual int32_t current(kvdb_datum & /*value*/) { return KVDB_ERR_INVALID; }
     virtual bool move_fails() { return false; }
     // A walk's step from the backend's position to the next key: seek(Seek::next) unless the
@@ -326,10 +328,6 @@ struct LmdbReader final : kvdb_store {
     bool seek(Seek how, std::string_view key, kvdb_datum &found) override {
         static constexpr MDB_cursor_op ops[] = {MDB_SET_RANGE, MDB_FIRST, MDB_LAST, MDB_NEXT, MDB_PREV};
         return move(mval(key), ops[int(how)], found);
-    }
-    int32_t current(kvdb_datum &value) override {
-        value = at;
-        return 0;
     }
     // A move never fails here before it is made.
     bool step_next(kvdb_datum &found) override { return move(MDB_val{}, MDB_NEXT, found); }
