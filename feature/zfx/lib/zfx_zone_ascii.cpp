@@ -450,12 +450,22 @@ void member_line(Section &s, const MemberView &m) {
     s.out.done(p).add(s.handle, ZFX_ELEM_ZONE, 1);
 }
 
+// A line of a word and a record's name, written in place: the line begins with the room of a
+// whole line, which holds the longest name.
+template <size_t N>
+Line &name_line(Line &line, const char (&word)[N], const NamedRecord &rec) {
+    static_assert(N + ZFX_NAME_SIZE < kLineSize);
+    char *p = put_chars(put_chars(line.at(), word), rec.name, rec.name_len);
+    *p++ = '\n';
+    return line.done(p);
+}
+
 int32_t zone_text(Section &s, uint32_t id) {
     NamedRecord zone;
     const Found found = s.zones->get(id, zone);
     if (found != Found::yes) return found == Found::empty ? 0 : ZFX_ERR_KVDB;
     Line &line = s.out;
-    line.text("zfx zone name ").text(zone.name, zone.name_len).end().add(s.handle, ZFX_ELEM_ZONE, 0);
+    name_line(line, "zfx zone name ", zone).add(s.handle, ZFX_ELEM_ZONE, 0);
     commit_reqd = 1;
     Tlv members{};  // the last member bitmap element counts
     TlvWalk walk(zone.array, TlvChecked{});
@@ -490,7 +500,7 @@ int32_t zoneset_text(Section &s, uint32_t id) {
     NamedRecord zoneset;
     if (fetch_named(s.store, ZFX_KVDB_ZONESET_KEY, id, zoneset) != Found::yes) return ZFX_ERR_KVDB;
     Line &line = s.out;
-    line.text("zfx zoneset name ").text(zoneset.name, zoneset.name_len).end().add(s.handle, ZFX_ELEM_ZONE, 0);
+    name_line(line, "zfx zoneset name ", zoneset).add(s.handle, ZFX_ELEM_ZONE, 0);
     commit_reqd = 1;
     // The full bitmap (60) when the record has one, otherwise the short one (4).
     uint8_t zones[ZFX_ZONE_BITMAP_SIZE] = {};
@@ -512,7 +522,7 @@ int32_t zoneset_text(Section &s, uint32_t id) {
     return for_each_id(zones, kZoneBits, [&](uint32_t zone_id) {
         NamedRecord zone;
         const Found found = s.zones->get(zone_id, zone);
-        if (found == Found::yes) line.text("member ").text(zone.name, zone.name_len).end().add(s.handle, ZFX_ELEM_ZONE, 1);
+        if (found == Found::yes) name_line(line, "member ", zone).add(s.handle, ZFX_ELEM_ZONE, 1);
         return found == Found::failed ? ZFX_ERR_KVDB : 0;
     });
 }
