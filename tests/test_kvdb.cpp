@@ -128,7 +128,11 @@ TEST_P(StoreTest, MatchesAnOrderedMapAfterRandomWritesAndTransactions) {
         std::memset(&pc, 0xA5, sizeof pc);  // a cursor starts as any bytes
         EXPECT_EQ(str(kvdb_move2key(now.get(), &key, &pc)), lb == model.end() ? "<null>" : lb->first);
         EXPECT_EQ(pc.match, lb != model.end() && lb->first == k ? 0u : 1u);
-        if (kvdb_move2location(now.get(), KVDB_LOC_NEXT, &pc) != nullptr) EXPECT_EQ(pc.match, 0u);  // a step's match
+        kvdb_cursor copy = pc;  // a copy of a cursor steps from its own key, not the other's
+        if (kvdb_move2location(now.get(), KVDB_LOC_NEXT, &pc) != nullptr) {
+            EXPECT_EQ(pc.match, 0u);  // a step's match
+            EXPECT_EQ(str(kvdb_move2location(now.get(), KVDB_LOC_NEXT, &copy)), str(&pc.key));
+        }
         int32_t st = -1;
         kvdb_datum *v = kvdb_fetch(now.get(), &key, &st);
         auto it = model.find(k);

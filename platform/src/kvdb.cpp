@@ -577,13 +577,8 @@ kvdb_datum *kvdb_move2location(kvdb_store *store, uint32_t location, kvdb_cursor
     if (reader(store) == nullptr || cursor == nullptr) return nullptr;
     // A walk's step, nearly every move: the cursor the backend moved last, one key on.
     if (location == KVDB_LOC_NEXT && cursor->key.data != nullptr && owns_position(store, cursor)) {
-        // The cursor keeps the position, so it keeps its serial too.
-        kvdb_datum found;
-        if (!store->step_next(found)) return land(store, cursor, false, found, 0);
-        cursor->match = 0;
-        cursor->value = kvdb_datum{nullptr, 0};
-        copy_datum(cursor->key, found);
-        return &cursor->key;
+        kvdb_datum found{};
+        return land(store, cursor, store->step_next(found), found, 0);
     }
     return move_any(store, location, cursor);
 }
