@@ -100,7 +100,7 @@ TEST(ZoneDb, DecodeFillsOnlyWhatTheRecordCarries) {
 TEST(ZoneDb, ZoneAndZonesetRecords) {
     ZoneNodes db;
     zfx_zone_node &plain = db.zone(0x12345, "plain");
-    db.member(plain, 3, 0, 1, 1);
+    const zfx_zone_member_node &first = db.member(plain, 3, 0, 1, 1);
     db.member(plain, 2047, 0, 1, 1);  // the bitmap's last bit
     zfx_zone_node &ro = db.zone(2, "read-only", 2, 1);
     const Bytes attr = {0xA1, 0, 0, 0, 0, 0, 0, 0xA8};
@@ -128,9 +128,14 @@ TEST(ZoneDb, ZoneAndZonesetRecords) {
     const Bytes cut = take(zfx_zone_encode_zone_to_kvdb(&plain, &len), len);
     EXPECT_EQ(Bytes(cut.begin() + 4, cut.begin() + 72), cat({Bytes(67, 'n'), {0}}));
 
+    // Each argument missing on its own.
+    const zfx_zoneset_node set = db.zoneset(5, "zs", {});
+    EXPECT_EQ(zfx_zone_encode_zone_member_to_kvdb(nullptr, &len), nullptr);
+    EXPECT_EQ(zfx_zone_encode_zone_member_to_kvdb(&first, nullptr), nullptr);
     EXPECT_EQ(zfx_zone_encode_zone_to_kvdb(nullptr, &len), nullptr);
-    EXPECT_EQ(zfx_zone_encode_zoneset_to_kvdb(nullptr, &len), nullptr);
     EXPECT_EQ(zfx_zone_encode_zone_to_kvdb(&ro, nullptr), nullptr);
+    EXPECT_EQ(zfx_zone_encode_zoneset_to_kvdb(nullptr, &len), nullptr);
+    EXPECT_EQ(zfx_zone_encode_zoneset_to_kvdb(&set, nullptr), nullptr);
 }
 
 // Expected bytes of the active zoneset data, written out piece by piece.
