@@ -185,6 +185,10 @@ TEST(ZoneDb, ActiveZonesetDataWithItsExtensionArea) {
     // No zone tree: the head alone.
     zfx_zoneset_node bare{2, "bare", nullptr, {}, {}};
     EXPECT_EQ(take(zfx_zone_zoneset_to_persistent_kvdb_data(&bare, &len), len), entry(2, "bare", 0));
+    // No zoneset (the length is cleared), or no length.
+    EXPECT_EQ(zfx_zone_zoneset_to_persistent_kvdb_data(nullptr, &len), nullptr);
+    EXPECT_EQ(len, 0u);
+    EXPECT_EQ(zfx_zone_zoneset_to_persistent_kvdb_data(&s, nullptr), nullptr);
     EXPECT_EQ(zfx_zoneset_get_persistent_data_size(nullptr, &ext_size), 0u);
     EXPECT_EQ(zfx_zoneset_get_persistent_data_size(&s, nullptr), uint32_t(ZFX_ERR_INVALID_ARG));
 }
