@@ -216,9 +216,13 @@ TEST(ZoneDb, ExtensionStepWritesOnlyWhatFits) {
             EXPECT_EQ(buf, cat({fits ? want : zeros(room), guard})) << room;
         }
     }
-    // Any argument or the cursor missing: nothing written, nothing counted.
+    // Any argument or the cursor missing, or a zone with nothing to record (no attribute, port-WWN
+    // members only): nothing written, nothing counted.
+    zfx_zone_node &bare = db.zone(8, "bare");
+    db.member(bare, 3, 0, 1, 1);
     uint8_t buf[64] = {}, *at = buf, *none = nullptr;
     uint32_t count = 5;
+    EXPECT_EQ(zfx_zone_ext_to_persistent_kvdb_data(&bare, &count, 64, &at), 0u);
     EXPECT_EQ(zfx_zone_ext_to_persistent_kvdb_data(nullptr, &count, 64, &at), 0u);
     EXPECT_EQ(zfx_zone_ext_to_persistent_kvdb_data(&z, nullptr, 64, &at), 0u);
     EXPECT_EQ(zfx_zone_ext_to_persistent_kvdb_data(&z, &count, 64, nullptr), 0u);
