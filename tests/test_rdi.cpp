@@ -1,5 +1,6 @@
 // Virtual domains: both line forms among the global lines, the per-AFID list's bytes and
-// capacities and refusals, the longest range text, and the sections handed no store.
+// capacities and refusals, the longest range text, the list form's status, and the sections
+// handed no store.
 #include <climits>
 #include <string>
 #include <vector>
@@ -102,6 +103,17 @@ TEST(VirtualDomains, ListHoldsTheEntriesUpToItsCapacity) {
     EXPECT_EQ(list, nullptr);
     EXPECT_EQ(size, 0u);
     EXPECT_EQ(zfx_num_mem_allocs - allocs, 4u);
+}
+
+// The list form answers its lookup's status: 0 with the record (one without bits too), the
+// store's "not found" without it.
+TEST(VirtualDomains, ListFormAnswersItsLookupsStatus) {
+    const std::pair<std::vector<Record>, int32_t> cases[] = {
+        {{vdom_list_rec(vsans({7}))}, 0}, {{{{0x6D, 0x00}, le32(512)}}, 0}, {{}, ZFX_KVDB_NOT_FOUND}};
+    for (const auto &[records, status] : cases) {
+        Stored r(records);
+        generation_text([&](uint32_t h) { EXPECT_EQ(zfx2_rdi_mode_generate_ascii_config(h, r.get()), status); });
+    }
 }
 
 // Handed no store, the virtual-domain and persistent FCID sections report it, return 0 and write
