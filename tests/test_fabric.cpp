@@ -159,7 +159,7 @@ TEST(Fabric, TablesTextCaseByCase) {
         for (int v = 1; v <= run_end; ++v) set.push_back(v);
         for (int v = from; v <= 1900; v += 2) {
             set.push_back(v);
-            if (v <= 1800) fits += "," + std::to_string(v);
+            if (v <= 1800) fits.append(",").append(std::to_string(v));
         }
         return vsans_of(set);
     };
@@ -224,6 +224,9 @@ TEST(Fabric, ServiceGroupListsAndLookups) {
     std::free(list);
 
     char name[ZFX2_SG_NAME_SIZE];
+    std::memset(name, 'x', sizeof name);
+    EXPECT_EQ(zfx2_sg_get_name_from_id(0x01020304, name, r.get(), 0), 0);
+    EXPECT_EQ(bytes_of(name, sizeof name), cat({{'g', 'r', 'p'}, zeros(sizeof name - 3)}));
     std::memset(name, 'x', sizeof name);
     EXPECT_EQ(zfx2_sg_get_name_from_id(7, name, r.get(), 0), ZFX_ERR_TABLE_KEY);
     EXPECT_EQ(std::string(name, sizeof name), std::string(sizeof name, '\0'));
