@@ -1,5 +1,7 @@
-// The socket transport and its frames, and the channel's waited requests over both transports.
-// The far side is a service played by a thread of the test on a Unix socket in a temporary
+// The platform's endpoint and channel, the socket transport and its frames, and the channel's
+// waited requests over both transports. Any transport carries the endpoint, and bad calls reach
+// none; a reply's parse and interrupted receives are the feature's split queries' and raw queries'.
+// For the socket, the far side is a service played by a thread of the test on a Unix socket in a temporary
 // directory, speaking frames and scripted per case. The same waited requests answered alike must
 // come out alike over the socket as in process: every field of a call, the reply bytes; sends are
 // held to what their queued replies carry back.
@@ -26,6 +28,45 @@
 namespace {
 
 using namespace zfxtest;
+
+// A call's result with the errno it left.
+template <typename T>
+std::pair<T, int> with_errno(T result) { return {result, errno}; }
+
+TEST(Channel, AnyTransportCarriesTheEndpointAndBadCallsReachNone) {
+    int state = 0;  // calls made; 100 more once closed
+    const plat_transport t{[](void *ctx, plat_endpoint *, const plat_call *, plat_answer *a) {
+                               ++*static_cast<int *>(ctx);
+                               a->result = 3;
+                           },
+                           [](void *ctx) { *static_cast<int *>(ctx) += 100; }};
+    plat_endpoint *ep = plat_endpoint_open(&t, &state);
+    ASSERT_NE(ep, nullptr);
+    uint32_t len = 0;
+    EXPECT_EQ(dlg_req_resp(1, 1, nullptr, nullptr, &len, nullptr, 0, 110, ep, 1), 3);
+    plat_endpoint_close(ep);
+    EXPECT_EQ(state, 101);
+    const plat_transport broken{nullptr, nullptr};
+    EXPECT_EQ(plat_endpoint_open(&broken, nullptr), nullptr);
+    EXPECT_EQ(plat_endpoint_open_inproc(nullptr, nullptr), nullptr);
+    void *reply = &reply;
+    EXPECT_EQ(dlg_req_resp(1, 1, nullptr, &reply, &len, nullptr, 0, 110, nullptr, 10), -1);
+    EXPECT_EQ(reply, nullptr);
+    EXPECT_EQ(dlg_parse_response(nullptr, &reply, &len), -1);
+    // A reply's status leaves the parse's outputs alone.
+    len = 9;
+    const plat_msg_info info{1, 1, 0, 110, 0, 1, 77};
+    plat_msg *msg = plat_msg_new(&info, "x", 1);
+    EXPECT_EQ(dlg_parse_response(msg, &reply, &len), 77);
+    EXPECT_EQ(std::pair(reply, len), std::pair(static_cast<void *>(nullptr), 9u));
+    plat_msg_free(msg);
+    FakeService svc;
+    EXPECT_EQ(dlg_req_resp(1, 1, nullptr, &reply, nullptr, nullptr, 0, 110, svc.ep(), 10), -1);
+    EXPECT_EQ(dlg_send_request(1, 1, nullptr, 4, nullptr, 0, 0, 110, svc.ep(), 0), -1);  // bytes claimed, none given
+    EXPECT_EQ(with_errno(dlg_send_request(1, 1, nullptr, 0, nullptr, 0, 0, 110, nullptr, 0)), std::pair(-1, EINVAL));
+    EXPECT_TRUE(svc.sent().empty());
+    EXPECT_EQ(dlg_send_request(1, 1, nullptr, 0, nullptr, 0, 0, 110, svc.ep(), 0), 0);  // nothing to send is fine
+}
 
 auto fields(const plat_frame &f) {
     return std::tie(f.kind, f.seq, f.op, f.msg_type, f.opcode, f.node, f.sap, f.opt_b, f.tag, f.timeout,
@@ -223,11 +264,9 @@ TEST(Socket, WaitedRequestsOverBothTransports) {
                       std::tuple(a.result, a.err, len_after, want ? a.reply : std::nullopt))
                 << (socket ? "socket" : "in-process") << " case " << i;
         }
-        std::vector<Sent> sent = fake.sent();
-        if (socket) {
-            sent.clear();
+        std::vector<Sent> sent = fake.sent();  // none over the socket: the fake's endpoint had no call
+        if (socket)
             for (const Call &c : svc->stop()) sent.push_back(c.sent());
-        }
         ASSERT_EQ(sent.size(), n);
         for (size_t i = 0; i < n; ++i) {
             EXPECT_EQ(sent[i].want_reply, i >= n / 2) << i;
@@ -306,8 +345,7 @@ TEST(Socket, SendAnswersQueuedAndLateAnswersDropped) {
     void *payload = xqb_payload_get(&held, &len);
     EXPECT_EQ(bytes_of(payload, len), Bytes{6});
     // Nothing more comes: the receive gives up after its wait.
-    EXPECT_EQ(xqb_recv(ep, &held, &late), -1);
-    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_EQ(with_errno(xqb_recv(ep, &held, &late)), std::pair(-1, EAGAIN));
     xqb_drop(ep, &held);
 
     len = 3;
@@ -319,9 +357,8 @@ TEST(Socket, SendAnswersQueuedAndLateAnswersDropped) {
     std::free(reply);
     EXPECT_EQ(plat_endpoint_pending(ep), 0u);
     // Refused before anything is written: nothing of it is read.
-    EXPECT_EQ(dlg_send_request(1, 1, three, PLAT_FRAME_PAYLOAD_MAX + 1, nullptr, 0, 0, 110, ep, 0), -1);
-    EXPECT_EQ(errno, EMSGSIZE);
-
+    EXPECT_EQ(with_errno(dlg_send_request(1, 1, three, PLAT_FRAME_PAYLOAD_MAX + 1, nullptr, 0, 0, 110, ep, 0)),
+              std::pair(-1, EMSGSIZE));
 }
 
 // A service that breaks the stream fails the operation under way with why, then every later one
@@ -350,26 +387,22 @@ TEST(Socket, BrokenServiceFailsOnceThenNotConnected) {
             xqb_msg held = XQB_MSG_EMPTY;
             const xqb_recv_opts any{.wait = 1};
             errno = 0;
+            const auto waited = [&] { return dlg_req_resp(1, 1, nullptr, nullptr, &len, nullptr, 0, 110, svc.ep(), 1); };
             if (receiving) {
                 ASSERT_EQ(dlg_send_request(1, 1, nullptr, 0, nullptr, 0, 0, 110, svc.ep(), 0), 0);
-                EXPECT_EQ(xqb_recv(svc.ep(), &held, &any), -1) << row.what;
-            } else {
-                EXPECT_EQ(dlg_req_resp(1, 1, nullptr, nullptr, &len, nullptr, 0, 110, svc.ep(), 1), -1) << row.what;
             }
-            EXPECT_EQ(errno, row.err) << row.what << (receiving ? " (receiving)" : "");
-            EXPECT_EQ(dlg_req_resp(1, 1, nullptr, nullptr, &len, nullptr, 0, 110, svc.ep(), 1), -1);
-            EXPECT_EQ(errno, ENOTCONN);
-            EXPECT_EQ(xqb_recv(svc.ep(), &held, &any), -1);
-            EXPECT_EQ(errno, ENOTCONN);
+            EXPECT_EQ(with_errno(receiving ? xqb_recv(svc.ep(), &held, &any) : waited()), std::pair(-1, row.err))
+                << row.what << (receiving ? " (receiving)" : "");
+            EXPECT_EQ(with_errno(waited()), std::pair(-1, ENOTCONN));
+            EXPECT_EQ(with_errno(xqb_recv(svc.ep(), &held, &any)), std::pair(-1, ENOTCONN));
         }
     // Writing to a service that is gone fails; it does not raise SIGPIPE.
     SocketService gone([](SocketService &s) { s.hang_up(); });
     gone.join();
     const Bytes big(1u << 16, 1);
-    EXPECT_EQ(dlg_send_request(1, 1, big.data(), uint32_t(big.size()), nullptr, 0, 0, 110, gone.ep(), 0), -1);
-    EXPECT_EQ(errno, ECONNRESET);
-    EXPECT_EQ(dlg_send_request(1, 1, nullptr, 0, nullptr, 0, 0, 110, gone.ep(), 0), -1);
-    EXPECT_EQ(errno, ENOTCONN);
+    EXPECT_EQ(with_errno(dlg_send_request(1, 1, big.data(), uint32_t(big.size()), nullptr, 0, 0, 110, gone.ep(), 0)),
+              std::pair(-1, ECONNRESET));
+    EXPECT_EQ(with_errno(dlg_send_request(1, 1, nullptr, 0, nullptr, 0, 0, 110, gone.ep(), 0)), std::pair(-1, ENOTCONN));
 }
 
 TEST(Socket, ConnectFailures) {
