@@ -55,9 +55,7 @@ TEST_P(StoreTest, MatchesAnOrderedMapAfterRandomWritesAndTransactions) {
     for (int round = 0; round < 12; ++round) {
         const bool txn = round % 3 != 0, abort = round % 4 == 1;
         Model next = model;
-        if (txn) {
-            ASSERT_EQ(kvdb_txn_begin(w), 0);
-        }
+        ASSERT_EQ(txn ? kvdb_txn_begin(w) : 0, 0);
         for (int i = 0; i < 30; ++i) {
             std::string k = random_key(), v(rng() % 3, char('a' + i % 26));
             const uint32_t op = rng() % 16;
@@ -79,9 +77,7 @@ TEST_P(StoreTest, MatchesAnOrderedMapAfterRandomWritesAndTransactions) {
                 next[k] = v;
             }
         }
-        if (txn) {
-            ASSERT_EQ(abort ? kvdb_txn_abort(w) : kvdb_txn_commit(w), 0);
-        }
+        ASSERT_EQ(!txn ? 0 : abort ? kvdb_txn_abort(w) : kvdb_txn_commit(w), 0);
         if (!(txn && abort)) model = next;
         if (round == 5) {
             snapshot = std::make_unique<zfxtest::Reader>(loc);
@@ -228,10 +224,7 @@ TEST(MemStoreFaults, OpenKeyAndCursorFaultsApplyAsInjected) {
     // The faulty key is as long as any key may be, no longer, and has its bytes.
     const std::string long_key(KVDB_KEY_MAX + 1, 'k');
     const kvdb_mem_faults keys[] = {
-        {0, 1, long_key.data(), KVDB_KEY_MAX, 0},
-        {0, 1, long_key.data(), KVDB_KEY_MAX + 1, 0},
-        {0, 1, nullptr, 1, 0},
-    };
+        {0, 1, long_key.data(), KVDB_KEY_MAX, 0}, {0, 1, long_key.data(), KVDB_KEY_MAX + 1, 0}, {0, 1, nullptr, 1, 0}};
     for (const kvdb_mem_faults &k : keys)
         EXPECT_EQ(kvdb_mem_inject(loc.c_str(), &k), k.key_len == KVDB_KEY_MAX ? 0 : KVDB_ERR_INVALID) << k.key_len;
     ASSERT_EQ(kvdb_mem_inject(loc.c_str(), nullptr), 0);
