@@ -69,9 +69,8 @@ TEST(Channel, AnyTransportCarriesTheEndpointAndBadCallsReachNone) {
 }
 
 auto fields(const plat_frame &f) {
-    return std::tie(f.kind, f.seq, f.op, f.msg_type, f.opcode, f.node, f.sap, f.opt_b, f.tag, f.timeout,
-                    f.token, f.want_reply, f.result, f.err, f.reply_status, f.flags, f.opt_a_length,
-                    f.payload_length);
+    return std::tie(f.kind, f.seq, f.op, f.msg_type, f.opcode, f.node, f.sap, f.opt_b, f.tag, f.timeout, f.token,
+                    f.want_reply, f.result, f.err, f.reply_status, f.flags, f.opt_a_length, f.payload_length);
 }
 
 // Random headers, both lengths at 0 and at their largest among them by construction, read back
@@ -88,13 +87,11 @@ TEST(Frame, RoundTripAndEveryRefusedHeader) {
                      flags & PLAT_FRAME_HAS_OPT_A ? length(i, PLAT_FRAME_OPT_A_MAX) : 0,
                      flags & PLAT_FRAME_HAS_PAYLOAD ? length(i, PLAT_FRAME_PAYLOAD_MAX) : 0};
         // clang-format on
-        Bytes wire(PLAT_FRAME_HEADER_SIZE), again(PLAT_FRAME_HEADER_SIZE);
-        plat_frame_encode(&f, wire.data());
+        const Bytes wire = encoded(f);
         plat_frame back{};
         ASSERT_EQ(plat_frame_decode(wire.data(), wire.size(), UINT32_MAX, &back), PLAT_FRAME_OK);
         ASSERT_EQ(fields(back), fields(f));
-        plat_frame_encode(&back, again.data());
-        ASSERT_EQ(again, wire);
+        ASSERT_EQ(encoded(back), wire);
         ASSERT_EQ(plat_frame_size(&back), PLAT_FRAME_HEADER_SIZE + f.opt_a_length + f.payload_length);
     }
     const std::string long_name(300, 'x');
@@ -180,12 +177,8 @@ public:
     }
     void answer(const Call &c, const Answer &a) { raw(frame(c, a)); }
     static Bytes frame(const Call &c, const Answer &a) {
-        static const uint8_t empty = 0;
-        const plat_answer pa{a.result, a.err, a.reply ? (a.reply->empty() ? &empty : a.reply->data()) : nullptr,
-                             a.reply ? uint32_t(a.reply->size()) : 0, a.reply_status};
-        const plat_frame f = plat_frame_for_answer(&c.f, &pa);
-        Bytes frame(PLAT_FRAME_HEADER_SIZE);
-        plat_frame_encode(&f, frame.data());
+        const plat_answer pa = a.to_plat();
+        Bytes frame = encoded(plat_frame_for_answer(&c.f, &pa));
         if (a.reply) frame.insert(frame.end(), a.reply->begin(), a.reply->end());
         return frame;
     }

@@ -30,30 +30,27 @@ void FakeService::handle(void *ctx, const plat_call *call, plat_answer *answer) 
     }
     self->sent_.push_back(std::move(seen));
     self->current_ = self->next_ < self->script_.size() ? self->script_[self->next_++] : Answer{};
-    const Answer &a = self->current_;
-    answer->result = a.result;
-    answer->err = a.err;
-    answer->reply_status = a.reply_status;
-    if (a.reply) {
-        static const uint8_t empty = 0;
-        answer->reply = a.reply->empty() ? &empty : a.reply->data();
-        answer->reply_length = uint32_t(a.reply->size());
-    }
+    *answer = self->current_.to_plat();
+}
+
+plat_answer Answer::to_plat() const {
+    static const uint8_t empty = 0;
+    return {result, err, reply ? (reply->empty() ? &empty : reply->data()) : nullptr, reply ? uint32_t(reply->size()) : 0,
+            reply_status};
 }
 
 std::string Sent::summary() const {
     static const char *const kOps[] = {"?", "req", "remote", "send", "recv", "raw"};
     std::string s = kOps[op >= PLAT_OP_REQ_RESP && op <= PLAT_OP_RAW_SEND ? op : 0];
-    char buf[64];
-    std::snprintf(buf, sizeof buf, " %u/%u", msg_type, opcode);
-    s += buf;
-    if (node != 0) std::snprintf(buf, sizeof buf, " @%x", node), s += buf;
-    if (sap != 110) std::snprintf(buf, sizeof buf, " sap=%u", sap), s += buf;
-    if (op == PLAT_OP_REQ_RESP || op == PLAT_OP_REMOTE) std::snprintf(buf, sizeof buf, " t%u", timeout), s += buf;
-    if (tag != 0) std::snprintf(buf, sizeof buf, " tag%u", tag), s += buf;
+    s += " " + std::to_string(msg_type) + "/" + std::to_string(opcode);
+    char node_hex[16];
+    if (node != 0) std::snprintf(node_hex, sizeof node_hex, " @%x", node), s += node_hex;
+    if (sap != 110) s += " sap=" + std::to_string(sap);
+    if (op == PLAT_OP_REQ_RESP || op == PLAT_OP_REMOTE) s += " t" + std::to_string(timeout);
+    if (tag != 0) s += " tag" + std::to_string(tag);
     if (want_reply) s += " reply";
     if (opt_a) s += " a=" + *opt_a;
-    if (opt_b != 0) std::snprintf(buf, sizeof buf, " b%u", opt_b), s += buf;
+    if (opt_b != 0) s += " b" + std::to_string(opt_b);
     return s;
 }
 

@@ -37,15 +37,9 @@ namespace zfxtest {
 // One operation as the transport saw it.
 struct Sent {
     plat_op op;
-    uint32_t msg_type;
-    uint32_t opcode;
-    uint32_t node;
-    uint32_t sap;
+    uint32_t msg_type, opcode, node, sap;
     std::optional<std::string> opt_a;  // nullopt for NULL
-    uint32_t opt_b;
-    uint32_t tag;
-    uint32_t timeout;
-    uint32_t token;
+    uint32_t opt_b, tag, timeout, token;
     bool want_reply;
     Bytes payload;
 
@@ -61,12 +55,13 @@ struct Answer {
     std::optional<Bytes> reply;  // nullopt: no reply at all; an empty Bytes: an empty reply
     int32_t reply_status = 0;    // asynchronous sends: the status of the queued reply message
 
-    static Answer reply_with(Bytes bytes, int32_t result = 0) {
-        return {result, 0, std::move(bytes), 0};
-    }
+    static Answer reply_with(Bytes bytes, int32_t result = 0) { return {result, 0, std::move(bytes), 0}; }
     static Answer failure(int err) { return {-1, err, std::nullopt, 0}; }
     static Answer status(int32_t s) { return {s, 0, std::nullopt, 0}; }
     static Answer none() { return {}; }
+    // As a transport hands it over: the reply's bytes stay this answer's; an empty reply is a
+    // pointer that is not NULL.
+    plat_answer to_plat() const;
 };
 
 class FakeService {
@@ -79,9 +74,7 @@ public:
     plat_endpoint *ep() const { return ep_; }
     void answer(Answer a) { script_.push_back(std::move(a)); }
     // The next receive on the endpoint returns result (-1 sets errno err).
-    void fail_recv(int32_t result, int err) {
-        recv_faults_.push_back({result, err, std::nullopt, 0});
-    }
+    void fail_recv(int32_t result, int err) { recv_faults_.push_back({result, err, std::nullopt, 0}); }
     const std::vector<Sent> &sent() const { return sent_; }
     const std::vector<Sent> &receives() const { return receives_; }
     const Sent &last() const { return sent_.back(); }
@@ -90,12 +83,9 @@ private:
     static void handle(void *ctx, const plat_call *call, plat_answer *answer);
 
     plat_endpoint *ep_;
-    std::vector<Sent> sent_;
-    std::vector<Sent> receives_;
-    std::vector<Answer> script_;
-    size_t next_ = 0;
-    std::vector<Answer> recv_faults_;
-    size_t next_fault_ = 0;
+    std::vector<Sent> sent_, receives_;
+    std::vector<Answer> script_, recv_faults_;  // answered in order from next_ and next_fault_
+    size_t next_ = 0, next_fault_ = 0;
     Answer current_;  // keeps the reply bytes alive until the transport is next called
 };
 

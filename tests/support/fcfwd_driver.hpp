@@ -33,6 +33,11 @@ struct FcfwdDriver {
     std::function<int()> on_open;
     // A control call on a descriptor of the device: 0, or the errno it fails with.
     std::function<int(int fd, unsigned long request, uint8_t *arg)> on_control;
+
+    bool ours(int fd) {
+        std::lock_guard<std::mutex> g(mu);
+        return fds.count(fd) != 0;
+    }
 };
 
 // The one driver of the executable.
@@ -88,12 +93,7 @@ DRIVER_API int ioctl(int fd, unsigned long request, ...) __THROW {
     auto *arg = va_arg(ap, uint8_t *);
     va_end(ap);
     zfxtest::FcfwdDriver &d = zfxtest::fcfwd_driver();
-    bool ours;
-    {
-        std::lock_guard<std::mutex> g(d.mu);
-        ours = d.fds.count(fd) != 0;
-    }
-    if (!ours) return zfxtest::libc<int (*)(int, unsigned long, ...)>("ioctl")(fd, request, arg);
+    if (!d.ours(fd)) return zfxtest::libc<int (*)(int, unsigned long, ...)>("ioctl")(fd, request, arg);
     const int error = d.on_control ? d.on_control(fd, request, arg) : ENOTTY;
     return error != 0 ? (errno = error, -1) : 0;
 }

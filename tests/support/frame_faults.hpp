@@ -10,12 +10,16 @@
 
 namespace zfxtest {
 
-// A header the reader accepts: option A of 3 bytes and a payload of 5 follow it.
-inline Bytes frame_header(uint16_t kind) {
-    const plat_frame f{.kind = kind, .seq = 1, .op = PLAT_OP_REQ_RESP, .flags = 3, .opt_a_length = 3, .payload_length = 5};
+// A frame's header as the stream carries it.
+inline Bytes encoded(const plat_frame &f) {
     Bytes b(PLAT_FRAME_HEADER_SIZE);
     plat_frame_encode(&f, b.data());
     return b;
+}
+
+// A header the reader accepts: option A of 3 bytes and a payload of 5 follow it.
+inline Bytes frame_header(uint16_t kind) {
+    return encoded({.kind = kind, .seq = 1, .op = PLAT_OP_REQ_RESP, .flags = 3, .opt_a_length = 3, .payload_length = 5});
 }
 
 // b with the big-endian word at offset at set to value.

@@ -13,6 +13,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "platform/socket.h"
 #include "server.hpp"
@@ -35,8 +36,6 @@ public:
         stop();
         std::fclose(log_);
     }
-    ZfxdUnderTest(const ZfxdUnderTest &) = delete;
-    ZfxdUnderTest &operator=(const ZfxdUnderTest &) = delete;
 
     // The endpoint of the test's own connection.
     plat_endpoint *ep() const { return ep_; }
@@ -74,8 +73,7 @@ private:
         ASSERT_NE(ep_, nullptr);
     }
     void stop() {
-        plat_endpoint_close(ep_);
-        ep_ = nullptr;
+        plat_endpoint_close(std::exchange(ep_, nullptr));
         if (thread_.joinable()) {
             stop_ = 1;
             plat_endpoint_close(plat_endpoint_open_socket(socket_.c_str()));  // a connection wakes the loop
