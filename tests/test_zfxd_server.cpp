@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <thread>
+#include <tuple>
 
 #include "frame_faults.hpp"
 #include "store.hpp"
@@ -33,11 +34,9 @@ int raw(const ZfxdUnderTest &d) {
 // True when the service hangs up on fd: everything it still sends is read, then the end.
 bool hung_up(int fd) {
     char buf[4096];
-    for (;;) {
-        const ssize_t n = recv(fd, buf, sizeof buf, 0);
-        if (n == 0) return true;
-        if (n < 0) return false;  // the receive timed out: still connected
-    }
+    ssize_t n;
+    while ((n = recv(fd, buf, sizeof buf, 0)) > 0) continue;
+    return n == 0;  // below 0: the receive timed out, still connected
 }
 
 // A served client: a query waiting at most one second (the bound every hostile client must leave
@@ -57,12 +56,7 @@ TEST(ZfxdServer, ClientsThatBreakTheRulesAreLoggedAndDroppedWhileOthersAreServed
     Prefix prefix;
     ZfxdUnderTest d(prefix.config(), {Transport::socket, nullptr, {3, 300, 16u << 10}});
     const Bytes call = cat({frame_header(PLAT_FRAME_CALL), zeros(8)});  // answered with a status
-    struct Row {
-        std::string what;
-        Bytes bytes;
-        std::string logged;
-    };
-    std::vector<Row> rows = {
+    std::vector<std::tuple<std::string, Bytes, std::string>> rows = {  // what, the bytes sent, the log line
         {"an answer", with_word(call, 4, 1u << 16 | PLAT_FRAME_ANSWER), "bad frame: an answer where a call belongs"},
         {"a payload above zfxd's limit", with_word(call, 72, ZFXD_MAX_REQUEST + 1), "bad frame: a frame longer than allowed"},
         {"a good frame, then garbage", cat({call, Bytes(80, 0xff)}), "bad frame: not a frame"},
@@ -70,15 +64,15 @@ TEST(ZfxdServer, ClientsThatBreakTheRulesAreLoggedAndDroppedWhileOthersAreServed
         {"a header without its payload", Bytes(call.begin(), call.end() - 2), "a frame left unfinished"},
     };
     for (const FrameFault &f : kFrameFaults)
-        rows.push_back({f.what, with_word(call, f.at, f.value), std::string("bad frame: ") + plat_frame_error_text(f.result)});
-    for (const Row &row : rows) {
+        rows.emplace_back(f.what, with_word(call, f.at, f.value), std::string("bad frame: ") + plat_frame_error_text(f.result));
+    for (const auto &[what, bytes, logged] : rows) {
         const size_t before = d.log().size();
         const int fd = raw(d);
-        ASSERT_EQ(send(fd, row.bytes.data(), row.bytes.size(), MSG_NOSIGNAL), ssize_t(row.bytes.size())) << row.what;
-        EXPECT_TRUE(served(d)) << row.what;
-        EXPECT_TRUE(hung_up(fd)) << row.what;
+        ASSERT_EQ(send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL), ssize_t(bytes.size())) << what;
+        EXPECT_TRUE(served(d)) << what;
+        EXPECT_TRUE(hung_up(fd)) << what;
         close(fd);
-        EXPECT_NE(d.log().find(row.logged, before), std::string::npos) << row.what << "\n" << d.log();
+        EXPECT_NE(d.log().find(logged, before), std::string::npos) << what << "\n" << d.log();
     }
 
     // At the connection limit the connection idle the longest makes room for the new one.
