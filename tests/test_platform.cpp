@@ -45,15 +45,11 @@ struct Gen {
     }
 };
 
-struct OrderCase {
-    const char *name;
-    std::vector<uint32_t> declared;                // element numbers, group 1, in this order
-    std::vector<std::vector<uint32_t>> deps;       // {element, group, other}
-    std::string expected;                          // one letter per element: 'a' + number
-};
-
 TEST(Ptxt, ElementsRenderInDependencyOrderWithDeclarationOrderBreakingTies) {
-    const OrderCase cases[] = {
+    // A case's name; the element numbers, group 1, in the order declared; the dependencies
+    // {element, group, other}; the text, one letter per element: 'a' + number.
+    using Deps = std::vector<std::vector<uint32_t>>;
+    const std::tuple<const char *, std::vector<uint32_t>, Deps, std::string> cases[] = {
         {"declaration order", {3, 1, 2}, {}, "dbc"},
         {"dependency moves later", {1, 2, 3}, {{1, 1, 3}}, "cdb"},
         {"chain", {1, 2, 3}, {{1, 1, 2}, {2, 1, 3}}, "dcb"},
@@ -61,16 +57,16 @@ TEST(Ptxt, ElementsRenderInDependencyOrderWithDeclarationOrderBreakingTies) {
         {"declared before the element", {2, 1}, {{2, 1, 1}}, "bc"},
         {"cycle: earliest declared goes on", {1, 2, 3}, {{1, 1, 2}, {2, 1, 1}}, "dbc"},
     };
-    for (const OrderCase &c : cases) {
+    for (const auto &[name, declared, deps, expected] : cases) {
         Gen g;
-        for (const auto &d : c.deps) ptxt_elem_dependency_add(g.h, d[0], d[1], d[2]);
-        for (uint32_t e : c.declared) {
+        for (const auto &d : deps) ptxt_elem_dependency_add(g.h, d[0], d[1], d[2]);
+        for (uint32_t e : declared) {
             ASSERT_EQ(ptxt_elem_add(g.h, 1, e, 11), 0);
             ASSERT_EQ(ptxt_elem_str_add(g.h, e, std::string(1, char('a' + e)).c_str()), 0);
         }
         std::string got = g.text();
         std::erase(got, '\n');
-        EXPECT_EQ(got, c.expected) << c.name;
+        EXPECT_EQ(got, expected) << name;
     }
 }
 
@@ -172,22 +168,21 @@ TEST(Tree, InsertsInOrderAndWalksLikeASortedSet) {
 // Both bounded copies: at most limit bytes (the string copy one less, for its terminator), nothing
 // written past them, nothing from a missing source or to a missing buffer.
 TEST(Fmt, BoundedCopiesStopAtTheLimitAndNoBufferIsNoText) {
-    const struct {
-        uint32_t limit, len, copied;
-        const char *text;
-    } cases[] = {{0, 6, 0, ""}, {1, 6, 1, ""}, {3, 6, 3, "ab"}, {4, 6, 4, "abc"}, {9, 6, 6, "abc"}, {4, 0, 0, "abc"}};
+    // The limit, the bytes offered, the bytes copied, and the string a copy of "abc" leaves.
+    const std::tuple<uint32_t, uint32_t, uint32_t, const char *> cases[] = {
+        {0, 6, 0, ""}, {1, 6, 1, ""}, {3, 6, 3, "ab"}, {4, 6, 4, "abc"}, {9, 6, 6, "abc"}, {4, 0, 0, "abc"}};
     const char src[] = "abcdef";
-    for (const auto &c : cases) {
+    for (const auto &[limit, len, copied, text] : cases) {
         char dst[10];
         std::memset(dst, 'x', sizeof dst);
-        EXPECT_EQ(copy_mem_to_buf(c.limit, dst, src, c.len), c.copied) << c.limit;
-        EXPECT_EQ(std::string(dst, sizeof dst), std::string(src, c.copied) + std::string(10 - c.copied, 'x'));
+        EXPECT_EQ(copy_mem_to_buf(limit, dst, src, len), copied) << limit;
+        EXPECT_EQ(std::string(dst, sizeof dst), std::string(src, copied) + std::string(10 - copied, 'x'));
         for (const char *from : {"abc", static_cast<const char *>(nullptr)}) {
             std::memset(dst, 'x', sizeof dst);
-            const std::string want = from != nullptr ? c.text : "";
-            EXPECT_EQ(copy_str_to_buf(c.limit, dst, from), want.size());
-            EXPECT_STREQ(c.limit != 0 ? dst : "", want.c_str());
-            EXPECT_EQ(dst[c.limit], 'x') << c.limit;
+            const std::string want = from != nullptr ? text : "";
+            EXPECT_EQ(copy_str_to_buf(limit, dst, from), want.size());
+            EXPECT_STREQ(limit != 0 ? dst : "", want.c_str());
+            EXPECT_EQ(dst[limit], 'x') << limit;
         }
     }
     EXPECT_EQ(copy_str_to_buf(5, nullptr, "abc"), 0u);

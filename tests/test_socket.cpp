@@ -24,6 +24,7 @@
 #include "platform/dlg.h"
 #include "platform/socket.h"
 #include "platform/xqb.h"
+#include "store.hpp"
 
 namespace {
 
@@ -129,8 +130,8 @@ struct Call {
 class SocketService {
 public:
     explicit SocketService(std::function<void(SocketService &)> script) {
-        char dir[] = "/tmp/zfx-socket-XXXXXX";
-        const std::string base = mkdtemp(dir), path = base + "/zfxd";
+        const Prefix dir(Backend::lmdb);  // a directory of its own, gone once connected: the name has done its work
+        const std::string path = dir.path() + "/zfxd";
         sockaddr_un addr{.sun_family = AF_UNIX};
         path.copy(addr.sun_path, sizeof addr.sun_path - 1);
         const int lfd = ::socket(AF_UNIX, SOCK_STREAM, 0);
@@ -138,8 +139,6 @@ public:
             ep_ = plat_endpoint_open_socket(path.c_str());
         fd_ = ep_ != nullptr ? ::accept(lfd, nullptr, nullptr) : -1;
         ::close(lfd);
-        ::unlink(path.c_str());  // connected: the name has done its work
-        ::rmdir(base.c_str());
         EXPECT_GE(fd_, 0) << "no connection at " << path;
         const timeval wait{5, 0};
         setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
@@ -245,10 +244,9 @@ TEST(Socket, WaitedRequestsOverBothTransports) {
             const void *p = r.payload.empty() ? nullptr : r.payload.data();
             uint32_t len = uint32_t(r.payload.size());
             errno = 0;
-            const int32_t result =
+            const auto [result, err] = with_errno(
                 r.remote ? dlg_remote_req_resp(r.msg_type, r.opcode, p, out, &len, r.opt_a, r.opt_b, r.sap, 0xFE000001u, ep, r.timeout)
-                         : dlg_req_resp(r.msg_type, r.opcode, p, out, &len, r.opt_a, r.opt_b, r.sap, ep, r.timeout);
-            const int err = errno;
+                         : dlg_req_resp(r.msg_type, r.opcode, p, out, &len, r.opt_a, r.opt_b, r.sap, ep, r.timeout));
             std::optional<Bytes> got;
             if (want && reply != nullptr) got = bytes_of(reply, a.reply ? a.reply->size() : 0);
             if (want) std::free(reply);
@@ -375,19 +373,20 @@ TEST(Socket, BrokenServiceFailsOnceThenNotConnected) {
             SocketService svc([&](SocketService &s) {
                 if (s.call()) s.raw(row.sent);
             });
-            ASSERT_NE(svc.ep(), nullptr);
+            plat_endpoint *ep = svc.ep();
+            ASSERT_NE(ep, nullptr);
             uint32_t len = 0;
             xqb_msg held = XQB_MSG_EMPTY;
             const xqb_recv_opts any{.wait = 1};
             errno = 0;
-            const auto waited = [&] { return dlg_req_resp(1, 1, nullptr, nullptr, &len, nullptr, 0, 110, svc.ep(), 1); };
+            const auto waited = [&] { return dlg_req_resp(1, 1, nullptr, nullptr, &len, nullptr, 0, 110, ep, 1); };
             if (receiving) {
-                ASSERT_EQ(dlg_send_request(1, 1, nullptr, 0, nullptr, 0, 0, 110, svc.ep(), 0), 0);
+                ASSERT_EQ(dlg_send_request(1, 1, nullptr, 0, nullptr, 0, 0, 110, ep, 0), 0);
             }
-            EXPECT_EQ(with_errno(receiving ? xqb_recv(svc.ep(), &held, &any) : waited()), std::pair(-1, row.err))
+            EXPECT_EQ(with_errno(receiving ? xqb_recv(ep, &held, &any) : waited()), std::pair(-1, row.err))
                 << row.what << (receiving ? " (receiving)" : "");
             EXPECT_EQ(with_errno(waited()), std::pair(-1, ENOTCONN));
-            EXPECT_EQ(with_errno(xqb_recv(svc.ep(), &held, &any)), std::pair(-1, ENOTCONN));
+            EXPECT_EQ(with_errno(xqb_recv(ep, &held, &any)), std::pair(-1, ENOTCONN));
         }
     // Writing to a service that is gone fails; it does not raise SIGPIPE.
     SocketService gone([](SocketService &s) { s.hang_up(); });
@@ -395,13 +394,13 @@ TEST(Socket, BrokenServiceFailsOnceThenNotConnected) {
     const Bytes big(1u << 16, 1);
     EXPECT_EQ(with_errno(dlg_send_request(1, 1, big.data(), uint32_t(big.size()), nullptr, 0, 0, 110, gone.ep(), 0)),
               std::pair(-1, ECONNRESET));
-    EXPECT_EQ(with_errno(dlg_send_request(1, 1, nullptr, 0, nullptr, 0, 0, 110, gone.ep(), 0)), std::pair(-1, ENOTCONN));
+    EXPECT_EQ(with_errno(dlg_send_request(1, 1, nullptr, 0, nullptr, 0, 0, 110, gone.ep(), 0)),
+              std::pair(-1, ENOTCONN));
 }
 
 TEST(Socket, ConnectFailures) {
-    char dir[] = "/tmp/zfx-socket-XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    const std::string base = dir, file = base + "/file", stale = base + "/stale";
+    const Prefix dir(Backend::lmdb);  // a directory of its own, removed with what it holds
+    const std::string base = dir.path(), file = base + "/file", stale = base + "/stale";
     std::fclose(std::fopen(file.c_str(), "w"));
     const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);  // bound, never listening
     sockaddr_un addr{.sun_family = AF_UNIX};
@@ -409,19 +408,15 @@ TEST(Socket, ConnectFailures) {
     ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
     // The longest path a socket address holds, and one byte more.
     const std::string longest = base + "/" + std::string(sizeof addr.sun_path - 2 - base.size(), 'n'), too_long = longest + "n";
-    const std::pair<const char *, int> cases[] = {
-        {nullptr, EINVAL},          {"", EINVAL},
-        {longest.c_str(), ENOENT},  {too_long.c_str(), ENAMETOOLONG},
-        {file.c_str(), ECONNREFUSED}, {stale.c_str(), ECONNREFUSED},
-    };
+    const std::pair<const char *, int> cases[] = {{nullptr, EINVAL},         {"", EINVAL},
+                                                  {longest.c_str(), ENOENT}, {too_long.c_str(), ENAMETOOLONG},
+                                                  {file.c_str(), ECONNREFUSED}, {stale.c_str(), ECONNREFUSED}};
     for (const auto &[path, err] : cases) {
         errno = 0;
         EXPECT_EQ(plat_endpoint_open_socket(path), nullptr) << (path ? path : "NULL");
         EXPECT_EQ(errno, err) << (path ? path : "NULL");
     }
     ::close(fd);
-    for (const std::string &f : {file, stale}) ::unlink(f.c_str());
-    ::rmdir(dir);
 }
 
 }  // namespace

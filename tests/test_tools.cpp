@@ -122,9 +122,7 @@ TEST(Tools, FabricsAreWrittenAsBuiltAndTheirTextLoadsBackToItself) {
 // skipped or not: a line that starts like the feature's is never another feature's.
 TEST(Tools, BadInputIsRefusedWithItsLineAndReason) {
     const std::string w = "20:00:00:11:22:33:44:55";
-    const struct {
-        std::string text, error;
-    } cases[] = {
+    const std::pair<std::string, std::string> cases[] = {  // a text, the start of its error
         {"zfx frobnicate\n", "text:1: a malformed zfx line"},
         {"no zfx zone name z\n", "text:1: a malformed zfx line"},
         {"feature zfx now\n", "text:1: a malformed zfx line"},
@@ -157,12 +155,12 @@ TEST(Tools, BadInputIsRefusedWithItsLineAndReason) {
         {"zfx nat\r\nzfx zone name a\rb\r\n", "text:2: a control character"},
         {"zfx nat\r\r\n", "text:1: a control character"},
     };
-    for (const auto &c : cases)
+    for (const auto &[text, reason] : cases)
         for (bool skip : {false, true}) {
             Fabric f;
             std::string error;
-            EXPECT_FALSE(load_text(c.text, "text", f, error, {.skip_foreign = skip})) << c.text;
-            EXPECT_EQ(error.rfind(c.error, 0), 0u) << error << "\nfor\n" << c.text;
+            EXPECT_FALSE(load_text(text, "text", f, error, {.skip_foreign = skip})) << text;
+            EXPECT_EQ(error.rfind(reason, 0), 0u) << error << "\nfor\n" << text;
         }
 }
 
@@ -204,10 +202,7 @@ TEST(Tools, DamagedStoresAreToldFromMissingOnesAndLeftAlone) {
     const kvdb_mem_faults cut{0, 0, nullptr, 0, 2}, refused{KVDB_ERR_IO, 0, nullptr, 0, 0};
     ASSERT_EQ(kvdb_mem_inject(mem.config().c_str(), &cut), 0);
     ASSERT_EQ(kvdb_mem_inject(mem.debug().c_str(), &refused), 0);
-    const struct {
-        std::string location;
-        StoreState state;
-    } cases[] = {
+    const std::pair<std::string, StoreState> cases[] = {
         {mem.config(), StoreState::damaged},  // the walk is cut short after one record
         {mem.debug(), StoreState::damaged},   // does not open, for another reason than absence
         {mem.path() + "/elsewhere", StoreState::absent},
@@ -216,11 +211,11 @@ TEST(Tools, DamagedStoresAreToldFromMissingOnesAndLeftAlone) {
         {dir.path() + "/plain/x", StoreState::absent},
     };
     FILE *out = std::tmpfile();
-    for (const auto &c : cases) {
-        EXPECT_EQ(walk_store(c.location), c.state) << c.location;
+    for (const auto &[location, state] : cases) {
+        EXPECT_EQ(walk_store(location), state) << location;
         std::string error;
-        EXPECT_EQ(dump_store(c.location, false, out, error), c.state);
-        EXPECT_EQ(error, c.state == StoreState::damaged ? damaged_text(c.location) : c.location + ": no store there");
+        EXPECT_EQ(dump_store(location, false, out, error), state);
+        EXPECT_EQ(error, state == StoreState::damaged ? damaged_text(location) : location + ": no store there");
     }
     EXPECT_EQ(std::ftell(out), 0L) << "a line of a store that is not whole";
     std::fclose(out);
