@@ -356,22 +356,18 @@ TEST(Socket, SendAnswersQueuedAndLateAnswersDropped) {
 // with ENOTCONN.
 TEST(Socket, BrokenServiceFailsOnceThenNotConnected) {
     const Bytes answer_head = frame_header(PLAT_FRAME_ANSWER);  // the answer to the first call, 8 bytes of body to come
-    struct Row {
-        std::string what;
-        Bytes sent;  // what the service writes before it hangs up
-        int err;
-    };
-    std::vector<Row> rows = {
+    // What, what the service writes before it hangs up, and the errno the operation fails with.
+    std::vector<std::tuple<std::string, Bytes, int>> rows = {
         {"hangs up", {}, ECONNRESET},
         {"half a header", Bytes(answer_head.begin(), answer_head.begin() + 40), ECONNRESET},
         {"body cut short", cat({answer_head, zeros(7)}), ECONNRESET},
         {"a call frame", with_word(answer_head, 4, 1u << 16 | PLAT_FRAME_CALL), EPROTO},
     };
-    for (const FrameFault &c : kFrameFaults) rows.push_back({c.what, with_word(answer_head, c.at, c.value), EPROTO});
-    for (const Row &row : rows)
+    for (const FrameFault &c : kFrameFaults) rows.emplace_back(c.what, with_word(answer_head, c.at, c.value), EPROTO);
+    for (const auto &[what, sent, err] : rows)
         for (bool receiving : {false, true}) {
             SocketService svc([&](SocketService &s) {
-                if (s.call()) s.raw(row.sent);
+                if (s.call()) s.raw(sent);
             });
             plat_endpoint *ep = svc.ep();
             ASSERT_NE(ep, nullptr);
@@ -383,8 +379,8 @@ TEST(Socket, BrokenServiceFailsOnceThenNotConnected) {
             if (receiving) {
                 ASSERT_EQ(dlg_send_request(1, 1, nullptr, 0, nullptr, 0, 0, 110, ep, 0), 0);
             }
-            EXPECT_EQ(with_errno(receiving ? xqb_recv(ep, &held, &any) : waited()), std::pair(-1, row.err))
-                << row.what << (receiving ? " (receiving)" : "");
+            EXPECT_EQ(with_errno(receiving ? xqb_recv(ep, &held, &any) : waited()), std::pair(-1, err))
+                << what << (receiving ? " (receiving)" : "");
             EXPECT_EQ(with_errno(waited()), std::pair(-1, ENOTCONN));
             EXPECT_EQ(with_errno(xqb_recv(ep, &held, &any)), std::pair(-1, ENOTCONN));
         }

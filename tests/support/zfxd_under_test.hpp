@@ -79,8 +79,7 @@ private:
             plat_endpoint_close(plat_endpoint_open_socket(socket_.c_str()));  // a connection wakes the loop
             thread_.join();
             server_.reset();
-            unlink(socket_.c_str());
-            unlink((socket_ + ".lock").c_str());
+            for (const std::string &f : {socket_, socket_ + ".lock"}) unlink(f.c_str());
         }
         service_.reset();
         db_.reset();
