@@ -185,9 +185,7 @@ public:
         for (ssize_t done = 0, n = 0; fd_ >= 0 && size_t(done) < b.size(); done += n)
             if ((n = ::send(fd_, b.data() + done, b.size() - size_t(done), MSG_NOSIGNAL)) <= 0) return;
     }
-    void hang_up() {
-        if (fd_ >= 0) ::close(std::exchange(fd_, -1));
-    }
+    void hang_up() { if (fd_ >= 0) ::close(std::exchange(fd_, -1)); }
 
 private:
     // Whole, or false once the program closed (or stayed silent for 5 seconds).
@@ -366,9 +364,7 @@ TEST(Socket, BrokenServiceFailsOnceThenNotConnected) {
     for (const FrameFault &c : kFrameFaults) rows.emplace_back(c.what, with_word(answer_head, c.at, c.value), EPROTO);
     for (const auto &[what, sent, err] : rows)
         for (bool receiving : {false, true}) {
-            SocketService svc([&](SocketService &s) {
-                if (s.call()) s.raw(sent);
-            });
+            SocketService svc([&](SocketService &s) { if (s.call()) s.raw(sent); });
             plat_endpoint *ep = svc.ep();
             ASSERT_NE(ep, nullptr);
             uint32_t len = 0;

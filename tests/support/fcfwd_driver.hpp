@@ -49,9 +49,7 @@ inline FcfwdDriver &fcfwd_driver() {
 namespace {
 
 template <typename F>
-F libc(const char *name) {
-    return reinterpret_cast<F>(dlsym(RTLD_NEXT, name));
-}
+F libc(const char *name) { return reinterpret_cast<F>(dlsym(RTLD_NEXT, name)); }
 
 using OpenFn = int (*)(const char *, int, ...);
 
