@@ -167,9 +167,7 @@ TEST_P(Fabric, DeviceWalksAndTlvReplies) {
     const Bytes none = received(43);
     const std::pair<const Bytes &, std::vector<const FabricDevice *>> cases[] = {
         {batch, {&std::prev(last, 3)->second, &std::prev(last, 2)->second, &before->second, &last->second}},
-        {fcr, {&last->second, &before->second}},
-        {none, {}},
-    };
+        {fcr, {&last->second, &before->second}}, {none, {}}};
     for (const auto &[reply, devices] : cases) {
         zfx_device_entry *entries = nullptr;
         zfx_device_ns_entry *ns = nullptr;
