@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <cstdlib>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -106,36 +108,31 @@ TEST(DeviceEntry, CursorMovesAcrossBatches) {
     const Bytes a = device(1, 0x10, 7, {1}, 0, 0xA1), b = device(2, 0x20, 7, {2}, 0, 0xB2),
                 c = device(3, 0x30, 7, {3}, 0, 0xC3), d = device(4, 0x40, 7, {4}, 0, 0xD4);
     FakeService svc;
-    svc.answer(Answer::reply_with(cat({a, b, c, {1, 2, 3, 4}})));  // a partial tail is ignored
-    svc.answer(Answer::status(0x409A0018));
-    svc.answer(Answer::none());
-    svc.answer(Answer::reply_with(d));
-    svc.answer(Answer::failure(EIO));
+    // (The first batch's partial tail is ignored.)
+    for (const Answer &x : {Answer::reply_with(cat({a, b, c, {1, 2, 3, 4}})), Answer::status(0x409A0018),
+                            Answer::none(), Answer::reply_with(d), Answer::failure(EIO)})
+        svc.answer(x);
     zfx_device_entry *h = nullptr;
     zfx_device_entry_handle_init_with_wwn(&h, 0x11223344, 0x55667788);
     const Bytes start = cat({{0x44, 0x33, 0x22, 0x11, 0x88, 0x77, 0x66, 0x55}, zeros(kEntry - 8)});
 
     // Each request carries the cursor as it stands (at first the WWN alone); the answer and what
     // the caller gets.
-    const struct {
-        Bytes request;
-        int32_t result;
-        Bytes entries;
-    } steps[] = {
+    const std::tuple<Bytes, int32_t, Bytes> steps[] = {
         {start, 0, cat({a, b, c})}, {c, 0x409A0018, {}}, {c, 0, {}}, {c, 0, d}, {d, -1, {}},
     };
-    for (const auto &s : steps) {
+    for (const auto &[request, result, batch] : steps) {
         zfx_device_entry *entries = h;
         uint32_t count = 99;
-        EXPECT_EQ(zfx_device_entry_get_next(svc.ep(), h, &entries, &count), s.result);
+        EXPECT_EQ(zfx_device_entry_get_next(svc.ep(), h, &entries, &count), result);
         EXPECT_EQ(svc.last().summary(), "req 8611/2 t50 reply a=ZFX");
-        EXPECT_EQ(svc.last().payload, s.request);
-        if (s.result != 0) {
+        EXPECT_EQ(svc.last().payload, request);
+        if (result != 0) {
             EXPECT_EQ(entries, h) << "no output on failure";
             continue;
         }
-        EXPECT_EQ(count, s.entries.size() / kEntry);
-        EXPECT_EQ(entries != nullptr ? bytes_of(entries, s.entries.size()) : Bytes{}, s.entries);
+        EXPECT_EQ(count, batch.size() / kEntry);
+        EXPECT_EQ(entries != nullptr ? bytes_of(entries, batch.size()) : Bytes{}, batch);
         std::free(entries);
     }
     zfx_device_entry *again = nullptr;
@@ -196,9 +193,7 @@ TEST(DeviceEntry, NameServerViews) {
 
 TEST(DeviceEntry, SendsAndPerVsanRequest) {
     FakeService svc;
-    svc.answer(Answer::none());
-    svc.answer(Answer::failure(EIO));
-    svc.answer(Answer::none());
+    for (const Answer &x : {Answer::none(), Answer::failure(EIO), Answer::none()}) svc.answer(x);
     zfx_device_entry *h;
     zfx_device_entry_handle_init_with_wwn(&h, 0xA, 0xB);
     const Bytes cursor = bytes_of(h, kEntry);
@@ -218,21 +213,17 @@ TEST(DeviceEntry, SendsAndPerVsanRequest) {
     EXPECT_EQ(zfx2_device_ns_entry_send_req(svc.ep(), nullptr, 9), ZFX_ERR_INVALID_ARG);
     EXPECT_EQ(svc.sent().size(), 3u);
 
-    const struct {
-        Answer answer;
-        int32_t result;
-    } cases[] = {
+    const std::pair<Answer, int32_t> cases[] = {
         {Answer::failure(ENOENT), ZFX_ERR_ERRNO(ENOENT)},
         {Answer::reply_with({9}, 5), 5},
     };
-    for (const auto &c : cases) {
+    for (const auto &[answer, result] : cases) {
         FakeService s;
-        s.answer(c.answer);
+        s.answer(answer);
         void *reply = &s;
-        EXPECT_EQ(zfx2_dlg_pv_vsan_entry_get(s.ep(), 0x01020304, 0x05060708, 10, &reply), c.result);
+        EXPECT_EQ(zfx2_dlg_pv_vsan_entry_get(s.ep(), 0x01020304, 0x05060708, 10, &reply), result);
         EXPECT_EQ(s.last().payload, cat({le32(0x01020304), le32(0x05060708), be32(10)}));
-        EXPECT_EQ(reply != nullptr ? bytes_of(reply, c.answer.reply->size()) : Bytes{},
-                  c.answer.reply.value_or(Bytes{}));
+        EXPECT_EQ(reply != nullptr ? bytes_of(reply, answer.reply->size()) : Bytes{}, answer.reply.value_or(Bytes{}));
         std::free(reply);
     }
 }
@@ -260,16 +251,10 @@ TEST(DeviceEntry, TlvRepliesDecodedOrRejectedWhole) {
     overclaim[8] = 9;  // the array claims more elements than its bytes hold
     // The most pairs an entry may announce: one per VSAN number.
     Bytes most = tlv_reply(1, {tlv(69, head(d)), tlv(1, block(d)), tlv(2, le32(4096))});
-    for (uint32_t v = 0; v < 4096; ++v) {
-        const Bytes element = tlv(3, pair(v, v));
-        most.insert(most.end(), element.begin(), element.end());
-    }
+    for (uint32_t v = 0; v < 4096; ++v) most = cat({most, tlv(3, pair(v, v))});
     most[9] = 0x10;  // 3 + 4096 elements
-    const struct {
-        Bytes reply;
-        int32_t result;
-        int32_t count;
-    } cases[] = {
+    // A reply, the decoders' result and the count they leave.
+    const std::tuple<Bytes, int32_t, int32_t> cases[] = {
         {tlv_reply(0, {}), ZFX_ERR_NO_ENTRIES, 0},
         {tlv_reply(-3, {}), ZFX_ERR_NO_ENTRIES, -3},
         {cat({le32(0), zeros(4)}), ZFX_ERR_NO_ENTRIES, 0},  // the count and the unread word alone
@@ -286,14 +271,14 @@ TEST(DeviceEntry, TlvRepliesDecodedOrRejectedWhole) {
         {tlv_reply(1, {tlv(69, head(d)), tlv(1, block(d)), tlv(2, le32(1)), tlv(3, zeros(7))}), ZFX_ERR_INVALID_ARG, 0},
         {tlv_reply(1, {tlv(69, head(d)), tlv(1, block(d)), tlv(2, le32(0)), tlv(3, pair(4, 40))}), 0, 1},  // extra: ignored
     };
-    for (const auto &c : cases) {
+    for (const auto &[reply, result, count] : cases) {
         for (bool as_ns : {false, true}) {
-            const Decoded got = decode(c.reply, as_ns, true);
-            EXPECT_EQ(got.result, c.result) << hex(Bytes(c.reply.begin(), c.reply.begin() + 12));
-            EXPECT_EQ(got.count, c.count);
+            const Decoded got = decode(reply, as_ns, true);
+            EXPECT_EQ(got.result, result) << hex(Bytes(reply.begin(), reply.begin() + 12));
+            EXPECT_EQ(got.count, count);
             EXPECT_EQ(got.printed, "");
             EXPECT_TRUE(got.untouched);
-            EXPECT_TRUE(c.result == 0 || got.allocations == 0) << "refused before anything is allocated";
+            EXPECT_TRUE(result == 0 || got.allocations == 0) << "refused before anything is allocated";
         }
     }
     // Every truncation of a good reply is either whole or rejected, never read past.

@@ -258,11 +258,7 @@ TEST(Fabric, ServiceGroupListsAndLookups) {
 
 TEST(VirtualDomains, LinesOfBothFormsStandAmongTheGlobalLines) {
     const std::string add = "zfx virtual-fcdomain-add vsan-ranges ", add2 = "zfx virtual-fcdomain-add2 autonomous-fabric-ID ";
-    const struct {
-        const char *name;
-        std::vector<Record> records;
-        std::string expected;
-    } cases[] = {
+    const TextCase cases[] = {
         {"list form, forced", {flags_rec(ZFX_GFLAG_VDOM_FORCE), vdom_list_rec(vsans({1, 2, 3, 5}))}, add + "1-3,5 force\n"},
         {"only 4094 and 4095", {vdom_list_rec(vsans({4094, 4095}))}, ""},
         {"0 and 1", {vdom_list_rec(vsans({0, 1}))}, add + "1\n"},
@@ -278,7 +274,7 @@ TEST(VirtualDomains, LinesOfBothFormsStandAmongTheGlobalLines) {
         {"never a commit of their own", {distribute_rec(1), vdom_list_rec(vsans({7})), rdi_rec(5, vsans({8}))},
          "zfx distribute\n" + add + "7\n" + add2 + "5  vsan-ranges 8\n"},
     };
-    for (const auto &c : cases) EXPECT_EQ(section(c.records), c.expected) << c.name;
+    for (const TextCase &c : cases) EXPECT_EQ(section(c.records), c.expected) << c.name;
 }
 
 // The edge fabrics' text digest pins the cut of the longest range text in both line forms; the
@@ -305,21 +301,20 @@ TEST(VirtualDomains, ListHoldsTheEntriesUpToItsCapacity) {
     for (uint16_t afid = 1; afid <= 5; ++afid) records.push_back(rdi_rec(afid, vsans({afid, 100})));
     Stored r(records);
     const uint64_t allocs = zfx_num_mem_allocs;
-    const struct {
-        int32_t count;
-        uint32_t size, filled;
-    } cases[] = {{2, 1044, 2}, {-1, 4 + 5 * 520, 5}, {0, 4, 0}, {7, 4 + 7 * 520, 5}};
-    for (const auto &c : cases) {
+    // The count asked for, the list's size and the entries filled.
+    const std::tuple<int32_t, uint32_t, uint32_t> cases[] = {
+        {2, 1044, 2}, {-1, 4 + 5 * 520, 5}, {0, 4, 0}, {7, 4 + 7 * 520, 5}};
+    for (const auto &[count, expected_size, filled] : cases) {
         zfx_rdi_list *list = nullptr;
         uint32_t size = 0;
-        ASSERT_EQ(zfx_rdi_get_next(r.get(), c.count, &list, &size), 0);
+        ASSERT_EQ(zfx_rdi_get_next(r.get(), count, &list, &size), 0);
         ASSERT_NE(list, nullptr);
-        ASSERT_EQ(size, c.size) << c.count;
+        ASSERT_EQ(size, expected_size) << count;
         const uint8_t *b = reinterpret_cast<const uint8_t *>(list);
-        EXPECT_EQ(Bytes(b, b + 4), be32(c.filled));
-        for (uint32_t i = 0; i < c.filled; ++i)
+        EXPECT_EQ(Bytes(b, b + 4), be32(filled));
+        for (uint32_t i = 0; i < filled; ++i)
             EXPECT_EQ(Bytes(b + 4 + 520 * i, b + 4 + 520 * (i + 1)), cat({{0, uint8_t(i + 1), 0, 0}, records[i].second}));
-        EXPECT_EQ(Bytes(b + 4 + 520 * c.filled, b + size), zeros(size - 4 - 520 * c.filled));
+        EXPECT_EQ(Bytes(b + 4 + 520 * filled, b + size), zeros(size - 4 - 520 * filled));
         heapx_free(list);
     }
     EXPECT_EQ(zfx_num_mem_allocs - allocs, 4u);

@@ -10,7 +10,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -30,7 +29,6 @@
 namespace {
 
 using namespace zfxtool;
-using zfxtest::Backend;
 using zfxtest::Prefix;
 using zfxtest::Reader;
 

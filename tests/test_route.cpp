@@ -6,6 +6,7 @@
 #include <cstring>
 #include <random>
 #include <thread>
+#include <tuple>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -61,7 +62,6 @@ struct Driver {
         std::lock_guard<std::mutex> g(dev.mu);
         return calls;
     }
-    size_t ncalls() { return seen().size(); }
 } g_drv;
 
 // Runs first: the device is opened on first use, a failed open is tried again, and two threads
@@ -72,7 +72,7 @@ TEST(ForwardingDevice, OpenedOnceFirstFailureRetriedRaceKeepsOne) {
     uint32_t native = 0;
     EXPECT_EQ(zfx_ioc_get_native_vsan(10, 1, 2, 3, &native), ZFX_ERR_ERRNO(ENOENT));
     EXPECT_EQ(native, 10u);
-    EXPECT_EQ(g_drv.ncalls(), 0u);
+    EXPECT_EQ(g_drv.seen().size(), 0u);
 
     // Descriptor 0 is a descriptor like any other (a daemon's standard input is often closed):
     // the first of the racing opens gets it.
@@ -90,7 +90,7 @@ TEST(ForwardingDevice, OpenedOnceFirstFailureRetriedRaceKeepsOne) {
     // One descriptor kept, the other closed, and both calls made on the one kept.
     ASSERT_EQ(std::pair(g_drv.dev.fds.size(), g_drv.dev.closed.size()), std::pair(size_t(1), size_t(1)));
     const int kept = *g_drv.dev.fds.begin();
-    ASSERT_EQ(g_drv.ncalls(), 2u);
+    ASSERT_EQ(g_drv.seen().size(), 2u);
     EXPECT_EQ(std::pair(g_drv.calls[0].fd, g_drv.calls[1].fd), std::pair(kept, kept));
 
     zfx_ioc_get_native_vsan(1, 0, 0, 0, &out[0]);
@@ -107,41 +107,37 @@ TEST(ForwardingDevice, InterVsanFlowByInterfaceFamilyAndRefusals) {
     tcam_interface_set(3, 0, 0x1234);  // the interface table's own failure comes back as it is
     const Bytes native = cat({le32(10), le32(0x010203), le32(0x04EF06), le16(7), zeros(6)});
     const Bytes next_hop = cat({le32(10), le32(0x04EF06), le32(0xFF00), le32(0), le32(0xFFFFFF00u), zeros(16)});
-    const struct {
-        uint32_t ifindex, answer;
-        int fail;
-        int32_t result;
-        uint32_t flag;
-        unsigned long request;  // 0: no control call
-    } cases[] = {
+    // The interface, the driver's answer and its failure; the result, the flag, and the control call
+    // made (0: none).
+    const std::tuple<uint32_t, uint32_t, int, int32_t, uint32_t, unsigned long> cases[] = {
         {1, 10, 0, 0, 0, 0x4624}, {1, 20, 0, 0, 1, 0x4624},       {2, 10, 0, 0, 0, 0x4625},
         {2, 20, 0, 0, 1, 0x4625}, {2, 20, EIO, ZFX_ERR_ERRNO(EIO), 0, 0x4625}, {3, 20, 0, 0x1234, 0, 0},
         {4, 20, 0, TCAM_ERR_NO_INTERFACE, 0, 0},
     };
-    for (const auto &c : cases) {
-        g_drv.answer = c.answer;
-        g_drv.fail_ioctl = c.fail;
-        const size_t before = g_drv.ncalls();
+    for (const auto &[ifindex, answer, fail, result, crosses, request] : cases) {
+        g_drv.answer = answer;
+        g_drv.fail_ioctl = fail;
+        const size_t before = g_drv.seen().size();
         uint32_t flag = 9;
-        EXPECT_EQ(zfx_is_zfx_flow(10, 0x010203, 0x04EF06, c.ifindex, 7, &flag), c.result) << c.ifindex;
-        EXPECT_EQ(flag, c.flag) << c.ifindex << " " << c.answer;
-        ASSERT_EQ(g_drv.ncalls() - before, c.request != 0 ? 1u : 0u);
-        if (c.request == 0) continue;
-        EXPECT_EQ(g_drv.seen().back().request, c.request);
-        EXPECT_EQ(g_drv.seen().back().arg, c.request == 0x4625 ? native : next_hop);
+        EXPECT_EQ(zfx_is_zfx_flow(10, 0x010203, 0x04EF06, ifindex, 7, &flag), result) << ifindex;
+        EXPECT_EQ(flag, crosses) << ifindex << " " << answer;
+        ASSERT_EQ(g_drv.seen().size() - before, request != 0 ? 1u : 0u);
+        if (request == 0) continue;
+        EXPECT_EQ(g_drv.seen().back().request, request);
+        EXPECT_EQ(g_drv.seen().back().arg, request == 0x4625 ? native : next_hop);
     }
     tcam_table_clear();
 
     // Domain above 239, or nowhere to answer: no control call, out untouched. A failed call
     // leaves the next hop alone and the native VSAN at the flow's own.
     g_drv.fail_ioctl = 0;
-    const size_t before = g_drv.ncalls();
+    const size_t before = g_drv.seen().size();
     uint32_t v = 5;
     EXPECT_EQ(zfx_ioc_get_next_hop_vsan(1, 0x0000F000, &v), ZFX_ERR_INVALID_VALUE);
     EXPECT_EQ(zfx_ioc_get_next_hop_vsan(1, 0x0000EF00, nullptr), ZFX_ERR_INVALID_ARG);
     EXPECT_EQ(zfx_ioc_get_native_vsan(1, 0, 0, 0, nullptr), ZFX_ERR_INVALID_ARG);
     EXPECT_EQ(zfx_is_zfx_flow(10, 0, 0, 1, 0, nullptr), ZFX_ERR_INVALID_VALUE);
-    EXPECT_EQ(g_drv.ncalls(), before);
+    EXPECT_EQ(g_drv.seen().size(), before);
     g_drv.fail_ioctl = EIO;
     EXPECT_EQ(zfx_ioc_get_next_hop_vsan(12, 0, &v), ZFX_ERR_ERRNO(EIO));
     EXPECT_EQ(v, 5u);
@@ -163,32 +159,27 @@ TEST(Routing, NextHopAndNatRequests) {
         EXPECT_EQ(svc.last().payload, cat({be32(10), le32(0x00040506)}));
     }
     // NAT: asked only when the driver's next hop is another VSAN no higher than 4096; the flow
-    // changes only with a whole reply.
+    // changes only with a whole reply. The driver's answer and failure, the service's, whether it
+    // is asked, and the flow after (VSAN, source, destination).
     const Bytes unchanged = cat({le32(10), le32(0x010203), le32(0x040506)});
-    const struct {
-        uint32_t driver;
-        int fail;
-        Answer answer;
-        bool asked;
-        Bytes after;  // vsan, sid, did
-    } nat[] = {
+    const std::tuple<uint32_t, int, Answer, bool, Bytes> nat[] = {
         {4096, 0, Answer::reply_with(cat({le32(1), le32(2)})), true, cat({le32(4096), le32(1), le32(2)})},
         {20, 0, Answer::reply_with(zeros(7)), true, unchanged}, {20, 0, Answer::failure(EIO), true, unchanged},
         {10, 0, Answer::none(), false, unchanged},              {4097, 0, Answer::none(), false, unchanged},
         {20, EIO, Answer::none(), false, unchanged},
     };
-    for (const auto &c : nat) {
-        g_drv.answer = c.driver;
-        g_drv.fail_ioctl = c.fail;
+    for (const auto &[driver, fail, answer, asked, after] : nat) {
+        g_drv.answer = driver;
+        g_drv.fail_ioctl = fail;
         FakeService svc;
-        svc.answer(c.answer);
+        svc.answer(answer);
         uint32_t flow[3] = {10, 0x010203, 0x040506};
         EXPECT_EQ(zfx_nat_get_next_hop_info(svc.ep(), &flow[0], &flow[1], &flow[2]), 0);
-        EXPECT_EQ(bytes_of(flow, 12), c.after) << c.driver;
-        ASSERT_EQ(svc.sent().size(), c.asked ? 1u : 0u) << c.driver;
-        if (!c.asked) continue;
+        EXPECT_EQ(bytes_of(flow, 12), after) << driver;
+        ASSERT_EQ(svc.sent().size(), asked ? 1u : 0u) << driver;
+        if (!asked) continue;
         EXPECT_EQ(svc.last().summary(), "remote 8641/2 @fe000001 t1 reply a=ZFX");
-        EXPECT_EQ(svc.last().payload, cat({be32(10), be32(c.driver), le32(0x010203), le32(0x040506)}));
+        EXPECT_EQ(svc.last().payload, cat({be32(10), be32(driver), le32(0x010203), le32(0x040506)}));
     }
     g_drv.fail_ioctl = 0;
     FakeService svc;
@@ -216,23 +207,19 @@ TEST(Routing, HashZoneNamesAndVsanWwn) {
     EXPECT_EQ(zfx_is_zfx_zone(nullptr), 0);
 
     // The VSAN WWN of a switch: found, not found, VSAN out of range, no kind or nowhere to write.
+    // The kind, the VSAN, whether there is somewhere to write; the result and the WWN written.
     const uint8_t sw[8] = {0x20, 0, 0, 0x11, 0x22, 0x33, 0x44, 0x55}, vw[8] = {0x21, 1, 2, 3, 4, 5, 6, 7};
     wwnsvc_table_clear();
     wwnsvc_table_set(sw, 4095, vw);
-    const struct {
-        uint32_t kind, vsan;
-        bool out;
-        int32_t result;
-        Bytes wwn;
-    } cases[] = {
+    const std::tuple<uint32_t, uint32_t, bool, int32_t, Bytes> cases[] = {
         {1, 4095, true, 0, bytes_of(vw, 8)},         {1, 12, true, WWNSVC_ERR_NOT_FOUND, zeros(8)},
         {1, 4096, true, ZFX_ERR_INVALID_VALUE, zeros(8)}, {0, 4095, true, ZFX_ERR_INVALID_ARG, Bytes(8, 0xCC)},
         {1, 4095, false, ZFX_ERR_INVALID_ARG, Bytes(8, 0xCC)},
     };
-    for (const auto &c : cases) {
+    for (const auto &[kind, vsan, out, result, want] : cases) {
         Bytes wwn(9, 0xCC);  // the byte after the WWN stays as it was
-        EXPECT_EQ(zfx_get_vsan_wwn_from_switch_wwn(sw, c.kind, c.vsan, c.out ? wwn.data() : nullptr), c.result);
-        EXPECT_EQ(wwn, cat({c.wwn, {0xCC}})) << c.vsan;
+        EXPECT_EQ(zfx_get_vsan_wwn_from_switch_wwn(sw, kind, vsan, out ? wwn.data() : nullptr), result);
+        EXPECT_EQ(wwn, cat({want, {0xCC}})) << vsan;
     }
     wwnsvc_table_clear();
 }
