@@ -276,10 +276,7 @@ Row list(const std::string &location, uint32_t entries, const char *file, const 
                 if (fail) return l == nullptr && size == 0 && status == ZFX_ERR_NO_MEMORY && reported.empty();
                 const bool whole = status == 0 && l != nullptr && ntohl(l->count) == entries && reported.empty() &&
                                    printed.empty() && owned == tracked;
-                if (tracked)
-                    heapx_free(l);
-                else
-                    std::free(l);
+                tracked ? heapx_free(l) : std::free(l);
                 return whole;
             }};
 }
