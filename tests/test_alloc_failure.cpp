@@ -75,8 +75,6 @@ T *untouched() {
     return reinterpret_cast<T *>(&word);
 }
 
-const Bytes kWwn = {0x20, 0x00, 0x00, 0x11, 0x22, 0x33, 0x44, 0x55};
-
 // ---- requests ---------------------------------------------------------------------------------
 
 // A request built from arguments: with its message unallocated, ZFX_ERR_NO_MEMORY and nothing sent.

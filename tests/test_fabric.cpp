@@ -11,7 +11,6 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
-#include <climits>
 #include <cstring>
 #include <functional>
 #include <map>
@@ -141,19 +140,19 @@ TEST(Fabric, TopologyAndAfidListsAndTheModeRecord) {
 // this in the stores that have both; the other sections' rule is the allocation sweep's section
 // texts and the driver's commit rules).
 TEST(Fabric, TablesTextCaseByCase) {
-    const std::string db = "zfx vsan-topology database\n";
-    auto entry = [](int afid, const char *ranges, const char *word = "") {
+    const std::string db = "zfx vsan-topology database\n", afid_db = "autonomous-fabric-id database\n";
+    const std::string g1 = "zfx service-group name g1\n", g2 = "zfx service-group name g2\n",
+                      activate = "zfx service-group activate\n";
+    // A topology entry's line, and a service-group member's.
+    auto entry = [](int afid, const char *ranges) {
         char buf[200];
-        std::snprintf(buf, sizeof buf, "  %sautonomous-fabric-id %4d switch-wwn 20:00:00:11:22:33:44:55 vsan-ranges %s\n",
-                      word, afid, ranges);
+        std::snprintf(buf, sizeof buf, "  autonomous-fabric-id %4d switch-wwn 20:00:00:11:22:33:44:55 vsan-ranges %s\n",
+                      afid, ranges);
         return std::string(buf);
     };
-    const std::string afid_db = "autonomous-fabric-id database\n";
-    const std::string g1 = "zfx service-group name g1\n", g2 = "zfx service-group name g2\n";
-    const std::string activate = "zfx service-group activate\n";
-    auto m = [](int afid, const char *ranges, const char *word = "") {
+    auto m = [](int afid, const char *ranges) {
         char buf[120];
-        std::snprintf(buf, sizeof buf, "  %sautonomous-fabric-id %2d vsan-ranges %s\n", word, afid, ranges);
+        std::snprintf(buf, sizeof buf, "  autonomous-fabric-id %2d vsan-ranges %s\n", afid, ranges);
         return std::string(buf);
     };
     // Groups of one table, each a name record then its members (fabric ID, VSANs).
@@ -521,7 +520,7 @@ TEST(Pfcid, ListReadsFromAnyKeyOnPassingOverAnExactStart) {
 
     // A start of neither kind is refused: no list and a size of 0, whatever the caller's variables
     // held, and nothing allocated. (The counts and stores the list reader refuses are the
-    // virtual-domain suite's: both lists have the one reader.)
+    // virtual-domain list's test's: both lists have the one reader.)
     const uint64_t allocs = zfx_num_mem_allocs;
     at.kind = htonl(3);
     alignas(4) uint8_t stale[8];

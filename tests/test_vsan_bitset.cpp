@@ -117,50 +117,18 @@ int model_find(const Model &m, int start, bool value) {
     return -1;
 }
 
-TEST(VsanBitset, ElementaryOperationsAgreeWithModel) {
+// Tests and searches from every start, including both sides of the ends, and both run walks;
+// then random operations, one at a time.
+TEST(VsanBitset, SearchesWalksAndOperationsAgreeWithModel) {
     std::mt19937 rng(3);
-    for (const Model &start : sample_sets()) {
-        Model m = start;
-        Guarded g = set_of(m);
-        for (int p = -2; p <= 4097; ++p)
-            ASSERT_EQ(vsan_bitset_is_bit_set(&g.s, p), int(p >= 0 && p < 4096 && m[p])) << p;
-        for (int k = 0; k < 40; ++k) {
-            // Positions and runs reach past both ends: they are ignored or clipped.
-            const int p = k % 7 == 0 ? int(rng() % 16) - 8 : k % 7 == 1 ? 4090 + int(rng() % 16) : int(rng() % 4096);
-            const int count = int(rng() % 80) - 8, op = k % 5;
-            const bool value = op == 0 || op == 2 || (op == 4 && k % 2 == 0);
-            switch (op) {
-            case 0: vsan_bitset_set_bit(&g.s, p); break;
-            case 1: vsan_bitset_clear_bit(&g.s, p); break;
-            case 2: vsan_bitset_set_range(&g.s, p, count); break;
-            case 3: vsan_bitset_clear_range(&g.s, p, count); break;
-            default: vsan_bitset_set_range_value(&g.s, p, count, value ? 7 : 0);
-            }
-            for (int q = std::max(p, 0); q < std::min(op < 2 ? p + 1 : p + count, 4096); ++q) m[q] = value;
-            ASSERT_EQ(model_of(g.s), m) << k;
-        }
-        EXPECT_EQ(vsan_bitset_bitcount(&g.s), int(m.count()));
-        EXPECT_TRUE(g.guard_kept());
-    }
-    Guarded g = set_of(model_of({1})), n = set_of(model_of({9}));
-    vsan_bitset_fill(&g.s);
-    EXPECT_TRUE(model_of(g.s).all());
-    vsan_bitset_clear(&g.s);
-    EXPECT_TRUE(model_of(g.s).none() && g.guard_kept());
-    n.s.len = 7;
-    vsan_bitset_copy(&n.s, &g.s);
-    EXPECT_EQ(n.s.len, 7u);  // the copy leaves the length word alone
-    EXPECT_EQ(vsan_bitset_equal(&n.s, &g.s), 1);  // and equality does not compare it
-}
-
-// Searches from every start, including both sides of the ends, and both run walks.
-TEST(VsanBitset, SearchesAndRunWalksAgreeWithModel) {
-    for (const Model &m : sample_sets()) {
+    for (const Model &sample : sample_sets()) {
+        Model m = sample;
         Guarded g = set_of(m);
         const vsan_bitset &s = g.s;
         std::vector<int> before(4097, 0);  // set positions below p
         for (int p = 0; p < 4096; ++p) before[p + 1] = before[p] + m[p];
         for (int start = -2; start <= 4097; ++start) {
+            ASSERT_EQ(vsan_bitset_is_bit_set(&s, start), int(start >= 0 && start < 4096 && m[start])) << start;
             ASSERT_EQ(vsan_bitset_find_bit(&s, start), model_find(m, start, true)) << start;
             ASSERT_EQ(vsan_bitset_find_free_bit(&s, start), model_find(m, start, false)) << start;
             int prev = std::min(start, 4095);
@@ -195,7 +163,34 @@ TEST(VsanBitset, SearchesAndRunWalksAgreeWithModel) {
                 EXPECT_EQ(r.first, got.back().first);
             }
         }
+        // Then random operations.
+        for (int k = 0; k < 40; ++k) {
+            // Positions and runs reach past both ends: they are ignored or clipped.
+            const int p = k % 7 == 0 ? int(rng() % 16) - 8 : k % 7 == 1 ? 4090 + int(rng() % 16) : int(rng() % 4096);
+            const int count = int(rng() % 80) - 8, op = k % 5;
+            const bool value = op == 0 || op == 2 || (op == 4 && k % 2 == 0);
+            switch (op) {
+            case 0: vsan_bitset_set_bit(&g.s, p); break;
+            case 1: vsan_bitset_clear_bit(&g.s, p); break;
+            case 2: vsan_bitset_set_range(&g.s, p, count); break;
+            case 3: vsan_bitset_clear_range(&g.s, p, count); break;
+            default: vsan_bitset_set_range_value(&g.s, p, count, value ? 7 : 0);
+            }
+            for (int q = std::max(p, 0); q < std::min(op < 2 ? p + 1 : p + count, 4096); ++q) m[q] = value;
+            ASSERT_EQ(model_of(g.s), m) << k;
+        }
+        EXPECT_EQ(vsan_bitset_bitcount(&g.s), int(m.count()));
+        EXPECT_TRUE(g.guard_kept());
     }
+    Guarded g = set_of(model_of({1})), n = set_of(model_of({9}));
+    vsan_bitset_fill(&g.s);
+    EXPECT_TRUE(model_of(g.s).all());
+    vsan_bitset_clear(&g.s);
+    EXPECT_TRUE(model_of(g.s).none() && g.guard_kept());
+    n.s.len = 7;
+    vsan_bitset_copy(&n.s, &g.s);
+    EXPECT_EQ(n.s.len, 7u);  // the copy leaves the length word alone
+    EXPECT_EQ(vsan_bitset_equal(&n.s, &g.s), 1);  // and equality does not compare it
 }
 
 TEST(VsanBitset, AlgebraAgreesWithModelAndToleratesAliasing) {
