@@ -104,15 +104,6 @@ Decoded decode(const Bytes &reply, bool ns, bool checked) {
     return d;
 }
 
-template <typename Entry>
-bool refuses_each_missing(plat_endpoint *ep, zfx_device_entry *h,
-                          int32_t (*walk)(plat_endpoint *, zfx_device_entry *, Entry **, uint32_t *)) {
-    Entry *out = nullptr;
-    uint32_t count = 0;
-    return walk(ep, nullptr, &out, &count) == ZFX_ERR_INVALID_ARG && walk(ep, h, nullptr, &count) == ZFX_ERR_INVALID_ARG &&
-           walk(ep, h, &out, nullptr) == ZFX_ERR_INVALID_ARG;
-}
-
 TEST(DeviceEntry, CursorMovesAcrossBatches) {
     const Bytes a = device(1, 0x10, 7, {1}, 0, 0xA1), b = device(2, 0x20, 7, {2}, 0, 0xB2),
                 c = device(3, 0x30, 7, {3}, 0, 0xC3), d = device(4, 0x40, 7, {4}, 0, 0xD4);
@@ -153,8 +144,13 @@ TEST(DeviceEntry, CursorMovesAcrossBatches) {
     // Each missing argument alone is refused before anything is asked.
     const size_t asked = svc.sent().size();
     // (zfx_device_entry_get_next is zfx_dlg_ns_device_entry_get; both views share one check.)
-    EXPECT_TRUE(refuses_each_missing(svc.ep(), h, zfx_dlg_ns_device_entry_get));
-    EXPECT_TRUE(refuses_each_missing(svc.ep(), h, zfx2_device_ns_entry_get_next));
+    auto refuses_each_missing = [&](auto walk, auto *out) {
+        uint32_t count = 0;
+        return walk(svc.ep(), nullptr, &out, &count) == ZFX_ERR_INVALID_ARG &&
+               walk(svc.ep(), h, nullptr, &count) == ZFX_ERR_INVALID_ARG && walk(svc.ep(), h, &out, nullptr) == ZFX_ERR_INVALID_ARG;
+    };
+    EXPECT_TRUE(refuses_each_missing(zfx_dlg_ns_device_entry_get, static_cast<zfx_device_entry *>(nullptr)));
+    EXPECT_TRUE(refuses_each_missing(zfx2_device_ns_entry_get_next, static_cast<zfx_device_ns_entry *>(nullptr)));
     EXPECT_EQ(svc.sent().size(), asked);
 }
 
@@ -279,10 +275,10 @@ TEST(DeviceEntry, TlvRepliesDecodedOrRejectedWhole) {
         {tlv_reply(1, {tlv(69, head(d)), tlv(1, block(d)), tlv(2, le32(1)), tlv(3, zeros(7))}), ZFX_ERR_INVALID_ARG, 0},
         {tlv_reply(1, {tlv(69, head(d)), tlv(1, block(d)), tlv(2, le32(0)), tlv(3, pair(4, 40))}), 0, 1},  // extra: ignored
     };
-    for (const auto &[reply, result, count] : cases) {
+    for (const auto &[input, result, count] : cases) {
         for (bool as_ns : {false, true}) {
-            const Decoded got = decode(reply, as_ns, true);
-            EXPECT_EQ(got.result, result) << hex(Bytes(reply.begin(), reply.begin() + 12));
+            const Decoded got = decode(input, as_ns, true);
+            EXPECT_EQ(got.result, result) << hex(Bytes(input.begin(), input.begin() + 12));
             EXPECT_EQ(got.count, count);
             EXPECT_EQ(got.printed, "");
             EXPECT_TRUE(got.untouched);
