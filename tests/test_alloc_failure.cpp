@@ -75,8 +75,6 @@ T *untouched() {
     return reinterpret_cast<T *>(&word);
 }
 
-const Bytes kWwn = {0x20, 0x00, 0x00, 0x11, 0x22, 0x33, 0x44, 0x55};
-
 // ---- requests ---------------------------------------------------------------------------------
 
 // A request built from arguments: with its message unallocated, ZFX_ERR_NO_MEMORY and nothing sent.
@@ -113,17 +111,6 @@ Row query(const Bytes &reply, const char *name, F call) {
             }};
 }
 
-template <typename F>
-Row malloc_one(const char *name, F call) {
-    return {name, [call] {
-                auto *m = call(nullptr, nullptr, nullptr, nullptr);
-                if (failed()) return m == nullptr;
-                const bool whole = m != nullptr && m->hdr.count == 1;
-                std::free(m);
-                return whole;
-            }};
-}
-
 // A waited enabled query whose request fails with answer: the caller gets the all-zero substitute
 // reply and expected, or, without memory for it, 1 and no reply.
 template <typename F>
@@ -150,34 +137,6 @@ struct ActiveZoneset {
     char name[ZFX_NAME_SIZE];
     uint8_t zones[ZFX_ZONESET_ZONES_SIZE];
 };
-
-std::vector<Row> request_rows() {
-    return {
-        // Only a failed request makes the substitute reply.
-        enabled(Answer::failure(EIO), ZFX_ERR_ERRNO(EIO), CALL(zfx_is_zfx_enabled, ep, out)),
-        enabled(Answer::reply_with({1, 2, 3}), ZFX_ERR_INVALID_ARG, CALL(zfx_is_zfx_enabled_ext, ep, out)),
-        {"zfx_get_vsan_wwn_from_switch_wwn",
-         [] {
-             const uint8_t vsan_wwn[8] = {1, 2, 3, 4, 5, 6, 7, 8};
-             wwnsvc_table_clear();
-             wwnsvc_table_set(kWwn.data(), 7, vsan_wwn);
-             uint8_t wwn[8];
-             std::memset(wwn, 0xEE, sizeof wwn);
-             const int32_t r = zfx_get_vsan_wwn_from_switch_wwn(kWwn.data(), 1, 7, wwn);
-             const bool fail = failed();
-             wwnsvc_table_clear();
-             // Without its reply buffer the query answers 0 with a WWN of zeros, as documented.
-             return r == 0 && bytes_of(wwn, 8) == (fail ? zeros(8) : bytes_of(vsan_wwn, 8));
-         }},
-        malloc_one(CALL(zfx_dlg_malloc_one_zone_and_all_attribs)),
-        request(CALL(zfx_dlg_config_zone_member, ep, 2, "z1", 3, 4, 0, kWwn.data(), nullptr, 10, 2, nullptr, 0)),
-        request(CALL(zfx_dlg_config_zone_all_attrib, ep, 2, "z", "n2", 9, 3, 1, nullptr, 0)),
-        request(CALL(zfx_dlg_config_zoneset_all_attrib, ep, 2, "s", "s2", 4, "z", nullptr, nullptr, 0)),
-        query<zfx_zoneset_msg *>(kZonesetReply, CALL(zfx_dlg_get_zoneset, ep, 1, "zs1", 5, out, 1, 0)),
-        query<zfx_zoneset_info>(kZonesetReply, CALL(zfx_dlg_get_zoneset_data, ep, 1, out, 0)),
-        query<ActiveZoneset>(kZonesetReply, CALL(zfx_get_active_zoneset, ep, out->name, out->zones)),
-    };
-}
 
 // ---- device entries -----------------------------------------------------------------------------
 
@@ -256,15 +215,6 @@ Row decoder(const char *name, F call) {
             }};
 }
 
-std::vector<Row> device_rows() {
-    return {
-        ns_view(CALL(zfx_device_ns_entry_get_next, ep, at, out, n)),
-        ns_view(CALL(zfx2_device_ns_entry_get_next, ep, at, out, n)),
-        decoder<zfx_device_entry>(CALL(zfx2_device_entry_parse_checked, at->data(), uint32_t(at->size()), out, n)),
-        decoder<zfx_device_ns_entry>(CALL(zfx2_device_ns_entry_parse_checked, at->data(), uint32_t(at->size()), out, n)),
-    };
-}
-
 // ---- the zone database ----------------------------------------------------------------------------
 
 // A zoneset of one zone (QoS and read-only set) with a port-WWN member and a device-alias member,
@@ -288,24 +238,6 @@ Row encoder(uint32_t length_on_failure, const char *name, F call) {
                 std::free(rec);
                 return rec != nullptr && length != 12345 && length != 0;
             }};
-}
-
-std::vector<Row> zone_db_rows(const Prefix &p) {
-    const std::string location = p.config();
-    return {
-        encoder(12345, CALL(zfx_zone_encode_zone_member_to_kvdb, &at->alias, n)),
-        encoder(12345, CALL(zfx_zone_encode_zoneset_to_kvdb, &at->set, n)),
-        encoder(0, CALL(zfx_zone_zoneset_to_persistent_kvdb_data, &at->set, n)),
-        {"zfx_zone_restore_active_pzs_from_kvdb",
-         [location] {
-             Reader r(location);
-             void *data = zfx_zone_restore_active_pzs_from_kvdb(r.get());
-             if (failed()) return data == nullptr;
-             const bool whole = data != nullptr && std::string(static_cast<char *>(data) + 2) == "zs1";
-             std::free(data);
-             return whole;
-         }},
-    };
 }
 
 // ---- store lists ----------------------------------------------------------------------------------
@@ -342,48 +274,9 @@ Row list(const std::string &location, uint32_t entries, const char *file, const 
                 if (fail) return l == nullptr && size == 0 && status == ZFX_ERR_NO_MEMORY && reported.empty();
                 const bool whole = status == 0 && l != nullptr && ntohl(l->count) == entries && reported.empty() &&
                                    printed.empty() && owned == tracked;
-                if (tracked)
-                    heapx_free(l);
-                else
-                    std::free(l);
+                tracked ? heapx_free(l) : std::free(l);
                 return whole;
             }};
-}
-
-std::vector<Row> list_rows(const Prefix &p) {
-    const std::string s = p.config();
-    return {
-        list<zfx_vsan_topo_list>(s, 1, nullptr, CALL(zfx_vsan_topo_config_get, at, ZFX_VT_TABLE, 0xFF, out, n)),
-        // (Either table of a list shares its walk and allocation: the text rows take both.)
-        list<zfx2_afid_table_list>(s, 1, nullptr, CALL(zfx2_afid_table_config_get, at, out, n, 0)),
-        list<zfx2_sg_list>(s, 1, nullptr, CALL(zfx2_sg_config_get, at, out, n, 0)),  // active
-        list<zfx_rdi_list>(s, 1, "zfx_ascii_cfg", CALL(zfx_rdi_get_next, at, -1, out, n)),
-        list<zfx2_pfcid_list>(s, 2, "zfx2_pfcid_lib", CALL(zfx2_pfcid_get_next, at, nullptr, -1, out, n)),
-    };
-}
-
-// ---- VSAN sets ------------------------------------------------------------------------------------
-
-std::vector<Row> vsan_rows() {
-    return {
-        {"vsan_bitset_new",
-         [] {
-             vsan_bitset *set = vsan_bitset_new();
-             if (failed()) return set == nullptr;
-             const bool whole = set != nullptr && set->len == 512 && vsan_bitset_first_bit(set) == -1;
-             vsan_bitset_delete(set);
-             return whole;
-         }},
-        {"vsan_bitset_printf",
-         [] {
-             vsan_bitset set;
-             vsan_bitset_init(&set);
-             vsan_bitset_set_range(&set, 1, 3);
-             Capture out;
-             vsan_bitset_printf(&set);
-             return out.text() == (failed() ? "" : "1-3");
-         }},
-    };
 }
 
 // ---- configuration text -----------------------------------------------------------------------
@@ -419,15 +312,18 @@ int32_t global(uint32_t handle, kvdb_store *store, int32_t *commit) {
     return status;
 }
 
-std::vector<Row> text_rows(const Prefix &p) {
+// ---- every row, by the sections above ----------------------------------------------------------
+
+std::vector<Row> rows(const Prefix &p) {
     using namespace full;
-    const std::string at = p.config();
+    const std::string cfg = p.config();
+    // The configuration text's sections.
     const std::vector<std::string> blocks = {kVdomAfid, kTopo, kDefaultAfid, kAfid, kActiveSg + kCfgSg, kCfgSg, kPfcid};
     // A section's text, followed by "commit\n" when it asked for the commit line; every section
     // returns 0.
-    auto section = [at](Section run) {
-        return [at, run] {
-            Reader r(at);
+    auto section = [cfg](Section run) {
+        return [cfg, run] {
+            Reader r(cfg);
             int32_t commit = 0, status = -1;
             const std::string t = generation_text([&](uint32_t h) { status = run(h, r.get(), &commit); });
             return status == 0 ? t + (commit == 1 ? "commit\n" : "") : "status " + std::to_string(status);
@@ -437,6 +333,81 @@ std::vector<Row> text_rows(const Prefix &p) {
     Section zones = [](uint32_t, kvdb_store *s, int32_t *) { return zfx_zone_generate_ascii_config(s); };
     const std::string all = whole() + "logging level zfx 3\n";
     return {
+        // requests
+        // Only a failed request makes the substitute reply.
+        enabled(Answer::failure(EIO), ZFX_ERR_ERRNO(EIO), CALL(zfx_is_zfx_enabled, ep, out)),
+        enabled(Answer::reply_with({1, 2, 3}), ZFX_ERR_INVALID_ARG, CALL(zfx_is_zfx_enabled_ext, ep, out)),
+        {"zfx_get_vsan_wwn_from_switch_wwn",
+         [] {
+             const uint8_t vsan_wwn[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+             wwnsvc_table_clear();
+             wwnsvc_table_set(kWwn.data(), 7, vsan_wwn);
+             uint8_t wwn[8];
+             std::memset(wwn, 0xEE, sizeof wwn);
+             const int32_t r = zfx_get_vsan_wwn_from_switch_wwn(kWwn.data(), 1, 7, wwn);
+             const bool fail = failed();
+             wwnsvc_table_clear();
+             // Without its reply buffer the query answers 0 with a WWN of zeros, as documented.
+             return r == 0 && bytes_of(wwn, 8) == (fail ? zeros(8) : bytes_of(vsan_wwn, 8));
+         }},
+        {"zfx_dlg_malloc_one_zone_and_all_attribs",
+         [] {
+             auto *m = zfx_dlg_malloc_one_zone_and_all_attribs();
+             if (failed()) return m == nullptr;
+             const bool whole = m != nullptr && m->hdr.count == 1;
+             std::free(m);
+             return whole;
+         }},
+        request(CALL(zfx_dlg_config_zone_member, ep, 2, "z1", 3, 4, 0, kWwn.data(), nullptr, 10, 2, nullptr, 0)),
+        request(CALL(zfx_dlg_config_zone_all_attrib, ep, 2, "z", "n2", 9, 3, 1, nullptr, 0)),
+        request(CALL(zfx_dlg_config_zoneset_all_attrib, ep, 2, "s", "s2", 4, "z", nullptr, nullptr, 0)),
+        query<zfx_zoneset_msg *>(kZonesetReply, CALL(zfx_dlg_get_zoneset, ep, 1, "zs1", 5, out, 1, 0)),
+        query<zfx_zoneset_info>(kZonesetReply, CALL(zfx_dlg_get_zoneset_data, ep, 1, out, 0)),
+        query<ActiveZoneset>(kZonesetReply, CALL(zfx_get_active_zoneset, ep, out->name, out->zones)),
+        // device entries
+        ns_view(CALL(zfx_device_ns_entry_get_next, ep, at, out, n)),
+        ns_view(CALL(zfx2_device_ns_entry_get_next, ep, at, out, n)),
+        decoder<zfx_device_entry>(CALL(zfx2_device_entry_parse_checked, at->data(), uint32_t(at->size()), out, n)),
+        decoder<zfx_device_ns_entry>(CALL(zfx2_device_ns_entry_parse_checked, at->data(), uint32_t(at->size()), out, n)),
+        // the zone database
+        encoder(12345, CALL(zfx_zone_encode_zone_member_to_kvdb, &at->alias, n)),
+        encoder(12345, CALL(zfx_zone_encode_zoneset_to_kvdb, &at->set, n)),
+        encoder(0, CALL(zfx_zone_zoneset_to_persistent_kvdb_data, &at->set, n)),
+        {"zfx_zone_restore_active_pzs_from_kvdb",
+         [cfg] {
+             Reader r(cfg);
+             void *data = zfx_zone_restore_active_pzs_from_kvdb(r.get());
+             if (failed()) return data == nullptr;
+             const bool whole = data != nullptr && std::string(static_cast<char *>(data) + 2) == "zs1";
+             std::free(data);
+             return whole;
+         }},
+        // store lists
+        list<zfx_vsan_topo_list>(cfg, 1, nullptr, CALL(zfx_vsan_topo_config_get, at, ZFX_VT_TABLE, 0xFF, out, n)),
+        // (Either table of a list shares its walk and allocation: the text rows take both.)
+        list<zfx2_afid_table_list>(cfg, 1, nullptr, CALL(zfx2_afid_table_config_get, at, out, n, 0)),
+        list<zfx2_sg_list>(cfg, 1, nullptr, CALL(zfx2_sg_config_get, at, out, n, 0)),  // active
+        list<zfx_rdi_list>(cfg, 1, "zfx_ascii_cfg", CALL(zfx_rdi_get_next, at, -1, out, n)),
+        list<zfx2_pfcid_list>(cfg, 2, "zfx2_pfcid_lib", CALL(zfx2_pfcid_get_next, at, nullptr, -1, out, n)),
+        // VSAN sets
+        {"vsan_bitset_new",
+         [] {
+             vsan_bitset *set = vsan_bitset_new();
+             if (failed()) return set == nullptr;
+             const bool whole = set != nullptr && set->len == 512 && vsan_bitset_first_bit(set) == -1;
+             vsan_bitset_delete(set);
+             return whole;
+         }},
+        {"vsan_bitset_printf",
+         [] {
+             vsan_bitset set;
+             vsan_bitset_init(&set);
+             vsan_bitset_set_range(&set, 1, 3);
+             Capture out;
+             vsan_bitset_printf(&set);
+             return out.text() == (failed() ? "" : "1-3");
+         }},
+        // configuration text
         text("zfx2_rdi_mode_generate_ascii_config2", section(global<zfx2_rdi_mode_generate_ascii_config2>), kVdomAfid,
              {kVdomAfid}),
         text("zfx_vsan_topology_generate_ascii_config", section(global<zfx_vsan_topology_generate_ascii_config>),
@@ -467,16 +438,14 @@ TEST(AllocFailure, EveryAllocationOfEveryFunctionTakesItsDocumentedPath) {
     put(p.config(), full::records());
     put(p.debug(), {debug_level_rec(1, 3)});
 
-    std::vector<Row> rows;
-    for (auto &&group : {request_rows(), device_rows(), zone_db_rows(p), list_rows(p), vsan_rows(), text_rows(p)})
-        rows.insert(rows.end(), group.begin(), group.end());
+    const std::vector<Row> all = rows(p);
 
     // The standard allocator's bytes in use, counted here too (LeakSanitizer counts them only
     // where it runs): each run ends holding what it began with. Only an allocator without its
     // per-thread cache of freed blocks counts them exactly; the suite's registration turns it off.
     const char *tunables = std::getenv("GLIBC_TUNABLES");
     const bool counted = tunables != nullptr && std::strstr(tunables, "glibc.malloc.tcache_count=0") != nullptr;
-    for (const Row &row : rows) {
+    for (const Row &row : all) {
         uint32_t nth = 1;
         for (;; ++nth) {
             g_nth = nth;

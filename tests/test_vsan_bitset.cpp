@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include "bytes.hpp"
 #include "capture.hpp"
 #include "platform/bits.h"
 #include "vsan_bitset.h"
@@ -116,50 +117,18 @@ int model_find(const Model &m, int start, bool value) {
     return -1;
 }
 
-TEST(VsanBitset, ElementaryOperationsAgreeWithModel) {
+// Tests and searches from every start, including both sides of the ends, and both run walks;
+// then random operations, one at a time.
+TEST(VsanBitset, SearchesWalksAndOperationsAgreeWithModel) {
     std::mt19937 rng(3);
-    for (const Model &start : sample_sets()) {
-        Model m = start;
-        Guarded g = set_of(m);
-        for (int p = -2; p <= 4097; ++p)
-            ASSERT_EQ(vsan_bitset_is_bit_set(&g.s, p), int(p >= 0 && p < 4096 && m[p])) << p;
-        for (int k = 0; k < 40; ++k) {
-            // Positions and runs reach past both ends: they are ignored or clipped.
-            const int p = k % 7 == 0 ? int(rng() % 16) - 8 : k % 7 == 1 ? 4090 + int(rng() % 16) : int(rng() % 4096);
-            const int count = int(rng() % 80) - 8, op = k % 5;
-            const bool value = op == 0 || op == 2 || (op == 4 && k % 2 == 0);
-            switch (op) {
-            case 0: vsan_bitset_set_bit(&g.s, p); break;
-            case 1: vsan_bitset_clear_bit(&g.s, p); break;
-            case 2: vsan_bitset_set_range(&g.s, p, count); break;
-            case 3: vsan_bitset_clear_range(&g.s, p, count); break;
-            default: vsan_bitset_set_range_value(&g.s, p, count, value ? 7 : 0);
-            }
-            for (int q = std::max(p, 0); q < std::min(op < 2 ? p + 1 : p + count, 4096); ++q) m[q] = value;
-            ASSERT_EQ(model_of(g.s), m) << k;
-        }
-        EXPECT_EQ(vsan_bitset_bitcount(&g.s), int(m.count()));
-        EXPECT_TRUE(g.guard_kept());
-    }
-    Guarded g = set_of(model_of({1})), n = set_of(model_of({9}));
-    vsan_bitset_fill(&g.s);
-    EXPECT_TRUE(model_of(g.s).all());
-    vsan_bitset_clear(&g.s);
-    EXPECT_TRUE(model_of(g.s).none() && g.guard_kept());
-    n.s.len = 7;
-    vsan_bitset_copy(&n.s, &g.s);
-    EXPECT_EQ(n.s.len, 7u);  // the copy leaves the length word alone
-    EXPECT_EQ(vsan_bitset_equal(&n.s, &g.s), 1);  // and equality does not compare it
-}
-
-// Searches from every start, including both sides of the ends, and both run walks.
-TEST(VsanBitset, SearchesAndRunWalksAgreeWithModel) {
-    for (const Model &m : sample_sets()) {
+    for (const Model &sample : sample_sets()) {
+        Model m = sample;
         Guarded g = set_of(m);
         const vsan_bitset &s = g.s;
         std::vector<int> before(4097, 0);  // set positions below p
         for (int p = 0; p < 4096; ++p) before[p + 1] = before[p] + m[p];
         for (int start = -2; start <= 4097; ++start) {
+            ASSERT_EQ(vsan_bitset_is_bit_set(&s, start), int(start >= 0 && start < 4096 && m[start])) << start;
             ASSERT_EQ(vsan_bitset_find_bit(&s, start), model_find(m, start, true)) << start;
             ASSERT_EQ(vsan_bitset_find_free_bit(&s, start), model_find(m, start, false)) << start;
             int prev = std::min(start, 4095);
@@ -194,7 +163,34 @@ TEST(VsanBitset, SearchesAndRunWalksAgreeWithModel) {
                 EXPECT_EQ(r.first, got.back().first);
             }
         }
+        // Then random operations.
+        for (int k = 0; k < 40; ++k) {
+            // Positions and runs reach past both ends: they are ignored or clipped.
+            const int p = k % 7 == 0 ? int(rng() % 16) - 8 : k % 7 == 1 ? 4090 + int(rng() % 16) : int(rng() % 4096);
+            const int count = int(rng() % 80) - 8, op = k % 5;
+            const bool value = op == 0 || op == 2 || (op == 4 && k % 2 == 0);
+            switch (op) {
+            case 0: vsan_bitset_set_bit(&g.s, p); break;
+            case 1: vsan_bitset_clear_bit(&g.s, p); break;
+            case 2: vsan_bitset_set_range(&g.s, p, count); break;
+            case 3: vsan_bitset_clear_range(&g.s, p, count); break;
+            default: vsan_bitset_set_range_value(&g.s, p, count, value ? 7 : 0);
+            }
+            for (int q = std::max(p, 0); q < std::min(op < 2 ? p + 1 : p + count, 4096); ++q) m[q] = value;
+            ASSERT_EQ(model_of(g.s), m) << k;
+        }
+        EXPECT_EQ(vsan_bitset_bitcount(&g.s), int(m.count()));
+        EXPECT_TRUE(g.guard_kept());
     }
+    Guarded g = set_of(model_of({1})), n = set_of(model_of({9}));
+    vsan_bitset_fill(&g.s);
+    EXPECT_TRUE(model_of(g.s).all());
+    vsan_bitset_clear(&g.s);
+    EXPECT_TRUE(model_of(g.s).none() && g.guard_kept());
+    n.s.len = 7;
+    vsan_bitset_copy(&n.s, &g.s);
+    EXPECT_EQ(n.s.len, 7u);  // the copy leaves the length word alone
+    EXPECT_EQ(vsan_bitset_equal(&n.s, &g.s), 1);  // and equality does not compare it
 }
 
 TEST(VsanBitset, AlgebraAgreesWithModelAndToleratesAliasing) {
@@ -247,19 +243,17 @@ TEST(VsanBitset, AlgebraAgreesWithModelAndToleratesAliasing) {
     vsan_bitset_revert_range(nullptr, 0, 4096);
 }
 
-TEST(VsanBitset, TextFormsAgreeWithModel) {
-    std::vector<char> buf(VSAN_BITSET_TEXT_SIZE);
+// The text buffer is exactly the documented size, and the samples hold the longest text: a write
+// past it is caught. (The literal range texts of the generation suites keep the model honest.)
+TEST(VsanBitset, TextFormsChunksAndConversionsAgreeWithModel) {
+    std::vector<char> text(VSAN_BITSET_TEXT_SIZE);
     for (const Model &m : sample_sets()) {
         Guarded g = set_of(m);
         const std::string want = model_text(m);
-        ASSERT_EQ(vsan_bitset_sprintf(buf.data(), &g.s), int(want.size()));
-        ASSERT_EQ(std::string(buf.data()), want);
-        std::string hex;
-        char digits[3];
-        for (uint8_t byte : g.s.bits) {
-            std::snprintf(digits, sizeof digits, "%02x", byte);
-            hex += digits;
-        }
+        ASSERT_EQ(vsan_bitset_sprintf(text.data(), &g.s), int(want.size()));
+        ASSERT_EQ(std::string(text.data()), want);
+        std::string hex = zfxtest::hex(zfxtest::bytes_of(g.s.bits, sizeof g.s.bits));
+        hex.erase(std::remove(hex.begin(), hex.end(), ' '), hex.end());
         zfxtest::Capture out;
         vsan_bitset_printf(&g.s);
         std::printf("|");
@@ -267,14 +261,7 @@ TEST(VsanBitset, TextFormsAgreeWithModel) {
         std::printf("|");
         vsan_bitset_printf_hex(&g.s);
         ASSERT_EQ(out.text(), want + "|" + model_text(m, "%#x") + "|" + hex);
-    }
-    // The buffer is exactly the documented size, and the samples hold the longest text: a write
-    // past it is caught. (The literal range texts of the generation suites keep the model honest.)
-}
-
-TEST(VsanBitset, ChunkedWriterReassemblesForEveryBufferSize) {
-    for (const Model &m : sample_sets()) {
-        Guarded g = set_of(m);
+        // The chunked writer's pieces reassemble the text for every buffer size.
         const auto runs = model_runs(m);
         for (uint32_t size : {10u, 11u, 13u, 17u, 64u, 100u, 1000u, 20000u}) {
             std::vector<char> buf(size + 8, '#');
@@ -293,33 +280,12 @@ TEST(VsanBitset, ChunkedWriterReassemblesForEveryBufferSize) {
                 }
                 ASSERT_LT(call, 5000);
             }
-            ASSERT_EQ(joined, model_text(m)) << size;
+            ASSERT_EQ(joined, want) << size;
             ASSERT_EQ(range_print_cursor, 0);
         }
-    }
-    // Exactly the room for an item and its terminator, and one byte less: stuck, the same empty
-    // chunk every time. No buffer: nothing.
-    Guarded big = set_of(model_of({1000}));
-    char buf[8];
-    uint8_t done = 7;
-    EXPECT_EQ(vsan_bitset_snprintf(buf, 5, &big.s, 1, &done), 4);
-    EXPECT_EQ(done, 1);
-    for (int call = 0; call < 2; ++call) {
-        EXPECT_EQ(vsan_bitset_snprintf(buf, 4, &big.s, call == 0, &done), 0);
-        EXPECT_TRUE(buf[0] == '\0' && done == 0);
-    }
-    // A first chunk that held nothing leaves the cursor at the start: the next one begins there.
-    Guarded one = set_of(model_of({1}));
-    EXPECT_EQ(vsan_bitset_snprintf(buf, 1, &one.s, 1, &done), 0);
-    EXPECT_EQ(vsan_bitset_snprintf(buf, 8, &one.s, 0, &done), 1);
-    EXPECT_STREQ(buf, "1");
-    EXPECT_EQ(vsan_bitset_snprintf(nullptr, 8, &big.s, 1, &done), 0);
-    EXPECT_EQ(vsan_bitset_snprintf(buf, 0, &big.s, 1, nullptr), 0);
-}
 
-TEST(VsanBitset, BitArrayConversionAndCompressionRoundTrip) {
-    for (const Model &m : sample_sets()) {
-        Guarded g = set_of(m), r = set_of(~m), u = set_of(~m);
+        // The bit array, both ways, and compression round trips.
+        Guarded r = set_of(~m), u = set_of(~m);
         std::vector<uint8_t> arr(600, 0xEE);
         vsan_bitset_to_bitarray(&g.s, arr.data(), 600);
         for (int p = 0; p < 4096; ++p) ASSERT_EQ((arr[p / 8] >> (p % 8)) & 1, int(m[p]));
@@ -341,6 +307,25 @@ TEST(VsanBitset, BitArrayConversionAndCompressionRoundTrip) {
         for (int cut = 0; cut < n; ++cut) ASSERT_EQ(vsan_bitset_uncompress(packed.data(), uint32_t(cut), &u.s), -1);
         ASSERT_EQ(vsan_bitset_compress(&g.s, packed.data(), uint32_t(n - 1)), -1);
     }
+    // Exactly the room for an item and its terminator, and one byte less: stuck, the same empty
+    // chunk every time. No buffer: nothing.
+    Guarded big = set_of(model_of({1000}));
+    char buf[8];
+    uint8_t done = 7;
+    EXPECT_EQ(vsan_bitset_snprintf(buf, 5, &big.s, 1, &done), 4);
+    EXPECT_EQ(done, 1);
+    for (int call = 0; call < 2; ++call) {
+        EXPECT_EQ(vsan_bitset_snprintf(buf, 4, &big.s, call == 0, &done), 0);
+        EXPECT_TRUE(buf[0] == '\0' && done == 0);
+    }
+    // A first chunk that held nothing leaves the cursor at the start: the next one begins there.
+    Guarded one = set_of(model_of({1}));
+    EXPECT_EQ(vsan_bitset_snprintf(buf, 1, &one.s, 1, &done), 0);
+    EXPECT_EQ(vsan_bitset_snprintf(buf, 8, &one.s, 0, &done), 1);
+    EXPECT_STREQ(buf, "1");
+    EXPECT_EQ(vsan_bitset_snprintf(nullptr, 8, &big.s, 1, &done), 0);
+    EXPECT_EQ(vsan_bitset_snprintf(buf, 0, &big.s, 1, nullptr), 0);
+    // A bit array shorter than the set gets its own bytes only.
     Guarded zero = set_of(model_of({0}));
     uint8_t small[4] = {9, 9, 9, 9};
     vsan_bitset_to_bitarray(&zero.s, small, 3);
