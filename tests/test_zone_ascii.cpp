@@ -2,6 +2,7 @@
 // that the golden texts and the edge fabrics' digests leave out, and the stop at the first failed
 // lookup or malformed record.
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -18,16 +19,9 @@ const Bytes kAttr = zeros(8);
 
 using Result = zfxtest::SectionResult;
 
-Result zone_section(const std::vector<Record> &records) {
-    Stored r(records);
-    return zone_section_on(r.get());
-}
-
 // A zone's array: its member bitmap, its attribute block, then more elements.
 Bytes zone_array(const std::vector<int> &members, std::initializer_list<Bytes> more = {}) {
-    Bytes out = cat({le32(uint32_t(2 + more.size())), members_tlv(members), tlv(9, kAttr)});
-    for (const Bytes &e : more) out.insert(out.end(), e.begin(), e.end());
-    return out;
+    return cat({le32(uint32_t(2 + more.size())), members_tlv(members), tlv(9, kAttr), cat(more)});
 }
 
 Record member(uint16_t zone, uint16_t id, uint8_t type, std::initializer_list<Bytes> elements) {
@@ -49,11 +43,7 @@ TEST(ZoneText, EveryRuleOfTheZoneSection) {
     const std::string wwn = "20:00:00:11:22:33:44:55";
     const std::vector<Record> one_zone = {zone_db_header_rec({1}, {}), zone_rec(1, "z1", zone_array({}))};
     const std::string tail = "vsan 10 autonomous-fabric-id 0\n";  // of a member without its AFID
-    const struct {
-        const char *name;
-        std::vector<Record> records;
-        Result expected;
-    } cases[] = {
+    const std::tuple<const char *, std::vector<Record>, Result> cases[] = {
         {"no header: nothing, not even the activation", active_chunks(active("a"), 100), {0, ""}},
         {"empty header", {zone_db_header_rec({}, {})}, {0, ""}},
         {"short header marks zones 1 and 3 (a zone without a member element has no members)",
@@ -119,7 +109,7 @@ TEST(ZoneText, EveryRuleOfTheZoneSection) {
           zoneset_rec(1, "zs", tlv_array({zones_tlv(4, {1, 2})}))},
          {0, "zfx zone name z2\nzfx zoneset name zs\n  member z2\n"}},
     };
-    for (const auto &c : cases) EXPECT_EQ(zone_section(c.records), c.expected) << c.name;
+    for (const auto &[name, records, expected] : cases) EXPECT_EQ(zone_section_on(Stored(records).get()), expected) << name;
 }
 
 TEST(ZoneText, FirstFailureStopsTheSectionAndKeepsItsLines) {

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -60,12 +61,8 @@ TEST(ZoneQuery, RepliesAreCheckedBeforeUse) {
     const Bytes good = cat({be32(1), zeros(4), be32(5), tlv_array({tlv(6, str0("z"))})});
     const Bytes empties = cat({be32(1), zeros(4), be32(5), tlv_array({tlv(98, {}), tlv(99, {})})});
     const uint32_t invalid = uint32_t(ZFX_ERR_INVALID_ARG);
-    const struct {
-        Answer answer;
-        uint32_t result;
-        Bytes reply;
-        uint32_t data_result;
-    } cases[] = {
+    // The answer, the message query's result and the reply it hands over, the data query's result.
+    const std::tuple<Answer, uint32_t, Bytes, uint32_t> cases[] = {
         {Answer::reply_with(good), 0, good, 0},
         {Answer::reply_with(good, 7), 7, good, 7},  // beside a status, handed over too
         {Answer::reply_with(empties), 0, empties, 0},  // empty elements filling the array exactly
@@ -75,20 +72,20 @@ TEST(ZoneQuery, RepliesAreCheckedBeforeUse) {
         {Answer::reply_with(cat({zeros(12), le32(2), tlv(6, str0("z"))})), invalid, {}, invalid},
         {Answer::reply_with(cat({zeros(12), le32(1), le16(6), le16(9), {'a'}})), invalid, {}, invalid},
     };
-    for (const auto &c : cases) {
+    for (const auto &[answer, result, handed, data_result] : cases) {
         FakeService svc;
-        svc.answer(c.answer);
-        svc.answer(c.answer);
+        svc.answer(answer);
+        svc.answer(answer);
         zfx_zone_msg *reply = reinterpret_cast<zfx_zone_msg *>(&svc);
-        EXPECT_EQ(zfx_dlg_get_zone(svc.ep(), 1, nullptr, 5, &reply, 1, 0), c.result);
-        EXPECT_EQ(reply != nullptr ? bytes_of(reply, good.size()) : Bytes{}, c.reply);
+        EXPECT_EQ(zfx_dlg_get_zone(svc.ep(), 1, nullptr, 5, &reply, 1, 0), result);
+        EXPECT_EQ(reply != nullptr ? bytes_of(reply, good.size()) : Bytes{}, handed);
         std::free(reply);
         zfx_zone_info info;
         std::memset(&info, 0xCC, sizeof info);
         info.id = 5;
         const Bytes before = bytes_of(&info, sizeof info);
-        EXPECT_EQ(zfx_dlg_get_zone_data(svc.ep(), 1, &info, 0), c.data_result);
-        EXPECT_EQ(bytes_of(&info, sizeof info) == before, c.data_result != 0);
+        EXPECT_EQ(zfx_dlg_get_zone_data(svc.ep(), 1, &info, 0), data_result);
+        EXPECT_EQ(bytes_of(&info, sizeof info) == before, data_result != 0);
     }
     // A name whose element cannot be added (its size wraps in 16 bits).
     const std::string huge(65534, 'h');
@@ -167,12 +164,8 @@ TEST(ZoneQuery, DataQueriesFillTheirStructures) {
 
 TEST(ZoneQuery, ActiveZoneset) {
     const Bytes head = cat({be32(1), zeros(24)}), bitmap = cat({le32(1024), Bytes(1024, 0x33)});
-    const struct {
-        Answer answer;
-        uint32_t result;
-        std::string name;  // "~" when untouched
-        Bytes zones;       // empty when untouched
-    } cases[] = {
+    // The answer, the result, the name ("~" when untouched), the zones (empty when untouched).
+    const std::tuple<Answer, uint32_t, std::string, Bytes> cases[] = {
         {Answer::reply_with(cat({head, tlv_array({tlv(1, str0("active")), tlv(61, bitmap)})})), 0, "active", bitmap},
         {Answer::reply_with(cat({head, tlv_array({tlv(56, str0("a")), tlv(61, {})})})), 0, "a",
          cat({le32(1024), zeros(1024)})},
@@ -187,14 +180,14 @@ TEST(ZoneQuery, ActiveZoneset) {
         // The zone bitmap's value runs 8 bytes past the reply.
         {Answer::reply_with(cat({head, le32(2), tlv(1, str0("x")), le16(61), le16(8)})), uint32_t(ZFX_ERR_INVALID_ARG), "~", {}},
     };
-    for (const auto &c : cases) {
+    for (const auto &[answer, result, want_name, want_zones] : cases) {
         FakeService svc;
-        svc.answer(c.answer);
+        svc.answer(answer);
         char name[68] = "~";
         Bytes zones(1028, 0xEE);
-        EXPECT_EQ(zfx_get_active_zoneset(svc.ep(), name, zones.data()), c.result);
-        EXPECT_EQ(std::string(name), c.name);
-        EXPECT_EQ(zones, c.zones.empty() ? Bytes(1028, 0xEE) : c.zones);
+        EXPECT_EQ(zfx_get_active_zoneset(svc.ep(), name, zones.data()), result);
+        EXPECT_EQ(std::string(name), want_name);
+        EXPECT_EQ(zones, want_zones.empty() ? Bytes(1028, 0xEE) : want_zones);
         EXPECT_EQ(svc.last().summary(), "req 8601/1 t10 reply");
         EXPECT_EQ(svc.last().payload, cat({be32(1), le16(0x80), zeros(18), be32(0), le32(0)}));
     }

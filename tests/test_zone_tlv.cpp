@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <functional>
 #include <string>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -97,11 +98,7 @@ TEST(ZoneTlv, OneRecordMessagesFillToTheirSize) {
 
 TEST(ZoneTlv, CreateChecks) {
     const Bytes w = le32(1), wwn(8, 1), name = str0("n");
-    const struct {
-        const Kind &kind;
-        Bytes array;
-        int32_t result;
-    } cases[] = {
+    const std::tuple<const Kind &, Bytes, int32_t> cases[] = {
         // Elements of other kinds' needs, and of type 0, add nothing to a complete record.
         {kMember, tlv_array({tlv(65, name), tlv(11, w), tlv(27, w), tlv(6, name), tlv(1, w), tlv(3, w), tlv(0, w)}), 0},
         {kMember, tlv_array({tlv(10, wwn), tlv(27, w), tlv(11, w)}), 0},
@@ -122,7 +119,7 @@ TEST(ZoneTlv, CreateChecks) {
         {kZone, cat({le32(200), tlv(6, name)}), ZFX_ERR_INVALID_ARG},  // count too big
         {kZone, overrun(kZone), ZFX_ERR_INVALID_ARG},
     };
-    for (const auto &c : cases) EXPECT_EQ(c.kind.check(message(c.kind, c.array).data()), c.result) << hex(c.array);
+    for (const auto &[k, array, result] : cases) EXPECT_EQ(k.check(message(k, array).data()), result) << hex(array);
     EXPECT_EQ(zfx_do_sanity_for_zone_create(nullptr), ZFX_ERR_INVALID_ARG);
 }
 

@@ -1,7 +1,5 @@
 #include "bytes.hpp"
 
-#include <cstdio>
-
 namespace zfxtest {
 
 const Bytes kWwn = {0x20, 0x00, 0x00, 0x11, 0x22, 0x33, 0x44, 0x55};
@@ -39,19 +37,12 @@ Bytes tlv(uint16_t type, const Bytes &value) {
     return out;
 }
 
-Bytes tlv_array(std::initializer_list<Bytes> elements) {
-    Bytes out = le32(uint32_t(elements.size()));
-    for (const Bytes &e : elements) out.insert(out.end(), e.begin(), e.end());
-    return out;
-}
+Bytes tlv_array(std::initializer_list<Bytes> elements) { return cat({le32(uint32_t(elements.size())), cat(elements)}); }
 
 std::string hex(const Bytes &b) {
+    static const char digits[] = "0123456789abcdef";
     std::string s;
-    char buf[4];
-    for (uint8_t c : b) {
-        std::snprintf(buf, sizeof buf, "%02x ", c);
-        s += buf;
-    }
+    for (uint8_t c : b) s += {digits[c >> 4], digits[c & 15], ' '};
     return s;
 }
 

@@ -49,9 +49,9 @@ Record member_rec(uint16_t zone_id, uint16_t member_id, uint8_t type, const Byte
 Bytes members_tlv(const std::vector<int> &ids);
 Bytes zones_tlv(uint16_t type, const std::vector<int> &ids);
 Record zone_options_rec(uint32_t options);
-// The active zoneset data split into chunks of at most chunk bytes, with chunk 0 giving total.
-std::vector<Record> active_chunks(const Bytes &data, size_t chunk, uint32_t total);
-std::vector<Record> active_chunks(const Bytes &data, size_t chunk);
+// The active zoneset data split into chunks of at most chunk bytes, with chunk 0 giving total
+// (the data's size when not given).
+std::vector<Record> active_chunks(const Bytes &data, size_t chunk, int64_t total = -1);
 
 enum class Backend { mem, lmdb };
 

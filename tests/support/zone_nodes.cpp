@@ -10,20 +10,12 @@ namespace zfxtest {
 
 const Bytes kNodeLun = {0x00, 0x07, 0, 0, 0, 0, 0, 0};
 
-Bytes node_wwn(uint8_t last) {
-    Bytes w = kWwn;
-    w[7] = last;
-    return w;
-}
+Bytes node_wwn(uint8_t last) { return cat({Bytes(kWwn.begin(), kWwn.end() - 1), {last}}); }
 
-namespace {
-
-int32_t by_id(const void *a, const void *b) {
+static int32_t by_id(const void *a, const void *b) {
     const uint32_t x = *static_cast<const uint32_t *>(a), y = *static_cast<const uint32_t *>(b);
     return x < y ? -1 : x > y;
 }
-
-}  // namespace
 
 ZoneNodes::~ZoneNodes() {
     for (plat_tree *t : trees) tree_destroy(t);
