@@ -3,7 +3,6 @@
 // frame hand-over, and the name-server client. That the service understands these messages, and
 // the library its answers, is the zfxd fabric suite's round trip; here, the bytes and every way
 // a reply or an argument can be wrong.
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <functional>
@@ -24,11 +23,7 @@ Bytes dir_reply(uint32_t status, uint32_t count, uint32_t size, const Bytes &ent
 
 TEST(RawQuery, MessagesOnTheWire) {
     xqb_msg sent = XQB_MSG_EMPTY;
-    const struct {
-        std::function<int32_t(plat_endpoint *)> call;
-        const char *summary;
-        Bytes payload;
-    } cases[] = {
+    const std::tuple<std::function<int32_t(plat_endpoint *)>, const char *, Bytes> cases[] = {
         {[&](plat_endpoint *ep) { return zfx_send_get_native_domain(ep, 0x01020304, 0xAABBCCDD, &sent); },
          "raw 0/198657 @fe000001 reply", cat({be32(0x01020304), le32(0xAABBCCDD)})},
         {[&](plat_endpoint *ep) {
@@ -37,16 +32,16 @@ TEST(RawQuery, MessagesOnTheWire) {
          },
          "raw 0/8193 @fffffc sap=32 reply", cat({be32(0x20000011), be32(0x22334455), be32(0x0102), {0xFF, 0xFF, 0, 0}, zeros(8)})},
     };
-    for (const auto &c : cases) {
+    for (const auto &[call, summary, payload] : cases) {
         FakeService svc;
-        EXPECT_EQ(c.call(svc.ep()), 0) << c.summary;
+        EXPECT_EQ(call(svc.ep()), 0) << summary;
         ASSERT_EQ(svc.sent().size(), 1u);
-        EXPECT_EQ(svc.last().summary(), c.summary);
-        EXPECT_EQ(svc.last().payload, c.payload) << hex(svc.last().payload);
+        EXPECT_EQ(svc.last().summary(), summary);
+        EXPECT_EQ(svc.last().payload, payload) << hex(svc.last().payload);
         if (sent.msg != nullptr) {  // the request stays with the caller, with its token
             uint32_t len;
             const void *p = xqb_payload_get(&sent, &len);
-            EXPECT_EQ(bytes_of(p, len), c.payload);
+            EXPECT_EQ(bytes_of(p, len), payload);
             EXPECT_EQ(xqb_rr_token_get(&sent), svc.last().token);
             EXPECT_NE(xqb_rr_token_get(&sent), 0u);
             xqb_drop(svc.ep(), &sent);

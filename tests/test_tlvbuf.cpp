@@ -20,18 +20,14 @@ struct Elem {
 
 Bytes model(const std::vector<Elem> &elems) {
     Bytes out = zfxtest::le32(uint32_t(elems.size()));
-    for (const Elem &e : elems) {
-        const Bytes t = zfxtest::tlv(e.type, e.value);
-        out.insert(out.end(), t.begin(), t.end());
-    }
+    for (const Elem &e : elems) out = zfxtest::cat({out, zfxtest::tlv(e.type, e.value)});
     return out;
 }
 
 // Builds with tlvbuf_add_tlv at exactly the model's size, checks the bytes, walks them back.
 void round_trip(const std::vector<Elem> &elems) {
     const Bytes expected = model(elems);
-    Bytes array(expected.size() + 4, 0xEE);  // a guard word past the capacity
-    std::memset(array.data(), 0, 4);
+    Bytes array = zfxtest::cat({zfxtest::zeros(4), Bytes(expected.size(), 0xEE)});  // a guard word past the capacity
     const uint32_t capacity = uint32_t(expected.size());
     for (const Elem &e : elems)
         ASSERT_EQ(tlvbuf_add_tlv(array.data(), capacity, e.type, uint16_t(e.value.size()), e.value.data(), 0), 0);

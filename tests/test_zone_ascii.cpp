@@ -7,7 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/ptxt.h"
 #include "store.hpp"
 #include "zfx_ascii_cfg.h"
 
@@ -130,35 +129,31 @@ TEST(ZoneText, FirstFailureStopsTheSectionAndKeepsItsLines) {
     // walked-against-looked-up stores). The header's lookup failing otherwise than "not found"
     // ends the section at once. Only the whole text has status 0.
     const uint8_t member_key[6] = {0x69, 0, 1, 0, 1, 0}, header_key[2] = {0x66, 0};
-    const struct {
-        const char *name;
-        Bytes drop;
-        std::vector<Record> add;
-        std::string text;
-        kvdb_mem_faults fault{};
-    } cases[] = {
-        {"complete", {}, {}, all},
-        {"member missing", {0x69, 0, 1, 0, 1, 0}, {}, to_z1},
-        {"member array claims more than it holds", {}, {member_rec(1, 1, 0, cat({le32(2), tlv(10, kWwn)}))}, to_z1},
-        {"member record shorter than its head", {}, {{{0x69, 0, 1, 0, 1, 0}, {1, 0, 0}}}, to_z1},
-        {"zone record shorter than its head", {}, {{{0x68, 0, 1, 0, 0, 0}, {1, 0, 0, 0, 'z'}}}, ""},
-        {"zone array claims more than it holds", {}, {zone_rec(1, "z1", cat({le32(3), members_tlv({1})}))}, ""},
-        {"zoneset record with no data", {}, {{{0x67, 0, 1, 0, 0, 0}, {}}}, to_zs},
+    // The name, the key dropped, the records stored over the rest, the text, the read fault.
+    const std::tuple<const char *, Bytes, std::vector<Record>, std::string, kvdb_mem_faults> cases[] = {
+        {"complete", {}, {}, all, {}},
+        {"member missing", {0x69, 0, 1, 0, 1, 0}, {}, to_z1, {}},
+        {"member array claims more than it holds", {}, {member_rec(1, 1, 0, cat({le32(2), tlv(10, kWwn)}))}, to_z1,
+         {}},
+        {"member record shorter than its head", {}, {{{0x69, 0, 1, 0, 1, 0}, {1, 0, 0}}}, to_z1, {}},
+        {"zone record shorter than its head", {}, {{{0x68, 0, 1, 0, 0, 0}, {1, 0, 0, 0, 'z'}}}, "", {}},
+        {"zone array claims more than it holds", {}, {zone_rec(1, "z1", cat({le32(3), members_tlv({1})}))}, "", {}},
+        {"zoneset record with no data", {}, {{{0x67, 0, 1, 0, 0, 0}, {}}}, to_zs, {}},
         {"zoneset names a zone without a record", {0x68, 0, 2, 0, 0, 0}, {zone_db_header_rec({1}, {1})},
-         all.substr(0, all.find("zfx zone name z2")) + "zfx zoneset name zs\n  member z1\n"},
+         all.substr(0, all.find("zfx zone name z2")) + "zfx zoneset name zs\n  member z1\n", {}},
         {"active data shorter than its head", {}, {{{0x6C, 0, 0, 0, 0, 0}, be32(4)}},
-         all.substr(0, all.find("zfx zoneset activate"))},
+         all.substr(0, all.find("zfx zoneset activate")), {}},
         {"header read fails", {}, {}, "", {0, int32_t(0x40480099), header_key, 2, 0}},
         {"member read fails", {}, {}, to_z1, {0, int32_t(0x40480099), member_key, 6, 0}},
-        {"odd key first", {}, {{{0x69, 0, 0}, {1}}}, all},
+        {"odd key first", {}, {{{0x69, 0, 0}, {1}}}, all, {}},
     };
-    for (const auto &c : cases) {
+    for (const auto &[name, drop, add, text, fault] : cases) {
         std::vector<Record> records;
         for (const Record &r : base)
-            if (r.first != c.drop) records.push_back(r);
-        Stored stored(with(records, c.add));
-        kvdb_mem_inject(stored.prefix().config().c_str(), &c.fault);
-        EXPECT_EQ(zone_section_on(stored.get()), (Result{c.text == all ? 0 : ZFX_ERR_KVDB, c.text})) << c.name;
+            if (r.first != drop) records.push_back(r);
+        Stored stored(with(records, add));
+        kvdb_mem_inject(stored.prefix().config().c_str(), &fault);
+        EXPECT_EQ(zone_section_on(stored.get()), (Result{text == all ? 0 : ZFX_ERR_KVDB, text})) << name;
     }
     EXPECT_EQ(zfx_zone_generate_ascii_config(nullptr), 0);
 }

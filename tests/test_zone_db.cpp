@@ -1,6 +1,5 @@
 // The persistent zone database: exact bytes of every record kind and of the active zoneset data,
 // the member decode and the restoring readers. (The text made of such records: test_zone_ascii.)
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <tuple>

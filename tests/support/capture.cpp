@@ -1,7 +1,6 @@
 #include "capture.hpp"
 
 #include <cstdio>
-#include <cstdlib>
 #include <stdexcept>
 #include <unistd.h>
 

@@ -116,11 +116,9 @@ void put(const std::string &location, const std::vector<Record> &records) {
 
 Reader::Reader(const std::string &location) {
     int32_t status = -1;
-    store_ = kvdb_open(location.c_str(), &status);
+    store_.reset(kvdb_open(location.c_str(), &status));
     EXPECT_EQ(status, 0) << location;
 }
-
-Reader::~Reader() { kvdb_close(store_); }
 
 Stored::Stored(const std::vector<Record> &records, Backend backend)
     : prefix_(backend), reader_((put(prefix_.config(), records), prefix_.config())) {}

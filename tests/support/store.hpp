@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <initializer_list>
+#include <memory>
 #include <ostream>
 #include <string>
 #include <utility>
@@ -79,13 +80,10 @@ void put(const std::string &location, const std::vector<Record> &records);
 class Reader {
 public:
     explicit Reader(const std::string &location);
-    ~Reader();
-    Reader(const Reader &) = delete;
-    Reader &operator=(const Reader &) = delete;
-    kvdb_store *get() const { return store_; }
+    kvdb_store *get() const { return store_.get(); }
 
 private:
-    kvdb_store *store_;
+    std::unique_ptr<kvdb_store, decltype(&kvdb_close)> store_{nullptr, kvdb_close};
 };
 
 // Records and the text expected of them, a row of the suites' text tables.
