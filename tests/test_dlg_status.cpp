@@ -58,8 +58,7 @@ TEST(DlgStatus, RequestsOnTheWire) {
         EXPECT_EQ(svc.last().summary(), sent);
         EXPECT_EQ(svc.last().payload, payload) << sent << "\n" << hex(svc.last().payload);
     }
-    EXPECT_EQ(bytes_of(raw, 3), (Bytes{1, 2, 3}));
-    std::free(raw);
+    EXPECT_EQ(take(raw, 3), (Bytes{1, 2, 3}));
 }
 
 // One status reply, received by the split queries (NAT and enabled) and answering the waited
@@ -121,13 +120,11 @@ TEST(DlgStatus, EnabledAndNatRepliesWaitedOrSplit) {
 }
 
 TEST(DlgStatus, InfoReadsCheckTheirReply) {
-    Bytes unterminated = info_record(1);
-    std::fill(unterminated.begin() + 4, unterminated.end(), '7');
+    const Bytes unterminated = cat({be32(1), Bytes(256, '7')});
     // The activation time needs only the 12 bytes it reads (not converted); the record wants the
     // whole record, the number and the text a terminated text.
     const Bytes words = cat({be32(18), {1, 2, 3, 4}, {5, 6, 7, 8}});
-    Bytes record = info_record(18);
-    std::copy(words.begin(), words.end(), record.begin());
+    const Bytes record = cat({words, zeros(248)});  // info_record(18) with the words
     const std::string time_text = "\x01\x02\x03\x04\x05\x06\x07\x08";
     // The answer, whether zfx_dlg_get_info gives the record, zfx_dlg_get_info_int's number and
     // zfx_dlg_get_info_char's text.
@@ -152,9 +149,7 @@ TEST(DlgStatus, InfoReadsCheckTheirReply) {
     for (const auto &[answer, gives_record, number, text_read] : cases) {
         FakeService svc;
         for (int i = 0; i < 4; ++i) svc.answer(answer);
-        zfx_info_record *rec = zfx_dlg_get_info(svc.ep(), 18);
-        EXPECT_EQ(rec != nullptr ? bytes_of(rec, sizeof *rec) : Bytes{}, gives_record ? *answer.reply : Bytes{});
-        std::free(rec);
+        EXPECT_EQ(take(zfx_dlg_get_info(svc.ep(), 18), sizeof(zfx_info_record)), gives_record ? *answer.reply : Bytes{});
         EXPECT_EQ(zfx_dlg_get_info_int(svc.ep(), 18), number) << text_read;
         char *text = zfx_dlg_get_info_char(svc.ep(), 18);
         EXPECT_EQ(std::string(text), text_read);

@@ -154,10 +154,8 @@ TEST(RawQuery, RefusedFramesAndTransportArguments) {
 }
 
 TEST(RawQuery, NameServerEntry) {
-    Bytes entry(DIR_ENTRY_SIZE, 0x41);  // a symbolic name without terminator
-    for (size_t i = 0; i < 4; ++i) entry[i] = uint8_t(0x10 + i);
-    Bytes parsed = entry;
-    parsed[DIR_ENTRY_SIZE - 1] = 0;
+    const Bytes entry = cat({{0x10, 0x11, 0x12, 0x13}, Bytes(DIR_ENTRY_SIZE - 4, 0x41)});  // a name without terminator
+    const Bytes parsed = cat({Bytes(entry.begin(), entry.end() - 1), {0}});
     const std::pair<Bytes, int32_t> cases[] = {
         {dir_reply(0, 1, DIR_ENTRY_SIZE, entry), 0},
         {dir_reply(0, 2, DIR_ENTRY_SIZE + 4, cat({entry, zeros(4)})), 0},  // longer entries: fields ignored

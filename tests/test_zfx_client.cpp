@@ -145,8 +145,7 @@ TEST(ZfxClient, TheRelayCarriesRequestsUnchangedAndMeasuresReplies) {
         svc.answer(Answer::reply_with(zones));
         zfx_zone_msg *got = nullptr;
         EXPECT_EQ(zfx_dlg_get_zone(ep, ZFXD_OP_GET, "web", 0, &got, 1, 0), 0u);
-        EXPECT_EQ(bytes_of(got, zones.size()), zones);
-        std::free(got);
+        EXPECT_EQ(take(got, uint32_t(zones.size())), zones);
     }
     ASSERT_EQ(svc.sent().size(), 2u);
     EXPECT_EQ(std::pair(svc.sent()[1].summary(), svc.sent()[1].payload), std::pair(svc.sent()[0].summary(), svc.sent()[0].payload));

@@ -1,7 +1,6 @@
 // Zone queries: the exact query messages, the debug lines, the checks on replies, and the
 // data queries' copies into their structures (bounded, converted where the layout says so).
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <tuple>
@@ -78,8 +77,7 @@ TEST(ZoneQuery, RepliesAreCheckedBeforeUse) {
         svc.answer(answer);
         zfx_zone_msg *reply = reinterpret_cast<zfx_zone_msg *>(&svc);
         EXPECT_EQ(zfx_dlg_get_zone(svc.ep(), 1, nullptr, 5, &reply, 1, 0), result);
-        EXPECT_EQ(reply != nullptr ? bytes_of(reply, good.size()) : Bytes{}, handed);
-        std::free(reply);
+        EXPECT_EQ(take(reply, uint32_t(good.size())), handed);
         zfx_zone_info info;
         std::memset(&info, 0xCC, sizeof info);
         info.id = 5;
@@ -137,8 +135,7 @@ TEST(ZoneQuery, DataQueriesFillTheirStructures) {
                                        tlv_array({tlv(56, str0("second-long-name")), tlv(1, str0("first")),
                                                   tlv(61, Bytes(2000, 0x42)), tlv(3, {9}), tlv(31, Bytes(20, 7)),
                                                   tlv(27, Bytes(8, 0x41))})})));
-    zfx_zoneset_info set{};
-    set.id = 6;
+    zfx_zoneset_info set{.id = 6};
     ASSERT_EQ(zfx_dlg_get_zoneset_data(svc.ep(), 1, &set, 0), 0u);
     EXPECT_EQ(svc.last().payload, cat({be32(1), zeros(20), be32(6), le32(0)}));
     EXPECT_EQ(std::string(set.name), "first");
@@ -150,9 +147,7 @@ TEST(ZoneQuery, DataQueriesFillTheirStructures) {
     svc.answer(Answer::reply_with(cat({be32(1), zeros(4), be32(4), be32(3),
                                        tlv_array({tlv(27, le32(241)), tlv(12, le32(0x00050007)), tlv(10, wwn),
                                                   tlv(44, wwn), tlv(11, be32(10)), tlv(65, str0(chars(70)))})})));
-    zfx_zone_member_info member{};
-    member.id = 3;
-    member.zone_id = 4;
+    zfx_zone_member_info member{.id = 3, .zone_id = 4};
     ASSERT_EQ(zfx_dlg_get_zone_member_data(svc.ep(), 5, &member, 0), 0u);
     EXPECT_EQ(svc.last().summary(), "req 8603/5 t10 reply");
     EXPECT_EQ(svc.last().payload, cat({be32(1), zeros(4), be32(4), be32(3), le32(0)}));

@@ -181,8 +181,7 @@ TEST(ZoneTlv, ConversionsOnTheWire) {
         // A malformed array, even one that ends just past the message, leaves the whole message
         // as it is, and nothing is sent.
         for (const Bytes &array : {cat({le32(0xFF01), Bytes(host.begin() + k.array_off + 4, host.end())}), overrun(k)}) {
-            Bytes bad = cat({Bytes(host.begin(), host.begin() + k.array_off), array});
-            bad.resize(k.size + 8, 0);
+            Bytes bad = message(k, array, Bytes(host.begin(), host.begin() + k.array_off));
             const Bytes before = bad;
             k.hton(bad.data());
             EXPECT_EQ(bad, before);

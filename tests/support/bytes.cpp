@@ -1,5 +1,7 @@
 #include "bytes.hpp"
 
+#include <cstdlib>
+
 namespace zfxtest {
 
 const Bytes kWwn = {0x20, 0x00, 0x00, 0x11, 0x22, 0x33, 0x44, 0x55};
@@ -19,6 +21,12 @@ Bytes str0(const std::string &s) { return Bytes(s.c_str(), s.c_str() + s.size() 
 Bytes bytes_of(const void *p, size_t n) {
     const auto *b = static_cast<const uint8_t *>(p);
     return n != 0 ? Bytes(b, b + n) : Bytes{};
+}
+
+Bytes take(void *p, const uint32_t &len) {
+    Bytes b = p != nullptr ? bytes_of(p, len) : Bytes{};
+    std::free(p);
+    return b;
 }
 
 Bytes id_bits(size_t nbytes, const std::vector<int> &ids) {
