@@ -56,11 +56,10 @@ TEST(AsciiCfg, DebugLevelLineOnlyForAValidAudibleLevel) {
         {{cat({le32(2), le32(1)}), cat({le32(1), le32(3)})}, ""},  // another key
     };
     for (const auto &[record, line] : cases) {
-        Prefix p, q;
-        put(p.config(), {nat_rec(1)});
-        put(q.config(), {aam_rec(1)});
+        const Stored cfg({nat_rec(1)}), other({aam_rec(1)});
+        Prefix p;
         put(p.debug(), {record});
-        Reader cfg(p.config()), other(q.config()), dbg(p.debug());
+        Reader dbg(p.debug());
         // Listed first: the stores run in the order listed, each configuration store adds its
         // feature line, a store of unknown kind is passed over, and the logging line still
         // renders after the feature's elements.
@@ -138,9 +137,8 @@ TEST(AsciiCfg, AFailingSectionNeverStopsTheNext) {
 TEST(AsciiCfg, ServiceGroupDifferencesWithoutTheirIndex) {
     Stored r({sg_name_rec(false, 1, "g1"), sg_member_rec(false, 1, 1, vsans({1})), sg_member_rec(false, 1, 2, vsans({2})),
               sg_name_rec(false, 2, "gone"), sg_member_rec(false, 2, 1, vsans({3})), sg_member_rec(false, 2, 2, vsans({3})),
-              sg_name_rec(true, 1, "g1"),
-              sg_member_rec(true, 1, 1, vsans({1, 4})), sg_member_rec(true, 1, 3, vsans({2})), sg_name_rec(true, 3, "new"),
-              sg_member_rec(true, 3, 1, vsans({5}))});
+              sg_name_rec(true, 1, "g1"), sg_member_rec(true, 1, 1, vsans({1, 4})), sg_member_rec(true, 1, 3, vsans({2})),
+              sg_name_rec(true, 3, "new"), sg_member_rec(true, 3, 1, vsans({5}))});
     zfx2_sg_list *cfg = nullptr, *act = nullptr;
     uint32_t size = 0;
     ASSERT_EQ(zfx2_sg_config_get(r.get(), &cfg, &size, 1), 0);

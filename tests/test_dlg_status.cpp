@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <functional>
 #include <tuple>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -52,8 +53,7 @@ TEST(DlgStatus, RequestsOnTheWire) {
         FakeService svc;
         svc.answer(Answer::reply_with({1, 2, 3}, 6));
         EXPECT_EQ(call(svc.ep()), 6) << sent;
-        std::free(sr);
-        sr = nullptr;
+        std::free(std::exchange(sr, nullptr));
         ASSERT_EQ(svc.sent().size(), 1u) << sent;
         EXPECT_EQ(svc.last().summary(), sent);
         EXPECT_EQ(svc.last().payload, payload) << sent << "\n" << hex(svc.last().payload);

@@ -27,6 +27,10 @@ TEST(ZoneQuery, MessageQueriesOnTheWireAndTheirDebugLines) {
                       member_line = "zfx_dlg_get_zone_member : msg_type = 4, num_zones = 2, id = 9, name = z\n";
     // The length after the call: the reply's, 0 for none, the request's own beside a status.
     const std::string payload_lines[] = {"Payload size = 6\n", "Payload size = 0\n", "Payload size = 28 \n"};
+    const std::pair<std::string, Bytes> wire[] = {
+        {"req 8602/2 t10", cat({be32(1), le16(0x1234), zeros(2), be32(5), le32(0)})},
+        {"req 8601/1 t10", cat({be32(1), le16(0x80), zeros(2), zeros(16), be32(7), tlv_array({tlv(1, str0("set"))})})},
+        {"req 8603/4 t10 reply", cat({be32(2), zeros(4), be32(8), be32(9), tlv_array({tlv(6, str0("z"))})})}};
     for (int level : {0, 1, 2}) {
         FakeService svc;
         svc.answer(Answer::reply_with(zeros(6)));
@@ -44,13 +48,7 @@ TEST(ZoneQuery, MessageQueriesOnTheWireAndTheirDebugLines) {
                                                payload_lines[1] + member_line + payload_lines[2]);
         EXPECT_EQ(member, nullptr);
         ASSERT_EQ(svc.sent().size(), 3u);
-        EXPECT_EQ(svc.sent()[0].summary(), "req 8602/2 t10");
-        EXPECT_EQ(svc.sent()[0].payload, cat({be32(1), le16(0x1234), zeros(2), be32(5), le32(0)}));
-        EXPECT_EQ(svc.sent()[1].summary(), "req 8601/1 t10");
-        EXPECT_EQ(svc.sent()[1].payload,
-                  cat({be32(1), le16(0x80), zeros(2), zeros(16), be32(7), tlv_array({tlv(1, str0("set"))})}));
-        EXPECT_EQ(svc.sent()[2].summary(), "req 8603/4 t10 reply");
-        EXPECT_EQ(svc.sent()[2].payload, cat({be32(2), zeros(4), be32(8), be32(9), tlv_array({tlv(6, str0("z"))})}));
+        for (size_t i = 0; i < 3; ++i) EXPECT_EQ(std::pair(svc.sent()[i].summary(), svc.sent()[i].payload), wire[i]);
     }
 }
 
