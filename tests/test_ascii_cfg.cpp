@@ -108,22 +108,20 @@ TEST(AsciiCfg, AFailingSectionNeverStopsTheNext) {
     Prefix p;
     put(p.config(), records());
     EXPECT_EQ(generate_from(p.config()), whole());
+    const auto inject = [&](const kvdb_mem_faults &f) { kvdb_mem_inject(p.config().c_str(), &f); };
     // (A list that cannot be allocated takes away its own table only: the allocation-failure
     // sweep runs this generation failing each allocation in turn.)
     // A lookup that fails: the topology section returns early without its auto line; everything
     // after it still runs.
     const uint8_t mode_key[] = {0x65, 0x02};
-    kvdb_mem_faults f{0, int32_t(0x40480077), mode_key, 2, 0};
-    kvdb_mem_inject(p.config().c_str(), &f);
+    inject({0, int32_t(0x40480077), mode_key, 2, 0});
     EXPECT_EQ(generate_from(p.config()), text(kTopo + kDefaultAfid + kAfid + kActiveSg + kCfgSg + kPfcid));
     // A cursor that fails at once: no table at all, the single records still read, and the zone
     // section looks its members up one by one.
-    f = kvdb_mem_faults{0, 0, nullptr, 0, 1};
-    kvdb_mem_inject(p.config().c_str(), &f);
+    inject({0, 0, nullptr, 0, 1});
     EXPECT_EQ(generate_from(p.config()), text(kTopoAuto, kVdomList));
     const uint8_t nat_key[] = {0x70, 0x00};
-    f = kvdb_mem_faults{0, int32_t(0x40480077), nat_key, 2, 0};
-    kvdb_mem_inject(p.config().c_str(), &f);
+    inject({0, int32_t(0x40480077), nat_key, 2, 0});
     Reader r(p.config());
     uint8_t flag = 9;
     EXPECT_EQ(zfx2_get_fcid_nat_flag_from_kvdb(&flag, r.get()), 0x40480077);

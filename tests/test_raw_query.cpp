@@ -23,13 +23,11 @@ Bytes dir_reply(uint32_t status, uint32_t count, uint32_t size, const Bytes &ent
 
 TEST(RawQuery, MessagesOnTheWire) {
     xqb_msg sent = XQB_MSG_EMPTY;
+    const dir_query q{.scope = 0x0102, .attributes = DIR_ATTR_ALL};
     const std::tuple<std::function<int32_t(plat_endpoint *)>, const char *, Bytes> cases[] = {
         {[&](plat_endpoint *ep) { return zfx_send_get_native_domain(ep, 0x01020304, 0xAABBCCDD, &sent); },
          "raw 0/198657 @fe000001 reply", cat({be32(0x01020304), le32(0xAABBCCDD)})},
-        {[&](plat_endpoint *ep) {
-             const dir_query q{.scope = 0x0102, .attributes = DIR_ATTR_ALL};
-             return dir_send_get_entry_given_portname(ep, 0x20000011, 0x22334455, &q, &sent);
-         },
+        {[&](plat_endpoint *ep) { return dir_send_get_entry_given_portname(ep, 0x20000011, 0x22334455, &q, &sent); },
          "raw 0/8193 @fffffc sap=32 reply", cat({be32(0x20000011), be32(0x22334455), be32(0x0102), {0xFF, 0xFF, 0, 0}, zeros(8)})},
     };
     for (const auto &[call, summary, payload] : cases) {
@@ -88,8 +86,7 @@ TEST(RawQuery, CombinedQueriesTakeTheirOwnReplyThroughInterruptions) {
     const Bytes decoy = {0, 0, 0, 0, 0, 0x63};
     plat_endpoint_post(svc.ep(), plat_msg_new(&other, decoy.data(), 6));
     svc.answer(Answer::reply_with({0, 0, 0, 0, 0, 0x2A, 1, 0}));
-    svc.fail_recv(-1, EINTR);
-    svc.fail_recv(-1, EINTR);
+    for (int i = 0; i < 2; ++i) svc.fail_recv(-1, EINTR);
     uint32_t domain = 0;
     EXPECT_EQ(zfx_get_native_domain(svc.ep(), 3, 4, &domain), 0);
     EXPECT_EQ(domain, 42u);

@@ -16,8 +16,6 @@ using namespace zfxtest;
 
 const Bytes kAttr = zeros(8);
 
-using Result = zfxtest::SectionResult;
-
 // A zone's array: its member bitmap, its attribute block, then more elements.
 Bytes zone_array(const std::vector<int> &members, std::initializer_list<Bytes> more = {}) {
     return cat({le32(uint32_t(2 + more.size())), members_tlv(members), tlv(9, kAttr), cat(more)});
@@ -42,7 +40,7 @@ TEST(ZoneText, EveryRuleOfTheZoneSection) {
     const std::string wwn = "20:00:00:11:22:33:44:55";
     const std::vector<Record> one_zone = {zone_db_header_rec({1}, {}), zone_rec(1, "z1", zone_array({}))};
     const std::string tail = "vsan 10 autonomous-fabric-id 0\n";  // of a member without its AFID
-    const std::tuple<const char *, std::vector<Record>, Result> cases[] = {
+    const std::tuple<const char *, std::vector<Record>, SectionResult> cases[] = {
         {"no header: nothing, not even the activation", active_chunks(active("a"), 100), {0, ""}},
         {"empty header", {zone_db_header_rec({}, {})}, {0, ""}},
         {"short header marks zones 1 and 3 (a zone without a member element has no members)",
@@ -95,8 +93,7 @@ TEST(ZoneText, EveryRuleOfTheZoneSection) {
                                           active_chunks(active("act"), 50)[1], active_chunks(active("act"), 50)[2]}),
          {0, "zfx zone name z1\nzfx zoneset activate name act force\n"}},
         {"activation without force, or without options",
-         {zone_db_header_rec({}, {}), zone_options_rec(0x7FFFFFFF), active_chunks(active("act"), 100)[0],
-          active_chunks(active("act"), 100)[1]},
+         with({zone_db_header_rec({}, {}), zone_options_rec(0x7FFFFFFF)}, active_chunks(active("act"), 100)),
          {0, "zfx zoneset activate name act\n"}},
         {"a record holding an id other than its key's (at the table's end): its members are those of the id it holds",
          {zone_db_header_rec({1}, {}), {zone_rec(1, "", {}).first, zone_rec(2, "z1", zone_array({1})).second}, pwwn_member(2, 1, 10, 1)},
@@ -112,10 +109,10 @@ TEST(ZoneText, EveryRuleOfTheZoneSection) {
 }
 
 TEST(ZoneText, FirstFailureStopsTheSectionAndKeepsItsLines) {
-    const std::vector<Record> base = {zone_db_header_rec({1, 2}, {1}), zone_rec(1, "z1", zone_array({1})),
-                                      pwwn_member(1, 1, 10, 1), zone_rec(2, "z2", zone_array({})),
-                                      zoneset_rec(1, "zs", tlv_array({zones_tlv(4, {1, 2})})),
-                                      active_chunks(active("act"), 100)[0], active_chunks(active("act"), 100)[1]};
+    const std::vector<Record> base = with({zone_db_header_rec({1, 2}, {1}), zone_rec(1, "z1", zone_array({1})),
+                                           pwwn_member(1, 1, 10, 1), zone_rec(2, "z2", zone_array({})),
+                                           zoneset_rec(1, "zs", tlv_array({zones_tlv(4, {1, 2})}))},
+                                          active_chunks(active("act"), 100));
     const std::string all = "zfx zone name z1\n  member pwwn 20:00:00:11:22:33:44:55            vsan 10\n"
                             "zfx zone name z2\nzfx zoneset name zs\n  member z1\n  member z2\n"
                             "zfx zoneset activate name act\n";
@@ -153,7 +150,7 @@ TEST(ZoneText, FirstFailureStopsTheSectionAndKeepsItsLines) {
             if (r.first != drop) records.push_back(r);
         Stored stored(with(records, add));
         kvdb_mem_inject(stored.prefix().config().c_str(), &fault);
-        EXPECT_EQ(zone_section_on(stored.get()), (Result{text == all ? 0 : ZFX_ERR_KVDB, text})) << name;
+        EXPECT_EQ(zone_section_on(stored.get()), (SectionResult{text == all ? 0 : ZFX_ERR_KVDB, text})) << name;
     }
     EXPECT_EQ(zfx_zone_generate_ascii_config(nullptr), 0);
 }

@@ -229,15 +229,13 @@ TEST(ZoneDb, ExtensionStepWritesOnlyWhatFits) {
 TEST(ZoneDb, ChunkedRestoreJoinsCompletesAndNeverOverruns) {
     Bytes data(300);
     for (size_t i = 0; i < data.size(); ++i) data[i] = uint8_t(i * 7 + 1);
-    std::vector<Record> surplus = active_chunks(cat({data, Bytes(150, 0xEE)}), 200, 300);
-    std::vector<Record> partial = active_chunks(data, 200);
-    partial.pop_back();
     // The name, the records, the data expected (empty: NULL).
     const std::tuple<const char *, std::vector<Record>, Bytes> cases[] = {
         {"two chunks", active_chunks(data, 200), data},
         {"one byte at a time", active_chunks(data, 1), data},
-        {"chunk 2 missing", partial, cat({Bytes(data.begin(), data.begin() + 200), zeros(100)})},
-        {"surplus not copied", surplus, data},
+        {"chunk 2 missing", {active_chunks(data, 200)[0], active_chunks(data, 200)[1]},
+         cat({Bytes(data.begin(), data.begin() + 200), zeros(100)})},
+        {"surplus not copied", active_chunks(cat({data, Bytes(150, 0xEE)}), 200, 300), data},
         {"chunk 1 missing", {{{0x6C, 0, 0, 0, 0, 0}, be32(300)}}, zeros(300)},
         {"total 0", active_chunks(data, 200, 0), {}},
         {"total beyond what the data can take", active_chunks(data, 200, 0xFFFFFFFF), {}},
