@@ -37,9 +37,8 @@ TEST(ZoneDb, MemberRecordsCarryTheElementsOfTheirTypeAndDecodeBack) {
         ASSERT_EQ(zfx_zone_decode_member_from_kvdb_cfg(rec.data(), &back), 0);
         const bool wwn = type == 0 || type == 240, lun = type >= 240, named = type == 1 || type == 241;
         EXPECT_EQ(std::tuple(back.type, back.vsan, back.afid), std::tuple(type, 10u, uint16_t(5)));
-        EXPECT_EQ(bytes_of(back.pwwn, 8), wwn ? node_wwn(9) : zeros(8));
-        EXPECT_EQ(bytes_of(back.lun, 8), lun ? kNodeLun : zeros(8));
-        EXPECT_EQ(std::string(back.device_alias), named ? alias : "");
+        EXPECT_EQ(std::tuple(bytes_of(back.pwwn, 8), bytes_of(back.lun, 8), std::string(back.device_alias)),
+                  std::tuple(wwn ? node_wwn(9) : zeros(8), lun ? kNodeLun : zeros(8), named ? alias : ""));
 
         uint32_t size = 0, typed = 0;
         EXPECT_EQ(zfx_zone_get_zone_member_attrib_tlvs_size(&m, 0, &size), 0);
@@ -81,9 +80,8 @@ TEST(ZoneDb, DecodeFillsOnlyWhatTheRecordCarries) {
                                       tlv(99, le32(1)), tlv(11, le32(7)), tlv(12, be32(0x00030002))})});
     ASSERT_EQ(zfx_zone_decode_member_from_kvdb_cfg(rec.data(), &m), 0);
     EXPECT_EQ(std::tuple(m.id, m.vsan, m.afid), std::tuple(0u, 7u, uint16_t(0x0300)));
-    EXPECT_EQ(Bytes(m.pwwn, m.pwwn + 8), wwn);
-    EXPECT_EQ(Bytes(m.lun, m.lun + 8), lun);
-    EXPECT_STREQ(m.device_alias, "kept");
+    EXPECT_EQ(std::tuple(bytes_of(m.pwwn, 8), bytes_of(m.lun, 8), std::string(m.device_alias)),
+              std::tuple(wwn, lun, "kept"));
     for (const auto &[alias, want] : {std::pair{tlv_array({tlv(65, Bytes(68, 'x'))}), std::string(67, 'x')},
                                       {tlv_array({tlv(65, {'a', 'b', 0, 'c'}), tlv(65, {})}), std::string()}}) {
         ASSERT_EQ(zfx_zone_decode_member_from_kvdb_cfg(cat({le16(4), {0, 0}, alias}).data(), &m), 0);
@@ -226,7 +224,9 @@ TEST(ZoneDb, ExtensionStepWritesOnlyWhatFits) {
     EXPECT_EQ(std::tuple(count, at, bytes_of(buf, 64)), std::tuple(5u, buf, zeros(64)));
 }
 
-TEST(ZoneDb, ChunkedRestoreJoinsCompletesAndNeverOverruns) {
+// The restoring readers: the active data joined from its chunks (completed, never overrun), and
+// the options word, of which at most four bytes are copied.
+TEST(ZoneDb, RestoringReadersJoinCompleteAndNeverOverrun) {
     Bytes data(300);
     for (size_t i = 0; i < data.size(); ++i) data[i] = uint8_t(i * 7 + 1);
     // The name, the records, the data expected (empty: NULL).
@@ -249,17 +249,15 @@ TEST(ZoneDb, ChunkedRestoreJoinsCompletesAndNeverOverruns) {
         EXPECT_EQ(take(got, uint32_t(expected.size())), expected) << name;
     }
     EXPECT_EQ(zfx_zone_restore_active_pzs_from_kvdb(nullptr), nullptr);
-}
 
-TEST(ZoneDb, OptionsWordCopiesAtMostFourBytes) {
-    const std::pair<std::vector<Record>, std::pair<int32_t, Bytes>> cases[] = {
+    const std::pair<std::vector<Record>, std::pair<int32_t, Bytes>> options[] = {
         {{zone_options_rec(0x80000001)}, {0, {0x80, 0, 0, 1, 0xEE}}},
         {{{{0x6B, 0}, {1, 2, 3, 4, 5, 6}}}, {0, {1, 2, 3, 4, 0xEE}}},
         {{{{0x6B, 0}, {9}}}, {0, {9, 0xEE, 0xEE, 0xEE, 0xEE}}},
         {{{{0x6B, 0}, {}}}, {ZFX_ERR_KVDB, Bytes(5, 0xEE)}},
         {{}, {ZFX_ERR_KVDB, Bytes(5, 0xEE)}},
     };
-    for (const auto &[records, want] : cases) {
+    for (const auto &[records, want] : options) {
         Stored r(records);
         Bytes dst(5, 0xEE);
         EXPECT_EQ(zfx_zone_kvdb_restore_options_from_kvdb(r.get(), reinterpret_cast<uint32_t *>(dst.data())), want.first);
