@@ -117,10 +117,8 @@ TEST(ZfxClient, RepliesDecodeCutsAreRefusedAndMalformedOnesSayWhy) {
             EXPECT_EQ(decode(cat({bytes, zeros(7), Bytes{1}})).rfind("error: 8 bytes that are not zero", 0), 0u);
         }
     }
-}
 
-// Member data from a caller is held to the same rules as a reply's.
-TEST(ZfxClient, MemberDataIsCheckedAsRepliesAre) {
+    // Member data from a caller is held to the same rules as a reply's.
     zfx_zone_member_info info{.type = ZFX_MEMBER_DEVICE_ALIAS_LUN, .afid = 2, .vsan = 7};
     std::memcpy(info.device_alias, "vault", 6);
     zfxtool::MemberEntry m;

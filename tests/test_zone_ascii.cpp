@@ -145,9 +145,8 @@ TEST(ZoneText, FirstFailureStopsTheSectionAndKeepsItsLines) {
         {"odd key first", {}, {{{0x69, 0, 0}, {1}}}, all, {}},
     };
     for (const auto &[name, drop, add, text, fault] : cases) {
-        std::vector<Record> records;
-        for (const Record &r : base)
-            if (r.first != drop) records.push_back(r);
+        std::vector<Record> records = base;
+        std::erase_if(records, [&](const Record &r) { return r.first == drop; });
         Stored stored(with(records, add));
         kvdb_mem_inject(stored.prefix().config().c_str(), &fault);
         EXPECT_EQ(zone_section_on(stored.get()), (SectionResult{text == all ? 0 : ZFX_ERR_KVDB, text})) << name;

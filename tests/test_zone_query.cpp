@@ -97,8 +97,7 @@ TEST(ZoneQuery, RepliesAreCheckedBeforeUse) {
 
 TEST(ZoneQuery, DataQueriesFillTheirStructures) {
     FakeService svc;
-    const Bytes members = cat({le32(256), Bytes(256, 0x81)}), attr = {1, 2, 3, 4, 5, 6, 7, 8};
-    const Bytes wwn = {1, 2, 3, 4, 5, 6, 7, 8};
+    const Bytes members = cat({le32(256), Bytes(256, 0x81)}), attr = {1, 2, 3, 4, 5, 6, 7, 8}, wwn = attr;
     // Zone: a 70-character name keeps 64; read-only converted, its word alone taken from a longer
     // value (the structure ends there); QoS as received; others (another kind's elements too)
     // passed over.

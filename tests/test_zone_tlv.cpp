@@ -39,10 +39,9 @@ Kind kind(M *(*alloc)(), int32_t (*add)(void *, uint16_t, uint16_t, const void *
             one_size, size, array_off, msg_type};
 }
 
-const Kind kMember = kind(zfx_dlg_malloc_one_zone_member_and_all_attribs,
-                          zfx_dlg_zone_member_add_tlv, zfx_do_sanity_for_zone_member_create, zfx_zone_member_tlv_hton,
-                          zfx_zone_member_tlv_ntoh, zfx_dlg_config_zone_member_tlv, zfx_get_size_one_zone_member_tlv,
-                          140, 16, 8603);
+const Kind kMember = kind(zfx_dlg_malloc_one_zone_member_and_all_attribs, zfx_dlg_zone_member_add_tlv,
+                          zfx_do_sanity_for_zone_member_create, zfx_zone_member_tlv_hton, zfx_zone_member_tlv_ntoh,
+                          zfx_dlg_config_zone_member_tlv, zfx_get_size_one_zone_member_tlv, 140, 16, 8603);
 const Kind kZone = kind(zfx_dlg_malloc_one_zone_and_all_attribs,
                         zfx_dlg_zone_add_tlv, zfx_do_sanity_for_zone_create, zfx_zone_tlv_hton, zfx_zone_tlv_ntoh,
                         zfx_dlg_config_zone_tlv, zfx_get_size_one_zone_tlv, 380, 12, 8602);
