@@ -135,8 +135,8 @@ TEST(AsciiCfg, AFailingSectionNeverStopsTheNext) {
 TEST(AsciiCfg, ServiceGroupDifferencesWithoutTheirIndex) {
     Stored r({sg_name_rec(false, 1, "g1"), sg_member_rec(false, 1, 1, vsans({1})), sg_member_rec(false, 1, 2, vsans({2})),
               sg_name_rec(false, 2, "gone"), sg_member_rec(false, 2, 1, vsans({3})), sg_member_rec(false, 2, 2, vsans({3})),
-              sg_name_rec(true, 1, "g1"), sg_member_rec(true, 1, 1, vsans({1, 4})), sg_member_rec(true, 1, 3, vsans({2})),
-              sg_name_rec(true, 3, "new"), sg_member_rec(true, 3, 1, vsans({5}))});
+              sg_name_rec(true, 1, "g1"), sg_member_rec(true, 1, 1, vsans({1, 4})), sg_name_rec(true, 3, "new"),
+              sg_member_rec(true, 1, 3, vsans({2})), sg_member_rec(true, 3, 1, vsans({5}))});
     zfx2_sg_list *cfg = nullptr, *act = nullptr;
     uint32_t size = 0;
     ASSERT_EQ(zfx2_sg_config_get(r.get(), &cfg, &size, 1), 0);

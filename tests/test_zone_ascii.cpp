@@ -105,7 +105,8 @@ TEST(ZoneText, EveryRuleOfTheZoneSection) {
           zoneset_rec(1, "zs", tlv_array({zones_tlv(4, {1, 2})}))},
          {0, "zfx zone name z2\nzfx zoneset name zs\n  member z2\n"}},
     };
-    for (const auto &[name, records, expected] : cases) EXPECT_EQ(zone_section_on(Stored(records).get()), expected) << name;
+    for (const auto &[name, records, expected] : cases)
+        EXPECT_EQ(zone_section_on(Stored(records).get()), expected) << name;
 }
 
 TEST(ZoneText, FirstFailureStopsTheSectionAndKeepsItsLines) {

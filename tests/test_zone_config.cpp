@@ -15,7 +15,6 @@
 namespace {
 
 using namespace zfxtest;
-using Call = std::function<uint32_t(plat_endpoint *)>;
 
 const uint8_t kWwn[8] = {0x21, 0x00, 0x00, 0x24, 0xff, 0x4c, 0xa0, 0x01};
 const uint8_t kLun[8] = {0x00, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x0a};
@@ -30,7 +29,7 @@ TEST(ZoneConfig, MessagesBuiltFromArguments) {
     const Bytes head = cat({be32(1), zeros(4)}), set_head = cat({be32(1), zeros(20)});
     const std::string member = "zfx_dlg_config_zone_member : id = ";
     const struct {
-        Call call;
+        std::function<uint32_t(plat_endpoint *)> call;
         uint32_t msg_type;
         Bytes payload;
         std::string lines;  // the member request's, before its last three
@@ -86,8 +85,8 @@ TEST(ZoneConfig, MessagesBuiltFromArguments) {
         }
         ASSERT_EQ(svc.sent().size(), c.msg_type != 0 ? 1u : 0u);
         if (c.msg_type == 0) continue;
-        EXPECT_EQ(svc.last().summary(), "req " + std::to_string(c.msg_type) + "/2 t10 a=o b6");
-        EXPECT_EQ(svc.last().payload, c.payload) << hex(svc.last().payload);
+        EXPECT_EQ(std::pair(svc.last().summary(), svc.last().payload),
+                  std::pair("req " + std::to_string(c.msg_type) + "/2 t10 a=o b6", c.payload));
     }
     // Activation alone maps a failed channel call.
     FakeService svc;

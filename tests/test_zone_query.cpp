@@ -29,7 +29,7 @@ TEST(ZoneQuery, MessageQueriesOnTheWireAndTheirDebugLines) {
     const std::string payload_lines[] = {"Payload size = 6\n", "Payload size = 0\n", "Payload size = 28 \n"};
     const std::pair<std::string, Bytes> wire[] = {
         {"req 8602/2 t10", cat({be32(1), le16(0x1234), zeros(2), be32(5), le32(0)})},
-        {"req 8601/1 t10", cat({be32(1), le16(0x80), zeros(2), zeros(16), be32(7), tlv_array({tlv(1, str0("set"))})})},
+        {"req 8601/1 t10", cat({be32(1), le16(0x80), zeros(18), be32(7), tlv_array({tlv(1, str0("set"))})})},
         {"req 8603/4 t10 reply", cat({be32(2), zeros(4), be32(8), be32(9), tlv_array({tlv(6, str0("z"))})})}};
     for (int level : {0, 1, 2}) {
         FakeService svc;
@@ -144,8 +144,8 @@ TEST(ZoneQuery, DataQueriesFillTheirStructures) {
                                                   tlv(44, wwn), tlv(11, be32(10)), tlv(65, str0(chars(70)))})})));
     zfx_zone_member_info member{.id = 3, .zone_id = 4};
     ASSERT_EQ(zfx_dlg_get_zone_member_data(svc.ep(), 5, &member, 0), 0u);
-    EXPECT_EQ(svc.last().summary(), "req 8603/5 t10 reply");
-    EXPECT_EQ(svc.last().payload, cat({be32(1), zeros(4), be32(4), be32(3), le32(0)}));
+    EXPECT_EQ(std::pair(svc.last().summary(), svc.last().payload),
+              std::pair(std::string("req 8603/5 t10 reply"), cat({be32(1), zeros(4), be32(4), be32(3), le32(0)})));
     EXPECT_EQ(bytes_of(&member, 14), cat({le32(3), le32(4), le32(241), le16(7)}));
     EXPECT_EQ(bytes_of(member.pwwn, 16), cat({wwn, wwn}));
     EXPECT_EQ(bytes_of(&member.vsan, 4), be32(10));  // as received

@@ -40,7 +40,9 @@ const std::string kPfcid = "zfx fcdomain database autonomous-fabric-num 1 vsan 1
                            "    pwwn 20:00:00:11:22:33:44:55 fcid 0x200100\n";
 const std::string kCommit = "zfx commit\n";
 
-std::string text(const std::string &tables, const std::string &vdoms) { return kHead + vdoms + kTail + kZone + tables + kCommit; }
+std::string text(const std::string &tables, const std::string &vdoms) {
+    return kHead + vdoms + kTail + kZone + tables + kCommit;
+}
 
 std::string whole() { return text(kTopo + kTopoAuto + kDefaultAfid + kAfid + kActiveSg + kCfgSg + kPfcid); }
 
