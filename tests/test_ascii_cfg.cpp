@@ -42,11 +42,7 @@ TEST(AsciiCfg, StoresYieldTheirTextInElementOrderWithTheCommitRules) {
         {"a one-byte flags value", {{{0x75, 0x01}, {0x11}}},
          "feature zfx\nzfx fcdomain check-ignore\nzfx share-hw-entries\n"},
     };
-    for (const TextCase &c : cases) {
-        Prefix p;
-        put(p.config(), c.records);
-        EXPECT_EQ(generate_from(p.config()), c.expected) << c.name;
-    }
+    for (const TextCase &c : cases) EXPECT_EQ("feature zfx\n" + section(c.records), c.expected) << c.name;
 }
 
 TEST(AsciiCfg, DebugLevelLineOnlyForAValidAudibleLevel) {
@@ -60,11 +56,10 @@ TEST(AsciiCfg, DebugLevelLineOnlyForAValidAudibleLevel) {
         {{cat({le32(2), le32(1)}), cat({le32(1), le32(3)})}, ""},  // another key
     };
     for (const auto &[record, line] : cases) {
-        Prefix p, q;
-        put(p.config(), {nat_rec(1)});
-        put(q.config(), {aam_rec(1)});
+        const Stored cfg({nat_rec(1)}), other({aam_rec(1)});
+        Prefix p;
         put(p.debug(), {record});
-        Reader cfg(p.config()), other(q.config()), dbg(p.debug());
+        Reader dbg(p.debug());
         // Listed first: the stores run in the order listed, each configuration store adds its
         // feature line, a store of unknown kind is passed over, and the logging line still
         // renders after the feature's elements.
@@ -113,22 +108,20 @@ TEST(AsciiCfg, AFailingSectionNeverStopsTheNext) {
     Prefix p;
     put(p.config(), records());
     EXPECT_EQ(generate_from(p.config()), whole());
+    const auto inject = [&](const kvdb_mem_faults &f) { kvdb_mem_inject(p.config().c_str(), &f); };
     // (A list that cannot be allocated takes away its own table only: the allocation-failure
     // sweep runs this generation failing each allocation in turn.)
     // A lookup that fails: the topology section returns early without its auto line; everything
     // after it still runs.
     const uint8_t mode_key[] = {0x65, 0x02};
-    kvdb_mem_faults f{0, int32_t(0x40480077), mode_key, 2, 0};
-    kvdb_mem_inject(p.config().c_str(), &f);
+    inject({0, int32_t(0x40480077), mode_key, 2, 0});
     EXPECT_EQ(generate_from(p.config()), text(kTopo + kDefaultAfid + kAfid + kActiveSg + kCfgSg + kPfcid));
     // A cursor that fails at once: no table at all, the single records still read, and the zone
     // section looks its members up one by one.
-    f = kvdb_mem_faults{0, 0, nullptr, 0, 1};
-    kvdb_mem_inject(p.config().c_str(), &f);
+    inject({0, 0, nullptr, 0, 1});
     EXPECT_EQ(generate_from(p.config()), text(kTopoAuto, kVdomList));
     const uint8_t nat_key[] = {0x70, 0x00};
-    f = kvdb_mem_faults{0, int32_t(0x40480077), nat_key, 2, 0};
-    kvdb_mem_inject(p.config().c_str(), &f);
+    inject({0, int32_t(0x40480077), nat_key, 2, 0});
     Reader r(p.config());
     uint8_t flag = 9;
     EXPECT_EQ(zfx2_get_fcid_nat_flag_from_kvdb(&flag, r.get()), 0x40480077);
@@ -142,9 +135,8 @@ TEST(AsciiCfg, AFailingSectionNeverStopsTheNext) {
 TEST(AsciiCfg, ServiceGroupDifferencesWithoutTheirIndex) {
     Stored r({sg_name_rec(false, 1, "g1"), sg_member_rec(false, 1, 1, vsans({1})), sg_member_rec(false, 1, 2, vsans({2})),
               sg_name_rec(false, 2, "gone"), sg_member_rec(false, 2, 1, vsans({3})), sg_member_rec(false, 2, 2, vsans({3})),
-              sg_name_rec(true, 1, "g1"),
-              sg_member_rec(true, 1, 1, vsans({1, 4})), sg_member_rec(true, 1, 3, vsans({2})), sg_name_rec(true, 3, "new"),
-              sg_member_rec(true, 3, 1, vsans({5}))});
+              sg_name_rec(true, 1, "g1"), sg_member_rec(true, 1, 1, vsans({1, 4})), sg_name_rec(true, 3, "new"),
+              sg_member_rec(true, 1, 3, vsans({2})), sg_member_rec(true, 3, 1, vsans({5}))});
     zfx2_sg_list *cfg = nullptr, *act = nullptr;
     uint32_t size = 0;
     ASSERT_EQ(zfx2_sg_config_get(r.get(), &cfg, &size, 1), 0);

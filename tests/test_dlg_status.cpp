@@ -5,6 +5,8 @@
 #include <climits>
 #include <cstdlib>
 #include <functional>
+#include <tuple>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -18,9 +20,7 @@ using namespace zfxtest;
 Bytes vsan_form(uint8_t kind, std::initializer_list<int> vsan) { return cat({vsans(vsan), {kind}, zeros(31)}); }
 
 Bytes info_record(uint32_t key, const std::string &text = "") {
-    Bytes b = cat({be32(key), Bytes(text.begin(), text.end())});
-    b.resize(260, 0);
-    return b;
+    return cat({be32(key), Bytes(text.begin(), text.end()), zeros(256 - text.size())});
 }
 
 // Each request as sent. Every one is answered with a reply beside status 6: the ones that hand
@@ -29,11 +29,7 @@ TEST(DlgStatus, RequestsOnTheWire) {
     zfx_status_reply *sr = nullptr;
     void *raw = nullptr;
     const Bytes one_zero = cat({be32(1), be32(0)});
-    const struct {
-        std::function<int32_t(plat_endpoint *)> call;
-        const char *sent;
-        Bytes payload;
-    } cases[] = {
+    const std::tuple<std::function<int32_t(plat_endpoint *)>, const char *, Bytes> cases[] = {
         {[&](auto ep) { return zfx_is_zfx_enabled(ep, &sr); }, "req 8626/1 t15 reply", zeros(4)},
         {[&](auto ep) { return zfx_is_zfx_enabled_ext(ep, &sr); }, "req 8626/1 t15 reply", vsan_form(2, {})},
         {[](auto ep) { return zfx_is_zfx_enabled_send(ep, 77); }, "send 8626/1 @fe000000 tag77", zeros(4)},
@@ -51,30 +47,23 @@ TEST(DlgStatus, RequestsOnTheWire) {
         {[](auto ep) { return zfx_dlg_get_zoneset_status(ep, 6, 0xFFFFFFFFu, nullptr); }, "req 8616/6 t10",
          cat({be32(0), be32(0xFFFFFFFFu)})},
     };
-    for (const auto &c : cases) {
+    for (const auto &[call, sent, payload] : cases) {
         FakeService svc;
         svc.answer(Answer::reply_with({1, 2, 3}, 6));
-        EXPECT_EQ(c.call(svc.ep()), 6) << c.sent;
-        std::free(sr);
-        sr = nullptr;
-        ASSERT_EQ(svc.sent().size(), 1u) << c.sent;
-        EXPECT_EQ(svc.last().summary(), c.sent);
-        EXPECT_EQ(svc.last().payload, c.payload) << c.sent << "\n" << hex(svc.last().payload);
+        EXPECT_EQ(call(svc.ep()), 6) << sent;
+        std::free(std::exchange(sr, nullptr));
+        ASSERT_EQ(svc.sent().size(), 1u) << sent;
+        EXPECT_EQ(std::pair(svc.last().summary(), svc.last().payload), std::pair(std::string(sent), payload));
     }
-    EXPECT_EQ(bytes_of(raw, 3), (Bytes{1, 2, 3}));
-    std::free(raw);
+    EXPECT_EQ(take(raw, 3), (Bytes{1, 2, 3}));
 }
 
 // One status reply, received by the split queries (NAT and enabled) and answering the waited
 // ones. The enabled forms give the reply with its three words in host order; the waited ones
 // otherwise a zero substitute of 48 readable bytes, and an errno code for a failed channel call.
 TEST(DlgStatus, EnabledAndNatRepliesWaitedOrSplit) {
-    const struct {
-        int32_t status;  // -1: the channel call failed
-        Bytes payload;
-        int32_t result;
-        uint32_t nat;
-    } cases[] = {
+    // The reply's status (-1: the channel call failed) and payload, the parses' result, the NAT flag.
+    const std::tuple<int32_t, Bytes, int32_t, uint32_t> cases[] = {
         {0, cat({be32(1), be32(0x0A0B0C0D), be32(3), {0x01}}), 0, 1},
         {0, cat({be32(1), be32(2), be32(3), {0xFE}}), 0, 0},
         {0, cat({be32(0), be32(2), be32(3), {0x01}}), 0, 0},
@@ -85,32 +74,32 @@ TEST(DlgStatus, EnabledAndNatRepliesWaitedOrSplit) {
         {0, zeros(12), ZFX_ERR_INVALID_ARG, 0},
         {0, {}, ZFX_ERR_INVALID_ARG, 0},
     };
-    for (const auto &c : cases) {
-        Bytes host = c.payload;
-        for (size_t w = 0; c.result == 0 && w < 3; ++w) std::reverse(host.begin() + 4 * long(w), host.begin() + 4 * long(w + 1));
-        const plat_msg_info info{8626, 1, 0, 110, 0, 1, c.status};
-        plat_msg *msg = plat_msg_new(&info, c.payload.data(), uint32_t(c.payload.size()));
+    for (const auto &[status, payload_bytes, result, nat] : cases) {
+        Bytes host = payload_bytes;
+        for (size_t w = 0; result == 0 && w < 3; ++w) std::reverse(host.begin() + 4 * long(w), host.begin() + 4 * long(w + 1));
+        const plat_msg_info info{8626, 1, 0, 110, 0, 1, status};
+        plat_msg *msg = plat_msg_new(&info, payload_bytes.data(), uint32_t(payload_bytes.size()));
         uint32_t flag = 5, len;
-        EXPECT_EQ(zfx_is_zfx_nat_enabled_in_vsan_parse(msg, &flag), c.result) << hex(c.payload);
-        EXPECT_EQ(flag, c.nat);
-        EXPECT_EQ(zfx_is_zfx_nat_enabled_in_vsan_parse(msg, nullptr), c.result);
+        EXPECT_EQ(zfx_is_zfx_nat_enabled_in_vsan_parse(msg, &flag), result) << hex(payload_bytes);
+        EXPECT_EQ(flag, nat);
+        EXPECT_EQ(zfx_is_zfx_nat_enabled_in_vsan_parse(msg, nullptr), result);
         const void *payload = plat_msg_payload(msg, &len);
-        EXPECT_EQ(bytes_of(payload, len), c.payload) << "the NAT parse converts nothing";
+        EXPECT_EQ(bytes_of(payload, len), payload_bytes) << "the NAT parse converts nothing";
         auto *reply = reinterpret_cast<zfx_status_reply *>(&flag);
-        EXPECT_EQ(zfx_is_zfx_enabled_parse(msg, &reply), c.result);
-        EXPECT_EQ(static_cast<const void *>(reply), c.result == 0 ? payload : nullptr);
+        EXPECT_EQ(zfx_is_zfx_enabled_parse(msg, &reply), result);
+        EXPECT_EQ(static_cast<const void *>(reply), result == 0 ? payload : nullptr);
         EXPECT_EQ(bytes_of(payload, len), host) << "converted in place";
         plat_msg_free(msg);
 
         for (auto fn : {zfx_is_zfx_enabled, zfx_is_zfx_enabled_ext}) {
             FakeService svc;
-            svc.answer(c.status == -1        ? Answer::failure(ENOENT)
-                       : !c.payload.empty() ? Answer::reply_with(c.payload, c.status)
-                                            : Answer::status(c.status));
+            svc.answer(status == -1            ? Answer::failure(ENOENT)
+                       : !payload_bytes.empty() ? Answer::reply_with(payload_bytes, status)
+                                                : Answer::status(status));
             zfx_status_reply *waited = nullptr;
-            EXPECT_EQ(fn(svc.ep(), &waited), c.status == -1 ? ZFX_ERR_ERRNO(ENOENT) : c.result);
+            EXPECT_EQ(fn(svc.ep(), &waited), status == -1 ? ZFX_ERR_ERRNO(ENOENT) : result);
             ASSERT_NE(waited, nullptr);
-            EXPECT_EQ(bytes_of(waited, c.result == 0 ? 13 : 48), c.result == 0 ? host : zeros(48));
+            EXPECT_EQ(bytes_of(waited, result == 0 ? 13 : 48), result == 0 ? host : zeros(48));
             std::free(waited);
         }
     }
@@ -128,20 +117,15 @@ TEST(DlgStatus, EnabledAndNatRepliesWaitedOrSplit) {
 }
 
 TEST(DlgStatus, InfoReadsCheckTheirReply) {
-    Bytes unterminated = info_record(1);
-    std::fill(unterminated.begin() + 4, unterminated.end(), '7');
+    const Bytes unterminated = cat({be32(1), Bytes(256, '7')});
     // The activation time needs only the 12 bytes it reads (not converted); the record wants the
     // whole record, the number and the text a terminated text.
     const Bytes words = cat({be32(18), {1, 2, 3, 4}, {5, 6, 7, 8}});
-    Bytes record = info_record(18);
-    std::copy(words.begin(), words.end(), record.begin());
+    const Bytes record = cat({words, zeros(248)});  // info_record(18) with the words
     const std::string time_text = "\x01\x02\x03\x04\x05\x06\x07\x08";
-    const struct {
-        Answer answer;
-        bool record;       // zfx_dlg_get_info gives the record
-        int32_t number;    // zfx_dlg_get_info_int
-        std::string text;  // zfx_dlg_get_info_char
-    } cases[] = {
+    // The answer, whether zfx_dlg_get_info gives the record, zfx_dlg_get_info_int's number and
+    // zfx_dlg_get_info_char's text.
+    const std::tuple<Answer, bool, int32_t, std::string> cases[] = {
         {Answer::reply_with(info_record(1, "  -17x")), true, -17, "  -17x"},
         {Answer::reply_with(info_record(1, "abc")), true, 0, "abc"},
         {Answer::reply_with(info_record(1, "99999999999")), true, INT32_MAX, "99999999999"},
@@ -159,20 +143,18 @@ TEST(DlgStatus, InfoReadsCheckTheirReply) {
         {Answer::none(), false, 0, ""},
     };
     const Bytes untouched = cat({le32(0xAAAAAAAAu), le32(0xBBBBBBBBu)});
-    for (const auto &c : cases) {
+    for (const auto &[answer, gives_record, number, text_read] : cases) {
         FakeService svc;
-        for (int i = 0; i < 4; ++i) svc.answer(c.answer);
-        zfx_info_record *rec = zfx_dlg_get_info(svc.ep(), 18);
-        EXPECT_EQ(rec != nullptr ? bytes_of(rec, sizeof *rec) : Bytes{}, c.record ? *c.answer.reply : Bytes{});
-        std::free(rec);
-        EXPECT_EQ(zfx_dlg_get_info_int(svc.ep(), 18), c.number) << c.text;
+        for (int i = 0; i < 4; ++i) svc.answer(answer);
+        EXPECT_EQ(take(zfx_dlg_get_info(svc.ep(), 18), sizeof(zfx_info_record)), gives_record ? *answer.reply : Bytes{});
+        EXPECT_EQ(zfx_dlg_get_info_int(svc.ep(), 18), number) << text_read;
         char *text = zfx_dlg_get_info_char(svc.ep(), 18);
-        EXPECT_EQ(std::string(text), c.text);
+        EXPECT_EQ(std::string(text), text_read);
         EXPECT_EQ(zfx_dlg_get_info_char(nullptr, 1), text) << "one static buffer";
         EXPECT_EQ(std::string(text), "") << "a failed request empties it";
         zfx_time_value tv{{0xAAAAAAAAu, 0xBBBBBBBBu}};
         zfx_dlg_get_info_activate_time(svc.ep(), &tv);
-        const Bytes reply = c.answer.result == 0 ? c.answer.reply.value_or(Bytes{}) : Bytes{};
+        const Bytes reply = answer.result == 0 ? answer.reply.value_or(Bytes{}) : Bytes{};
         EXPECT_EQ(bytes_of(&tv, 8), reply.size() >= 12 ? Bytes(reply.begin() + 4, reply.begin() + 12) : untouched);
         // All four ask for the record of their key (the activation time's is 18) the same way.
         for (const Sent &sent : svc.sent())

@@ -3,10 +3,10 @@
 // frame hand-over, and the name-server client. That the service understands these messages, and
 // the library its answers, is the zfxd fabric suite's round trip; here, the bytes and every way
 // a reply or an argument can be wrong.
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <functional>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -17,41 +17,28 @@ namespace {
 
 using namespace zfxtest;
 
-Bytes frame(uint32_t w0, uint32_t w1, uint32_t data_len, const Bytes &data) {
-    Bytes b = cat({le32(w0), le32(w1), zeros(8), le32(data_len)});
-    b.resize(128, 0);
-    return cat({b, data});
-}
-
 Bytes dir_reply(uint32_t status, uint32_t count, uint32_t size, const Bytes &entries) {
     return cat({be32(status), be32(count), be32(size), entries});
 }
 
 TEST(RawQuery, MessagesOnTheWire) {
     xqb_msg sent = XQB_MSG_EMPTY;
-    const struct {
-        std::function<int32_t(plat_endpoint *)> call;
-        const char *summary;
-        Bytes payload;
-    } cases[] = {
+    const dir_query q{.scope = 0x0102, .attributes = DIR_ATTR_ALL};
+    const std::tuple<std::function<int32_t(plat_endpoint *)>, const char *, Bytes> cases[] = {
         {[&](plat_endpoint *ep) { return zfx_send_get_native_domain(ep, 0x01020304, 0xAABBCCDD, &sent); },
          "raw 0/198657 @fe000001 reply", cat({be32(0x01020304), le32(0xAABBCCDD)})},
-        {[&](plat_endpoint *ep) {
-             const dir_query q{.scope = 0x0102, .attributes = DIR_ATTR_ALL};
-             return dir_send_get_entry_given_portname(ep, 0x20000011, 0x22334455, &q, &sent);
-         },
+        {[&](plat_endpoint *ep) { return dir_send_get_entry_given_portname(ep, 0x20000011, 0x22334455, &q, &sent); },
          "raw 0/8193 @fffffc sap=32 reply", cat({be32(0x20000011), be32(0x22334455), be32(0x0102), {0xFF, 0xFF, 0, 0}, zeros(8)})},
     };
-    for (const auto &c : cases) {
+    for (const auto &[call, summary, payload] : cases) {
         FakeService svc;
-        EXPECT_EQ(c.call(svc.ep()), 0) << c.summary;
+        EXPECT_EQ(call(svc.ep()), 0) << summary;
         ASSERT_EQ(svc.sent().size(), 1u);
-        EXPECT_EQ(svc.last().summary(), c.summary);
-        EXPECT_EQ(svc.last().payload, c.payload) << hex(svc.last().payload);
+        EXPECT_EQ(std::pair(svc.last().summary(), svc.last().payload), std::pair(std::string(summary), payload));
         if (sent.msg != nullptr) {  // the request stays with the caller, with its token
             uint32_t len;
             const void *p = xqb_payload_get(&sent, &len);
-            EXPECT_EQ(bytes_of(p, len), c.payload);
+            EXPECT_EQ(bytes_of(p, len), payload);
             EXPECT_EQ(xqb_rr_token_get(&sent), svc.last().token);
             EXPECT_NE(xqb_rr_token_get(&sent), 0u);
             xqb_drop(svc.ep(), &sent);
@@ -62,11 +49,8 @@ TEST(RawQuery, MessagesOnTheWire) {
 TEST(RawQuery, ParseStepsReadOnlyWhatTheReplyHolds) {
     Bytes list(32);
     for (size_t i = 0; i < list.size(); ++i) list[i] = uint8_t(i + 1);
-    const struct {
-        Bytes reply;
-        int32_t native;  // result of the native-domain parse
-        int32_t proxy;   // result of the proxy-domain-list parse
-    } cases[] = {
+    // A reply, the native-domain parse's result and the proxy-domain-list parse's.
+    const std::tuple<Bytes, int32_t, int32_t> cases[] = {
         {{0, 0, 0, 0, 0, 0x2A, 1, 0}, 0, ZFX_ERR_INVALID_ARG},
         {{0, 0, 0, 0, 0, 0xF1}, 0, ZFX_ERR_INVALID_ARG},
         {{0, 0, 0, 0, 0}, ZFX_ERR_INVALID_ARG, ZFX_ERR_INVALID_ARG},
@@ -77,17 +61,17 @@ TEST(RawQuery, ParseStepsReadOnlyWhatTheReplyHolds) {
         {cat({be32(0), {0, 0x11, 0, 0}, list, be32(0x01020304)}), 0, 0},
         {cat({be32(0), {0, 0x11, 0, 0}, list, {1, 2, 3}}), 0, ZFX_ERR_INVALID_ARG},
     };
-    for (const auto &c : cases) {
+    for (const auto &[reply, native, proxy] : cases) {
         xqb_msg held = XQB_MSG_EMPTY;
         const plat_msg_info info{};
-        held.msg = plat_msg_new(&info, c.reply.data(), uint32_t(c.reply.size()));
+        held.msg = plat_msg_new(&info, reply.data(), uint32_t(reply.size()));
         uint32_t domain = 0xDEAD;
-        EXPECT_EQ(zfx_parse_get_native_domain(&held, &domain), c.native) << hex(c.reply);
-        EXPECT_EQ(domain, c.native == 0 ? c.reply[5] : 0xDEADu);
+        EXPECT_EQ(zfx_parse_get_native_domain(&held, &domain), native) << hex(reply);
+        EXPECT_EQ(domain, native == 0 ? reply[5] : 0xDEADu);
         zfx_proxy_domain_list out;
         std::memset(&out, 0xCC, sizeof out);
-        EXPECT_EQ(zfx_parse_get_proxy_domain_list(&held, &out), c.proxy) << hex(c.reply);
-        EXPECT_EQ(bytes_of(&out, sizeof out), c.proxy == 0 ? cat({Bytes(4, 0xCC), list, le32(0x01020304)}) : Bytes(40, 0xCC));
+        EXPECT_EQ(zfx_parse_get_proxy_domain_list(&held, &out), proxy) << hex(reply);
+        EXPECT_EQ(bytes_of(&out, sizeof out), proxy == 0 ? cat({Bytes(4, 0xCC), list, le32(0x01020304)}) : Bytes(40, 0xCC));
         EXPECT_EQ(zfx_parse_get_native_domain(&held, nullptr), ZFX_ERR_INVALID_ARG);
         xqb_drop(nullptr, &held);
     }
@@ -101,8 +85,7 @@ TEST(RawQuery, CombinedQueriesTakeTheirOwnReplyThroughInterruptions) {
     const Bytes decoy = {0, 0, 0, 0, 0, 0x63};
     plat_endpoint_post(svc.ep(), plat_msg_new(&other, decoy.data(), 6));
     svc.answer(Answer::reply_with({0, 0, 0, 0, 0, 0x2A, 1, 0}));
-    svc.fail_recv(-1, EINTR);
-    svc.fail_recv(-1, EINTR);
+    for (int i = 0; i < 2; ++i) svc.fail_recv(-1, EINTR);
     uint32_t domain = 0;
     EXPECT_EQ(zfx_get_native_domain(svc.ep(), 3, 4, &domain), 0);
     EXPECT_EQ(domain, 42u);
@@ -111,23 +94,20 @@ TEST(RawQuery, CombinedQueriesTakeTheirOwnReplyThroughInterruptions) {
     EXPECT_EQ(plat_endpoint_pending(svc.ep()), 1u) << "only the decoy is left";
 
     // Failures: refused send, a receive that fails otherwise, a reply that never came.
-    const struct {
-        Answer answer;
-        int32_t recv_result;
-        int32_t result;
-    } cases[] = {
+    // The answer, the receive's failure (0: none) and the query's result.
+    const std::tuple<Answer, int32_t, int32_t> cases[] = {
         {Answer::failure(EPIPE), 0, ZFX_ERR_SEND},   {Answer::reply_with(be32(0)), -1, -1},
         {Answer::reply_with(be32(0)), -7, -7},       {Answer::none(), 0, -1},  // nothing queued under the token
         {Answer::reply_with(cat({be32(0), zeros(40)})), 0, 0},
     };
-    for (const auto &c : cases) {
+    for (const auto &[answer, recv_result, result] : cases) {
         for (bool proxy : {false, true}) {
             FakeService s;
-            s.answer(c.answer);
-            if (c.recv_result != 0) s.fail_recv(c.recv_result, EIO);
+            s.answer(answer);
+            if (recv_result != 0) s.fail_recv(recv_result, EIO);
             zfx_proxy_domain_list list{};
             EXPECT_EQ(proxy ? zfx_get_proxy_domain_list(s.ep(), 1, &list) : zfx_get_native_domain(s.ep(), 1, 2, &domain),
-                      c.result);
+                      result);
         }
     }
     EXPECT_EQ(zfx_get_native_domain(svc.ep(), 1, 2, nullptr), ZFX_ERR_INVALID_ARG);
@@ -140,7 +120,7 @@ TEST(RawQuery, CombinedQueriesTakeTheirOwnReplyThroughInterruptions) {
 TEST(RawQuery, RefusedFramesAndTransportArguments) {
     FakeService svc;
     svc.answer(Answer::failure(EPIPE));
-    Bytes rec = frame(5, 6, 0, {});
+    Bytes rec = cat({le32(5), le32(6), zeros(120)});  // a 128-byte head, no data
     const Bytes before = rec;
     auto *f = reinterpret_cast<zfx_frame_record *>(rec.data());
     EXPECT_EQ(zfx_forward_frame(svc.ep(), f), ZFX_ERR_ERRNO(EPIPE));
@@ -170,14 +150,9 @@ TEST(RawQuery, RefusedFramesAndTransportArguments) {
 }
 
 TEST(RawQuery, NameServerEntry) {
-    Bytes entry(DIR_ENTRY_SIZE, 0x41);  // a symbolic name without terminator
-    for (size_t i = 0; i < 4; ++i) entry[i] = uint8_t(0x10 + i);
-    Bytes parsed = entry;
-    parsed[DIR_ENTRY_SIZE - 1] = 0;
-    const struct {
-        Bytes reply;
-        int32_t result;
-    } cases[] = {
+    const Bytes entry = cat({{0x10, 0x11, 0x12, 0x13}, Bytes(DIR_ENTRY_SIZE - 4, 0x41)});  // a name without terminator
+    const Bytes parsed = cat({Bytes(entry.begin(), entry.end() - 1), {0}});
+    const std::pair<Bytes, int32_t> cases[] = {
         {dir_reply(0, 1, DIR_ENTRY_SIZE, entry), 0},
         {dir_reply(0, 2, DIR_ENTRY_SIZE + 4, cat({entry, zeros(4)})), 0},  // longer entries: fields ignored
         {dir_reply(0, 1, DIR_ENTRY_SIZE, Bytes(entry.begin(), entry.end() - 1)), DIR_ERR_MALFORMED},
@@ -189,14 +164,14 @@ TEST(RawQuery, NameServerEntry) {
         {cat({be32(0), be32(1)}), DIR_ERR_MALFORMED},
         {{}, DIR_ERR_MALFORMED},
     };
-    for (const auto &c : cases) {
+    for (const auto &[reply, result] : cases) {
         FakeService svc;
-        svc.answer(Answer::reply_with(c.reply));
+        svc.answer(Answer::reply_with(reply));
         svc.fail_recv(-1, EINTR);
         dir_entry out;
         std::memset(&out, 0xCC, sizeof out);
-        EXPECT_EQ(zfx_ns_get_entry_given_portname(svc.ep(), 1, 2, 3, &out), c.result) << hex(c.reply);
-        EXPECT_EQ(bytes_of(&out, sizeof out), c.result == 0 ? parsed : Bytes(DIR_ENTRY_SIZE, 0xCC));
+        EXPECT_EQ(zfx_ns_get_entry_given_portname(svc.ep(), 1, 2, 3, &out), result) << hex(reply);
+        EXPECT_EQ(bytes_of(&out, sizeof out), result == 0 ? parsed : Bytes(DIR_ENTRY_SIZE, 0xCC));
         ASSERT_EQ(svc.receives().size(), 2u);
         EXPECT_EQ(std::pair(svc.receives()[1].token, svc.receives()[1].timeout), std::pair(svc.last().token, 5u));
         EXPECT_EQ(plat_endpoint_pending(svc.ep()), 0u);

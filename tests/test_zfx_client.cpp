@@ -7,6 +7,7 @@
 #include <cstring>
 #include <functional>
 #include <random>
+#include <tuple>
 
 #include "bytes.hpp"
 #include "fabric.hpp"
@@ -20,11 +21,7 @@ namespace {
 using namespace zfxtest;
 using zfxtool::Wwn;
 
-Bytes reply(uint32_t count, const std::vector<Bytes> &entries) {
-    Bytes out = cat({be32(count), zeros(4)});
-    for (const Bytes &e : entries) out.insert(out.end(), e.begin(), e.end());
-    return out;
-}
+Bytes reply(uint32_t count, std::initializer_list<Bytes> entries) { return cat({be32(count), zeros(4), cat(entries)}); }
 Bytes zone(uint32_t id, std::initializer_list<Bytes> elements) { return cat({be32(id), tlv_array(elements)}); }
 Bytes member(uint32_t zone_id, uint32_t id, std::initializer_list<Bytes> elements) {
     return cat({be32(zone_id), be32(id), tlv_array(elements)});
@@ -72,11 +69,7 @@ Bytes status_entry(uint32_t id, uint32_t zones, uint32_t flags, const std::strin
 // element ends aligned, so no cut is a reply without its last padding); zeros may follow, other
 // bytes may not. Malformed ones say what is wrong (the expected text starts with "error: ").
 TEST(ZfxClient, RepliesDecodeCutsAreRefusedAndMalformedOnesSayWhy) {
-    const struct {
-        const Decode &decode;
-        Bytes bytes;
-        std::string expect;
-    } cases[] = {
+    const std::tuple<const Decode &, Bytes, std::string> cases[] = {
         {kZones, reply(2, {zone(3, {name(6, "web"), tlv(45, le32(3)), tlv(59, be32(1))}), zone(9, {name(6, "db"), tlv(7, cat({le32(256), id_bits(256, {1, 2047})}))})}),
          "3 web qos3 ro;9 db qos0 members2;"},
         {kZones, reply(0, {}), ""},
@@ -109,25 +102,23 @@ TEST(ZfxClient, RepliesDecodeCutsAreRefusedAndMalformedOnesSayWhy) {
         {kStatus, cat({be32(1), status_entry(1, 0, 0, "a"), zeros(4)}), "error: the reply counts 1 zonesets in 88 bytes"},
         {kStatus, cat({be32(1), be32(1), be32(0), be32(0), Bytes(68, 'n')}), "error: zoneset 1 of 1: its name is unterminated"},
     };
-    for (const auto &c : cases) {
-        if (c.expect.starts_with("error: ")) {
-            EXPECT_EQ(c.decode(c.bytes).rfind(c.expect, 0), 0u) << c.decode(c.bytes);
+    for (const auto &[decode, bytes, expect] : cases) {
+        if (expect.starts_with("error: ")) {
+            EXPECT_EQ(decode(bytes).rfind(expect, 0), 0u) << decode(bytes);
             continue;
         }
-        EXPECT_EQ(c.decode(c.bytes), c.expect) << hex(c.bytes);
-        for (size_t n = 0; n < c.bytes.size(); ++n) {
-            const Bytes cut(c.bytes.begin(), c.bytes.begin() + long(n));  // its own block: reading past it is caught
-            EXPECT_EQ(c.decode(cut).rfind("error: ", 0), 0u) << n << " of " << hex(c.bytes);
+        EXPECT_EQ(decode(bytes), expect) << hex(bytes);
+        for (size_t n = 0; n < bytes.size(); ++n) {
+            const Bytes cut(bytes.begin(), bytes.begin() + long(n));  // its own block: reading past it is caught
+            EXPECT_EQ(decode(cut).rfind("error: ", 0), 0u) << n << " of " << hex(bytes);
         }
-        if (&c.decode != &kStatus) {
-            EXPECT_EQ(c.decode(cat({c.bytes, zeros(8)})), c.expect);
-            EXPECT_EQ(c.decode(cat({c.bytes, zeros(7), Bytes{1}})).rfind("error: 8 bytes that are not zero", 0), 0u);
+        if (&decode != &kStatus) {
+            EXPECT_EQ(decode(cat({bytes, zeros(8)})), expect);
+            EXPECT_EQ(decode(cat({bytes, zeros(7), Bytes{1}})).rfind("error: 8 bytes that are not zero", 0), 0u);
         }
     }
-}
 
-// Member data from a caller is held to the same rules as a reply's.
-TEST(ZfxClient, MemberDataIsCheckedAsRepliesAre) {
+    // Member data from a caller is held to the same rules as a reply's.
     zfx_zone_member_info info{.type = ZFX_MEMBER_DEVICE_ALIAS_LUN, .afid = 2, .vsan = 7};
     std::memcpy(info.device_alias, "vault", 6);
     zfxtool::MemberEntry m;
@@ -152,8 +143,7 @@ TEST(ZfxClient, TheRelayCarriesRequestsUnchangedAndMeasuresReplies) {
         svc.answer(Answer::reply_with(zones));
         zfx_zone_msg *got = nullptr;
         EXPECT_EQ(zfx_dlg_get_zone(ep, ZFXD_OP_GET, "web", 0, &got, 1, 0), 0u);
-        EXPECT_EQ(bytes_of(got, zones.size()), zones);
-        std::free(got);
+        EXPECT_EQ(take(got, uint32_t(zones.size())), zones);
     }
     ASSERT_EQ(svc.sent().size(), 2u);
     EXPECT_EQ(std::pair(svc.sent()[1].summary(), svc.sent()[1].payload), std::pair(svc.sent()[0].summary(), svc.sent()[0].payload));

@@ -2,11 +2,11 @@
 // that the golden texts and the edge fabrics' digests leave out, and the stop at the first failed
 // lookup or malformed record.
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "platform/ptxt.h"
 #include "store.hpp"
 #include "zfx_ascii_cfg.h"
 
@@ -16,18 +16,9 @@ using namespace zfxtest;
 
 const Bytes kAttr = zeros(8);
 
-using Result = zfxtest::SectionResult;
-
-Result zone_section(const std::vector<Record> &records) {
-    Stored r(records);
-    return zone_section_on(r.get());
-}
-
 // A zone's array: its member bitmap, its attribute block, then more elements.
 Bytes zone_array(const std::vector<int> &members, std::initializer_list<Bytes> more = {}) {
-    Bytes out = cat({le32(uint32_t(2 + more.size())), members_tlv(members), tlv(9, kAttr)});
-    for (const Bytes &e : more) out.insert(out.end(), e.begin(), e.end());
-    return out;
+    return cat({le32(uint32_t(2 + more.size())), members_tlv(members), tlv(9, kAttr), cat(more)});
 }
 
 Record member(uint16_t zone, uint16_t id, uint8_t type, std::initializer_list<Bytes> elements) {
@@ -49,11 +40,7 @@ TEST(ZoneText, EveryRuleOfTheZoneSection) {
     const std::string wwn = "20:00:00:11:22:33:44:55";
     const std::vector<Record> one_zone = {zone_db_header_rec({1}, {}), zone_rec(1, "z1", zone_array({}))};
     const std::string tail = "vsan 10 autonomous-fabric-id 0\n";  // of a member without its AFID
-    const struct {
-        const char *name;
-        std::vector<Record> records;
-        Result expected;
-    } cases[] = {
+    const std::tuple<const char *, std::vector<Record>, SectionResult> cases[] = {
         {"no header: nothing, not even the activation", active_chunks(active("a"), 100), {0, ""}},
         {"empty header", {zone_db_header_rec({}, {})}, {0, ""}},
         {"short header marks zones 1 and 3 (a zone without a member element has no members)",
@@ -106,8 +93,7 @@ TEST(ZoneText, EveryRuleOfTheZoneSection) {
                                           active_chunks(active("act"), 50)[1], active_chunks(active("act"), 50)[2]}),
          {0, "zfx zone name z1\nzfx zoneset activate name act force\n"}},
         {"activation without force, or without options",
-         {zone_db_header_rec({}, {}), zone_options_rec(0x7FFFFFFF), active_chunks(active("act"), 100)[0],
-          active_chunks(active("act"), 100)[1]},
+         with({zone_db_header_rec({}, {}), zone_options_rec(0x7FFFFFFF)}, active_chunks(active("act"), 100)),
          {0, "zfx zoneset activate name act\n"}},
         {"a record holding an id other than its key's (at the table's end): its members are those of the id it holds",
          {zone_db_header_rec({1}, {}), {zone_rec(1, "", {}).first, zone_rec(2, "z1", zone_array({1})).second}, pwwn_member(2, 1, 10, 1)},
@@ -119,14 +105,15 @@ TEST(ZoneText, EveryRuleOfTheZoneSection) {
           zoneset_rec(1, "zs", tlv_array({zones_tlv(4, {1, 2})}))},
          {0, "zfx zone name z2\nzfx zoneset name zs\n  member z2\n"}},
     };
-    for (const auto &c : cases) EXPECT_EQ(zone_section(c.records), c.expected) << c.name;
+    for (const auto &[name, records, expected] : cases)
+        EXPECT_EQ(zone_section_on(Stored(records).get()), expected) << name;
 }
 
 TEST(ZoneText, FirstFailureStopsTheSectionAndKeepsItsLines) {
-    const std::vector<Record> base = {zone_db_header_rec({1, 2}, {1}), zone_rec(1, "z1", zone_array({1})),
-                                      pwwn_member(1, 1, 10, 1), zone_rec(2, "z2", zone_array({})),
-                                      zoneset_rec(1, "zs", tlv_array({zones_tlv(4, {1, 2})})),
-                                      active_chunks(active("act"), 100)[0], active_chunks(active("act"), 100)[1]};
+    const std::vector<Record> base = with({zone_db_header_rec({1, 2}, {1}), zone_rec(1, "z1", zone_array({1})),
+                                           pwwn_member(1, 1, 10, 1), zone_rec(2, "z2", zone_array({})),
+                                           zoneset_rec(1, "zs", tlv_array({zones_tlv(4, {1, 2})}))},
+                                          active_chunks(active("act"), 100));
     const std::string all = "zfx zone name z1\n  member pwwn 20:00:00:11:22:33:44:55            vsan 10\n"
                             "zfx zone name z2\nzfx zoneset name zs\n  member z1\n  member z2\n"
                             "zfx zoneset activate name act\n";
@@ -140,35 +127,30 @@ TEST(ZoneText, FirstFailureStopsTheSectionAndKeepsItsLines) {
     // walked-against-looked-up stores). The header's lookup failing otherwise than "not found"
     // ends the section at once. Only the whole text has status 0.
     const uint8_t member_key[6] = {0x69, 0, 1, 0, 1, 0}, header_key[2] = {0x66, 0};
-    const struct {
-        const char *name;
-        Bytes drop;
-        std::vector<Record> add;
-        std::string text;
-        kvdb_mem_faults fault{};
-    } cases[] = {
-        {"complete", {}, {}, all},
-        {"member missing", {0x69, 0, 1, 0, 1, 0}, {}, to_z1},
-        {"member array claims more than it holds", {}, {member_rec(1, 1, 0, cat({le32(2), tlv(10, kWwn)}))}, to_z1},
-        {"member record shorter than its head", {}, {{{0x69, 0, 1, 0, 1, 0}, {1, 0, 0}}}, to_z1},
-        {"zone record shorter than its head", {}, {{{0x68, 0, 1, 0, 0, 0}, {1, 0, 0, 0, 'z'}}}, ""},
-        {"zone array claims more than it holds", {}, {zone_rec(1, "z1", cat({le32(3), members_tlv({1})}))}, ""},
-        {"zoneset record with no data", {}, {{{0x67, 0, 1, 0, 0, 0}, {}}}, to_zs},
+    // The name, the key dropped, the records stored over the rest, the text, the read fault.
+    const std::tuple<const char *, Bytes, std::vector<Record>, std::string, kvdb_mem_faults> cases[] = {
+        {"complete", {}, {}, all, {}},
+        {"member missing", {0x69, 0, 1, 0, 1, 0}, {}, to_z1, {}},
+        {"member array claims more than it holds", {}, {member_rec(1, 1, 0, cat({le32(2), tlv(10, kWwn)}))}, to_z1,
+         {}},
+        {"member record shorter than its head", {}, {{{0x69, 0, 1, 0, 1, 0}, {1, 0, 0}}}, to_z1, {}},
+        {"zone record shorter than its head", {}, {{{0x68, 0, 1, 0, 0, 0}, {1, 0, 0, 0, 'z'}}}, "", {}},
+        {"zone array claims more than it holds", {}, {zone_rec(1, "z1", cat({le32(3), members_tlv({1})}))}, "", {}},
+        {"zoneset record with no data", {}, {{{0x67, 0, 1, 0, 0, 0}, {}}}, to_zs, {}},
         {"zoneset names a zone without a record", {0x68, 0, 2, 0, 0, 0}, {zone_db_header_rec({1}, {1})},
-         all.substr(0, all.find("zfx zone name z2")) + "zfx zoneset name zs\n  member z1\n"},
+         all.substr(0, all.find("zfx zone name z2")) + "zfx zoneset name zs\n  member z1\n", {}},
         {"active data shorter than its head", {}, {{{0x6C, 0, 0, 0, 0, 0}, be32(4)}},
-         all.substr(0, all.find("zfx zoneset activate"))},
+         all.substr(0, all.find("zfx zoneset activate")), {}},
         {"header read fails", {}, {}, "", {0, int32_t(0x40480099), header_key, 2, 0}},
         {"member read fails", {}, {}, to_z1, {0, int32_t(0x40480099), member_key, 6, 0}},
-        {"odd key first", {}, {{{0x69, 0, 0}, {1}}}, all},
+        {"odd key first", {}, {{{0x69, 0, 0}, {1}}}, all, {}},
     };
-    for (const auto &c : cases) {
-        std::vector<Record> records;
-        for (const Record &r : base)
-            if (r.first != c.drop) records.push_back(r);
-        Stored stored(with(records, c.add));
-        kvdb_mem_inject(stored.prefix().config().c_str(), &c.fault);
-        EXPECT_EQ(zone_section_on(stored.get()), (Result{c.text == all ? 0 : ZFX_ERR_KVDB, c.text})) << c.name;
+    for (const auto &[name, drop, add, text, fault] : cases) {
+        std::vector<Record> records = base;
+        std::erase_if(records, [&](const Record &r) { return r.first == drop; });
+        Stored stored(with(records, add));
+        kvdb_mem_inject(stored.prefix().config().c_str(), &fault);
+        EXPECT_EQ(zone_section_on(stored.get()), (SectionResult{text == all ? 0 : ZFX_ERR_KVDB, text})) << name;
     }
     EXPECT_EQ(zfx_zone_generate_ascii_config(nullptr), 0);
 }

@@ -1,6 +1,5 @@
 // The persistent zone database: exact bytes of every record kind and of the active zoneset data,
 // the member decode and the restoring readers. (The text made of such records: test_zone_ascii.)
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <tuple>
@@ -20,10 +19,7 @@ using namespace zfxtest;
 
 TEST(ZoneDb, MemberRecordsCarryTheElementsOfTheirTypeAndDecodeBack) {
     const std::string alias(ZFX_NAME_SIZE - 1, 'a');  // the longest
-    const struct {
-        uint32_t type;
-        Bytes array;
-    } cases[] = {
+    const std::pair<uint32_t, Bytes> cases[] = {
         {0, tlv_array({tlv(10, node_wwn(9)), tlv(11, le32(10)), tlv(12, le32(5))})},
         {1, tlv_array({tlv(11, le32(10)), tlv(12, le32(5)), tlv(65, str0(alias))})},
         {240, tlv_array({tlv(10, node_wwn(9)), tlv(11, le32(10)), tlv(12, le32(5)), tlv(44, kNodeLun)})},
@@ -31,19 +27,18 @@ TEST(ZoneDb, MemberRecordsCarryTheElementsOfTheirTypeAndDecodeBack) {
     };
     ZoneNodes db;
     zfx_zone_node &z = db.zone(1, "z", 0, 0, false);
-    for (const auto &c : cases) {
-        zfx_zone_member_node &m = db.member(z, 0x10009, c.type, 10, 5, alias);  // id keeps its low 16 bits
+    for (const auto &[type, array] : cases) {
+        zfx_zone_member_node &m = db.member(z, 0x10009, type, 10, 5, alias);  // id keeps its low 16 bits
         uint32_t len = 0;
         const Bytes rec = take(zfx_zone_encode_zone_member_to_kvdb(&m, &len), len);
-        EXPECT_EQ(rec, cat({le16(9), {uint8_t(c.type), 0}, c.array})) << c.type << ": " << hex(rec);
+        EXPECT_EQ(rec, cat({le16(9), {uint8_t(type), 0}, array})) << type << ": " << hex(rec);
         // Decoded back: the fields of its type, no others.
         zfx_zone_member_node back{};
         ASSERT_EQ(zfx_zone_decode_member_from_kvdb_cfg(rec.data(), &back), 0);
-        const bool wwn = c.type == 0 || c.type == 240, lun = c.type >= 240, named = c.type == 1 || c.type == 241;
-        EXPECT_EQ(std::tuple(back.type, back.vsan, back.afid), std::tuple(c.type, 10u, uint16_t(5)));
-        EXPECT_EQ(bytes_of(back.pwwn, 8), wwn ? node_wwn(9) : zeros(8));
-        EXPECT_EQ(bytes_of(back.lun, 8), lun ? kNodeLun : zeros(8));
-        EXPECT_EQ(std::string(back.device_alias), named ? alias : "");
+        const bool wwn = type == 0 || type == 240, lun = type >= 240, named = type == 1 || type == 241;
+        EXPECT_EQ(std::tuple(back.type, back.vsan, back.afid), std::tuple(type, 10u, uint16_t(5)));
+        EXPECT_EQ(std::tuple(bytes_of(back.pwwn, 8), bytes_of(back.lun, 8), std::string(back.device_alias)),
+                  std::tuple(wwn ? node_wwn(9) : zeros(8), lun ? kNodeLun : zeros(8), named ? alias : ""));
 
         uint32_t size = 0, typed = 0;
         EXPECT_EQ(zfx_zone_get_zone_member_attrib_tlvs_size(&m, 0, &size), 0);
@@ -51,10 +46,10 @@ TEST(ZoneDb, MemberRecordsCarryTheElementsOfTheirTypeAndDecodeBack) {
         // With the type element: 27 first, then the same elements.
         EXPECT_EQ(zfx_zone_get_zone_member_attrib_tlvs_size(&m, 1, &typed), 0);
         EXPECT_EQ(typed, size + 8);
-        Bytes array(typed + 4, 0);
-        EXPECT_EQ(zfx_zone_encode_zone_member_attrib_tlvs(array.data(), uint32_t(array.size()), &m, 1), 0);
-        EXPECT_EQ(array, cat({le32(tlvbuf_get_num_tlvs(c.array.data(), 0) + 1), tlv(27, le32(c.type)),
-                              Bytes(c.array.begin() + 4, c.array.end())}));
+        Bytes typed_array(typed + 4, 0);
+        EXPECT_EQ(zfx_zone_encode_zone_member_attrib_tlvs(typed_array.data(), typed + 4, &m, 1), 0);
+        EXPECT_EQ(typed_array, cat({le32(tlvbuf_get_num_tlvs(array.data(), 0) + 1), tlv(27, le32(type)),
+                                    Bytes(array.begin() + 4, array.end())}));
     }
     // A bad member type, missing arguments, a refused add, no memory.
     zfx_zone_member_node &bad = db.member(z, 3, 7, 1, 1);
@@ -85,9 +80,8 @@ TEST(ZoneDb, DecodeFillsOnlyWhatTheRecordCarries) {
                                       tlv(99, le32(1)), tlv(11, le32(7)), tlv(12, be32(0x00030002))})});
     ASSERT_EQ(zfx_zone_decode_member_from_kvdb_cfg(rec.data(), &m), 0);
     EXPECT_EQ(std::tuple(m.id, m.vsan, m.afid), std::tuple(0u, 7u, uint16_t(0x0300)));
-    EXPECT_EQ(Bytes(m.pwwn, m.pwwn + 8), wwn);
-    EXPECT_EQ(Bytes(m.lun, m.lun + 8), lun);
-    EXPECT_STREQ(m.device_alias, "kept");
+    EXPECT_EQ(std::tuple(bytes_of(m.pwwn, 8), bytes_of(m.lun, 8), std::string(m.device_alias)),
+              std::tuple(wwn, lun, "kept"));
     for (const auto &[alias, want] : {std::pair{tlv_array({tlv(65, Bytes(68, 'x'))}), std::string(67, 'x')},
                                       {tlv_array({tlv(65, {'a', 'b', 0, 'c'}), tlv(65, {})}), std::string()}}) {
         ASSERT_EQ(zfx_zone_decode_member_from_kvdb_cfg(cat({le16(4), {0, 0}, alias}).data(), &m), 0);
@@ -230,45 +224,40 @@ TEST(ZoneDb, ExtensionStepWritesOnlyWhatFits) {
     EXPECT_EQ(std::tuple(count, at, bytes_of(buf, 64)), std::tuple(5u, buf, zeros(64)));
 }
 
-TEST(ZoneDb, ChunkedRestoreJoinsCompletesAndNeverOverruns) {
+// The restoring readers: the active data joined from its chunks (completed, never overrun), and
+// the options word, of which at most four bytes are copied.
+TEST(ZoneDb, RestoringReadersJoinCompleteAndNeverOverrun) {
     Bytes data(300);
     for (size_t i = 0; i < data.size(); ++i) data[i] = uint8_t(i * 7 + 1);
-    std::vector<Record> surplus = active_chunks(cat({data, Bytes(150, 0xEE)}), 200, 300);
-    std::vector<Record> partial = active_chunks(data, 200);
-    partial.pop_back();
-    const struct {
-        const char *name;
-        std::vector<Record> records;
-        Bytes expected;  // empty: NULL
-    } cases[] = {
+    // The name, the records, the data expected (empty: NULL).
+    const std::tuple<const char *, std::vector<Record>, Bytes> cases[] = {
         {"two chunks", active_chunks(data, 200), data},
         {"one byte at a time", active_chunks(data, 1), data},
-        {"chunk 2 missing", partial, cat({Bytes(data.begin(), data.begin() + 200), zeros(100)})},
-        {"surplus not copied", surplus, data},
+        {"chunk 2 missing", {active_chunks(data, 200)[0], active_chunks(data, 200)[1]},
+         cat({Bytes(data.begin(), data.begin() + 200), zeros(100)})},
+        {"surplus not copied", active_chunks(cat({data, Bytes(150, 0xEE)}), 200, 300), data},
         {"chunk 1 missing", {{{0x6C, 0, 0, 0, 0, 0}, be32(300)}}, zeros(300)},
         {"total 0", active_chunks(data, 200, 0), {}},
         {"total beyond what the data can take", active_chunks(data, 200, 0xFFFFFFFF), {}},
         {"no header", {active_chunks(data, 200)[1]}, {}},
         {"header too short", {{{0x6C, 0, 0, 0, 0, 0}, {0, 0, 1}}}, {}},
     };
-    for (const auto &c : cases) {
-        Stored r(c.records);
+    for (const auto &[name, records, expected] : cases) {
+        Stored r(records);
         auto *got = static_cast<uint8_t *>(zfx_zone_restore_active_pzs_from_kvdb(r.get()));
-        EXPECT_EQ(take(got, uint32_t(c.expected.size())), c.expected) << c.name;
-        EXPECT_EQ(got == nullptr, c.expected.empty()) << c.name;
+        EXPECT_EQ(got == nullptr, expected.empty()) << name;
+        EXPECT_EQ(take(got, uint32_t(expected.size())), expected) << name;
     }
     EXPECT_EQ(zfx_zone_restore_active_pzs_from_kvdb(nullptr), nullptr);
-}
 
-TEST(ZoneDb, OptionsWordCopiesAtMostFourBytes) {
-    const std::pair<std::vector<Record>, std::pair<int32_t, Bytes>> cases[] = {
+    const std::pair<std::vector<Record>, std::pair<int32_t, Bytes>> options[] = {
         {{zone_options_rec(0x80000001)}, {0, {0x80, 0, 0, 1, 0xEE}}},
         {{{{0x6B, 0}, {1, 2, 3, 4, 5, 6}}}, {0, {1, 2, 3, 4, 0xEE}}},
         {{{{0x6B, 0}, {9}}}, {0, {9, 0xEE, 0xEE, 0xEE, 0xEE}}},
         {{{{0x6B, 0}, {}}}, {ZFX_ERR_KVDB, Bytes(5, 0xEE)}},
         {{}, {ZFX_ERR_KVDB, Bytes(5, 0xEE)}},
     };
-    for (const auto &[records, want] : cases) {
+    for (const auto &[records, want] : options) {
         Stored r(records);
         Bytes dst(5, 0xEE);
         EXPECT_EQ(zfx_zone_kvdb_restore_options_from_kvdb(r.get(), reinterpret_cast<uint32_t *>(dst.data())), want.first);

@@ -1,6 +1,6 @@
 #include "bytes.hpp"
 
-#include <cstdio>
+#include <cstdlib>
 
 namespace zfxtest {
 
@@ -23,6 +23,12 @@ Bytes bytes_of(const void *p, size_t n) {
     return n != 0 ? Bytes(b, b + n) : Bytes{};
 }
 
+Bytes take(void *p, const uint32_t &len) {
+    Bytes b = p != nullptr ? bytes_of(p, len) : Bytes{};
+    std::free(p);
+    return b;
+}
+
 Bytes id_bits(size_t nbytes, const std::vector<int> &ids) {
     Bytes out(nbytes, 0);
     for (int n : ids) out[size_t(n) / 8] |= uint8_t(0x80 >> (n % 8));
@@ -39,19 +45,12 @@ Bytes tlv(uint16_t type, const Bytes &value) {
     return out;
 }
 
-Bytes tlv_array(std::initializer_list<Bytes> elements) {
-    Bytes out = le32(uint32_t(elements.size()));
-    for (const Bytes &e : elements) out.insert(out.end(), e.begin(), e.end());
-    return out;
-}
+Bytes tlv_array(std::initializer_list<Bytes> elements) { return cat({le32(uint32_t(elements.size())), cat(elements)}); }
 
 std::string hex(const Bytes &b) {
+    static const char digits[] = "0123456789abcdef";
     std::string s;
-    char buf[4];
-    for (uint8_t c : b) {
-        std::snprintf(buf, sizeof buf, "%02x ", c);
-        s += buf;
-    }
+    for (uint8_t c : b) s += {digits[c >> 4], digits[c & 15], ' '};
     return s;
 }
 

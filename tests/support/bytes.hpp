@@ -22,6 +22,9 @@ Bytes be32(uint32_t v);
 Bytes zeros(size_t n);
 Bytes str0(const std::string &s);  // the characters and a terminator
 Bytes bytes_of(const void *p, size_t n);
+// The bytes of a block the library allocated (none for NULL), which it frees. len is read after
+// the call that fills it has run, whatever the order in which the arguments were evaluated.
+Bytes take(void *p, const uint32_t &len);
 // A bitmap of nbytes bytes with the ids set: id n is bit 0x80 >> (n % 8) of byte n / 8.
 Bytes id_bits(size_t nbytes, const std::vector<int> &ids);
 // A VSAN set as stored and sent: length word 512 (host order), then the bits of the VSANs.

@@ -1,7 +1,6 @@
 #include "capture.hpp"
 
 #include <cstdio>
-#include <cstdlib>
 #include <stdexcept>
 #include <unistd.h>
 
@@ -27,8 +26,7 @@ std::string Capture::text() {
     close(saved_);
     lseek(file_, 0, SEEK_SET);
     char buf[4096];
-    ssize_t n;
-    while ((n = read(file_, buf, sizeof buf)) > 0) text_.append(buf, size_t(n));
+    for (ssize_t n; (n = read(file_, buf, sizeof buf)) > 0;) text_.append(buf, size_t(n));
     close(file_);
     return text_;
 }

@@ -16,9 +16,7 @@ public:
     std::string text();
 
 private:
-    int fd_;
-    int saved_;
-    int file_;
+    int fd_, saved_, file_;  // the descriptor captured, its saved copy, the capture file
     bool done_ = false;
     std::string text_;
 };

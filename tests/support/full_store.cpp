@@ -44,8 +44,6 @@ std::string text(const std::string &tables, const std::string &vdoms) {
     return kHead + vdoms + kTail + kZone + tables + kCommit;
 }
 
-std::string whole() {
-    return text(kTopo + kTopoAuto + kDefaultAfid + kAfid + kActiveSg + kCfgSg + kPfcid);
-}
+std::string whole() { return text(kTopo + kTopoAuto + kDefaultAfid + kAfid + kActiveSg + kCfgSg + kPfcid); }
 
 }  // namespace zfxtest::full

@@ -28,36 +28,27 @@ inline MessyText messy_text(const std::string &canonical, uint64_t seed) {
         return uint32_t(state >> 33) % n;
     };
     static const std::vector<std::vector<std::string>> foreign = {
-        {"hostname edge-7"},
-        {"interface port 1/4", "  description to the array", "  no shutdown"},
-        {"feature telemetry"},
-        {"no feature telemetry"},
-        {"logging level routing 3"},
-        {"group name storage", "\tmember port 1/4", "\t\"quoted\"\tand\ttabbed"},
-        {"ntp server 192.0.2.10"},
-        {"zfxd-banner welcome", "    member pwwn 20:00:00:aa:10:00:00:01 vsan 10"},
-    };
+        {"hostname edge-7"}, {"interface port 1/4", "  description to the array", "  no shutdown"},
+        {"feature telemetry"}, {"no feature telemetry"}, {"logging level routing 3"},
+        {"group name storage", "\tmember port 1/4", "\t\"quoted\"\tand\ttabbed"}, {"ntp server 192.0.2.10"},
+        {"zfxd-banner welcome", "    member pwwn 20:00:00:aa:10:00:00:01 vsan 10"}};
     static const char *const indents[] = {" ", "  ", "    ", "\t", "\t\t", " \t", "\t  "};
     MessyText out;
     const auto end_line = [&] {
         out.text.append(below(4), ' ');
         out.text += below(3) == 0 ? "\r\n" : "\n";
     };
+    const auto put_line = [&](const std::string &line) {
+        out.text += line;
+        end_line();
+    };
     const auto extras = [&](bool foreign_allowed) {
-        if (below(6) == 0) {
-            out.text += below(2) == 0 ? "!" : "! saved by an operator";
-            end_line();
-        }
-        if (below(8) == 0) {
-            out.text += below(2) == 0 ? "" : " \t";
-            end_line();
-        }
+        if (below(6) == 0) put_line(below(2) == 0 ? "!" : "! saved by an operator");
+        if (below(8) == 0) put_line(below(2) == 0 ? "" : " \t");
         if (foreign_allowed && below(4) == 0) {
-            for (const std::string &line : foreign[below(uint32_t(foreign.size()))]) {
-                out.text += line;
-                end_line();
-                ++out.foreign_lines;
-            }
+            const std::vector<std::string> &block = foreign[below(uint32_t(foreign.size()))];
+            for (const std::string &line : block) put_line(line);
+            out.foreign_lines += block.size();
         }
     };
     size_t at = 0;

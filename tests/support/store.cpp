@@ -41,9 +41,7 @@ Bytes name68(const std::string &name) {
     return out;
 }
 
-namespace {
-Bytes key6(uint8_t table, uint16_t a, uint16_t b) { return cat({{table, 0}, le16(a), le16(b)}); }
-}  // namespace
+static Bytes key6(uint8_t table, uint16_t a, uint16_t b) { return cat({{table, 0}, le16(a), le16(b)}); }
 
 Record zone_db_header_rec(const std::vector<int> &zones, const std::vector<int> &zonesets, bool short_form) {
     const Bytes full = id_bits(1024, short_form ? std::vector<int>{} : zones);
@@ -51,12 +49,11 @@ Record zone_db_header_rec(const std::vector<int> &zones, const std::vector<int> 
     return {{0x66, 0x00}, cat({zeros(4), id_bits(256, zonesets), zeros(4), Bytes(short_bits.begin(), short_bits.begin() + 251),
                                zeros(5), le32(1024), full})};
 }
-Record zone_rec(uint16_t id, const std::string &name, const Bytes &array) {
-    return {key6(0x68, id, 0), cat({le16(id), zeros(2), name68(name), array})};
+static Record named_rec(uint8_t table, uint16_t id, const std::string &name, const Bytes &array) {
+    return {key6(table, id, 0), cat({le16(id), zeros(2), name68(name), array})};
 }
-Record zoneset_rec(uint16_t id, const std::string &name, const Bytes &array) {
-    return {key6(0x67, id, 0), cat({le16(id), zeros(2), name68(name), array})};
-}
+Record zone_rec(uint16_t id, const std::string &name, const Bytes &array) { return named_rec(0x68, id, name, array); }
+Record zoneset_rec(uint16_t id, const std::string &name, const Bytes &array) { return named_rec(0x67, id, name, array); }
 Record member_rec(uint16_t zone_id, uint16_t member_id, uint8_t type, const Bytes &array) {
     return {key6(0x69, member_id, zone_id), cat({le16(member_id), {type, 0}, array})};
 }
@@ -66,13 +63,12 @@ Bytes zones_tlv(uint16_t type, const std::vector<int> &ids) {
     return tlv(type, cat({le32(uint32_t(n)), id_bits(n, ids)}));
 }
 Record zone_options_rec(uint32_t options) { return {{0x6B, 0x00}, be32(options)}; }
-std::vector<Record> active_chunks(const Bytes &data, size_t chunk, uint32_t total) {
-    std::vector<Record> out{{key6(0x6C, 0, 0), be32(total)}};
+std::vector<Record> active_chunks(const Bytes &data, size_t chunk, int64_t total) {
+    std::vector<Record> out{{key6(0x6C, 0, 0), be32(total < 0 ? uint32_t(data.size()) : uint32_t(total))}};
     for (size_t off = 0, n = 1; off < data.size(); off += chunk, ++n)
         out.push_back({key6(0x6C, 0, uint16_t(n)), Bytes(data.begin() + off, data.begin() + std::min(off + chunk, data.size()))});
     return out;
 }
-std::vector<Record> active_chunks(const Bytes &data, size_t chunk) { return active_chunks(data, chunk, uint32_t(data.size())); }
 
 Record vdom_list_rec(const Bytes &set) { return {{0x6D, 0x00}, set}; }
 Record rdi_rec(uint16_t afid, const Bytes &set) { return {cat({{0x79, 0x00}, le16(afid)}), set}; }
@@ -120,18 +116,15 @@ void put(const std::string &location, const std::vector<Record> &records) {
 
 Reader::Reader(const std::string &location) {
     int32_t status = -1;
-    store_ = kvdb_open(location.c_str(), &status);
+    store_.reset(kvdb_open(location.c_str(), &status));
     EXPECT_EQ(status, 0) << location;
 }
-
-Reader::~Reader() { kvdb_close(store_); }
 
 Stored::Stored(const std::vector<Record> &records, Backend backend)
     : prefix_(backend), reader_((put(prefix_.config(), records), prefix_.config())) {}
 
-namespace {
 // The text of the generation handle, which is released.
-std::string rendered(uint32_t handle) {
+static std::string rendered(uint32_t handle) {
     char *text = nullptr;
     EXPECT_EQ(ptxt_render(handle, &text, nullptr), 0);
     std::string out = text != nullptr ? text : "";
@@ -139,7 +132,6 @@ std::string rendered(uint32_t handle) {
     ptxt_hdl_release(handle);
     return out;
 }
-}  // namespace
 
 std::string generate(std::initializer_list<std::pair<uint32_t, kvdb_store *>> stores) {
     uint32_t handle = 0;
@@ -176,9 +168,8 @@ std::string gen_func_text(const std::string &prefix, int32_t *status) {
 }
 
 std::string section(const std::vector<Record> &records) {
-    Prefix p;
-    put(p.config(), records);
-    const std::string text = generate_from(p.config());
+    const Stored s(records);
+    const std::string text = generate({{ZFX_GEN_STORE_CONFIG, s.get()}});
     const std::string feature = "feature zfx\n";
     EXPECT_EQ(text.rfind(feature, 0), 0u) << text;
     return text.substr(std::min(text.size(), feature.size()));

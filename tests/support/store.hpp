@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <initializer_list>
+#include <memory>
 #include <ostream>
 #include <string>
 #include <utility>
@@ -49,9 +50,9 @@ Record member_rec(uint16_t zone_id, uint16_t member_id, uint8_t type, const Byte
 Bytes members_tlv(const std::vector<int> &ids);
 Bytes zones_tlv(uint16_t type, const std::vector<int> &ids);
 Record zone_options_rec(uint32_t options);
-// The active zoneset data split into chunks of at most chunk bytes, with chunk 0 giving total.
-std::vector<Record> active_chunks(const Bytes &data, size_t chunk, uint32_t total);
-std::vector<Record> active_chunks(const Bytes &data, size_t chunk);
+// The active zoneset data split into chunks of at most chunk bytes, with chunk 0 giving total
+// (the data's size when not given).
+std::vector<Record> active_chunks(const Bytes &data, size_t chunk, int64_t total = -1);
 
 enum class Backend { mem, lmdb };
 
@@ -79,13 +80,10 @@ void put(const std::string &location, const std::vector<Record> &records);
 class Reader {
 public:
     explicit Reader(const std::string &location);
-    ~Reader();
-    Reader(const Reader &) = delete;
-    Reader &operator=(const Reader &) = delete;
-    kvdb_store *get() const { return store_; }
+    kvdb_store *get() const { return store_.get(); }
 
 private:
-    kvdb_store *store_;
+    std::unique_ptr<kvdb_store, decltype(&kvdb_close)> store_{nullptr, kvdb_close};
 };
 
 // Records and the text expected of them, a row of the suites' text tables.

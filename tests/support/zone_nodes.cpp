@@ -1,7 +1,6 @@
 #include "zone_nodes.hpp"
 
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 #include <gtest/gtest.h>
@@ -10,28 +9,16 @@ namespace zfxtest {
 
 const Bytes kNodeLun = {0x00, 0x07, 0, 0, 0, 0, 0, 0};
 
-Bytes node_wwn(uint8_t last) {
-    Bytes w = kWwn;
-    w[7] = last;
-    return w;
-}
+Bytes node_wwn(uint8_t last) { return cat({Bytes(kWwn.begin(), kWwn.end() - 1), {last}}); }
 
-namespace {
-
-int32_t by_id(const void *a, const void *b) {
+static int32_t by_id(const void *a, const void *b) {
     const uint32_t x = *static_cast<const uint32_t *>(a), y = *static_cast<const uint32_t *>(b);
     return x < y ? -1 : x > y;
 }
 
-}  // namespace
-
-ZoneNodes::~ZoneNodes() {
-    for (plat_tree *t : trees) tree_destroy(t);
-}
-
 zfx_zone_node &ZoneNodes::zone(uint32_t id, const std::string &name, uint32_t qos, uint32_t ro, bool has_tree) {
     zfx_zone_node &z = zones.emplace_back();
-    z = zfx_zone_node{id, {}, has_tree ? trees.emplace_back(tree_create(by_id)) : nullptr, {},
+    z = zfx_zone_node{id, {}, has_tree ? trees.emplace_back(tree_create(by_id), tree_destroy).get() : nullptr, {},
                       {0xA1, 0, 0, 0, 0, 0, 0, 0xA8}, qos, ro};
     std::snprintf(z.name, sizeof z.name, "%s", name.c_str());
     const uint32_t count = 256;
@@ -55,19 +42,14 @@ zfx_zone_member_node &ZoneNodes::member(zfx_zone_node &z, uint32_t id, uint32_t 
 }
 
 zfx_zoneset_node ZoneNodes::zoneset(uint32_t id, const std::string &name, std::initializer_list<zfx_zone_node *> zs) {
-    zfx_zoneset_node s{id, {}, trees.emplace_back(tree_create(by_id)), {}, {0xB1, 0, 0, 0, 0, 0, 0, 0xB8}};
+    zfx_zoneset_node s{id, {}, trees.emplace_back(tree_create(by_id), tree_destroy).get(), {},
+                       {0xB1, 0, 0, 0, 0, 0, 0, 0xB8}};
     std::snprintf(s.name, sizeof s.name, "%s", name.c_str());
     for (zfx_zone_node *z : zs) {
         EXPECT_EQ(tree_insert(s.zones, z), 0);
         if (z->id < 8192) s.zone_bitmap[z->id / 8] |= uint8_t(0x80 >> (z->id % 8));
     }
     return s;
-}
-
-Bytes take(void *p, const uint32_t &len) {
-    Bytes b = p != nullptr ? bytes_of(p, len) : Bytes{};
-    std::free(p);
-    return b;
 }
 
 }  // namespace zfxtest

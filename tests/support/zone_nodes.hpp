@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <deque>
 #include <initializer_list>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -19,10 +20,6 @@ Bytes node_wwn(uint8_t last);
 
 // Nodes live as long as the database; the trees are destroyed with it.
 struct ZoneNodes {
-    ZoneNodes() = default;
-    ZoneNodes(const ZoneNodes &) = delete;
-    ZoneNodes &operator=(const ZoneNodes &) = delete;
-    ~ZoneNodes();
     // A zone with attribute block A1 .. A8; without has_tree its members tree is NULL.
     zfx_zone_node &zone(uint32_t id, const std::string &name, uint32_t qos = 0, uint32_t ro = 0,
                         bool has_tree = true);
@@ -34,11 +31,7 @@ struct ZoneNodes {
 
     std::deque<zfx_zone_member_node> members;
     std::deque<zfx_zone_node> zones;
-    std::vector<plat_tree *> trees;
+    std::vector<std::unique_ptr<plat_tree, decltype(&tree_destroy)>> trees;
 };
-
-// The bytes of a block the library allocated, which it frees. len is read after the call that
-// fills it has run, whatever the order in which the arguments were evaluated.
-Bytes take(void *p, const uint32_t &len);
 
 }  // namespace zfxtest
