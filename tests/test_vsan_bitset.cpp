@@ -103,7 +103,7 @@ std::string model_text(const Model &m, const char *format = "%d") {
     char buf[16];
     for (auto [p, q] : model_runs(m)) {
         std::snprintf(buf, sizeof buf, format, p);
-        t += (t.empty() ? "" : ",") + std::string(buf);
+        t.append(t.empty() ? "" : ",").append(buf);
         if (q == p) continue;
         std::snprintf(buf, sizeof buf, format, q);
         t += '-' + std::string(buf);
@@ -273,7 +273,7 @@ TEST(VsanBitset, TextFormsChunksAndConversionsAgreeWithModel) {
                 ASSERT_EQ(std::strlen(buf.data()), size_t(n));
                 ASSERT_EQ(buf[size], '#');  // nothing written past the size
                 ASSERT_TRUE(n > 0 || done) << "stuck with room for the widest item";
-                if (n > 0) joined += (joined.empty() ? "" : ",") + std::string(buf.data());
+                if (n > 0) joined.append(joined.empty() ? "" : ",").append(buf.data());
                 // The cursor: the last position of the last run written.
                 if (!done) {
                     ASSERT_EQ(range_print_cursor, runs[std::count(joined.begin(), joined.end(), ',')].second);

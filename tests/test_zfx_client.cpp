@@ -54,7 +54,7 @@ const Decode kMembers = decoder<zfxtool::MemberEntry>(zfxtool::decode_members, [
 });
 const Decode kZonesets = decoder<zfxtool::ZonesetEntry>(zfxtool::decode_zonesets, [](const zfxtool::ZonesetEntry &s) {
     std::string t = std::to_string(s.id) + " " + s.name + (s.active ? " active" : "") + " zones";
-    for (uint32_t z : s.zones) t += " " + std::to_string(z);
+    for (uint32_t z : s.zones) t.append(" ").append(std::to_string(z));
     return t;
 });
 const Decode kStatus = decoder<zfxtool::ZonesetStatus>(zfxtool::decode_zoneset_status, [](const zfxtool::ZonesetStatus &s) {

@@ -42,9 +42,9 @@ std::string fabric_text() {
             if ((i + k) % 3 != 0 || k == i % 4) vsans.push_back(kVsans[k]);
         std::string ranges, per;
         for (size_t k = 0; k < vsans.size(); ++k) {
-            ranges += (k == 0 ? "" : ",") + std::to_string(vsans[k]);
+            ranges.append(k == 0 ? "" : ",").append(std::to_string(vsans[k]));
             // A per-VSAN device's last VSAN has no value, unless it has only the one.
-            if (k + 1 < vsans.size() || k == 0) per += (k == 0 ? "" : ",") + format("%u:%u", vsans[k], 1000 + i);
+            if (k + 1 < vsans.size() || k == 0) per.append(k == 0 ? "" : ",").append(format("%u:%u", vsans[k], 1000 + i));
         }
         t += format("device 21:00:00:24:ff:%02x:%02x:%02x fcid 0x%02x%02x%02x vsans %s", i >> 16, (i >> 8) & 0xFF, i & 0xFF, 1 + i % 23,
                     i / 23, i % 7, ranges.c_str());

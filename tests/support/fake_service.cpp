@@ -42,15 +42,16 @@ plat_answer Answer::to_plat() const {
 std::string Sent::summary() const {
     static const char *const kOps[] = {"?", "req", "remote", "send", "recv", "raw"};
     std::string s = kOps[op >= PLAT_OP_REQ_RESP && op <= PLAT_OP_RAW_SEND ? op : 0];
-    s += " " + std::to_string(msg_type) + "/" + std::to_string(opcode);
-    char node_hex[16];
-    if (node != 0) std::snprintf(node_hex, sizeof node_hex, " @%x", node), s += node_hex;
-    if (sap != 110) s += " sap=" + std::to_string(sap);
-    if (op == PLAT_OP_REQ_RESP || op == PLAT_OP_REMOTE) s += " t" + std::to_string(timeout);
-    if (tag != 0) s += " tag" + std::to_string(tag);
+    char buf[32];
+    const auto put = [&](const char *format, uint32_t v) { std::snprintf(buf, sizeof buf, format, v), s += buf; };
+    put(" %u", msg_type), put("/%u", opcode);
+    if (node != 0) put(" @%x", node);
+    if (sap != 110) put(" sap=%u", sap);
+    if (op == PLAT_OP_REQ_RESP || op == PLAT_OP_REMOTE) put(" t%u", timeout);
+    if (tag != 0) put(" tag%u", tag);
     if (want_reply) s += " reply";
-    if (opt_a) s += " a=" + *opt_a;
-    if (opt_b != 0) s += " b" + std::to_string(opt_b);
+    if (opt_a) s.append(" a=").append(*opt_a);
+    if (opt_b != 0) put(" b%u", opt_b);
     return s;
 }
 
