@@ -1,6 +1,7 @@
 // The persistent zone database: exact bytes of every record kind and of the active zoneset data,
 // the member decode and the restoring readers. (The text made of such records: test_zone_ascii.)
 #include <cstring>
+#include <memory>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -11,6 +12,7 @@
 #include "store.hpp"
 #include "zone_nodes.hpp"
 #include "zfx_zone_db.h"
+#include "zfx_zone_db.hpp"
 
 namespace {
 
@@ -89,6 +91,39 @@ TEST(ZoneDb, DecodeFillsOnlyWhatTheRecordCarries) {
     }
     EXPECT_EQ(zfx_zone_decode_member_from_kvdb_cfg(nullptr, &m), ZFX_ERR_INVALID_ARG);
     EXPECT_EQ(zfx_zone_decode_member_from_kvdb_cfg(rec.data(), nullptr), ZFX_ERR_INVALID_ARG);
+}
+
+// The member view reads a record laid out as the encoder writes it at its elements' places, and
+// any other record by walking it: both ways must agree on every record, as written, cut short or
+// with any one byte changed (an exactly sized copy, so that a read past it is seen).
+TEST(ZoneDb, MemberViewAtTheElementsPlacesIsTheWalks) {
+    const auto view = [](const Bytes &r, bool walked) {
+        const auto rec = std::make_unique<uint8_t[]>(r.size());
+        std::copy(r.begin(), r.end(), rec.get());
+        zfx::MemberView v{};
+        const bool ok = walked ? zfx::view_walked_member(rec.get(), r.size(), v) : zfx::view_member(rec.get(), r.size(), v);
+        const auto at = [&](const void *p) { return p != nullptr ? static_cast<const uint8_t *>(p) - rec.get() : -1; };
+        // (What a refused record leaves in the view is not for use.)
+        return ok ? std::tuple(v.type, v.has_vsan, v.has_afid, v.has_alias, v.vsan, v.afid, at(v.pwwn), at(v.lun),
+                               at(v.alias), v.alias_len)
+                  : std::tuple(uint8_t(0), false, false, false, 0u, uint16_t(0), ptrdiff_t(-2), ptrdiff_t(-2), ptrdiff_t(-2), size_t(0));
+    };
+    ZoneNodes db;
+    zfx_zone_node &z = db.zone(1, "z", 0, 0, false);
+    for (uint32_t type : {0u, 1u, 240u, 241u})
+        for (size_t n : {size_t(1), size_t(20), size_t(ZFX_NAME_SIZE - 1)}) {
+            uint32_t len = 0;
+            const Bytes rec = take(zfx_zone_encode_zone_member_to_kvdb(&db.member(z, 9, type, 4094, 7, std::string(n, 'a')), &len), len);
+            std::vector<Bytes> records;
+            for (size_t cut = 0; cut <= rec.size(); ++cut) records.emplace_back(rec.begin(), rec.begin() + long(cut));
+            for (size_t i = 0; i < rec.size(); ++i)
+                for (int b : {0x00, 0x01, 0x07, 0xF0, 0xFF, rec[i] + 1, rec[i] - 1}) {
+                    records.push_back(rec);
+                    records.back()[i] = uint8_t(b);
+                }
+            for (const Bytes &r : records) ASSERT_EQ(view(r, false), view(r, true)) << hex(r);
+            EXPECT_EQ(std::get<0>(view(rec, false)), type);
+        }
 }
 
 TEST(ZoneDb, ZoneAndZonesetRecords) {

@@ -3,6 +3,9 @@
 // read from its chunks.
 #pragma once
 
+#include <algorithm>
+#include <bit>
+
 #include "zfx_internal.hpp"
 #include "zfx_tlv_walk.hpp"
 #include "zfx_zone_db.h"
@@ -41,10 +44,55 @@ struct MemberView {
     size_t alias_len;
 };
 
-// Views a stored member record of len bytes; false when the record is shorter than its head or
-// its array does not lie within it (v then holds nothing to be used). Inline: the zone text views
-// every member record it writes.
-inline bool view_member(const void *record, size_t len, MemberView &v) {
+// The characters of an alias value of size bytes: up to its terminator, never past the value.
+inline size_t alias_length(const char *alias, size_t size) { return strnlen(alias, std::min<size_t>(size, ZFX_NAME_SIZE - 1)); }
+
+// An element's header as one word, as it lies in a record: its type, then its length.
+constexpr uint32_t elem_head(uint16_t type, uint16_t len) {
+    return std::endian::native == std::endian::little ? uint32_t(type) | uint32_t(len) << 16
+                                                      : uint32_t(type) << 16 | len;
+}
+
+// Views a member record laid out as the encoder writes it: the elements of its type, each once, in
+// record order, the alias last. Their places follow from the type alone, so each is checked where
+// it must lie, with no walk from one element to the next: v is then what the walk would give.
+// False for any other record, which only the walk reads.
+inline bool view_written_member(const uint8_t *rec, size_t len, MemberView &v) {
+    MemberShape shape;
+    if (len < sizeof(zfx_member_rec_head) || !member_shape(rec[offsetof(zfx_member_rec_head, type)], shape)) return false;
+    constexpr size_t kFirst = sizeof(zfx_member_rec_head);
+    const size_t wwn = kFirst, vsan = shape.pwwn ? wwn + tlv_elem_size(8) : kFirst, afid = vsan + tlv_elem_size(4),
+                 lun = afid + tlv_elem_size(4), alias = shape.lun ? lun + tlv_elem_size(8) : lun;
+    const uint32_t count = 2 + uint32_t(shape.pwwn) + uint32_t(shape.lun) + uint32_t(shape.alias);
+    if (len < alias || load<uint32_t>(rec + offsetof(zfx_member_rec_head, tlvs)) != count ||
+        load<uint32_t>(rec + vsan) != elem_head(ZFX_TLV_MEMBER_VSAN, 4) ||
+        load<uint32_t>(rec + afid) != elem_head(ZFX_TLV_MEMBER_AFID, 4) ||
+        (shape.pwwn && load<uint32_t>(rec + wwn) != elem_head(ZFX_TLV_MEMBER_PWWN, 8)) ||
+        (shape.lun && load<uint32_t>(rec + lun) != elem_head(ZFX_TLV_MEMBER_LUN, 8)))
+        return false;
+    size_t alias_size = 0;
+    if (shape.alias) {
+        if (len < alias + 4 || load<uint16_t>(rec + alias) != ZFX_TLV_MEMBER_DEVICE_ALIAS) return false;
+        alias_size = load<uint16_t>(rec + alias + 2);
+        if (alias_size == 0 || alias_size > len - alias - 4) return false;
+    }
+    v = MemberView{};
+    v.type = rec[offsetof(zfx_member_rec_head, type)];
+    v.has_vsan = v.has_afid = true;
+    v.vsan = load_le32(rec + vsan + 4);
+    v.afid = uint16_t(load_le32(rec + afid + 4));
+    if (shape.pwwn) v.pwwn = rec + wwn + 4;
+    if (shape.lun) v.lun = rec + lun + 4;
+    if (shape.alias) {
+        v.has_alias = true;
+        v.alias = reinterpret_cast<const char *>(rec + alias + 4);
+        v.alias_len = alias_length(v.alias, alias_size);
+    }
+    return true;
+}
+
+// view_member by the walk of the record's array alone, whatever its layout.
+inline bool view_walked_member(const void *record, size_t len, MemberView &v) {
     if (record == nullptr || len < sizeof(zfx_member_rec_head)) return false;
     auto *rec = static_cast<uint8_t *>(const_cast<void *>(record));  // walked, never written
     // One pass checks and reads the array.
@@ -66,15 +114,22 @@ inline bool view_member(const void *record, size_t len, MemberView &v) {
                 if (e.len >= 8) v.lun = e.value;
                 break;
             case ZFX_TLV_MEMBER_DEVICE_ALIAS:
-                // The characters up to the terminator, never past the value.
                 v.has_alias = true;
                 v.alias = reinterpret_cast<const char *>(e.value);
-                v.alias_len = e.value != nullptr ? strnlen(v.alias, e.len < ZFX_NAME_SIZE - 1 ? e.len : ZFX_NAME_SIZE - 1) : 0;
+                v.alias_len = e.value != nullptr ? alias_length(v.alias, e.len) : 0;
                 break;
             default: break;
         }
     }
     return walk.ok();
+}
+
+// Views a stored member record of len bytes; false when the record is shorter than its head or
+// its array does not lie within it (v then holds nothing to be used). Inline: the zone text views
+// every member record it writes.
+inline bool view_member(const void *record, size_t len, MemberView &v) {
+    if (record != nullptr && view_written_member(static_cast<const uint8_t *>(record), len, v)) return true;
+    return view_walked_member(record, len, v);
 }
 
 // Decodes a stored member record of len bytes into m (see zfx_zone_decode_member_from_kvdb_cfg):
