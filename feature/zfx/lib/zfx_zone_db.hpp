@@ -64,10 +64,13 @@ inline bool view_written_member(const uint8_t *rec, size_t len, MemberView &v) {
     const size_t wwn = kFirst, vsan = shape.pwwn ? wwn + tlv_elem_size(8) : kFirst, afid = vsan + tlv_elem_size(4),
                  lun = afid + tlv_elem_size(4), alias = shape.lun ? lun + tlv_elem_size(8) : lun;
     const uint32_t count = 2 + uint32_t(shape.pwwn) + uint32_t(shape.lun) + uint32_t(shape.alias);
+    // The headers are read in record order, each only once those before it have matched: a
+    // record whose length is not known (it is trusted to be as long as its array claims) is then
+    // read no further than the walk would read it.
     if (len < alias || load<uint32_t>(rec + offsetof(zfx_member_rec_head, tlvs)) != count ||
+        (shape.pwwn && load<uint32_t>(rec + wwn) != elem_head(ZFX_TLV_MEMBER_PWWN, 8)) ||
         load<uint32_t>(rec + vsan) != elem_head(ZFX_TLV_MEMBER_VSAN, 4) ||
         load<uint32_t>(rec + afid) != elem_head(ZFX_TLV_MEMBER_AFID, 4) ||
-        (shape.pwwn && load<uint32_t>(rec + wwn) != elem_head(ZFX_TLV_MEMBER_PWWN, 8)) ||
         (shape.lun && load<uint32_t>(rec + lun) != elem_head(ZFX_TLV_MEMBER_LUN, 8)))
         return false;
     size_t alias_size = 0;
