@@ -535,7 +535,7 @@ TEST(Pfcid, ListReadsFromAnyKeyOnPassingOverAnExactStart) {
 TEST(Pfcid, TextIsThatOfTheWalkOverTheWholeList) {
     std::mt19937 rng(7);
     auto pick = [&](uint32_t n) { return uint32_t(rng() % n); };
-    std::map<Bytes, Bytes> table;
+    RecordMap table;
     for (int i = 0; i < 60; ++i)
         table.insert(pfcid_domain_rec(pick(3), pick(4), pick(3), pick(50), uint8_t(0x20 + pick(4)), 0, uint16_t(1 + pick(2))));
     for (int i = 0; i < 400; ++i) {

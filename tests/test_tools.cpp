@@ -20,7 +20,7 @@ namespace {
 
 using namespace zfxtool;
 using zfxtest::Prefix;
-using RecordMap = std::map<Bytes, Bytes>;
+using zfxtest::RecordMap;
 
 Fabric loaded(const std::string &text, const LoadOptions &options = {}, size_t *skipped = nullptr) {
     Fabric f;

@@ -798,7 +798,7 @@ void show_proxy_domains(Session &s, const Parsed &p) {
     s.check(uint32_t(zfx_get_proxy_domain_list(s.conn().ep(), vsan, &list)));
     std::string domains;
     for (uint32_t d = 0; d < 8 * ZFX_PROXY_DOMAIN_LIST_SIZE; ++d)
-        if (id_bit(list.domain_list, d)) domains += (domains.empty() ? "" : ",") + std::to_string(d);
+        if (id_bit(list.domain_list, d)) domains.append(domains.empty() ? "" : ",").append(std::to_string(d));
     table(s, {{"VSAN", "COUNT", "PROXY-DOMAINS"}, {std::to_string(vsan), std::to_string(list.value), domains.empty() ? "-" : domains}});
 }
 

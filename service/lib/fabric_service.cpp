@@ -95,10 +95,10 @@ Bytes tlv_reply(const std::vector<const FabricDevice *> &devices) {
         a.add_u32(ZFXD_TLV_PAIR_COUNT, uint32_t(pairs.size()));
         for (const zfx_pv_vsan_pair &pair : pairs) a.add(ZFXD_TLV_PAIR, &pair, sizeof pair);
     }
-    Bytes out(8, 0);
+    Bytes out(8 + a.bytes().size(), 0);
     const int32_t count = int32_t(devices.size());
     put(out, 0, &count, 4);
-    out.insert(out.end(), a.bytes().begin(), a.bytes().end());
+    std::copy(a.bytes().begin(), a.bytes().end(), out.begin() + 8);
     return out;
 }
 
@@ -140,7 +140,7 @@ Answer FabricService::request(uint32_t msg_type, uint32_t opcode, const uint8_t 
             if (opcode != ZFXD_OP_GET) return status(ZFXD_ERR_UNSUPPORTED);
             if (n < sizeof(zfx_pv_vsan_query)) return status(ZFXD_ERR_MALFORMED);
             const uint32_t vsan = be32_at(p + offsetof(zfx_pv_vsan_query, vsan));
-            what += " " + zfxtool::wwn_text(wwn_at(p)) + " vsan " + std::to_string(vsan);
+            what.append(" ").append(zfxtool::wwn_text(wwn_at(p))).append(" vsan ").append(std::to_string(vsan));
             const FabricDevice *d = fabric_.device(wwn_at(p));
             const auto value = d != nullptr ? value_in(*d, vsan) : std::nullopt;
             if (!value) return status(ZFXD_ERR_NOT_FOUND);
@@ -162,7 +162,7 @@ Answer FabricService::request(uint32_t msg_type, uint32_t opcode, const uint8_t 
                 const uint32_t vsan = be32_at(item + 8);
                 if (d != nullptr && (vsan == 0 || in_vsan(*d, vsan))) devices.push_back(d);
             }
-            what += " " + std::to_string(count) + " items: " + std::to_string(devices.size());
+            what.append(" ").append(std::to_string(count)).append(" items: ").append(std::to_string(devices.size()));
             return reply(tlv_reply(devices));
         }
         case ZFX_MSG_NEXT_HOP_VSAN: {

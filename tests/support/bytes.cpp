@@ -1,6 +1,8 @@
 #include "bytes.hpp"
 
+#include <algorithm>
 #include <cstdlib>
+#include <cstring>
 
 namespace zfxtest {
 
@@ -52,6 +54,12 @@ std::string hex(const Bytes &b) {
     std::string s;
     for (uint8_t c : b) s += {digits[c >> 4], digits[c & 15], ' '};
     return s;
+}
+
+bool KeyOrder::operator()(const Bytes &a, const Bytes &b) const {
+    const size_t n = std::min(a.size(), b.size());
+    const int c = n == 0 ? 0 : std::memcmp(a.data(), b.data(), n);
+    return c != 0 ? c < 0 : a.size() < b.size();
 }
 
 }  // namespace zfxtest

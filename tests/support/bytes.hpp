@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -36,5 +37,12 @@ Bytes tlv(uint16_t type, const Bytes &value);
 Bytes tlv_array(std::initializer_list<Bytes> elements);
 // "01 02 ff " for readable failure messages.
 std::string hex(const Bytes &b);
+
+// Records by key in the store's order: bytes compared as unsigned, a key before the longer ones
+// it begins.
+struct KeyOrder {
+    bool operator()(const Bytes &a, const Bytes &b) const;
+};
+using RecordMap = std::map<Bytes, Bytes, KeyOrder>;
 
 }  // namespace zfxtest
