@@ -13,7 +13,6 @@
 #include <algorithm>
 #include <cstring>
 #include <functional>
-#include <map>
 #include <random>
 #include <string>
 #include <tuple>

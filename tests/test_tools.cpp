@@ -4,7 +4,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <map>
 
 #include "dump.hpp"
 #include "fabric.hpp"
