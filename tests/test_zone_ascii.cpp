@@ -36,6 +36,10 @@ std::vector<Record> with(std::vector<Record> base, const std::vector<Record> &mo
     return base;
 }
 
+// The most the active zoneset data can take: every zone id with every member id, each member at
+// its largest (the bound its readers document).
+constexpr int64_t kLargestActive = 1878753364;
+
 TEST(ZoneText, EveryRuleOfTheZoneSection) {
     const std::string wwn = "20:00:00:11:22:33:44:55";
     const std::vector<Record> one_zone = {zone_db_header_rec({1}, {}), zone_rec(1, "z1", zone_array({}))};
@@ -95,6 +99,11 @@ TEST(ZoneText, EveryRuleOfTheZoneSection) {
         {"activation without force, or without options",
          with({zone_db_header_rec({}, {}), zone_options_rec(0x7FFFFFFF)}, active_chunks(active("act"), 100)),
          {0, "zfx zoneset activate name act\n"}},
+        {"a total as large as the data can be is read",
+         with({zone_db_header_rec({}, {})}, active_chunks(active("big"), 100, kLargestActive)),
+         {0, "zfx zoneset activate name big\n"}},
+        {"a larger total is no data",
+         with({zone_db_header_rec({}, {})}, active_chunks(active("big"), 100, kLargestActive + 1)), {0, ""}},
         {"a record holding an id other than its key's (at the table's end): its members are those of the id it holds",
          {zone_db_header_rec({1}, {}), {zone_rec(1, "", {}).first, zone_rec(2, "z1", zone_array({1})).second}, pwwn_member(2, 1, 10, 1)},
          {0, "zfx zone name z1\n  member pwwn " + wwn + "            vsan 10\n"}},

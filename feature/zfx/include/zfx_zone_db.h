@@ -283,8 +283,8 @@ ZFX_API int32_t zfx_zone_kvdb_restore_options_from_kvdb(kvdb_store *store, uint3
  * is reached or a chunk is missing; a surplus is not copied, and a missing chunk leaves the rest
  * zero (compare the chunks with the total to tell a partial restore). NULL when the store is
  * NULL, chunk 0 is missing, shorter than 4 bytes, gives 0 or more than the data can ever take
- * (every zone id with every member id, each member at its largest: about 1.8 GiB), or memory is
- * short.
+ * (every zone id with every member id, each member at its largest: 1 878 753 364 bytes), or
+ * memory is short.
  */
 ZFX_API void *zfx_zone_restore_active_pzs_from_kvdb(kvdb_store *store);
 
