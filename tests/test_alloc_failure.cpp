@@ -20,6 +20,7 @@
 #include <gtest/gtest.h>
 
 #include "capture.hpp"
+#include "devices.hpp"
 #include "full_store.hpp"
 #include "fake_service.hpp"
 #include "history.hpp"
@@ -94,8 +95,7 @@ Row request(const char *name, F call) {
 template <typename Out, typename F>
 Row query(const Bytes &reply, const char *name, F call) {
     return {name, [reply, call] {
-                FakeService svc;
-                svc.answer(Answer::reply_with(reply));
+                FakeService svc{Answer::reply_with(reply)};
                 Out out;
                 std::memset(&out, 0xAB, sizeof out);  // as a pointer, one the library never hands out
                 const Bytes before = bytes_of(&out, sizeof out);
@@ -116,8 +116,7 @@ Row query(const Bytes &reply, const char *name, F call) {
 template <typename F>
 Row enabled(Answer answer, int32_t expected, const char *name, F call) {
     return {name, [call, answer, expected] {
-                FakeService svc;
-                svc.answer(answer);
+                FakeService svc{answer};
                 zfx_status_reply *reply = untouched<zfx_status_reply>();
                 const int32_t r = call(svc.ep(), nullptr, &reply, nullptr);
                 if (failed()) return r == 1 && reply == nullptr;
@@ -140,34 +139,17 @@ struct ActiveZoneset {
 
 // ---- device entries -----------------------------------------------------------------------------
 
-constexpr size_t kEntry = ZFX_DEVICE_ENTRY_SIZE, kHead = ZFX_DEVICE_ENTRY_HEAD_SIZE;
-
-// A device entry: its port WWN words, VSAN value, VSANs and flags; its name-server block holds mark.
-Bytes device(uint32_t w0, uint32_t value, std::initializer_list<int> vsan_list, uint8_t flags, uint8_t mark) {
-    Bytes d = cat({le32(w0), le32(0), le32(value)});
-    d.resize(kEntry, 0);
-    const Bytes set = vsans(vsan_list);
-    std::copy(set.begin(), set.end(), d.begin() + offsetof(zfx_device_entry, vsans));
-    d[offsetof(zfx_device_entry, flags)] = flags;
-    std::fill(d.begin() + kHead, d.end(), mark);
-    return d;
-}
-
-void release(zfx_device_ns_entry *entries, size_t n) {
-    for (size_t i = 0; i < n; ++i) std::free(entries[i].pairs);
-    std::free(entries);
-}
+void release(zfx_device_ns_entry *entries, size_t n) { free_ns(entries, n); }
 void release(zfx_device_entry *entries, size_t) { std::free(entries); }
 
 // A batch of two devices, the second asked VSAN by VSAN.
-const Bytes kBatch = cat({device(1, 5, {1, 2}, 0, 0x11), device(2, 5, {3}, ZFX_DEVICE_FLAG_PER_VSAN, 0x22)});
+const Bytes kBatch = cat({device(1, 0, 5, {1, 2}, 0, 0x11), device(2, 0, 5, {3}, ZFX_DEVICE_FLAG_PER_VSAN, 0x22)});
 
 // A name-server view of a batch: on failure nothing handed out and the cursor not moved.
 template <typename F>
 Row ns_view(const char *name, F call) {
     return {name, [call] {
-                FakeService svc;
-                svc.answer(Answer::reply_with(kBatch));
+                FakeService svc{Answer::reply_with(kBatch)};
                 svc.answer(Answer::reply_with(le32(0xBEEF)));  // the second device in VSAN 3
                 zfx_device_entry *h;
                 zfx_device_entry_handle_init(&h);
@@ -186,14 +168,10 @@ Row ns_view(const char *name, F call) {
 
 // A TLV-encoded reply of three entries: one of an unknown type first (its line is printed), then
 // two devices with pairs, each pair array an allocation of its own.
-Bytes tlv_reply() {
-    const Bytes a = device(1, 5, {4}, 0, 0x33), b = device(2, 5, {6}, 0, 0x44);
-    auto head = [](const Bytes &d) { return tlv(ZFX_TLV_DEVICE_ENTRY, Bytes(d.begin(), d.begin() + kHead)); };
-    auto block = [](const Bytes &d) { return tlv(1, Bytes(d.begin() + kHead, d.end())); };
-    auto pair = [](uint32_t vsan, uint32_t value) { return tlv(3, cat({le32(vsan), le32(value)})); };
-    return cat({le32(3), le32(0),
-                tlv_array({tlv(70, le32(0)), head(a), block(a), tlv(2, le32(2)), pair(4, 40), pair(5, 50), head(b),
-                           block(b), tlv(2, le32(1)), pair(6, 60)})});
+Bytes three_entries() {
+    const Bytes a = device(1, 0, 5, {4}, 0, 0x33), b = device(2, 0, 5, {6}, 0, 0x44);
+    return tlv_reply(3, {tlv(70, le32(0)), tlv(ZFX_TLV_DEVICE_ENTRY, head(a)), tlv(1, block(a)), tlv(2, le32(2)), tlv(3, pair(4, 40)),
+                         tlv(3, pair(5, 50)), tlv(ZFX_TLV_DEVICE_ENTRY, head(b)), tlv(1, block(b)), tlv(2, le32(1)), tlv(3, pair(6, 60))});
 }
 
 // A decoder of the TLV-encoded reply (at): on failure nothing handed out, *count 0, and nothing
@@ -201,7 +179,7 @@ Bytes tlv_reply() {
 template <typename Entry, typename F>
 Row decoder(const char *name, F call) {
     return {name, [call] {
-                const Bytes reply = tlv_reply();
+                const Bytes reply = three_entries();
                 Entry *entries = untouched<Entry>();
                 int32_t count = 99;
                 Capture out;

@@ -18,10 +18,8 @@
 #include <tuple>
 #include <vector>
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "capture.hpp"
 #include "platform/heapx.h"
 #include "store.hpp"
 #include "zfx_ascii_cfg.h"
@@ -345,25 +343,6 @@ TEST(VirtualDomains, ListFormAnswersItsLookupsStatus) {
         Stored r(records);
         generation_text([&](uint32_t h) { EXPECT_EQ(zfx2_rdi_mode_generate_ascii_config(h, r.get()), status); });
     }
-}
-
-// A show of no list writes nothing, and returns 0 like every show. Handed no store, the
-// virtual-domain and persistent FCID sections report it (and only they do), return 0 and write
-// nothing.
-TEST(Fabric, ShowsOfNoListAndSectionsWithoutAStoreWriteNothing) {
-    Capture err(2);
-    int32_t commit = 0;
-    const std::string text = generation_text([&](uint32_t h) {
-        EXPECT_EQ(zfx_vsan_topo_config_show(h, nullptr), 0);
-        EXPECT_EQ(zfx2_afid_table_config_show(h, nullptr, 0), 0);
-        EXPECT_EQ(zfx2_sg_table_active_show(h, nullptr, 0), 0);
-        EXPECT_EQ(zfx2_sg_table_config_show(h, nullptr, nullptr), 0);
-        EXPECT_EQ(zfx2_rdi_mode_generate_ascii_config(h, nullptr), 0);
-        EXPECT_EQ(zfx2_rdi_mode_generate_ascii_config2(h, nullptr), 0);
-        EXPECT_EQ(zfx2_pfcid_generate_ascii_config(h, nullptr, &commit), 0);
-    });
-    EXPECT_EQ(text + std::to_string(commit), "0");
-    EXPECT_THAT(err.text(), testing::MatchesRegex("(ZFX-VT-PTXT: kvdb service is null\n: [^\n]*\n){3}"));
 }
 
 // ---- persistent FCIDs ----------------------------------------------------------------------------
