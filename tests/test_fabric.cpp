@@ -142,22 +142,15 @@ TEST(Fabric, TablesTextCaseByCase) {
                       activate = "zfx service-group activate\n";
     // A topology entry's line, and a service-group member's.
     auto entry = [](int afid, const char *ranges) {
-        char buf[200];
-        std::snprintf(buf, sizeof buf, "  autonomous-fabric-id %4d switch-wwn 20:00:00:11:22:33:44:55 vsan-ranges %s\n",
-                      afid, ranges);
-        return std::string(buf);
+        return format("  autonomous-fabric-id %4d switch-wwn 20:00:00:11:22:33:44:55 vsan-ranges %s\n", afid, ranges);
     };
-    auto m = [](int afid, const char *ranges) {
-        char buf[120];
-        std::snprintf(buf, sizeof buf, "  autonomous-fabric-id %2d vsan-ranges %s\n", afid, ranges);
-        return std::string(buf);
-    };
+    auto m = [](int afid, const char *ranges) { return format("  autonomous-fabric-id %2d vsan-ranges %s\n", afid, ranges); };
     // Groups of one table, each a name record then its members (fabric ID, VSANs).
     using Group = std::tuple<uint32_t, std::string, std::vector<std::pair<uint16_t, std::vector<int>>>>;
     auto groups = [](bool cfg, std::vector<Group> list, std::vector<Record> out = {}) {
         for (auto &[id, name, members] : list) {
             out.push_back(sg_name_rec(cfg, id, name));
-            for (auto &[afid, set] : members) out.push_back(sg_member_rec(cfg, id, afid, vsans_of(set)));
+            for (auto &[afid, set] : members) out.push_back(sg_member_rec(cfg, id, afid, vsans(set)));
         }
         return out;
     };
@@ -173,7 +166,7 @@ TEST(Fabric, TablesTextCaseByCase) {
             set.push_back(v);
             if (v <= 1800) fits.append(",").append(std::to_string(v));
         }
-        return vsans_of(set);
+        return vsans(set);
     };
     std::string fits, fits_short;
     const Bytes tight = runs(100, 1000, fits), one_short = runs(1000, 1002, fits_short);
@@ -278,7 +271,7 @@ TEST(VirtualDomains, LinesOfBothFormsStandAmongTheGlobalLines) {
 TEST(VirtualDomains, ForcedLongLineIsCutAfterItsLastWholeRun) {
     std::vector<int> pairs;  // 1-2,4-5,...: 12911 characters of range text
     for (int p = 1; p + 1 < 4094; p += 3) pairs.insert(pairs.end(), {p, p + 1});
-    const Bytes set = vsans_of(pairs);
+    const Bytes set = vsans(pairs);
     char full[VSAN_BITSET_TEXT_SIZE];
     vsan_bitset_sprintf(full, reinterpret_cast<const vsan_bitset *>(set.data()));
     const std::string line = section({flags_rec(ZFX_GFLAG_VDOM_FORCE), vdom_list_rec(set)});
@@ -373,24 +366,18 @@ std::vector<Record> sorted(std::vector<Record> records) {
 // record of the list that it places.
 std::string walk_text(const std::vector<Record> &records) {
     std::string out;
-    char line[160];
     uint32_t afid = 0, vsan = 0;
     for (const auto &[k, v] : sorted(records)) {
         if (k[1] != 1) break;
         if (num(k, 4, 2) != afid || num(k, 6, 4) != vsan) {
             afid = num(k, 4, 2), vsan = num(k, 6, 4);
-            std::snprintf(line, sizeof line, "zfx fcdomain database autonomous-fabric-num %d vsan %d\n", int(afid), int(vsan));
-            out += line;
+            out += format("zfx fcdomain database autonomous-fabric-num %d vsan %d\n", int(afid), int(vsan));
         }
-        std::snprintf(line, sizeof line, "  native-autonomous-fabric-num %d native-vsan %d domain %d\n", int(num(k, 10, 2)),
-                      int(num(k, 14, 4)), v[1]);
-        out += line;
-        for (const auto &[fk, fv] : sorted(records)) {
-            if (fk[1] != 2 || num(fk, 4, 2) != afid || num(fk, 6, 4) != vsan || fv[1] != v[1]) continue;
-            std::snprintf(line, sizeof line, "    pwwn %02x:%02x:%02x:%02x:%02x:%02x:%02x:%02x fcid 0x%02x%02x%02x\n", fk[10],
-                          fk[11], fk[12], fk[13], fk[14], fk[15], fk[16], fk[17], fv[1], fv[2], fv[3]);
-            out += line;
-        }
+        out += format("  native-autonomous-fabric-num %d native-vsan %d domain %d\n", int(num(k, 10, 2)), int(num(k, 14, 4)), v[1]);
+        for (const auto &[fk, fv] : sorted(records))
+            if (fk[1] == 2 && num(fk, 4, 2) == afid && num(fk, 6, 4) == vsan && fv[1] == v[1])
+                out += format("    pwwn %02x:%02x:%02x:%02x:%02x:%02x:%02x:%02x fcid 0x%02x%02x%02x\n", fk[10], fk[11], fk[12],
+                              fk[13], fk[14], fk[15], fk[16], fk[17], fv[1], fv[2], fv[3]);
     }
     return out;
 }

@@ -19,7 +19,7 @@ constexpr size_t kEntry = 5020, kHead = 4252, kBlock = 768;
 inline Bytes device(uint32_t w0, uint32_t w1, uint32_t value, const std::vector<int> &vsan_list, uint8_t flags, uint8_t mark) {
     Bytes d = cat({le32(w0), le32(w1), le32(value)});
     d.resize(kEntry, 0);
-    const Bytes set = vsans_of(vsan_list);
+    const Bytes set = vsans(vsan_list);
     std::copy(set.begin(), set.end(), d.begin() + 20);
     d[12] = d[3000] = mark;
     d[2100] = flags;
