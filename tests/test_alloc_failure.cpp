@@ -431,9 +431,7 @@ TEST(AllocFailure, EveryAllocationOfEveryFunctionTakesItsDocumentedPath) {
             zfx_testing_fail_allocation(nth);
             const size_t held = mallinfo2().uordblks;
             const bool documented = row.run();
-            if (counted) {
-                EXPECT_EQ(mallinfo2().uordblks, held) << row.name << " leaks with allocation " << nth;
-            }
+            if (counted) { EXPECT_EQ(mallinfo2().uordblks, held) << row.name << " leaks with allocation " << nth; }
             const bool reached = failed();
             zfx_testing_fail_allocation(0);
             EXPECT_TRUE(documented) << row.name << " with allocation " << nth

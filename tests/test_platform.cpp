@@ -113,9 +113,9 @@ TEST(Ptxt, BadCallsAnswerTheirStatusesAndRespondEndsTheGeneration) {
     EXPECT_EQ(ptxt_elem_add(g.h, 1, 1, 1), 0);
     EXPECT_EQ(ptxt_elem_add(g.h, 1, 1, 1), 0);
     EXPECT_EQ(ptxt_elem_add(g.h, 2, 1, 1), PTXT_ERR_EXISTS);
-    EXPECT_EQ(ptxt_elem_str_add(g.h, 1, nullptr), PTXT_ERR_INVALID);
-    EXPECT_EQ(ptxt_elem_str_add_indent(g.h, 1, "x", PTXT_LEVEL_MAX + 1), PTXT_ERR_INVALID);
-    EXPECT_EQ(ptxt_render(g.h, nullptr, nullptr), PTXT_ERR_INVALID);
+    for (int32_t st : {ptxt_elem_str_add(g.h, 1, nullptr), ptxt_elem_str_add_indent(g.h, 1, "x", PTXT_LEVEL_MAX + 1),
+                       ptxt_render(g.h, nullptr, nullptr)})
+        EXPECT_EQ(st, PTXT_ERR_INVALID);
     EXPECT_EQ(g.text(), "");
 
     void *seen = nullptr;
@@ -223,9 +223,7 @@ TEST(Tlg, HistoryRingKeepsTheNewestInOrderAndSwitchesApply) {
     tlg_hist_entry e;
     for (uint32_t at : {0u, TLG_HIST_CAPACITY - 2u}) {
         ASSERT_EQ(tlg_hist_get(at, &e), 0);
-        uint32_t v;
-        std::memcpy(&v, e.record, 4);
-        EXPECT_EQ(v, at + 4) << "the four oldest were overwritten";
+        EXPECT_EQ(zfxtest::bytes_of(e.record, 4), zfxtest::le32(at + 4)) << "the four oldest were overwritten";
     }
     ASSERT_EQ(tlg_hist_get(TLG_HIST_CAPACITY - 1, &e), 0);
     EXPECT_EQ(e.length, uint32_t(TLG_HIST_RECORD_MAX));

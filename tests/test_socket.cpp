@@ -372,9 +372,7 @@ TEST(Socket, BrokenServiceFailsOnceThenNotConnected) {
             const xqb_recv_opts any{.wait = 1};
             errno = 0;
             const auto waited = [&] { return dlg_req_resp(1, 1, nullptr, nullptr, &len, nullptr, 0, 110, ep, 1); };
-            if (receiving) {
-                ASSERT_EQ(dlg_send_request(1, 1, nullptr, 0, nullptr, 0, 0, 110, ep, 0), 0);
-            }
+            if (receiving) { ASSERT_EQ(dlg_send_request(1, 1, nullptr, 0, nullptr, 0, 0, 110, ep, 0), 0); }
             EXPECT_EQ(with_errno(receiving ? xqb_recv(ep, &held, &any) : waited()), std::pair(-1, err))
                 << what << (receiving ? " (receiving)" : "");
             EXPECT_EQ(with_errno(waited()), std::pair(-1, ENOTCONN));

@@ -135,9 +135,7 @@ TEST(ZoneDb, MemberViewAtTheElementsPlacesIsTheWalks) {
             for (const Bytes &r : records) {
                 const auto walked = view(r, true);
                 ASSERT_EQ(view(r, false), walked) << hex(r);
-                if (std::get<0>(walked)) {
-                    ASSERT_EQ(view(r, false, SIZE_MAX / 2), walked) << hex(r);
-                }
+                if (std::get<0>(walked)) { ASSERT_EQ(view(r, false, SIZE_MAX / 2), walked) << hex(r); }
             }
             // The places the reader checks are those the encoder writes to.
             zfx::MemberView v{};
