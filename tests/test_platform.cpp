@@ -392,15 +392,12 @@ TEST_P(StoreTest, BadArgumentsAnswerStatusesNeverCrash) {
         EXPECT_EQ(kvdb_move2key(r.get(), bad, &c), nullptr);
     }
     EXPECT_EQ(kvdb_fetch(w, &key, &st), nullptr);  // a write handle does not read
-    EXPECT_EQ(kvdb_put(r.get(), &key, &key), KVDB_ERR_INVALID);
-    EXPECT_EQ(kvdb_clear(r.get()), KVDB_ERR_INVALID);
-    EXPECT_EQ(kvdb_append(nullptr, &key, nullptr), KVDB_ERR_INVALID);
-    EXPECT_EQ(kvdb_fetch(nullptr, &key, nullptr), nullptr);
-    EXPECT_EQ(kvdb_move2key(r.get(), &key, nullptr), nullptr);
+    for (int32_t status : {kvdb_put(r.get(), &key, &key), kvdb_clear(r.get()), kvdb_append(nullptr, &key, nullptr)})
+        EXPECT_EQ(status, KVDB_ERR_INVALID);
     kvdb_cursor unpositioned{};
-    EXPECT_EQ(kvdb_move2location(r.get(), KVDB_LOC_NEXT, &unpositioned), nullptr);
-    EXPECT_EQ(kvdb_getvalue(r.get(), &unpositioned), nullptr);
-    EXPECT_EQ(kvdb_move2location(r.get(), 9, &c), nullptr);
+    for (const void *p : {kvdb_fetch(nullptr, &key, nullptr), kvdb_move2key(r.get(), &key, nullptr), kvdb_move2location(r.get(), 9, &c),
+                          kvdb_move2location(r.get(), KVDB_LOC_NEXT, &unpositioned), kvdb_getvalue(r.get(), &unpositioned)})
+        EXPECT_EQ(p, nullptr);
     // One write transaction per location.
     kvdb_store *w2 = writer();
     EXPECT_EQ(kvdb_txn_commit(w), KVDB_ERR_TXN);

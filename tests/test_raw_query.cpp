@@ -130,10 +130,9 @@ TEST(RawQuery, RefusedFramesAndTransportArguments) {
 
     xqb_msg m = XQB_MSG_EMPTY;
     const xqb_recv_opts any{};
-    EXPECT_EQ(xqb_send(nullptr, 1, 2, 3, nullptr, 0, nullptr, 0, nullptr), -1);
-    EXPECT_EQ(xqb_send(svc.ep(), 1, 2, 3, nullptr, 4, &m, 0, nullptr), -1);
-    EXPECT_EQ(xqb_recv(svc.ep(), &m, nullptr), -1);
-    EXPECT_EQ(xqb_recv(svc.ep(), nullptr, &any), -1);
+    for (int32_t st : {xqb_send(nullptr, 1, 2, 3, nullptr, 0, nullptr, 0, nullptr), xqb_send(svc.ep(), 1, 2, 3, nullptr, 4, &m, 0, nullptr),
+                       xqb_recv(svc.ep(), &m, nullptr), xqb_recv(svc.ep(), nullptr, &any)})
+        EXPECT_EQ(st, -1);
     EXPECT_EQ(errno, EINVAL);
     EXPECT_EQ(svc.sent().size(), 1u);
     // A receive for a token that has no reply fails and leaves the holder empty.
