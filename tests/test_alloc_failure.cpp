@@ -169,9 +169,11 @@ Row ns_view(const char *name, F call) {
 // A TLV-encoded reply of three entries: one of an unknown type first (its line is printed), then
 // two devices with pairs, each pair array an allocation of its own.
 Bytes three_entries() {
-    const Bytes a = device(1, 0, 5, {4}, 0, 0x33), b = device(2, 0, 5, {6}, 0, 0x44);
-    return tlv_reply(3, {tlv(70, le32(0)), tlv(ZFX_TLV_DEVICE_ENTRY, head(a)), tlv(1, block(a)), tlv(2, le32(2)), tlv(3, pair(4, 40)),
-                         tlv(3, pair(5, 50)), tlv(ZFX_TLV_DEVICE_ENTRY, head(b)), tlv(1, block(b)), tlv(2, le32(1)), tlv(3, pair(6, 60))});
+    const Bytes a = device(1, 0, 5, {4}, 0, 0x33);
+    const Bytes b = device(2, 0, 5, {6}, 0, 0x44);
+    return tlv_reply(3, {tlv(70, le32(0)), tlv(ZFX_TLV_DEVICE_ENTRY, head(a)), tlv(1, block(a)), tlv(2, le32(2)),
+                         tlv(3, pair(4, 40)), tlv(3, pair(5, 50)), tlv(ZFX_TLV_DEVICE_ENTRY, head(b)), tlv(1, block(b)),
+                         tlv(2, le32(1)), tlv(3, pair(6, 60))});
 }
 
 // A decoder of the TLV-encoded reply (at): on failure nothing handed out, *count 0, and nothing
@@ -431,7 +433,9 @@ TEST(AllocFailure, EveryAllocationOfEveryFunctionTakesItsDocumentedPath) {
             zfx_testing_fail_allocation(nth);
             const size_t held = mallinfo2().uordblks;
             const bool documented = row.run();
-            if (counted) { EXPECT_EQ(mallinfo2().uordblks, held) << row.name << " leaks with allocation " << nth; }
+            if (counted) {
+                EXPECT_EQ(mallinfo2().uordblks, held) << row.name << " leaks with allocation " << nth;
+            }
             const bool reached = failed();
             zfx_testing_fail_allocation(0);
             EXPECT_TRUE(documented) << row.name << " with allocation " << nth

@@ -169,8 +169,10 @@ TEST(AsciiCfg, SectionsHandedNoStoreReportItAndWriteNothing) {
                   // (A braced list runs its calls in order.)
                   const int32_t statuses[] = {
                       zfx2_fcid_nat_generate_ascii_config(h, nullptr), zfx2_aam_generate_ascii_config(h, nullptr),
-                      zfx_vsan_topology_generate_ascii_config(h, nullptr), zfx2_afid_table_generate_ascii_config(h, nullptr, &commit),
-                      zfx2_sg_table_generate_ascii_config(h, nullptr, &commit), zfx_global_flags_mode_generate_ascii_config(h, nullptr),
+                      zfx_vsan_topology_generate_ascii_config(h, nullptr),
+                      zfx2_afid_table_generate_ascii_config(h, nullptr, &commit),
+                      zfx2_sg_table_generate_ascii_config(h, nullptr, &commit),
+                      zfx_global_flags_mode_generate_ascii_config(h, nullptr),
                       zfx_vsan_topo_config_show(h, nullptr), zfx2_afid_table_config_show(h, nullptr, 0),
                       zfx2_sg_table_active_show(h, nullptr, 0), zfx2_sg_table_config_show(h, nullptr, nullptr),
                       zfx2_rdi_mode_generate_ascii_config(h, nullptr), zfx2_rdi_mode_generate_ascii_config2(h, nullptr),

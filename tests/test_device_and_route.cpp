@@ -258,7 +258,8 @@ TEST(DeviceEntry, TlvRepliesDecodedOrRejectedWhole) {
     int32_t count;
     zfx_device_entry *out = nullptr;
     const auto length = uint32_t(ok.size());
-    for (int32_t st : {zfx2_device_entry_parse_checked(nullptr, 8, &out, &count), zfx2_device_entry_parse_checked(ok.data(), length, nullptr, &count),
+    for (int32_t st : {zfx2_device_entry_parse_checked(nullptr, 8, &out, &count),
+                       zfx2_device_entry_parse_checked(ok.data(), length, nullptr, &count),
                        zfx2_device_entry_parse_checked(ok.data(), length, &out, nullptr)})
         EXPECT_EQ(st, ZFX_ERR_INVALID_ARG);
 }

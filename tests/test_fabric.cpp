@@ -144,7 +144,9 @@ TEST(Fabric, TablesTextCaseByCase) {
     auto entry = [](int afid, const char *ranges) {
         return format("  autonomous-fabric-id %4d switch-wwn 20:00:00:11:22:33:44:55 vsan-ranges %s\n", afid, ranges);
     };
-    auto m = [](int afid, const char *ranges) { return format("  autonomous-fabric-id %2d vsan-ranges %s\n", afid, ranges); };
+    auto m = [](int afid, const char *ranges) {
+        return format("  autonomous-fabric-id %2d vsan-ranges %s\n", afid, ranges);
+    };
     // Groups of one table, each a name record then its members (fabric ID, VSANs).
     using Group = std::tuple<uint32_t, std::string, std::vector<std::pair<uint16_t, std::vector<int>>>>;
     auto groups = [](bool cfg, std::vector<Group> list, std::vector<Record> out = {}) {
@@ -373,11 +375,12 @@ std::string walk_text(const std::vector<Record> &records) {
             afid = num(k, 4, 2), vsan = num(k, 6, 4);
             out += format("zfx fcdomain database autonomous-fabric-num %d vsan %d\n", int(afid), int(vsan));
         }
-        out += format("  native-autonomous-fabric-num %d native-vsan %d domain %d\n", int(num(k, 10, 2)), int(num(k, 14, 4)), v[1]);
+        out += format("  native-autonomous-fabric-num %d native-vsan %d domain %d\n", int(num(k, 10, 2)),
+                      int(num(k, 14, 4)), v[1]);
         for (const auto &[fk, fv] : sorted(records))
             if (fk[1] == 2 && num(fk, 4, 2) == afid && num(fk, 6, 4) == vsan && fv[1] == v[1])
-                out += format("    pwwn %02x:%02x:%02x:%02x:%02x:%02x:%02x:%02x fcid 0x%02x%02x%02x\n", fk[10], fk[11], fk[12],
-                              fk[13], fk[14], fk[15], fk[16], fk[17], fv[1], fv[2], fv[3]);
+                out += format("    pwwn %02x:%02x:%02x:%02x:%02x:%02x:%02x:%02x fcid 0x%02x%02x%02x\n", fk[10],
+                              fk[11], fk[12], fk[13], fk[14], fk[15], fk[16], fk[17], fv[1], fv[2], fv[3]);
     }
     return out;
 }

@@ -261,7 +261,9 @@ TEST(GenText, StepwiseTlvWalkMatchesAPlainReading) {
             zfx::TlvWalk walk(a.data(), avail, zfx::TlvStepwise{});
             for (zfx::Tlv e; walk.next(e);) got.emplace_back(e.type, e.len, e.value);
             EXPECT_EQ(walk.ok(), valid) << round << " " << avail;
-            EXPECT_EQ(valid ? got : want, want) << round << " " << avail;
+            if (valid) {
+                EXPECT_EQ(got, want) << round << " " << avail;
+            }
         }
     }
 }

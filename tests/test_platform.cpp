@@ -395,8 +395,9 @@ TEST_P(StoreTest, BadArgumentsAnswerStatusesNeverCrash) {
     for (int32_t status : {kvdb_put(r.get(), &key, &key), kvdb_clear(r.get()), kvdb_append(nullptr, &key, nullptr)})
         EXPECT_EQ(status, KVDB_ERR_INVALID);
     kvdb_cursor unpositioned{};
-    for (const void *p : {kvdb_fetch(nullptr, &key, nullptr), kvdb_move2key(r.get(), &key, nullptr), kvdb_move2location(r.get(), 9, &c),
-                          kvdb_move2location(r.get(), KVDB_LOC_NEXT, &unpositioned), kvdb_getvalue(r.get(), &unpositioned)})
+    for (const void *p : {kvdb_fetch(nullptr, &key, nullptr), kvdb_move2key(r.get(), &key, nullptr),
+                          kvdb_move2location(r.get(), 9, &c), kvdb_move2location(r.get(), KVDB_LOC_NEXT, &unpositioned),
+                          kvdb_getvalue(r.get(), &unpositioned)})
         EXPECT_EQ(p, nullptr);
     // One write transaction per location.
     kvdb_store *w2 = writer();

@@ -130,7 +130,8 @@ TEST(RawQuery, RefusedFramesAndTransportArguments) {
 
     xqb_msg m = XQB_MSG_EMPTY;
     const xqb_recv_opts any{};
-    for (int32_t st : {xqb_send(nullptr, 1, 2, 3, nullptr, 0, nullptr, 0, nullptr), xqb_send(svc.ep(), 1, 2, 3, nullptr, 4, &m, 0, nullptr),
+    for (int32_t st : {xqb_send(nullptr, 1, 2, 3, nullptr, 0, nullptr, 0, nullptr),
+                       xqb_send(svc.ep(), 1, 2, 3, nullptr, 4, &m, 0, nullptr),
                        xqb_recv(svc.ep(), &m, nullptr), xqb_recv(svc.ep(), nullptr, &any)})
         EXPECT_EQ(st, -1);
     EXPECT_EQ(errno, EINVAL);

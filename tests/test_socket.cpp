@@ -309,7 +309,8 @@ TEST(Socket, SendAnswersQueuedAndLateAnswersDropped) {
     ASSERT_NE(ep, nullptr);
     for (int32_t st : {dlg_send_request(8626, 1, req.data(), 4, nullptr, 0, 0xFE000000u, 110, ep, 31),
                        dlg_send_request(8626, 2, nullptr, 0, "ZFX", 3, 0, 111, ep, 32),
-                       xqb_send(ep, 0xFFFFFC00u, 7, 9, req.data(), 4, nullptr, 0, &request), xqb_send(ep, 1, 2, 3, req.data(), 2, nullptr, 5, nullptr),
+                       xqb_send(ep, 0xFFFFFC00u, 7, 9, req.data(), 4, nullptr, 0, &request),
+                       xqb_send(ep, 1, 2, 3, req.data(), 2, nullptr, 5, nullptr),
                        dlg_send_request(1, 1, nullptr, 0, nullptr, 0, 0, 110, ep, 0)})  // in this order: tokens 1 to 5
         EXPECT_EQ(st, 0);
     void *reply = nullptr;
@@ -372,7 +373,9 @@ TEST(Socket, BrokenServiceFailsOnceThenNotConnected) {
             const xqb_recv_opts any{.wait = 1};
             errno = 0;
             const auto waited = [&] { return dlg_req_resp(1, 1, nullptr, nullptr, &len, nullptr, 0, 110, ep, 1); };
-            if (receiving) { ASSERT_EQ(dlg_send_request(1, 1, nullptr, 0, nullptr, 0, 0, 110, ep, 0), 0); }
+            if (receiving) {
+                ASSERT_EQ(dlg_send_request(1, 1, nullptr, 0, nullptr, 0, 0, 110, ep, 0), 0);
+            }
             EXPECT_EQ(with_errno(receiving ? xqb_recv(ep, &held, &any) : waited()), std::pair(-1, err))
                 << what << (receiving ? " (receiving)" : "");
             EXPECT_EQ(with_errno(waited()), std::pair(-1, ENOTCONN));

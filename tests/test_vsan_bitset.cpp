@@ -155,7 +155,9 @@ TEST(VsanBitset, SearchesWalksAndOperationsAgreeWithModel) {
             }
             EXPECT_EQ(got, model_runs(m, !set));
             // A walk that stops at the end of the set leaves the cursor on its last run.
-            if (!got.empty() && got.back().second >= 4094) { EXPECT_EQ(r.first, got.back().first); }
+            if (!got.empty() && got.back().second >= 4094) {
+                EXPECT_EQ(r.first, got.back().first);
+            }
         }
         // Then random operations.
         for (int k = 0; k < 40; ++k) {
@@ -269,7 +271,9 @@ TEST(VsanBitset, TextFormsChunksAndConversionsAgreeWithModel) {
                 ASSERT_TRUE(n > 0 || done) << "stuck with room for the widest item";
                 if (n > 0) joined.append(joined.empty() ? "" : ",").append(buf.data());
                 // The cursor: the last position of the last run written.
-                if (!done) { ASSERT_EQ(range_print_cursor, runs[std::count(joined.begin(), joined.end(), ',')].second); }
+                if (!done) {
+                    ASSERT_EQ(range_print_cursor, runs[std::count(joined.begin(), joined.end(), ',')].second);
+                }
                 ASSERT_LT(call, 5000);
             }
             ASSERT_EQ(joined, want) << size;

@@ -149,7 +149,8 @@ TEST(ZoneQuery, ActiveZoneset) {
     // The answer, the result, the name ("~" when untouched), the zones (empty when untouched).
     const std::tuple<Answer, uint32_t, std::string, Bytes> cases[] = {
         {Answer::reply_with(cat({head, tlv_array({tlv(1, str0("active")), tlv(61, bitmap)})})), 0, "active", bitmap},
-        {Answer::reply_with(cat({head, tlv_array({tlv(56, str0("a")), tlv(61, {})})})), 0, "a", cat({le32(1024), zeros(1024)})},
+        {Answer::reply_with(cat({head, tlv_array({tlv(56, str0("a")), tlv(61, {})})})), 0, "a",
+         cat({le32(1024), zeros(1024)})},
         {Answer::reply_with(cat({head, tlv_array({tlv(1, Bytes(80, 'n')), tlv(61, {1, 2})})})), 0, std::string(67, 'n'),
          cat({{1, 2}, zeros(1026)})},
         {Answer::none(), 0, "~", {}},

@@ -16,7 +16,8 @@ constexpr size_t kEntry = 5020, kHead = 4252, kBlock = 768;
 
 // A device entry: port WWN words, the VSAN value, the VSAN set, the flags, and bytes of the
 // service's own (a marker at 12 and 3000, the name-server block) filled with mark.
-inline Bytes device(uint32_t w0, uint32_t w1, uint32_t value, const std::vector<int> &vsan_list, uint8_t flags, uint8_t mark) {
+inline Bytes device(uint32_t w0, uint32_t w1, uint32_t value, const std::vector<int> &vsan_list, uint8_t flags,
+                    uint8_t mark) {
     Bytes d = cat({le32(w0), le32(w1), le32(value)});
     d.resize(kEntry, 0);
     const Bytes set = vsans(vsan_list);
