@@ -76,6 +76,20 @@ T *untouched() {
     return reinterpret_cast<T *>(&word);
 }
 
+// A function that hands out one new block (make calls it): NULL once its allocation failed,
+// otherwise a block that whole accepts, which release frees.
+template <typename T>
+Row handed_out(const char *name, std::function<T *()> make, std::function<bool(const T *)> whole,
+               void (*release)(T *)) {
+    return {name, [=] {
+                T *p = make();
+                if (failed()) return p == nullptr;
+                const bool ok = p != nullptr && whole(p);
+                release(p);
+                return ok;
+            }};
+}
+
 // ---- requests ---------------------------------------------------------------------------------
 
 // A request built from arguments: with its message unallocated, ZFX_ERR_NO_MEMORY and nothing sent.
@@ -330,14 +344,9 @@ std::vector<Row> rows(const Prefix &p) {
              // Without its reply buffer the query answers 0 with a WWN of zeros, as documented.
              return r == 0 && bytes_of(wwn, 8) == (fail ? zeros(8) : bytes_of(vsan_wwn, 8));
          }},
-        {"zfx_dlg_malloc_one_zone_and_all_attribs",
-         [] {
-             auto *m = zfx_dlg_malloc_one_zone_and_all_attribs();
-             if (failed()) return m == nullptr;
-             const bool whole = m != nullptr && m->hdr.count == 1;
-             std::free(m);
-             return whole;
-         }},
+        handed_out<zfx_zone_msg>("zfx_dlg_malloc_one_zone_and_all_attribs", zfx_dlg_malloc_one_zone_and_all_attribs,
+                                 [](const zfx_zone_msg *m) { return m->hdr.count == 1; },
+                                 [](zfx_zone_msg *m) { std::free(m); }),
         request(CALL(zfx_dlg_config_zone_member, ep, 2, "z1", 3, 4, 0, kWwn.data(), nullptr, 10, 2, nullptr, 0)),
         request(CALL(zfx_dlg_config_zone_all_attrib, ep, 2, "z", "n2", 9, 3, 1, nullptr, 0)),
         request(CALL(zfx_dlg_config_zoneset_all_attrib, ep, 2, "s", "s2", 4, "z", nullptr, nullptr, 0)),
@@ -353,15 +362,10 @@ std::vector<Row> rows(const Prefix &p) {
         encoder(12345, CALL(zfx_zone_encode_zone_member_to_kvdb, &at->alias, n)),
         encoder(12345, CALL(zfx_zone_encode_zoneset_to_kvdb, &at->set, n)),
         encoder(0, CALL(zfx_zone_zoneset_to_persistent_kvdb_data, &at->set, n)),
-        {"zfx_zone_restore_active_pzs_from_kvdb",
-         [cfg] {
-             Reader r(cfg);
-             void *data = zfx_zone_restore_active_pzs_from_kvdb(r.get());
-             if (failed()) return data == nullptr;
-             const bool whole = data != nullptr && std::string(static_cast<char *>(data) + 2) == "zs1";
-             std::free(data);
-             return whole;
-         }},
+        handed_out<void>("zfx_zone_restore_active_pzs_from_kvdb",
+                         [cfg] { return zfx_zone_restore_active_pzs_from_kvdb(Reader(cfg).get()); },
+                         [](const void *data) { return std::string(static_cast<const char *>(data) + 2) == "zs1"; },
+                         [](void *data) { std::free(data); }),
         // store lists
         list<zfx_vsan_topo_list>(cfg, 1, nullptr, CALL(zfx_vsan_topo_config_get, at, ZFX_VT_TABLE, 0xFF, out, n)),
         // (Either table of a list shares its walk and allocation: the text rows take both.)
@@ -370,14 +374,11 @@ std::vector<Row> rows(const Prefix &p) {
         list<zfx_rdi_list>(cfg, 1, "zfx_ascii_cfg", CALL(zfx_rdi_get_next, at, -1, out, n)),
         list<zfx2_pfcid_list>(cfg, 2, "zfx2_pfcid_lib", CALL(zfx2_pfcid_get_next, at, nullptr, -1, out, n)),
         // VSAN sets
-        {"vsan_bitset_new",
-         [] {
-             vsan_bitset *set = vsan_bitset_new();
-             if (failed()) return set == nullptr;
-             const bool whole = set != nullptr && set->len == 512 && vsan_bitset_first_bit(set) == -1;
-             vsan_bitset_delete(set);
-             return whole;
-         }},
+        handed_out<vsan_bitset>("vsan_bitset_new", vsan_bitset_new,
+                                [](const vsan_bitset *set) {
+                                    return set->len == 512 && vsan_bitset_first_bit(set) == -1;
+                                },
+                                vsan_bitset_delete),
         {"vsan_bitset_printf",
          [] {
              vsan_bitset set;

@@ -3,7 +3,8 @@
 // including the walks' stopping rules and the longest lines.
 //
 // Virtual domains: both line forms among the global lines, the per-AFID list's bytes and
-// capacities and refusals, the longest range text, the list form's status.
+// capacities and refusals, the list form's status. (The longest range text in both forms: the
+// generation suite's edge fabrics.)
 //
 // Persistent FCIDs: every conversion between stored records, entries and keys in both byte
 // orders, the list read from any key on, and the database text, checked against the walk over the
@@ -266,25 +267,6 @@ TEST(VirtualDomains, LinesOfBothFormsStandAmongTheGlobalLines) {
          "zfx distribute\n" + add + "7\n" + add2 + "5  vsan-ranges 8\n"},
     };
     for (const TextCase &c : cases) EXPECT_EQ(section(c.records), c.expected) << c.name;
-}
-
-// The edge fabrics' text digest pins the cut of the longest range text in both line forms; the
-// forced form's longer tail must still leave the line within its size, cut between whole runs.
-TEST(VirtualDomains, ForcedLongLineIsCutAfterItsLastWholeRun) {
-    std::vector<int> pairs;  // 1-2,4-5,...: 12911 characters of range text
-    for (int p = 1; p + 1 < 4094; p += 3) pairs.insert(pairs.end(), {p, p + 1});
-    const Bytes set = vsans(pairs);
-    char full[VSAN_BITSET_TEXT_SIZE];
-    vsan_bitset_sprintf(full, reinterpret_cast<const vsan_bitset *>(set.data()));
-    const std::string line = section({flags_rec(ZFX_GFLAG_VDOM_FORCE), vdom_list_rec(set)});
-    const std::string head = "zfx virtual-fcdomain-add vsan-ranges ", tail = " force\n";
-    EXPECT_LE(line.size(), ZFX_VDOM_LINE_SIZE - 1);
-    EXPECT_GT(line.size(), ZFX_VDOM_LINE_SIZE - 12);  // no more than a run and its comma short
-    ASSERT_EQ(line.rfind(head, 0), 0u);
-    ASSERT_EQ(line.substr(line.size() - tail.size()), tail);
-    const std::string ranges = line.substr(head.size(), line.size() - head.size() - tail.size());
-    EXPECT_EQ(std::string(full).rfind(ranges, 0), 0u);
-    EXPECT_EQ(full[ranges.size()], ',');
 }
 
 TEST(VirtualDomains, ListHoldsTheEntriesUpToItsCapacity) {
