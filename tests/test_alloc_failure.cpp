@@ -20,6 +20,7 @@
 #include <gtest/gtest.h>
 
 #include "capture.hpp"
+#include "devices.hpp"
 #include "full_store.hpp"
 #include "fake_service.hpp"
 #include "history.hpp"
@@ -75,6 +76,20 @@ T *untouched() {
     return reinterpret_cast<T *>(&word);
 }
 
+// A function that hands out one new block (make calls it): NULL once its allocation failed,
+// otherwise a block that whole accepts, which release frees.
+template <typename T>
+Row handed_out(const char *name, std::function<T *()> make, std::function<bool(const T *)> whole,
+               void (*release)(T *)) {
+    return {name, [=] {
+                T *p = make();
+                if (failed()) return p == nullptr;
+                const bool ok = p != nullptr && whole(p);
+                release(p);
+                return ok;
+            }};
+}
+
 // ---- requests ---------------------------------------------------------------------------------
 
 // A request built from arguments: with its message unallocated, ZFX_ERR_NO_MEMORY and nothing sent.
@@ -94,8 +109,7 @@ Row request(const char *name, F call) {
 template <typename Out, typename F>
 Row query(const Bytes &reply, const char *name, F call) {
     return {name, [reply, call] {
-                FakeService svc;
-                svc.answer(Answer::reply_with(reply));
+                FakeService svc{Answer::reply_with(reply)};
                 Out out;
                 std::memset(&out, 0xAB, sizeof out);  // as a pointer, one the library never hands out
                 const Bytes before = bytes_of(&out, sizeof out);
@@ -116,8 +130,7 @@ Row query(const Bytes &reply, const char *name, F call) {
 template <typename F>
 Row enabled(Answer answer, int32_t expected, const char *name, F call) {
     return {name, [call, answer, expected] {
-                FakeService svc;
-                svc.answer(answer);
+                FakeService svc{answer};
                 zfx_status_reply *reply = untouched<zfx_status_reply>();
                 const int32_t r = call(svc.ep(), nullptr, &reply, nullptr);
                 if (failed()) return r == 1 && reply == nullptr;
@@ -140,34 +153,17 @@ struct ActiveZoneset {
 
 // ---- device entries -----------------------------------------------------------------------------
 
-constexpr size_t kEntry = ZFX_DEVICE_ENTRY_SIZE, kHead = ZFX_DEVICE_ENTRY_HEAD_SIZE;
-
-// A device entry: its port WWN words, VSAN value, VSANs and flags; its name-server block holds mark.
-Bytes device(uint32_t w0, uint32_t value, std::initializer_list<int> vsan_list, uint8_t flags, uint8_t mark) {
-    Bytes d = cat({le32(w0), le32(0), le32(value)});
-    d.resize(kEntry, 0);
-    const Bytes set = vsans(vsan_list);
-    std::copy(set.begin(), set.end(), d.begin() + offsetof(zfx_device_entry, vsans));
-    d[offsetof(zfx_device_entry, flags)] = flags;
-    std::fill(d.begin() + kHead, d.end(), mark);
-    return d;
-}
-
-void release(zfx_device_ns_entry *entries, size_t n) {
-    for (size_t i = 0; i < n; ++i) std::free(entries[i].pairs);
-    std::free(entries);
-}
+void release(zfx_device_ns_entry *entries, size_t n) { free_ns(entries, n); }
 void release(zfx_device_entry *entries, size_t) { std::free(entries); }
 
 // A batch of two devices, the second asked VSAN by VSAN.
-const Bytes kBatch = cat({device(1, 5, {1, 2}, 0, 0x11), device(2, 5, {3}, ZFX_DEVICE_FLAG_PER_VSAN, 0x22)});
+const Bytes kBatch = cat({device(1, 0, 5, {1, 2}, 0, 0x11), device(2, 0, 5, {3}, ZFX_DEVICE_FLAG_PER_VSAN, 0x22)});
 
 // A name-server view of a batch: on failure nothing handed out and the cursor not moved.
 template <typename F>
 Row ns_view(const char *name, F call) {
     return {name, [call] {
-                FakeService svc;
-                svc.answer(Answer::reply_with(kBatch));
+                FakeService svc{Answer::reply_with(kBatch)};
                 svc.answer(Answer::reply_with(le32(0xBEEF)));  // the second device in VSAN 3
                 zfx_device_entry *h;
                 zfx_device_entry_handle_init(&h);
@@ -186,14 +182,12 @@ Row ns_view(const char *name, F call) {
 
 // A TLV-encoded reply of three entries: one of an unknown type first (its line is printed), then
 // two devices with pairs, each pair array an allocation of its own.
-Bytes tlv_reply() {
-    const Bytes a = device(1, 5, {4}, 0, 0x33), b = device(2, 5, {6}, 0, 0x44);
-    auto head = [](const Bytes &d) { return tlv(ZFX_TLV_DEVICE_ENTRY, Bytes(d.begin(), d.begin() + kHead)); };
-    auto block = [](const Bytes &d) { return tlv(1, Bytes(d.begin() + kHead, d.end())); };
-    auto pair = [](uint32_t vsan, uint32_t value) { return tlv(3, cat({le32(vsan), le32(value)})); };
-    return cat({le32(3), le32(0),
-                tlv_array({tlv(70, le32(0)), head(a), block(a), tlv(2, le32(2)), pair(4, 40), pair(5, 50), head(b),
-                           block(b), tlv(2, le32(1)), pair(6, 60)})});
+Bytes three_entries() {
+    const Bytes a = device(1, 0, 5, {4}, 0, 0x33);
+    const Bytes b = device(2, 0, 5, {6}, 0, 0x44);
+    return tlv_reply(3, {tlv(70, le32(0)), tlv(ZFX_TLV_DEVICE_ENTRY, head(a)), tlv(1, block(a)), tlv(2, le32(2)),
+                         tlv(3, pair(4, 40)), tlv(3, pair(5, 50)), tlv(ZFX_TLV_DEVICE_ENTRY, head(b)), tlv(1, block(b)),
+                         tlv(2, le32(1)), tlv(3, pair(6, 60))});
 }
 
 // A decoder of the TLV-encoded reply (at): on failure nothing handed out, *count 0, and nothing
@@ -201,7 +195,7 @@ Bytes tlv_reply() {
 template <typename Entry, typename F>
 Row decoder(const char *name, F call) {
     return {name, [call] {
-                const Bytes reply = tlv_reply();
+                const Bytes reply = three_entries();
                 Entry *entries = untouched<Entry>();
                 int32_t count = 99;
                 Capture out;
@@ -350,14 +344,9 @@ std::vector<Row> rows(const Prefix &p) {
              // Without its reply buffer the query answers 0 with a WWN of zeros, as documented.
              return r == 0 && bytes_of(wwn, 8) == (fail ? zeros(8) : bytes_of(vsan_wwn, 8));
          }},
-        {"zfx_dlg_malloc_one_zone_and_all_attribs",
-         [] {
-             auto *m = zfx_dlg_malloc_one_zone_and_all_attribs();
-             if (failed()) return m == nullptr;
-             const bool whole = m != nullptr && m->hdr.count == 1;
-             std::free(m);
-             return whole;
-         }},
+        handed_out<zfx_zone_msg>("zfx_dlg_malloc_one_zone_and_all_attribs", zfx_dlg_malloc_one_zone_and_all_attribs,
+                                 [](const zfx_zone_msg *m) { return m->hdr.count == 1; },
+                                 [](zfx_zone_msg *m) { std::free(m); }),
         request(CALL(zfx_dlg_config_zone_member, ep, 2, "z1", 3, 4, 0, kWwn.data(), nullptr, 10, 2, nullptr, 0)),
         request(CALL(zfx_dlg_config_zone_all_attrib, ep, 2, "z", "n2", 9, 3, 1, nullptr, 0)),
         request(CALL(zfx_dlg_config_zoneset_all_attrib, ep, 2, "s", "s2", 4, "z", nullptr, nullptr, 0)),
@@ -373,15 +362,10 @@ std::vector<Row> rows(const Prefix &p) {
         encoder(12345, CALL(zfx_zone_encode_zone_member_to_kvdb, &at->alias, n)),
         encoder(12345, CALL(zfx_zone_encode_zoneset_to_kvdb, &at->set, n)),
         encoder(0, CALL(zfx_zone_zoneset_to_persistent_kvdb_data, &at->set, n)),
-        {"zfx_zone_restore_active_pzs_from_kvdb",
-         [cfg] {
-             Reader r(cfg);
-             void *data = zfx_zone_restore_active_pzs_from_kvdb(r.get());
-             if (failed()) return data == nullptr;
-             const bool whole = data != nullptr && std::string(static_cast<char *>(data) + 2) == "zs1";
-             std::free(data);
-             return whole;
-         }},
+        handed_out<void>("zfx_zone_restore_active_pzs_from_kvdb",
+                         [cfg] { return zfx_zone_restore_active_pzs_from_kvdb(Reader(cfg).get()); },
+                         [](const void *data) { return std::string(static_cast<const char *>(data) + 2) == "zs1"; },
+                         [](void *data) { std::free(data); }),
         // store lists
         list<zfx_vsan_topo_list>(cfg, 1, nullptr, CALL(zfx_vsan_topo_config_get, at, ZFX_VT_TABLE, 0xFF, out, n)),
         // (Either table of a list shares its walk and allocation: the text rows take both.)
@@ -390,14 +374,11 @@ std::vector<Row> rows(const Prefix &p) {
         list<zfx_rdi_list>(cfg, 1, "zfx_ascii_cfg", CALL(zfx_rdi_get_next, at, -1, out, n)),
         list<zfx2_pfcid_list>(cfg, 2, "zfx2_pfcid_lib", CALL(zfx2_pfcid_get_next, at, nullptr, -1, out, n)),
         // VSAN sets
-        {"vsan_bitset_new",
-         [] {
-             vsan_bitset *set = vsan_bitset_new();
-             if (failed()) return set == nullptr;
-             const bool whole = set != nullptr && set->len == 512 && vsan_bitset_first_bit(set) == -1;
-             vsan_bitset_delete(set);
-             return whole;
-         }},
+        handed_out<vsan_bitset>("vsan_bitset_new", vsan_bitset_new,
+                                [](const vsan_bitset *set) {
+                                    return set->len == 512 && vsan_bitset_first_bit(set) == -1;
+                                },
+                                vsan_bitset_delete),
         {"vsan_bitset_printf",
          [] {
              vsan_bitset set;

@@ -2,7 +2,6 @@
 // views with per-VSAN requests, asynchronous sends, and the TLV-encoded reply decoders with
 // malformed and truncated replies. Then routing lookups, against the forwarding driver this
 // executable plays.
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -20,6 +19,7 @@
 #include <gtest/gtest.h>
 
 #include "capture.hpp"
+#include "devices.hpp"
 #include "fake_service.hpp"
 #include "fcfwd_driver.hpp"
 #include "platform/tcam.h"
@@ -31,39 +31,11 @@ namespace {
 
 using namespace zfxtest;
 
-constexpr size_t kEntry = 5020, kHead = 4252, kBlock = 768;
-
-// A device entry: port WWN words, the VSAN value, the VSAN set, the flags, and bytes of the
-// service's own (a marker at 12 and 3000, the name-server block) filled with mark.
-Bytes device(uint32_t w0, uint32_t w1, uint32_t value, const std::vector<int> &vsan_list, uint8_t flags,
-             uint8_t mark) {
-    Bytes d = cat({le32(w0), le32(w1), le32(value)});
-    d.resize(kEntry, 0);
-    const Bytes set = vsans_of(vsan_list);
-    std::copy(set.begin(), set.end(), d.begin() + 20);
-    d[12] = d[3000] = mark;
-    d[2100] = flags;
-    std::fill(d.begin() + kHead, d.end(), mark);
-    return d;
-}
-
-Bytes head(const Bytes &d) { return Bytes(d.begin(), d.begin() + kHead); }
-Bytes block(const Bytes &d) { return Bytes(d.begin() + kHead, d.end()); }
-Bytes pair(uint32_t vsan, uint32_t value) { return cat({le32(vsan), le32(value)}); }
-Bytes tlv_reply(int32_t count, std::initializer_list<Bytes> elements) {
-    return cat({le32(uint32_t(count)), {0xEE, 0xEE, 0xEE, 0xEE}, tlv_array(elements)});
-}
-
 // A name-server entry up to its pair count, then its pairs.
 Bytes ns_view(const zfx_device_ns_entry &e) {
     Bytes b = bytes_of(&e, offsetof(zfx_device_ns_entry, pairs));
     for (uint32_t i = 0; i < e.pair_count; ++i) b = cat({b, bytes_of(&e.pairs[i], 8)});
     return b;
-}
-
-void free_ns(zfx_device_ns_entry *entries, size_t n) {
-    for (size_t i = 0; i < n; ++i) std::free(entries[i].pairs);
-    std::free(entries);
 }
 
 // One of the four reply decoders (name-server view or not, with a length or without) on a copy of
@@ -107,11 +79,9 @@ Decoded decode(const Bytes &reply, bool ns, bool checked) {
 TEST(DeviceEntry, CursorMovesAcrossBatches) {
     const Bytes a = device(1, 0x10, 7, {1}, 0, 0xA1), b = device(2, 0x20, 7, {2}, 0, 0xB2),
                 c = device(3, 0x30, 7, {3}, 0, 0xC3), d = device(4, 0x40, 7, {4}, 0, 0xD4);
-    FakeService svc;
     // (The first batch's partial tail is ignored.)
-    for (const Answer &x : {Answer::reply_with(cat({a, b, c, {1, 2, 3, 4}})), Answer::status(0x409A0018),
-                            Answer::none(), Answer::reply_with(d), Answer::failure(EIO)})
-        svc.answer(x);
+    FakeService svc{Answer::reply_with(cat({a, b, c, {1, 2, 3, 4}})), Answer::status(0x409A0018), Answer::none(),
+                    Answer::reply_with(d), Answer::failure(EIO)};
     zfx_device_entry *h = nullptr;
     zfx_device_entry_handle_init_with_wwn(&h, 0x11223344, 0x55667788);
     const Bytes start = cat({{0x44, 0x33, 0x22, 0x11, 0x88, 0x77, 0x66, 0x55}, zeros(kEntry - 8)});
@@ -167,8 +137,7 @@ TEST(DeviceEntry, NameServerViews) {
     const Bytes cursor = bytes_of(h, kEntry);
     zfx_device_ns_entry *ns = nullptr;
     uint32_t count = 0;
-    FakeService second;
-    second.answer(Answer::reply_with(batch));
+    FakeService second{Answer::reply_with(batch)};
     second.answer(Answer::failure(ENOENT));                // VSAN 2: left out
     second.answer(Answer::reply_with(cat({le32(0xBEEF), zeros(4)})));  // VSAN 3: first word, unchanged
     second.answer(Answer::reply_with({1, 2, 3}));         // VSAN 9: too short, left out
@@ -184,8 +153,7 @@ TEST(DeviceEntry, NameServerViews) {
     for (uint32_t i = 0; i < 3; ++i) EXPECT_EQ(ns_view(ns[i]), expected[i]) << i;
     free_ns(ns, count);
     // A batch of one device is a view of one.
-    FakeService one;
-    one.answer(Answer::reply_with(plain));
+    FakeService one{Answer::reply_with(plain)};
     ASSERT_EQ(zfx_device_ns_entry_get_next(one.ep(), h, &ns, &count), 0);
     EXPECT_EQ(count, 1u);
     free_ns(ns, count);
@@ -197,8 +165,7 @@ TEST(DeviceEntry, NameServerViews) {
 }
 
 TEST(DeviceEntry, SendsAndPerVsanRequest) {
-    FakeService svc;
-    for (const Answer &x : {Answer::none(), Answer::failure(EIO), Answer::none()}) svc.answer(x);
+    FakeService svc{Answer::none(), Answer::failure(EIO), Answer::none()};
     zfx_device_entry *h;
     zfx_device_entry_handle_init_with_wwn(&h, 0xA, 0xB);
     const Bytes cursor = bytes_of(h, kEntry);
@@ -223,8 +190,7 @@ TEST(DeviceEntry, SendsAndPerVsanRequest) {
         {Answer::reply_with({9}, 5), 5},
     };
     for (const auto &[answer, result] : cases) {
-        FakeService s;
-        s.answer(answer);
+        FakeService s{answer};
         void *reply = &s;
         EXPECT_EQ(zfx2_dlg_pv_vsan_entry_get(s.ep(), 0x01020304, 0x05060708, 10, &reply), result);
         EXPECT_EQ(s.last().payload, cat({le32(0x01020304), le32(0x05060708), be32(10)}));
@@ -291,9 +257,11 @@ TEST(DeviceEntry, TlvRepliesDecodedOrRejectedWhole) {
     // Each argument refused on its own.
     int32_t count;
     zfx_device_entry *out = nullptr;
-    EXPECT_EQ(zfx2_device_entry_parse_checked(nullptr, 8, &out, &count), ZFX_ERR_INVALID_ARG);
-    EXPECT_EQ(zfx2_device_entry_parse_checked(ok.data(), uint32_t(ok.size()), nullptr, &count), ZFX_ERR_INVALID_ARG);
-    EXPECT_EQ(zfx2_device_entry_parse_checked(ok.data(), uint32_t(ok.size()), &out, nullptr), ZFX_ERR_INVALID_ARG);
+    const auto length = uint32_t(ok.size());
+    for (int32_t st : {zfx2_device_entry_parse_checked(nullptr, 8, &out, &count),
+                       zfx2_device_entry_parse_checked(ok.data(), length, nullptr, &count),
+                       zfx2_device_entry_parse_checked(ok.data(), length, &out, nullptr)})
+        EXPECT_EQ(st, ZFX_ERR_INVALID_ARG);
 }
 
 // ---- routing --------------------------------------------------------------------------------------
@@ -428,8 +396,7 @@ TEST(Routing, NextHopAndNatRequests) {
     // The service's next hop: its answer, or the asked VSAN whenever it has none.
     for (const auto &[answer, expected] : {std::pair{Answer::reply_with(be32(30)), 30u}, {Answer::failure(EIO), 10u},
                                            {Answer::status(3), 10u}, {Answer::reply_with({0, 0, 0}), 10u}}) {
-        FakeService svc;
-        svc.answer(answer);
+        FakeService svc{answer};
         uint32_t v = 0;
         EXPECT_EQ(zfx_get_next_hop_vsan(svc.ep(), 10, 0x00040506, &v), 0);
         EXPECT_EQ(v, expected);
@@ -449,8 +416,7 @@ TEST(Routing, NextHopAndNatRequests) {
     for (const auto &[driver, fail, answer, asked, after] : nat) {
         g_drv.answer = driver;
         g_drv.fail_ioctl = fail;
-        FakeService svc;
-        svc.answer(answer);
+        FakeService svc{answer};
         uint32_t flow[3] = {10, 0x010203, 0x040506};
         EXPECT_EQ(zfx_nat_get_next_hop_info(svc.ep(), &flow[0], &flow[1], &flow[2]), 0);
         EXPECT_EQ(bytes_of(flow, 12), after) << driver;

@@ -48,8 +48,7 @@ TEST(DlgStatus, RequestsOnTheWire) {
          cat({be32(0), be32(0xFFFFFFFFu)})},
     };
     for (const auto &[call, sent, payload] : cases) {
-        FakeService svc;
-        svc.answer(Answer::reply_with({1, 2, 3}, 6));
+        FakeService svc{Answer::reply_with({1, 2, 3}, 6)};
         EXPECT_EQ(call(svc.ep()), 6) << sent;
         std::free(std::exchange(sr, nullptr));
         ASSERT_EQ(svc.sent().size(), 1u) << sent;
@@ -92,10 +91,9 @@ TEST(DlgStatus, EnabledAndNatRepliesWaitedOrSplit) {
         plat_msg_free(msg);
 
         for (auto fn : {zfx_is_zfx_enabled, zfx_is_zfx_enabled_ext}) {
-            FakeService svc;
-            svc.answer(status == -1            ? Answer::failure(ENOENT)
-                       : !payload_bytes.empty() ? Answer::reply_with(payload_bytes, status)
-                                                : Answer::status(status));
+            FakeService svc{status == -1            ? Answer::failure(ENOENT)
+                            : !payload_bytes.empty() ? Answer::reply_with(payload_bytes, status)
+                                                     : Answer::status(status)};
             zfx_status_reply *waited = nullptr;
             EXPECT_EQ(fn(svc.ep(), &waited), status == -1 ? ZFX_ERR_ERRNO(ENOENT) : result);
             ASSERT_NE(waited, nullptr);
@@ -108,8 +106,7 @@ TEST(DlgStatus, EnabledAndNatRepliesWaitedOrSplit) {
     EXPECT_EQ(zfx_is_zfx_enabled_parse(nullptr, nullptr), ZFX_ERR_INVALID_ARG);
 
     // A failed send, and VSANs out of range (a send and a received reply meet in the service suite).
-    FakeService svc;
-    svc.answer(Answer::failure(EIO));
+    FakeService svc{Answer::failure(EIO)};
     EXPECT_EQ(zfx_is_zfx_enabled_send(svc.ep(), 1), ZFX_ERR_CHANNEL);
     EXPECT_EQ(zfx_is_zfx_nat_enabled_in_vsan_send(svc.ep(), -1, 1), ZFX_ERR_INVALID_VALUE);
     EXPECT_EQ(zfx_is_zfx_nat_enabled_in_vsan_send(svc.ep(), 4096, 1), ZFX_ERR_INVALID_VALUE);

@@ -3,7 +3,8 @@
 // including the walks' stopping rules and the longest lines.
 //
 // Virtual domains: both line forms among the global lines, the per-AFID list's bytes and
-// capacities and refusals, the longest range text, the list form's status.
+// capacities and refusals, the list form's status. (The longest range text in both forms: the
+// generation suite's edge fabrics.)
 //
 // Persistent FCIDs: every conversion between stored records, entries and keys in both byte
 // orders, the list read from any key on, and the database text, checked against the walk over the
@@ -18,10 +19,8 @@
 #include <tuple>
 #include <vector>
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "capture.hpp"
 #include "platform/heapx.h"
 #include "store.hpp"
 #include "zfx_ascii_cfg.h"
@@ -144,22 +143,17 @@ TEST(Fabric, TablesTextCaseByCase) {
                       activate = "zfx service-group activate\n";
     // A topology entry's line, and a service-group member's.
     auto entry = [](int afid, const char *ranges) {
-        char buf[200];
-        std::snprintf(buf, sizeof buf, "  autonomous-fabric-id %4d switch-wwn 20:00:00:11:22:33:44:55 vsan-ranges %s\n",
-                      afid, ranges);
-        return std::string(buf);
+        return format("  autonomous-fabric-id %4d switch-wwn 20:00:00:11:22:33:44:55 vsan-ranges %s\n", afid, ranges);
     };
     auto m = [](int afid, const char *ranges) {
-        char buf[120];
-        std::snprintf(buf, sizeof buf, "  autonomous-fabric-id %2d vsan-ranges %s\n", afid, ranges);
-        return std::string(buf);
+        return format("  autonomous-fabric-id %2d vsan-ranges %s\n", afid, ranges);
     };
     // Groups of one table, each a name record then its members (fabric ID, VSANs).
     using Group = std::tuple<uint32_t, std::string, std::vector<std::pair<uint16_t, std::vector<int>>>>;
     auto groups = [](bool cfg, std::vector<Group> list, std::vector<Record> out = {}) {
         for (auto &[id, name, members] : list) {
             out.push_back(sg_name_rec(cfg, id, name));
-            for (auto &[afid, set] : members) out.push_back(sg_member_rec(cfg, id, afid, vsans_of(set)));
+            for (auto &[afid, set] : members) out.push_back(sg_member_rec(cfg, id, afid, vsans(set)));
         }
         return out;
     };
@@ -175,7 +169,7 @@ TEST(Fabric, TablesTextCaseByCase) {
             set.push_back(v);
             if (v <= 1800) fits.append(",").append(std::to_string(v));
         }
-        return vsans_of(set);
+        return vsans(set);
     };
     std::string fits, fits_short;
     const Bytes tight = runs(100, 1000, fits), one_short = runs(1000, 1002, fits_short);
@@ -275,25 +269,6 @@ TEST(VirtualDomains, LinesOfBothFormsStandAmongTheGlobalLines) {
     for (const TextCase &c : cases) EXPECT_EQ(section(c.records), c.expected) << c.name;
 }
 
-// The edge fabrics' text digest pins the cut of the longest range text in both line forms; the
-// forced form's longer tail must still leave the line within its size, cut between whole runs.
-TEST(VirtualDomains, ForcedLongLineIsCutAfterItsLastWholeRun) {
-    std::vector<int> pairs;  // 1-2,4-5,...: 12911 characters of range text
-    for (int p = 1; p + 1 < 4094; p += 3) pairs.insert(pairs.end(), {p, p + 1});
-    const Bytes set = vsans_of(pairs);
-    char full[VSAN_BITSET_TEXT_SIZE];
-    vsan_bitset_sprintf(full, reinterpret_cast<const vsan_bitset *>(set.data()));
-    const std::string line = section({flags_rec(ZFX_GFLAG_VDOM_FORCE), vdom_list_rec(set)});
-    const std::string head = "zfx virtual-fcdomain-add vsan-ranges ", tail = " force\n";
-    EXPECT_LE(line.size(), ZFX_VDOM_LINE_SIZE - 1);
-    EXPECT_GT(line.size(), ZFX_VDOM_LINE_SIZE - 12);  // no more than a run and its comma short
-    ASSERT_EQ(line.rfind(head, 0), 0u);
-    ASSERT_EQ(line.substr(line.size() - tail.size()), tail);
-    const std::string ranges = line.substr(head.size(), line.size() - head.size() - tail.size());
-    EXPECT_EQ(std::string(full).rfind(ranges, 0), 0u);
-    EXPECT_EQ(full[ranges.size()], ',');
-}
-
 TEST(VirtualDomains, ListHoldsTheEntriesUpToItsCapacity) {
     std::vector<Record> records;
     for (uint16_t afid = 1; afid <= 5; ++afid) records.push_back(rdi_rec(afid, vsans({afid, 100})));
@@ -347,25 +322,6 @@ TEST(VirtualDomains, ListFormAnswersItsLookupsStatus) {
     }
 }
 
-// A show of no list writes nothing, and returns 0 like every show. Handed no store, the
-// virtual-domain and persistent FCID sections report it (and only they do), return 0 and write
-// nothing.
-TEST(Fabric, ShowsOfNoListAndSectionsWithoutAStoreWriteNothing) {
-    Capture err(2);
-    int32_t commit = 0;
-    const std::string text = generation_text([&](uint32_t h) {
-        EXPECT_EQ(zfx_vsan_topo_config_show(h, nullptr), 0);
-        EXPECT_EQ(zfx2_afid_table_config_show(h, nullptr, 0), 0);
-        EXPECT_EQ(zfx2_sg_table_active_show(h, nullptr, 0), 0);
-        EXPECT_EQ(zfx2_sg_table_config_show(h, nullptr, nullptr), 0);
-        EXPECT_EQ(zfx2_rdi_mode_generate_ascii_config(h, nullptr), 0);
-        EXPECT_EQ(zfx2_rdi_mode_generate_ascii_config2(h, nullptr), 0);
-        EXPECT_EQ(zfx2_pfcid_generate_ascii_config(h, nullptr, &commit), 0);
-    });
-    EXPECT_EQ(text + std::to_string(commit), "0");
-    EXPECT_THAT(err.text(), testing::MatchesRegex("(ZFX-VT-PTXT: kvdb service is null\n: [^\n]*\n){3}"));
-}
-
 // ---- persistent FCIDs ----------------------------------------------------------------------------
 
 Bytes reversed(const Bytes &b, size_t at, size_t n) { return Bytes(b.rbegin() + long(b.size() - at - n), b.rbegin() + long(b.size() - at)); }
@@ -394,24 +350,19 @@ std::vector<Record> sorted(std::vector<Record> records) {
 // record of the list that it places.
 std::string walk_text(const std::vector<Record> &records) {
     std::string out;
-    char line[160];
     uint32_t afid = 0, vsan = 0;
     for (const auto &[k, v] : sorted(records)) {
         if (k[1] != 1) break;
         if (num(k, 4, 2) != afid || num(k, 6, 4) != vsan) {
             afid = num(k, 4, 2), vsan = num(k, 6, 4);
-            std::snprintf(line, sizeof line, "zfx fcdomain database autonomous-fabric-num %d vsan %d\n", int(afid), int(vsan));
-            out += line;
+            out += format("zfx fcdomain database autonomous-fabric-num %d vsan %d\n", int(afid), int(vsan));
         }
-        std::snprintf(line, sizeof line, "  native-autonomous-fabric-num %d native-vsan %d domain %d\n", int(num(k, 10, 2)),
+        out += format("  native-autonomous-fabric-num %d native-vsan %d domain %d\n", int(num(k, 10, 2)),
                       int(num(k, 14, 4)), v[1]);
-        out += line;
-        for (const auto &[fk, fv] : sorted(records)) {
-            if (fk[1] != 2 || num(fk, 4, 2) != afid || num(fk, 6, 4) != vsan || fv[1] != v[1]) continue;
-            std::snprintf(line, sizeof line, "    pwwn %02x:%02x:%02x:%02x:%02x:%02x:%02x:%02x fcid 0x%02x%02x%02x\n", fk[10],
-                          fk[11], fk[12], fk[13], fk[14], fk[15], fk[16], fk[17], fv[1], fv[2], fv[3]);
-            out += line;
-        }
+        for (const auto &[fk, fv] : sorted(records))
+            if (fk[1] == 2 && num(fk, 4, 2) == afid && num(fk, 6, 4) == vsan && fv[1] == v[1])
+                out += format("    pwwn %02x:%02x:%02x:%02x:%02x:%02x:%02x:%02x fcid 0x%02x%02x%02x\n", fk[10],
+                              fk[11], fk[12], fk[13], fk[14], fk[15], fk[16], fk[17], fv[1], fv[2], fv[3]);
     }
     return out;
 }

@@ -37,7 +37,8 @@ using zfxtest::Reader;
 // zone of 120 members (more lines than the zone text hands the text service at once),
 // the widest VSAN, fabric ID and FCID numbers, and VSAN sets whose range text is cut at the
 // 2047-character service-group line and the 10239-character virtual-domain line (and is whole in
-// the topology and AFID lines).
+// the topology and AFID lines). Seed 3 sets the virtual domains' force flag: its digest pins the
+// cut of the forced form's longer line as well.
 Fabric edge_fabric(uint64_t seed) {
     Fabric f = synth_fabric(SynthParams{uint32_t(12 + seed * 5 % 30), uint32_t(1 + seed % 6), 3, 8, 5, 9, 6, 20, seed});
 
@@ -76,11 +77,6 @@ Fabric edge_fabric(uint64_t seed) {
     f.pfcid_domains.push_back({65535, 0xFFFFFFFFu, 65535, 0xFFFFFFFFu, 255});
     f.pfcid_fcids.push_back({65535, 0xFFFFFFFFu, {0xff, 0, 0xff, 0, 0xff, 0, 0xff, 0}, {255, 255, 255}});
     return f;
-}
-
-int32_t append(void *sink, void *, const char *text, uint32_t len) {
-    static_cast<std::string *>(sink)->append(text, len);
-    return 0;
 }
 
 uint64_t fnv1a(const std::string &text) {
@@ -126,7 +122,7 @@ TEST(GenText, TextServiceHandsOverWhatItRenders) {
         for (const auto &[e, s] : adds) ptxt_elem_str_add_indent(h, e, s, e == 1);
         ptxt_elem_group_config_str_add(h, 8, 0, 3, "g");
         std::string handed;
-        ptxt_request req{"", "", append, &handed};
+        ptxt_request req{"", "", zfxtest::append_text, &handed};
         EXPECT_EQ(ptxt_respond(h, nullptr, &req), 0);
         EXPECT_EQ(handed, "two\n  one\ng\n");
     }
@@ -341,11 +337,9 @@ TEST(GenText, ZoneSectionWalkedEqualsLookedUp) {
         // head and its one chunk) and each zoneset are looked up.
         const Fabric small = synth_fabric(SynthParams{3, 2, 1, 3, 1, 1, 1, 8, seed});
         for (const Fabric *g : {&std::as_const(f), &small}) {
-            Prefix p;
-            zfxtest::put(p.config(), config_records(*g));
-            Reader reader(p.config());
+            const zfxtest::Stored stored(config_records(*g));
             zfx_testing_lookup_count();
-            zone_section_on(reader.get());
+            zone_section_on(stored.get());
             EXPECT_EQ(zfx_testing_lookup_count(), 4 + g->zonesets.size()) << seed;
         }
         const std::string sound_text = both_ways(sound).first.text;

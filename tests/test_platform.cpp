@@ -113,9 +113,9 @@ TEST(Ptxt, BadCallsAnswerTheirStatusesAndRespondEndsTheGeneration) {
     EXPECT_EQ(ptxt_elem_add(g.h, 1, 1, 1), 0);
     EXPECT_EQ(ptxt_elem_add(g.h, 1, 1, 1), 0);
     EXPECT_EQ(ptxt_elem_add(g.h, 2, 1, 1), PTXT_ERR_EXISTS);
-    EXPECT_EQ(ptxt_elem_str_add(g.h, 1, nullptr), PTXT_ERR_INVALID);
-    EXPECT_EQ(ptxt_elem_str_add_indent(g.h, 1, "x", PTXT_LEVEL_MAX + 1), PTXT_ERR_INVALID);
-    EXPECT_EQ(ptxt_render(g.h, nullptr, nullptr), PTXT_ERR_INVALID);
+    for (int32_t st : {ptxt_elem_str_add(g.h, 1, nullptr), ptxt_elem_str_add_indent(g.h, 1, "x", PTXT_LEVEL_MAX + 1),
+                       ptxt_render(g.h, nullptr, nullptr)})
+        EXPECT_EQ(st, PTXT_ERR_INVALID);
     EXPECT_EQ(g.text(), "");
 
     void *seen = nullptr;
@@ -223,9 +223,7 @@ TEST(Tlg, HistoryRingKeepsTheNewestInOrderAndSwitchesApply) {
     tlg_hist_entry e;
     for (uint32_t at : {0u, TLG_HIST_CAPACITY - 2u}) {
         ASSERT_EQ(tlg_hist_get(at, &e), 0);
-        uint32_t v;
-        std::memcpy(&v, e.record, 4);
-        EXPECT_EQ(v, at + 4) << "the four oldest were overwritten";
+        EXPECT_EQ(zfxtest::bytes_of(e.record, 4), zfxtest::le32(at + 4)) << "the four oldest were overwritten";
     }
     ASSERT_EQ(tlg_hist_get(TLG_HIST_CAPACITY - 1, &e), 0);
     EXPECT_EQ(e.length, uint32_t(TLG_HIST_RECORD_MAX));
@@ -394,15 +392,13 @@ TEST_P(StoreTest, BadArgumentsAnswerStatusesNeverCrash) {
         EXPECT_EQ(kvdb_move2key(r.get(), bad, &c), nullptr);
     }
     EXPECT_EQ(kvdb_fetch(w, &key, &st), nullptr);  // a write handle does not read
-    EXPECT_EQ(kvdb_put(r.get(), &key, &key), KVDB_ERR_INVALID);
-    EXPECT_EQ(kvdb_clear(r.get()), KVDB_ERR_INVALID);
-    EXPECT_EQ(kvdb_append(nullptr, &key, nullptr), KVDB_ERR_INVALID);
-    EXPECT_EQ(kvdb_fetch(nullptr, &key, nullptr), nullptr);
-    EXPECT_EQ(kvdb_move2key(r.get(), &key, nullptr), nullptr);
+    for (int32_t status : {kvdb_put(r.get(), &key, &key), kvdb_clear(r.get()), kvdb_append(nullptr, &key, nullptr)})
+        EXPECT_EQ(status, KVDB_ERR_INVALID);
     kvdb_cursor unpositioned{};
-    EXPECT_EQ(kvdb_move2location(r.get(), KVDB_LOC_NEXT, &unpositioned), nullptr);
-    EXPECT_EQ(kvdb_getvalue(r.get(), &unpositioned), nullptr);
-    EXPECT_EQ(kvdb_move2location(r.get(), 9, &c), nullptr);
+    for (const void *p : {kvdb_fetch(nullptr, &key, nullptr), kvdb_move2key(r.get(), &key, nullptr),
+                          kvdb_move2location(r.get(), 9, &c), kvdb_move2location(r.get(), KVDB_LOC_NEXT, &unpositioned),
+                          kvdb_getvalue(r.get(), &unpositioned)})
+        EXPECT_EQ(p, nullptr);
     // One write transaction per location.
     kvdb_store *w2 = writer();
     EXPECT_EQ(kvdb_txn_commit(w), KVDB_ERR_TXN);

@@ -102,8 +102,7 @@ TEST(RawQuery, CombinedQueriesTakeTheirOwnReplyThroughInterruptions) {
     };
     for (const auto &[answer, recv_result, result] : cases) {
         for (bool proxy : {false, true}) {
-            FakeService s;
-            s.answer(answer);
+            FakeService s{answer};
             if (recv_result != 0) s.fail_recv(recv_result, EIO);
             zfx_proxy_domain_list list{};
             EXPECT_EQ(proxy ? zfx_get_proxy_domain_list(s.ep(), 1, &list) : zfx_get_native_domain(s.ep(), 1, 2, &domain),
@@ -118,8 +117,7 @@ TEST(RawQuery, CombinedQueriesTakeTheirOwnReplyThroughInterruptions) {
 // A refused hand-over gives the record back as it was; a length past what a message can say, or
 // no record, sends nothing. The transport refuses its own bad arguments the same way.
 TEST(RawQuery, RefusedFramesAndTransportArguments) {
-    FakeService svc;
-    svc.answer(Answer::failure(EPIPE));
+    FakeService svc{Answer::failure(EPIPE)};
     Bytes rec = cat({le32(5), le32(6), zeros(120)});  // a 128-byte head, no data
     const Bytes before = rec;
     auto *f = reinterpret_cast<zfx_frame_record *>(rec.data());
@@ -132,10 +130,10 @@ TEST(RawQuery, RefusedFramesAndTransportArguments) {
 
     xqb_msg m = XQB_MSG_EMPTY;
     const xqb_recv_opts any{};
-    EXPECT_EQ(xqb_send(nullptr, 1, 2, 3, nullptr, 0, nullptr, 0, nullptr), -1);
-    EXPECT_EQ(xqb_send(svc.ep(), 1, 2, 3, nullptr, 4, &m, 0, nullptr), -1);
-    EXPECT_EQ(xqb_recv(svc.ep(), &m, nullptr), -1);
-    EXPECT_EQ(xqb_recv(svc.ep(), nullptr, &any), -1);
+    for (int32_t st : {xqb_send(nullptr, 1, 2, 3, nullptr, 0, nullptr, 0, nullptr),
+                       xqb_send(svc.ep(), 1, 2, 3, nullptr, 4, &m, 0, nullptr),
+                       xqb_recv(svc.ep(), &m, nullptr), xqb_recv(svc.ep(), nullptr, &any)})
+        EXPECT_EQ(st, -1);
     EXPECT_EQ(errno, EINVAL);
     EXPECT_EQ(svc.sent().size(), 1u);
     // A receive for a token that has no reply fails and leaves the holder empty.
@@ -165,8 +163,7 @@ TEST(RawQuery, NameServerEntry) {
         {{}, DIR_ERR_MALFORMED},
     };
     for (const auto &[reply, result] : cases) {
-        FakeService svc;
-        svc.answer(Answer::reply_with(reply));
+        FakeService svc{Answer::reply_with(reply)};
         svc.fail_recv(-1, EINTR);
         dir_entry out;
         std::memset(&out, 0xCC, sizeof out);
@@ -176,8 +173,7 @@ TEST(RawQuery, NameServerEntry) {
         EXPECT_EQ(std::pair(svc.receives()[1].token, svc.receives()[1].timeout), std::pair(svc.last().token, 5u));
         EXPECT_EQ(plat_endpoint_pending(svc.ep()), 0u);
     }
-    FakeService svc;
-    svc.answer(Answer::failure(EPIPE));
+    FakeService svc{Answer::failure(EPIPE)};
     dir_entry out;
     EXPECT_EQ(zfx_ns_get_entry_given_portname(svc.ep(), 1, 2, 3, &out), DIR_ERR_SEND);
     svc.fail_recv(-1, ENOTCONN);

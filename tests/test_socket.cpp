@@ -307,11 +307,12 @@ TEST(Socket, SendAnswersQueuedAndLateAnswersDropped) {
     });
     plat_endpoint *ep = svc.ep();
     ASSERT_NE(ep, nullptr);
-    EXPECT_EQ(dlg_send_request(8626, 1, req.data(), 4, nullptr, 0, 0xFE000000u, 110, ep, 31), 0);
-    EXPECT_EQ(dlg_send_request(8626, 2, nullptr, 0, "ZFX", 3, 0, 111, ep, 32), 0);
-    EXPECT_EQ(xqb_send(ep, 0xFFFFFC00u, 7, 9, req.data(), 4, nullptr, 0, &request), 0);
-    EXPECT_EQ(xqb_send(ep, 1, 2, 3, req.data(), 2, nullptr, 5, nullptr), 0);
-    EXPECT_EQ(dlg_send_request(1, 1, nullptr, 0, nullptr, 0, 0, 110, ep, 0), 0);
+    for (int32_t st : {dlg_send_request(8626, 1, req.data(), 4, nullptr, 0, 0xFE000000u, 110, ep, 31),
+                       dlg_send_request(8626, 2, nullptr, 0, "ZFX", 3, 0, 111, ep, 32),
+                       xqb_send(ep, 0xFFFFFC00u, 7, 9, req.data(), 4, nullptr, 0, &request),
+                       xqb_send(ep, 1, 2, 3, req.data(), 2, nullptr, 5, nullptr),
+                       dlg_send_request(1, 1, nullptr, 0, nullptr, 0, 0, 110, ep, 0)})  // in this order: tokens 1 to 5
+        EXPECT_EQ(st, 0);
     void *reply = nullptr;
     uint32_t len = 0;
     ASSERT_EQ(dlg_req_resp(1, 1, nullptr, &reply, &len, nullptr, 0, 110, ep, 1), 0);

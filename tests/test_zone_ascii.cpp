@@ -140,8 +140,7 @@ TEST(ZoneText, FirstFailureStopsTheSectionAndKeepsItsLines) {
     const std::tuple<const char *, Bytes, std::vector<Record>, std::string, kvdb_mem_faults> cases[] = {
         {"complete", {}, {}, all, {}},
         {"member missing", {0x69, 0, 1, 0, 1, 0}, {}, to_z1, {}},
-        {"member array claims more than it holds", {}, {member_rec(1, 1, 0, cat({le32(2), tlv(10, kWwn)}))}, to_z1,
-         {}},
+        {"member array claims more than it holds", {}, {member_rec(1, 1, 0, cat({le32(2), tlv(10, kWwn)}))}, to_z1, {}},
         {"member record shorter than its head", {}, {{{0x69, 0, 1, 0, 1, 0}, {1, 0, 0}}}, to_z1, {}},
         {"zone record shorter than its head", {}, {{{0x68, 0, 1, 0, 0, 0}, {1, 0, 0, 0, 'z'}}}, "", {}},
         {"zone array claims more than it holds", {}, {zone_rec(1, "z1", cat({le32(3), members_tlv({1})}))}, "", {}},

@@ -1,7 +1,6 @@
 // Zone configuration requests: the exact messages built from plain arguments, refused names,
 // result mapping and debug lines. (The caller's one-record messages are sent in test_zone_tlv.)
 #include <cerrno>
-#include <cstdlib>
 #include <functional>
 #include <string>
 
@@ -71,8 +70,7 @@ TEST(ZoneConfig, MessagesBuiltFromArguments) {
         {[](plat_endpoint *ep) { return zfx_dlg_config_zoneset_all_attrib(ep, 1, huge.c_str(), "b", 0, "z", nullptr, nullptr, 0); }, 0, {}},
     };
     for (const auto &c : cases) {
-        FakeService svc;
-        svc.answer(Answer::status(0x409A0006));
+        FakeService svc{Answer::status(0x409A0006)};
         debug_cli = 1;
         Capture out;
         EXPECT_EQ(c.call(svc.ep()), c.msg_type != 0 ? 0x409A0006u : uint32_t(ZFX_ERR_INVALID_ARG));
@@ -89,8 +87,7 @@ TEST(ZoneConfig, MessagesBuiltFromArguments) {
                   std::pair("req " + std::to_string(c.msg_type) + "/2 t10 a=o b6", c.payload));
     }
     // Activation alone maps a failed channel call.
-    FakeService svc;
-    svc.answer(Answer::failure(ENOENT));
+    FakeService svc{Answer::failure(ENOENT)};
     EXPECT_EQ(zfx_dlg_config_zone_activation(svc.ep(), 1, "s", 0, 0, nullptr, 0), 0x809A0002u);
 
     // An unknown member type is refused before anything is allocated or sent.

@@ -59,9 +59,10 @@ TEST(ZoneDb, MemberRecordsCarryTheElementsOfTheirTypeAndDecodeBack) {
     EXPECT_EQ(zfx_zone_encode_zone_member_to_kvdb(&bad, &len), nullptr);
     EXPECT_EQ(zfx_zone_get_zone_member_attrib_tlvs_size(&bad, 0, &size), ZFX_ERR_BAD_MEMBER_TYPE);
     EXPECT_EQ(size, 0u);
-    EXPECT_EQ(zfx_zone_get_zone_member_attrib_tlvs_size(nullptr, 0, &size), ZFX_ERR_INVALID_VALUE);
-    EXPECT_EQ(zfx_zone_get_zone_member_attrib_tlvs_size(&bad, 0, nullptr), ZFX_ERR_INVALID_VALUE);
-    EXPECT_EQ(zfx_zone_encode_zone_member_attrib_tlvs(nullptr, 64, &bad, 0), ZFX_ERR_INVALID_VALUE);
+    for (int32_t st : {zfx_zone_get_zone_member_attrib_tlvs_size(nullptr, 0, &size),
+                       zfx_zone_get_zone_member_attrib_tlvs_size(&bad, 0, nullptr),
+                       zfx_zone_encode_zone_member_attrib_tlvs(nullptr, 64, &bad, 0)})
+        EXPECT_EQ(st, ZFX_ERR_INVALID_VALUE);
     uint8_t small[16] = {};
     EXPECT_EQ(zfx_zone_encode_zone_member_attrib_tlvs(small, sizeof small, &bad, 0), ZFX_ERR_BAD_MEMBER_TYPE);
     EXPECT_EQ(zfx_zone_encode_zone_member_attrib_tlvs(small, sizeof small, &db.members[0], 0), -1);
@@ -178,12 +179,12 @@ TEST(ZoneDb, ZoneAndZonesetRecords) {
 
     // Each argument missing on its own.
     const zfx_zoneset_node set = db.zoneset(5, "zs", {});
-    EXPECT_EQ(zfx_zone_encode_zone_member_to_kvdb(nullptr, &len), nullptr);
-    EXPECT_EQ(zfx_zone_encode_zone_member_to_kvdb(&first, nullptr), nullptr);
-    EXPECT_EQ(zfx_zone_encode_zone_to_kvdb(nullptr, &len), nullptr);
-    EXPECT_EQ(zfx_zone_encode_zone_to_kvdb(&ro, nullptr), nullptr);
-    EXPECT_EQ(zfx_zone_encode_zoneset_to_kvdb(nullptr, &len), nullptr);
-    EXPECT_EQ(zfx_zone_encode_zoneset_to_kvdb(&set, nullptr), nullptr);
+    for (const void *rec : {zfx_zone_encode_zone_member_to_kvdb(nullptr, &len),
+                            zfx_zone_encode_zone_member_to_kvdb(&first, nullptr),
+                            zfx_zone_encode_zone_to_kvdb(nullptr, &len), zfx_zone_encode_zone_to_kvdb(&ro, nullptr),
+                            zfx_zone_encode_zoneset_to_kvdb(nullptr, &len),
+                            zfx_zone_encode_zoneset_to_kvdb(&set, nullptr)})
+        EXPECT_EQ(rec, nullptr);
 }
 
 // Expected bytes of the active zoneset data, written out piece by piece.
@@ -270,11 +271,12 @@ TEST(ZoneDb, ExtensionStepWritesOnlyWhatFits) {
     db.member(bare, 3, 0, 1, 1);
     uint8_t buf[64] = {}, *at = buf, *none = nullptr;
     uint32_t count = 5;
-    EXPECT_EQ(zfx_zone_ext_to_persistent_kvdb_data(&bare, &count, 64, &at), 0u);
-    EXPECT_EQ(zfx_zone_ext_to_persistent_kvdb_data(nullptr, &count, 64, &at), 0u);
-    EXPECT_EQ(zfx_zone_ext_to_persistent_kvdb_data(&z, nullptr, 64, &at), 0u);
-    EXPECT_EQ(zfx_zone_ext_to_persistent_kvdb_data(&z, &count, 64, nullptr), 0u);
-    EXPECT_EQ(zfx_zone_ext_to_persistent_kvdb_data(&z, &count, 64, &none), 0u);
+    for (uint32_t written : {zfx_zone_ext_to_persistent_kvdb_data(&bare, &count, 64, &at),
+                             zfx_zone_ext_to_persistent_kvdb_data(nullptr, &count, 64, &at),
+                             zfx_zone_ext_to_persistent_kvdb_data(&z, nullptr, 64, &at),
+                             zfx_zone_ext_to_persistent_kvdb_data(&z, &count, 64, nullptr),
+                             zfx_zone_ext_to_persistent_kvdb_data(&z, &count, 64, &none)})
+        EXPECT_EQ(written, 0u);
     EXPECT_EQ(std::tuple(count, at, bytes_of(buf, 64)), std::tuple(5u, buf, zeros(64)));
 }
 

@@ -32,10 +32,7 @@ TEST(ZoneQuery, MessageQueriesOnTheWireAndTheirDebugLines) {
         {"req 8601/1 t10", cat({be32(1), le16(0x80), zeros(18), be32(7), tlv_array({tlv(1, str0("set"))})})},
         {"req 8603/4 t10 reply", cat({be32(2), zeros(4), be32(8), be32(9), tlv_array({tlv(6, str0("z"))})})}};
     for (int level : {0, 1, 2}) {
-        FakeService svc;
-        svc.answer(Answer::reply_with(zeros(6)));
-        svc.answer(Answer::none());
-        svc.answer(Answer::status(3));
+        FakeService svc{Answer::reply_with(zeros(6)), Answer::none(), Answer::status(3)};
         zfx_zone_member_msg *member = nullptr;
         debug_cli = level;
         Capture out;
@@ -70,9 +67,7 @@ TEST(ZoneQuery, RepliesAreCheckedBeforeUse) {
         {Answer::reply_with(cat({zeros(12), le32(1), le16(6), le16(9), {'a'}})), invalid, {}, invalid},
     };
     for (const auto &[answer, result, handed, data_result] : cases) {
-        FakeService svc;
-        svc.answer(answer);
-        svc.answer(answer);
+        FakeService svc{answer, answer};
         zfx_zone_msg *reply = reinterpret_cast<zfx_zone_msg *>(&svc);
         EXPECT_EQ(zfx_dlg_get_zone(svc.ep(), 1, nullptr, 5, &reply, 1, 0), result);
         EXPECT_EQ(take(reply, uint32_t(good.size())), handed);
@@ -168,8 +163,7 @@ TEST(ZoneQuery, ActiveZoneset) {
         {Answer::reply_with(cat({head, le32(2), tlv(1, str0("x")), le16(61), le16(8)})), uint32_t(ZFX_ERR_INVALID_ARG), "~", {}},
     };
     for (const auto &[answer, result, want_name, want_zones] : cases) {
-        FakeService svc;
-        svc.answer(answer);
+        FakeService svc{answer};
         char name[68] = "~";
         Bytes zones(1028, 0xEE);
         EXPECT_EQ(zfx_get_active_zoneset(svc.ep(), name, zones.data()), result);

@@ -156,9 +156,7 @@ TEST(ZoneTlv, ConversionsOnTheWire) {
         k.ntoh(m.data());
         EXPECT_EQ(m, back);
 
-        FakeService svc;
-        svc.answer(Answer::failure(EIO));
-        svc.answer(Answer::status(0x409A0006));
+        FakeService svc{Answer::failure(EIO), Answer::status(0x409A0006)};
         m = host;
         debug_cli = 1;  // a caller's message goes without the member request's progress lines
         Capture out;

@@ -1,6 +1,8 @@
 #include "bytes.hpp"
 
 #include <algorithm>
+#include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -37,9 +39,7 @@ Bytes id_bits(size_t nbytes, const std::vector<int> &ids) {
     return out;
 }
 
-Bytes vsans_of(const std::vector<int> &members) { return cat({le32(512), id_bits(512, members)}); }
-
-Bytes vsans(std::initializer_list<int> members) { return vsans_of(members); }
+Bytes vsans(const std::vector<int> &members) { return cat({le32(512), id_bits(512, members)}); }
 
 Bytes tlv(uint16_t type, const Bytes &value) {
     Bytes out = cat({le16(type), le16(uint16_t(value.size())), value});
@@ -54,6 +54,15 @@ std::string hex(const Bytes &b) {
     std::string s;
     for (uint8_t c : b) s += {digits[c >> 4], digits[c & 15], ' '};
     return s;
+}
+
+std::string format(const char *fmt, ...) {
+    char buf[512];
+    va_list ap;
+    va_start(ap, fmt);
+    std::vsnprintf(buf, sizeof buf, fmt, ap);
+    va_end(ap);
+    return buf;
 }
 
 bool KeyOrder::operator()(const Bytes &a, const Bytes &b) const {

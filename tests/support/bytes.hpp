@@ -29,14 +29,15 @@ Bytes take(void *p, const uint32_t &len);
 // A bitmap of nbytes bytes with the ids set: id n is bit 0x80 >> (n % 8) of byte n / 8.
 Bytes id_bits(size_t nbytes, const std::vector<int> &ids);
 // A VSAN set as stored and sent: length word 512 (host order), then the bits of the VSANs.
-Bytes vsans(std::initializer_list<int> members);
-Bytes vsans_of(const std::vector<int> &members);
+Bytes vsans(const std::vector<int> &members);
 // One TLV element: u16 type, u16 length (host order), the value, zero padding to 4 bytes.
 Bytes tlv(uint16_t type, const Bytes &value);
 // A TLV array: the count word (host order), then the elements.
 Bytes tlv_array(std::initializer_list<Bytes> elements);
 // "01 02 ff " for readable failure messages.
 std::string hex(const Bytes &b);
+// printf's text, for expected lines written with their widths.
+std::string format(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 
 // Records by key in the store's order: bytes compared as unsigned, a key before the longer ones
 // it begins.

@@ -6,7 +6,8 @@
 
 namespace zfxtest {
 
-FakeService::FakeService() : ep_(plat_endpoint_open_inproc(&FakeService::handle, this)) {
+FakeService::FakeService(std::initializer_list<Answer> script)
+    : ep_(plat_endpoint_open_inproc(&FakeService::handle, this)), script_(script) {
     if (ep_ == nullptr) throw std::runtime_error("plat_endpoint_open_inproc");
 }
 

@@ -8,10 +8,9 @@
 // xqb_recv) are kept apart, in receives() (token wanted, wait in timeout); they succeed unless a
 // failure was scripted for them with fail_recv.
 //
-//     FakeService svc;
-//     svc.answer(Answer::reply_with(be32(1)));             // result 0, four reply bytes
-//     svc.answer(Answer::failure(ENOENT));                 // result -1, errno ENOENT
-//     svc.answer(Answer::status(0x409A0006));              // result = a status
+//     FakeService svc{Answer::reply_with(be32(1)),         // result 0, four reply bytes
+//                     Answer::failure(ENOENT)};            // result -1, errno ENOENT
+//     svc.answer(Answer::status(0x409A0006));              // result = a status, after those
 //     zfx_something(svc.ep(), ...);
 //     EXPECT_EQ(svc.last().summary(), "req 8605/1 t4 reply");
 //     EXPECT_EQ(svc.last().payload, cat({be32(5), zeros(256)}));
@@ -25,6 +24,7 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
 #include <optional>
 #include <string>
 #include <vector>
@@ -66,7 +66,8 @@ struct Answer {
 
 class FakeService {
 public:
-    FakeService();
+    // The script begins with the answers given.
+    FakeService(std::initializer_list<Answer> script = {});
     ~FakeService();
     FakeService(const FakeService &) = delete;
     FakeService &operator=(const FakeService &) = delete;

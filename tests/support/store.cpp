@@ -153,14 +153,14 @@ std::string generate_from(const std::string &location) {
     return generate({{ZFX_GEN_STORE_CONFIG, r.get()}});
 }
 
+int32_t append_text(void *sink, void *, const char *text, uint32_t len) {
+    static_cast<std::string *>(sink)->append(text, len);
+    return 0;
+}
+
 std::string gen_func_text(const std::string &prefix, int32_t *status) {
     std::string text;
-    ptxt_request request{prefix.c_str(), prefix.c_str(),
-                         [](void *sink, void *, const char *t, uint32_t len) {
-                             static_cast<std::string *>(sink)->append(t, len);
-                             return int32_t(0);
-                         },
-                         &text};
+    ptxt_request request{prefix.c_str(), prefix.c_str(), append_text, &text};
     const int32_t result = zfx_ptxt_gen_func(nullptr, &request);
     if (status != nullptr) *status = result;
     else EXPECT_EQ(result, 0);

@@ -114,6 +114,8 @@ std::string generation_text(const std::function<void(uint32_t handle)> &run);
 std::string generate(std::initializer_list<std::pair<uint32_t, kvdb_store *>> stores);
 // Generates from the configuration store at location alone.
 std::string generate_from(const std::string &location);
+// A text service sink that appends what it is handed to the std::string at sink.
+int32_t append_text(void *sink, void *msg, const char *text, uint32_t len);
 // The text zfx_ptxt_gen_func hands over for the stores under prefix, as zfx-gen prints it.
 // *status, when given, receives its result; without it, a result other than 0 fails the test.
 std::string gen_func_text(const std::string &prefix, int32_t *status = nullptr);

@@ -34,9 +34,7 @@ zfx_zone_member_node &ZoneNodes::member(zfx_zone_node &z, uint32_t id, uint32_t 
     std::copy(wwn.begin(), wwn.end(), m.pwwn);
     std::copy(kNodeLun.begin(), kNodeLun.end(), m.lun);
     std::snprintf(m.device_alias, sizeof m.device_alias, "%s", alias.c_str());
-    if (z.members != nullptr) {
-        EXPECT_EQ(tree_insert(z.members, &m), 0);
-    }
+    EXPECT_TRUE(z.members == nullptr || tree_insert(z.members, &m) == 0);
     if (id < 2048) z.member_bitmap[4 + id / 8] |= uint8_t(0x80 >> (id % 8));
     return m;
 }
