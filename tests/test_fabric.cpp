@@ -508,10 +508,13 @@ TEST(Pfcid, TextIsThatOfTheWalkOverTheWholeList) {
     EXPECT_EQ(commit_reqd, 1);
 
     // Without memory for the index that places the FCIDs, the same text comes from scanning the
-    // list under every domain record; a table without FCID records makes no index at all.
+    // list under every domain record; a table without FCID records makes no index at all. Each
+    // block is followed by one more domain record (every word 1): the walk stops at the list's end.
     std::vector<Record> domains;
     for (const Record &rec : records)
         if (rec.first[1] == 1) domains.push_back(rec);
+    const uint32_t one_more[7] = {htonl(1), htonl(1), htonl(1), htonl(1), htonl(1), htonl(1), htonl(1)};
+    ASSERT_EQ(heapx_trail_blocks(one_more, sizeof one_more), 0);
     for (const auto &[stored, allocations] : {std::pair{records, 2u}, std::pair{domains, 1u}}) {
         Stored r(stored);
         int32_t commit = 0;
@@ -524,6 +527,7 @@ TEST(Pfcid, TextIsThatOfTheWalkOverTheWholeList) {
         EXPECT_EQ(text, walk_text(stored));
         EXPECT_EQ(commit, 1);
     }
+    heapx_trail_blocks(nullptr, 0);
 }
 
 }  // namespace

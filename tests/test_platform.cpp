@@ -211,6 +211,9 @@ TEST(Heapx, CountsPerOwnerAndAligns) {
     EXPECT_EQ(heapx_stats(7).bytes_in_use, 8u);
     heapx_free(blocks[2]);
     EXPECT_EQ(heapx_stats(99999).allocs, 0u);  // untracked owners read as zero
+    if (sizeof(size_t) == 4) {
+        EXPECT_EQ(heapx_alloc(7, 1, UINT32_MAX - 8), nullptr);  // with its header: past 4 GiB
+    }
 }
 
 // The ring keeps the newest TLG_HIST_CAPACITY records in order, each cut to TLG_HIST_RECORD_MAX.

@@ -8,7 +8,8 @@
  * heapx_free(block): releases a block from heapx_alloc; NULL is ignored. Blocks from the standard
  *   allocator must not be given here, nor heapx blocks to free().
  *
- * Counters and failure injection exist for tests and tools; they are process-wide and unlocked.
+ * Counters, failure injection and trailers exist for tests and tools; they are process-wide and
+ * unlocked.
  */
 #ifndef PLAT_HEAPX_H
 #define PLAT_HEAPX_H
@@ -33,6 +34,13 @@ PLAT_API heapx_owner_stats heapx_stats(uint32_t owner);
 PLAT_API void heapx_stats_reset(void);
 /* From now on the nth heapx_alloc (1 = the next one) fails; 0 turns failure off. */
 PLAT_API void heapx_fail_allocation(uint32_t nth);
+
+/* From now on every block is followed by a copy of the size bytes at bytes (at most
+ * HEAPX_TRAILER_MAX; size 0 turns it off). A reader that runs past a block's end then reads what
+ * the test chose, say one more plausible record, instead of whatever the heap holds there, so
+ * that the overrun shows in what it produces. Returns 0, or -1 for a size too large or no bytes. */
+#define HEAPX_TRAILER_MAX 64
+PLAT_API int32_t heapx_trail_blocks(const void *bytes, uint32_t size);
 
 PLAT_EXTERN_C_END
 
