@@ -18,31 +18,24 @@ namespace {
 using namespace zfxtest;
 
 
-TEST(AsciiCfg, StoresYieldTheirTextInElementOrderWithTheCommitRules) {
+// What calls for the commit line (distribution on): a flag line of a section after the reset, a
+// zone or a zoneset, each setting commit_reqd to exactly the 1 the line is written for; NAT's
+// line comes before the reset, and an activation alone calls for nothing. (The rest of the rules
+// and the order of the global lines are the whole stores' texts'.)
+TEST(AsciiCfg, WhatCallsForTheCommit) {
+    const Bytes active = cat({le16(1), name68("a"), le16(0)});
     const TextCase cases[] = {
-        {"empty store", {}, "feature zfx\n"},
-        {"distribution alone needs no commit", {distribute_rec(1)}, "feature zfx\nzfx distribute\n"},
-        {"NAT never calls for the commit", {distribute_rec(1), nat_rec(1)}, "feature zfx\nzfx nat\nzfx distribute\n"},
-        {"AAM calls for it", {distribute_rec(1), aam_rec(1)},
-         "feature zfx\nzfx distribute\nzfx aam register\nzfx commit\n"},
-        {"no commit without distribution", {aam_rec(1), topo_mode_rec(ZFX_VT_MODE_AUTO)},
-         "feature zfx\nzfx aam register\nzfx vsan-topology auto\n"},
-        {"an activation alone needs no commit",
-         {distribute_rec(1), zone_db_header_rec({}, {}), active_chunks(cat({le16(1), name68("a"), le16(0)}), 100)[0],
-          active_chunks(cat({le16(1), name68("a"), le16(0)}), 100)[1]},
-         "feature zfx\nzfx distribute\nzfx zoneset activate name a\n"},
-        {"a zoneset calls for it", {distribute_rec(1), zone_db_header_rec({}, {4}), zoneset_rec(4, "zs", tlv_array({}))},
-         "feature zfx\nzfx distribute\nzfx zoneset name zs\nzfx commit\n"},
-        {"a zone alone does too", {distribute_rec(1), zone_db_header_rec({2}, {}), zone_rec(2, "z", tlv_array({}))},
-         "feature zfx\nzfx distribute\nzfx zone name z\nzfx commit\n"},
-        {"distribution 2 is off", {distribute_rec(2), aam_rec(1)}, "feature zfx\nzfx aam register\n"},
-        {"short distribution value is missing", {{{0x6E, 0x00}, {0, 0, 1}}, aam_rec(1)},
-         "feature zfx\nzfx aam register\n"},
-        {"flags off and zero", {nat_rec(0), aam_rec(0), flags_rec(ZFX_GFLAG_VDOM_FORCE)}, "feature zfx\n"},
-        {"a one-byte flags value", {{{0x75, 0x01}, {0x11}}},
-         "feature zfx\nzfx fcdomain check-ignore\nzfx share-hw-entries\n"},
+        {"AAM", {distribute_rec(1), aam_rec(1)}, "zfx distribute\nzfx aam register\nzfx commit\n"},
+        {"NAT", {distribute_rec(1), nat_rec(1)}, "zfx nat\nzfx distribute\n"},
+        {"a zoneset", {distribute_rec(1), zone_db_header_rec({}, {4}), zoneset_rec(4, "zs", tlv_array({}))},
+         "zfx distribute\nzfx zoneset name zs\nzfx commit\n"},
+        {"a zone", {distribute_rec(1), zone_db_header_rec({2}, {}), zone_rec(2, "z", tlv_array({}))},
+         "zfx distribute\nzfx zone name z\nzfx commit\n"},
+        {"an activation",
+         {distribute_rec(1), zone_db_header_rec({}, {}), active_chunks(active, 100)[0], active_chunks(active, 100)[1]},
+         "zfx distribute\nzfx zoneset activate name a\n"},
     };
-    for (const TextCase &c : cases) EXPECT_EQ("feature zfx\n" + section(c.records), c.expected) << c.name;
+    for (const TextCase &c : cases) EXPECT_EQ(section(c.records), c.expected) << c.name;
 }
 
 TEST(AsciiCfg, DebugLevelLineOnlyForAValidAudibleLevel) {

@@ -253,9 +253,7 @@ TEST(VirtualDomains, LinesOfBothFormsStandAmongTheGlobalLines) {
     const TextCase cases[] = {
         {"list form, forced", {flags_rec(ZFX_GFLAG_VDOM_FORCE), vdom_list_rec(vsans({1, 2, 3, 5}))}, add + "1-3,5 force\n"},
         {"only 4094 and 4095", {vdom_list_rec(vsans({4094, 4095}))}, ""},
-        {"0 and 1", {vdom_list_rec(vsans({0, 1}))}, add + "1\n"},
         {"a short list value gives the bits it holds", {{{0x6D, 0x00}, cat({le32(512), {0x60}})}}, add + "1-2\n"},
-        {"list value without bits", {{{0x6D, 0x00}, le32(512)}}, ""},
         {"per AFID, an empty set skipped", {rdi_rec(1, vsans({10, 11, 12})), rdi_rec(2, vsans({0, 4095}))},
          add2 + "1  vsan-ranges 10-12\n"},
         {"per AFID in key order (host-order AFIDs)", {rdi_rec(1, vsans({1})), rdi_rec(256, vsans({2}))},
