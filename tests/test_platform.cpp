@@ -214,6 +214,7 @@ TEST(Heapx, CountsPerOwnerAndAligns) {
     if (sizeof(size_t) == 4) {
         EXPECT_EQ(heapx_alloc(7, 1, UINT32_MAX - 8), nullptr);  // with its header: past 4 GiB
     }
+    for (int32_t st : {heapx_trail_blocks(nullptr, 1), heapx_trail_blocks(blocks, HEAPX_TRAILER_MAX + 1)}) EXPECT_EQ(st, -1);
 }
 
 // The ring keeps the newest TLG_HIST_CAPACITY records in order, each cut to TLG_HIST_RECORD_MAX.
