@@ -1,6 +1,7 @@
 // The generation driver: whole texts from stores built record by record, the commit rules, the
 // debug logging line, both entry points, and failures that must not stop the next section.
 #include <string>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -23,7 +24,7 @@ using namespace zfxtest;
 // line comes before the reset, and an activation alone calls for nothing. (The rest of the rules
 // and the order of the global lines are the whole stores' texts'.)
 TEST(AsciiCfg, WhatCallsForTheCommit) {
-    const Bytes active = cat({le16(1), name68("a"), le16(0)});
+    const std::vector<Record> active = active_chunks(cat({le16(1), name68("a"), le16(0)}), 100);
     const TextCase cases[] = {
         {"AAM", {distribute_rec(1), aam_rec(1)}, "zfx distribute\nzfx aam register\nzfx commit\n"},
         {"NAT", {distribute_rec(1), nat_rec(1)}, "zfx nat\nzfx distribute\n"},
@@ -31,8 +32,7 @@ TEST(AsciiCfg, WhatCallsForTheCommit) {
          "zfx distribute\nzfx zoneset name zs\nzfx commit\n"},
         {"a zone", {distribute_rec(1), zone_db_header_rec({2}, {}), zone_rec(2, "z", tlv_array({}))},
          "zfx distribute\nzfx zone name z\nzfx commit\n"},
-        {"an activation",
-         {distribute_rec(1), zone_db_header_rec({}, {}), active_chunks(active, 100)[0], active_chunks(active, 100)[1]},
+        {"an activation", {distribute_rec(1), zone_db_header_rec({}, {}), active[0], active[1]},
          "zfx distribute\nzfx zoneset activate name a\n"},
     };
     for (const TextCase &c : cases) EXPECT_EQ(section(c.records), c.expected) << c.name;
