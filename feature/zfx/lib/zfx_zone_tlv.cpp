@@ -1,5 +1,6 @@
 // Zone TLV records: the size table, the three message kinds and the mechanism they share
 // (sizing, allocation, adding, create checks, byte-order conversion, building).
+#include <array>
 #include <iterator>
 
 #include "zfx_zone_kind.hpp"
@@ -19,15 +20,23 @@ constexpr uint16_t kValueSize[] = {
     /* 60 */ 0, 1028, 0, 0, 0, 68,
 };
 
-constexpr uint16_t kMemberReserved[] = {ZFX_TLV_MEMBER_PWWN, ZFX_TLV_MEMBER_VSAN,
-                                        ZFX_TLV_MEMBER_AFID, ZFX_TLV_MEMBER_TYPE,
-                                        ZFX_TLV_MEMBER_LUN,  ZFX_TLV_MEMBER_DEVICE_ALIAS};
-constexpr uint16_t kZoneReserved[] = {ZFX_TLV_ZONE_NAME,    ZFX_TLV_ZONE_NAME2,
-                                      ZFX_TLV_ZONE_MEMBERS, ZFX_TLV_ZONE_ATTR,
-                                      ZFX_TLV_ZONE_QOS,     ZFX_TLV_ZONE_READ_ONLY};
-constexpr uint16_t kZonesetReserved[] = {ZFX_TLV_ZONESET_NAME, ZFX_TLV_ZONESET_NAME2,
-                                         ZFX_TLV_ZONESET_ZONE_BITMAP, ZFX_TLV_ZONESET_ATTR,
-                                         ZFX_TLV_ZONESET_INFO};
+// The types each kind's one-record size has room for. The three lists lie side by side in one
+// table, in the order of the kinds: a size loop that ran past its kind's list would add the next
+// kind's first type, and every record of that kind would show it, instead of reading whatever
+// the build happened to place after a list of its own.
+constexpr struct {
+    std::array<uint16_t, 6> member;
+    std::array<uint16_t, 6> zone;
+    std::array<uint16_t, 5> zoneset;
+} kReserved = {
+    {ZFX_TLV_MEMBER_PWWN, ZFX_TLV_MEMBER_VSAN, ZFX_TLV_MEMBER_AFID, ZFX_TLV_MEMBER_TYPE,
+     ZFX_TLV_MEMBER_LUN, ZFX_TLV_MEMBER_DEVICE_ALIAS},
+    {ZFX_TLV_ZONE_NAME, ZFX_TLV_ZONE_NAME2, ZFX_TLV_ZONE_MEMBERS, ZFX_TLV_ZONE_ATTR,
+     ZFX_TLV_ZONE_QOS, ZFX_TLV_ZONE_READ_ONLY},
+    {ZFX_TLV_ZONESET_NAME, ZFX_TLV_ZONESET_NAME2, ZFX_TLV_ZONESET_ZONE_BITMAP, ZFX_TLV_ZONESET_ATTR,
+     ZFX_TLV_ZONESET_INFO},
+};
+static_assert(sizeof kReserved == (6 + 6 + 5) * sizeof(uint16_t), "the lists lie side by side");
 
 // Types 10, 44, 6 and 65 of a member are byte strings and travel as given; QoS (45) travels in
 // host order and read-only (59) is put in network order by whoever builds it.
@@ -49,8 +58,8 @@ const ZoneKind kMemberKind{.msg_type = ZFX_MSG_ZONE_MEMBER,
                            .array_off = 16,
                            .n_ids = 2,
                            .id_off = {8, 12},
-                           .reserved = kMemberReserved,
-                           .n_reserved = uint8_t(std::size(kMemberReserved)),
+                           .reserved = kReserved.member.data(),
+                           .n_reserved = uint8_t(kReserved.member.size()),
                            .conv = kMemberConv,
                            .n_conv = uint8_t(std::size(kMemberConv)),
                            .needs = kMemberNeeds,
@@ -60,8 +69,8 @@ const ZoneKind kZoneKind{.msg_type = ZFX_MSG_ZONE,
                          .array_off = 12,
                          .n_ids = 1,
                          .id_off = {8},
-                         .reserved = kZoneReserved,
-                         .n_reserved = uint8_t(std::size(kZoneReserved)),
+                         .reserved = kReserved.zone.data(),
+                         .n_reserved = uint8_t(kReserved.zone.size()),
                          .conv = kZoneConv,
                          .n_conv = uint8_t(std::size(kZoneConv)),
                          .needs = kZoneNeeds,
@@ -71,8 +80,8 @@ const ZoneKind kZonesetKind{.msg_type = ZFX_MSG_ZONESET,
                             .array_off = 28,
                             .n_ids = 1,
                             .id_off = {24},
-                            .reserved = kZonesetReserved,
-                            .n_reserved = uint8_t(std::size(kZonesetReserved)),
+                            .reserved = kReserved.zoneset.data(),
+                            .n_reserved = uint8_t(kReserved.zoneset.size()),
                             .conv = kZonesetConv,
                             .n_conv = uint8_t(std::size(kZonesetConv)),
                             .needs = kZonesetNeeds,
