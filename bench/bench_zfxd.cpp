@@ -6,7 +6,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <filesystem>
-#include <thread>
+#include <memory>
 
 #include "platform/socket.h"
 #include "server.hpp"
@@ -23,29 +23,24 @@ public:
         char tmpl[] = "/tmp/zfxd-bench-XXXXXX";
         dir_ = mkdtemp(tmpl);
         if (!db_.open(dir_ + "/zfx_startup_config").empty()) std::abort();
-        socket_ = dir_ + "/zfxd.sock";
-        if (!server_.listen(socket_, 0600).empty()) std::abort();
-        thread_ = std::thread([this] { server_.run(stop_); });
+        server_ = std::make_unique<zfxd::ServerThread>(service_, dir_ + "/zfxd.sock");
+        if (!server_->error().empty()) std::abort();
         plat_endpoint *ep = open();
         zfx_dlg_config_zone(ep, ZFXD_OP_CREATE, "bench", nullptr, nullptr, 0);
         plat_endpoint_close(ep);
     }
     ~Running() {
-        stop_ = 1;
-        plat_endpoint_close(open());  // a connection wakes the loop to see stop
-        thread_.join();
+        server_.reset();
         std::filesystem::remove_all(dir_);
     }
-    plat_endpoint *open() const { return plat_endpoint_open_socket(socket_.c_str()); }
+    plat_endpoint *open() const { return plat_endpoint_open_socket((dir_ + "/zfxd.sock").c_str()); }
     zfxd::Service &service() { return service_; }
 
 private:
-    std::string dir_, socket_;
+    std::string dir_;
     zfxd::ZoneDb db_;
     zfxd::Service service_{db_, nullptr};
-    zfxd::Server server_{service_};
-    volatile std::sig_atomic_t stop_ = 0;
-    std::thread thread_;
+    std::unique_ptr<zfxd::ServerThread> server_;
 };
 
 Running &zfxd_running() {
@@ -59,21 +54,12 @@ void answer_at_once(void *, const plat_call *, plat_answer *answer) {
     answer->reply_length = sizeof reply;
 }
 
-void in_process(void *ctx, const plat_call *call, plat_answer *answer) {
-    static zfxd::Answer last;
-    last = static_cast<zfxd::Service *>(ctx)->handle(call->msg_type, call->opcode, static_cast<const uint8_t *>(call->payload),
-                                                      call->length, {});
-    answer->result = last.result;
-    answer->reply = last.has_reply ? last.reply.data() : nullptr;
-    answer->reply_length = uint32_t(last.reply.size());
-}
-
 enum class Via { floor, handlers, socket };
 
 plat_endpoint *endpoint(Via via) {
     switch (via) {
         case Via::floor: return plat_endpoint_open_inproc(answer_at_once, nullptr);
-        case Via::handlers: return plat_endpoint_open_inproc(in_process, &zfxd_running().service());
+        case Via::handlers: return zfxd_running().service().open_inproc();
         default: return zfxd_running().open();
     }
 }

@@ -15,6 +15,7 @@
 #include <ctime>
 
 #include "platform/frame.h"
+#include "platform/socket.h"
 #include "zfx_common.h"
 #include "zfxd_protocol.h"
 
@@ -279,6 +280,18 @@ int Server::run(volatile std::sig_atomic_t &stop) {
         if ((fds[0].revents & POLLIN) != 0) accept_clients();
     }
     return 0;
+}
+
+ServerThread::ServerThread(Service &service, const std::string &path, Limits limits)
+    : server_(service, limits), path_(path), error_(server_.listen(path, 0600)) {
+    if (error_.empty()) thread_ = std::thread([this] { server_.run(stop_); });
+}
+
+ServerThread::~ServerThread() {
+    if (!thread_.joinable()) return;
+    stop_ = 1;
+    plat_endpoint_close(plat_endpoint_open_socket(path_.c_str()));  // a connection wakes the loop to see the stop
+    thread_.join();
 }
 
 }  // namespace zfxd

@@ -10,6 +10,7 @@
 #include <csignal>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "service.hpp"
@@ -57,6 +58,26 @@ private:
     int listen_fd_ = -1;
     int lock_fd_ = -1;
     std::vector<std::unique_ptr<Client>> clients_;
+};
+
+// The server's loop on a thread of its own, for a program that serves zfxd's clients beside its
+// own work (the service's suites and benchmarks do): it listens on the socket at path (as
+// Server::listen takes it, mode 0600) when made, and stops and joins the loop when it goes.
+class ServerThread {
+public:
+    ServerThread(Service &service, const std::string &path, Limits limits = {});
+    ServerThread(const ServerThread &) = delete;
+    ServerThread &operator=(const ServerThread &) = delete;
+    ~ServerThread();
+
+    // Empty while it serves; otherwise why it could not listen (and no loop runs).
+    const std::string &error() const { return error_; }
+
+private:
+    Server server_;
+    std::string path_, error_;
+    volatile std::sig_atomic_t stop_ = 0;
+    std::thread thread_;
 };
 
 }  // namespace zfxd

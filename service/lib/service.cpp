@@ -14,7 +14,6 @@
 #include <optional>
 #include <set>
 
-#include "platform/endpoint.h"
 #include "tlv.hpp"
 #include "zfx_ascii_cfg.h"
 #include "zfx_common.h"
@@ -754,6 +753,24 @@ Answer Service::dispatch(const Request &r, const Peer &peer) {
     // The feature's service answers its own access point.
     if (r.sap != ZFX_SAP) return status(ZFXD_ERR_UNSUPPORTED);
     return handle(r.msg_type, r.opcode, r.payload, r.length, peer);
+}
+
+plat_endpoint *Service::open_inproc() {
+    const plat_service_handler answer = [](void *ctx, const plat_call *call, plat_answer *out) {
+        if (call->op == PLAT_OP_RECV) return;  // nothing arrives unasked
+        auto *self = static_cast<Service *>(ctx);
+        Answer &a = self->inproc_last_;
+        a = self->dispatch({uint32_t(call->op), call->msg_type, call->opcode, call->sap,
+                            static_cast<const uint8_t *>(call->payload), call->length},
+                           Peer{});
+        // A raw send that asks for no reply gets none, as over the socket.
+        static const uint8_t empty = 0;
+        const bool reply = a.has_reply && (call->op != PLAT_OP_RAW_SEND || call->want_reply != 0);
+        out->result = a.result;
+        out->reply = reply ? (a.reply.empty() ? &empty : a.reply.data()) : nullptr;
+        out->reply_length = reply ? uint32_t(a.reply.size()) : 0;
+    };
+    return plat_endpoint_open_inproc(answer, this);
 }
 
 }  // namespace zfxd

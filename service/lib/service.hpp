@@ -10,6 +10,7 @@
 
 #include "fabric_file.hpp"
 #include "fabric_service.hpp"
+#include "platform/endpoint.h"
 #include "zone_db.hpp"
 
 namespace zfxd {
@@ -52,6 +53,12 @@ public:
     // A raw transport message to access point sap (the feature's, or the name server's).
     Answer handle_raw(uint32_t sap, uint32_t opcode, const uint8_t *payload, uint32_t length, const Peer &peer);
 
+    // An endpoint of the platform's in-process transport that this service answers, on the
+    // caller's thread, as zfxd answers the same calls over its socket: a program that embeds the
+    // service (its suites and benchmarks do) talks to it as a client would. Closed with
+    // plat_endpoint_close, before the service goes; NULL when memory is short.
+    plat_endpoint *open_inproc();
+
     // The log's level (ZFXD_INFO_LOG_LEVEL): 0 errors only, 1 changes, 2 every request.
     int log_level() const { return log_level_; }
     // One line on the log, at the given level: "zfxd: " and the text.
@@ -63,6 +70,7 @@ private:
     int log_level_ = 1;
     FabricDesc empty_;
     FabricService fabric_;
+    Answer inproc_last_;  // the reply the in-process transport is copying
 };
 
 }  // namespace zfxd
