@@ -1,7 +1,7 @@
 // zfxd on a store, for the service's suites: reached in process (the service's own in-process
-// endpoint) or over its socket (the server's loop on a thread of its own), and started again on the same store on request. Its log goes to a temporary file that
-// log() reads back. Header-only: it needs the service's library, which only the service's suites
-// link.
+// endpoint) or over its socket (the server's loop on a thread of its own), and started again on
+// the same store on request. Its log goes to a temporary file that log() reads back. Header-only:
+// it needs the service's library, which only the service's suites link.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -69,6 +69,7 @@ private:
     }
     void stop() {
         plat_endpoint_close(std::exchange(ep_, nullptr));
+        // The server takes its socket away; the lock beside it stays, as zfxd leaves it.
         if (server_ != nullptr) unlink((socket_ + ".lock").c_str());
         server_.reset();
         service_.reset();
