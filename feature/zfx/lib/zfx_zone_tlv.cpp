@@ -36,7 +36,8 @@ constexpr struct {
     {ZFX_TLV_ZONESET_NAME, ZFX_TLV_ZONESET_NAME2, ZFX_TLV_ZONESET_ZONE_BITMAP, ZFX_TLV_ZONESET_ATTR,
      ZFX_TLV_ZONESET_INFO},
 };
-static_assert(sizeof kReserved == (6 + 6 + 5) * sizeof(uint16_t), "the lists lie side by side");
+static_assert(sizeof kReserved == sizeof kReserved.member + sizeof kReserved.zone + sizeof kReserved.zoneset,
+              "the lists lie side by side");
 
 // Types 10, 44, 6 and 65 of a member are byte strings and travel as given; QoS (45) travels in
 // host order and read-only (59) is put in network order by whoever builds it.
