@@ -19,9 +19,10 @@ constexpr int32_t kBits = VSAN_BITSET_NUMBITS;
 constexpr int32_t kBytes = VSAN_BITSET_BYTES;
 constexpr int32_t kWords = kBits / 64;
 
-inline uint64_t word_at(const vsan_bitset *s, int32_t w) {
-    return zfx::bswap(zfx::load<uint64_t>(s->bits + 8 * w));
-}
+// Word w of a set's bit field, wherever the field lies (a set read where the store holds it may
+// lie at any address).
+inline uint64_t word_at(const uint8_t *bits, int32_t w) { return zfx::bswap(zfx::load<uint64_t>(bits + 8 * w)); }
+inline uint64_t word_at(const vsan_bitset *s, int32_t w) { return word_at(s->bits, w); }
 
 inline bool in_range(int32_t p) { return p >= 0 && p < kBits; }
 
@@ -126,13 +127,13 @@ inline void bytewise(vsan_bitset *dst, Fn fn) {
 // count of leading zeros of the word (looking for a set position) or of its complement (looking
 // for the end of a run), so a run costs two bit counts whatever its length.
 template <typename Fn>
-void walk_runs(const vsan_bitset *s, int64_t from, Fn fn) {
+void walk_runs(const uint8_t *bits, int64_t from, Fn fn) {
     if (from < 0) from = 0;
     if (from >= kBits) return;
     int32_t start = -1;
     int pos = int(from & 63);
     for (int32_t w = int32_t(from >> 6); w < kWords; ++w, pos = 0) {
-        const uint64_t word = word_at(s, w);
+        const uint64_t word = word_at(bits, w);
         for (;;) {  // pos stays below 64: it only ever moves onto a set bit of the shifted word
             const uint64_t rest = (start < 0 ? word : ~word) << pos;
             if (rest == 0) break;
@@ -186,7 +187,7 @@ inline uint32_t put_item(char *p, bool sep, int32_t first, int32_t last) {
 
 // The whole text, unbounded; buffer needs VSAN_BITSET_TEXT_SIZE bytes.
 int32_t render(char *buf, const vsan_bitset *s) {
-    const size_t n = zfx::put_ranges(buf, VSAN_BITSET_TEXT_MAX, s);
+    const size_t n = zfx::put_ranges(buf, VSAN_BITSET_TEXT_MAX, s->bits);
     buf[n] = '\0';
     return int32_t(n);
 }
@@ -210,9 +211,9 @@ void apply_in_run(vsan_bitset *dst, int32_t start, int32_t count, Op op) {
 
 namespace zfx {
 
-size_t put_ranges(char *out, size_t max, const vsan_bitset *set) {
+size_t put_ranges(char *out, size_t max, const uint8_t *bits) {
     size_t n = 0;
-    walk_runs(set, 0, [&](int32_t first, int32_t last) {
+    walk_runs(bits, 0, [&](int32_t first, int32_t last) {
         const bool sep = n > 0;
         if (item_len(sep, first, last) > max - n) return false;
         n += put_item(out + n, sep, first, last);
@@ -407,7 +408,7 @@ int32_t vsan_bitset_snprintf(char *buffer, uint32_t size, const vsan_bitset *set
     else from = int64_t(range_print_cursor) + 1;
     uint32_t n = 0;
     bool full = false;
-    walk_runs(set, from, [&](int32_t first, int32_t last) {
+    walk_runs(set->bits, from, [&](int32_t first, int32_t last) {
         const uint32_t len = item_len(n > 0, first, last);
         if (len >= size - n) {  // the item and its terminator would not fit: the chunk ends here
             full = true;
@@ -434,7 +435,7 @@ void vsan_bitset_printf(const vsan_bitset *set) {
 
 void vsan_bitset_hex_printf(const vsan_bitset *set) {
     bool first = true;
-    walk_runs(set, 0, [&](int32_t a, int32_t b) {
+    walk_runs(set->bits, 0, [&](int32_t a, int32_t b) {
         if (!first) std::putchar(',');
         first = false;
         if (b > a) std::printf("%#x-%#x", unsigned(a), unsigned(b));

@@ -14,14 +14,51 @@ KeyShape afid_shape(uint8_t is_default) {
                     sizeof(zfx2_afid_table_kvdb_key), ZFX_ERR_AFID_KEY, ZFX_ERR_AFID_KEY_LENGTH};
 }
 
+// An entry's fields as its key and value hold them: what its list entry is filled from, and what
+// the text reads of an entry held in the store.
+struct StoredAfid {
+    const uint8_t *key;
+    const uint8_t *value;  // a VSAN set as stored
+    uint16_t afid() const { return load_le16(key + offsetof(zfx2_afid_table_kvdb_key, afid)); }
+    const uint8_t *wwn() const { return key + offsetof(zfx2_afid_table_kvdb_key, wwn); }
+    const uint8_t *bits() const { return value + offsetof(vsan_bitset, bits); }
+};
+
+// The same fields of a list entry.
+struct ListedAfid {
+    const zfx2_afid_table_entry &e;
+    uint16_t afid() const { return ntoh16(e.afid); }
+    const uint8_t *wwn() const { return e.wwn; }
+    const uint8_t *bits() const { return e.vsans.bits; }
+};
+
 void fill_afid(uint8_t *out, const kvdb_datum &key, const kvdb_datum &value, const void *) {
-    const uint8_t *k = static_cast<const uint8_t *>(key.data);
-    const uint8_t *wwn = k + offsetof(zfx2_afid_table_kvdb_key, wwn);
-    store_be16(out + offsetof(zfx2_afid_table_entry, afid), load_le16(k + offsetof(zfx2_afid_table_kvdb_key, afid)));
-    std::memcpy(out + offsetof(zfx2_afid_table_entry, wwn), wwn, ZFX_WWN_SIZE);
-    std::memcpy(out + offsetof(zfx2_afid_table_entry, vsans), value.data, sizeof(vsan_bitset));
+    const StoredAfid a{static_cast<const uint8_t *>(key.data), static_cast<const uint8_t *>(value.data)};
+    store_be16(out + offsetof(zfx2_afid_table_entry, afid), a.afid());
+    std::memcpy(out + offsetof(zfx2_afid_table_entry, wwn), a.wwn(), ZFX_WWN_SIZE);
+    std::memcpy(out + offsetof(zfx2_afid_table_entry, vsans), a.value, sizeof(vsan_bitset));
     store_be32(out + offsetof(zfx2_afid_table_entry, is_local),
-               std::memcmp(wwn, local_switch_wwn, ZFX_WWN_SIZE) == 0 ? 1 : 0);
+               std::memcmp(a.wwn(), local_switch_wwn, ZFX_WWN_SIZE) == 0 ? 1 : 0);
+}
+
+TableWalk afid_walk(const uint8_t (&start)[sizeof(zfx2_afid_table_kvdb_key)], uint8_t is_default) {
+    return TableWalk{afid_shape(is_default), start, sizeof start, sizeof(vsan_bitset)};
+}
+
+// The text of a table of count entries (at(i) gives entry i's fields).
+template <typename At>
+void afid_show(uint32_t handle, uint32_t count, At at, uint8_t is_default) {
+    if (count == 0) return;
+    char buf[kRangeLineSize];
+    Line line(buf, sizeof buf);
+    line.text("autonomous-fabric-id database").end().add(handle, ZFX_ELEM_AFID, kBaseLevel);
+    for (uint32_t i = 0; i < count; ++i) {
+        const auto e = at(i);
+        line.text("switch-wwn ").wwn(e.wwn());
+        if (is_default) line.text(" default-autonomous-fabric-id ").dec(e.afid(), 4);
+        else line.text(" autonomous-fabric-id ").dec(e.afid(), 4).text(" vsan-ranges ").ranges(e.bits());
+        line.end().add(handle, ZFX_ELEM_AFID, 1);
+    }
 }
 
 }  // namespace
@@ -37,25 +74,12 @@ int32_t zfx2_afid_table_kvdb_key_check(const kvdb_datum *key, uint8_t is_default
 
 int32_t zfx2_afid_table_config_get(kvdb_store *store, zfx2_afid_table_list **list, uint32_t *size,
                                    uint8_t is_default) {
-    const KeyShape shape = afid_shape(is_default);
-    const uint8_t start[sizeof(zfx2_afid_table_kvdb_key)] = {shape.table, ZFX2_AFID_KIND};
-    return get_list(store, TableWalk{shape, start, sizeof start, sizeof(vsan_bitset)}, fill_afid, nullptr, list, size);
+    const uint8_t start[sizeof(zfx2_afid_table_kvdb_key)] = {afid_shape(is_default).table, ZFX2_AFID_KIND};
+    return get_list(store, afid_walk(start, is_default), fill_afid, nullptr, list, size);
 }
 
 int32_t zfx2_afid_table_config_show(uint32_t handle, const zfx2_afid_table_list *list, uint8_t is_default) {
-    const uint32_t count = list_count(list);
-    if (count == 0) return 0;
-    char buf[kRangeLineSize];
-    Line line(buf, sizeof buf);
-    line.text("autonomous-fabric-id database").end().add(handle, ZFX_ELEM_AFID, kBaseLevel);
-    for (uint32_t i = 0; i < count; ++i) {
-        const zfx2_afid_table_entry &e = list->entries[i];
-        const int32_t afid = ntoh16(e.afid);
-        line.text("switch-wwn ").wwn(e.wwn);
-        if (is_default) line.text(" default-autonomous-fabric-id ").dec(afid, 4);
-        else line.text(" autonomous-fabric-id ").dec(afid, 4).text(" vsan-ranges ").ranges(&e.vsans);
-        line.end().add(handle, ZFX_ELEM_AFID, 1);
-    }
+    afid_show(handle, list_count(list), [list](uint32_t i) { return ListedAfid{list->entries[i]}; }, is_default);
     return 0;
 }
 
@@ -64,15 +88,12 @@ int32_t zfx2_afid_table_generate_ascii_config(uint32_t handle, kvdb_store *store
         report_null_store(kVtNullStore);
         return 0;
     }
-    for (const bool is_default : {true, false}) {
-        zfx2_afid_table_list *list = nullptr;
-        uint32_t size = 0;
-        if (zfx2_afid_table_config_get(store, &list, &size, is_default) == 0)
-            zfx2_afid_table_config_show(handle, list, is_default);
-        if (list != nullptr) {
-            if (list_count(list) != 0 && commit != nullptr) *commit = 1;
-            std::free(list);
-        }
+    // The text reads each entry once: it reads them where the store holds them, not from a list.
+    for (const uint8_t is_default : {1, 0}) {
+        const uint8_t start[sizeof(zfx2_afid_table_kvdb_key)] = {afid_shape(is_default).table, ZFX2_AFID_KIND};
+        const HeldEntries held(store, afid_walk(start, is_default));
+        afid_show(handle, held.size(), [&held](uint32_t i) { return StoredAfid{held[i].key, held[i].value}; }, is_default);
+        if (held.size() != 0 && commit != nullptr) *commit = 1;
     }
     return 0;
 }

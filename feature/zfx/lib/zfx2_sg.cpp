@@ -23,89 +23,222 @@ KeyShape name_shape(uint8_t is_cfg) {
                     ZFX_ERR_TABLE_KEY};
 }
 
+// A member's fields as its key and value hold them (its group's name aside): what its list entry
+// is filled from.
+struct StoredMember {
+    const uint8_t *key;
+    const uint8_t *value;  // a VSAN set as stored
+    uint32_t group() const { return load_le32(key + offsetof(zfx2_sg_kvdb_key, group_id)); }
+    uint16_t afid() const { return load_le16(key + offsetof(zfx2_sg_kvdb_key, afid)); }
+};
+
 void fill_member(uint8_t *out, const kvdb_datum &key, const kvdb_datum &value, const void *state) {
-    const uint8_t *k = static_cast<const uint8_t *>(key.data);
-    store_be32(out + offsetof(zfx2_sg_entry, group_id), load_le32(k + offsetof(zfx2_sg_kvdb_key, group_id)));
-    store_be16(out + offsetof(zfx2_sg_entry, afid), load_le16(k + offsetof(zfx2_sg_kvdb_key, afid)));
+    const StoredMember m{static_cast<const uint8_t *>(key.data), static_cast<const uint8_t *>(value.data)};
+    store_be32(out + offsetof(zfx2_sg_entry, group_id), m.group());
+    store_be16(out + offsetof(zfx2_sg_entry, afid), m.afid());
     out[offsetof(zfx2_sg_entry, state)] = *static_cast<const uint8_t *>(state);
-    std::memcpy(out + offsetof(zfx2_sg_entry, vsans), value.data, sizeof(vsan_bitset));
+    std::memcpy(out + offsetof(zfx2_sg_entry, vsans), m.value, sizeof(vsan_bitset));
+}
+
+// The walk over a table's members (the active one, or the configured one for is_cfg non-zero).
+TableWalk member_walk(uint8_t is_cfg) {
+    static constexpr uint8_t kStarts[2][sizeof(zfx2_sg_kvdb_key)] = {{ZFX2_SG_ACTIVE_TABLE, ZFX2_SG_KIND_MEMBER},
+                                                                     {ZFX2_SG_CFG_TABLE, ZFX2_SG_KIND_MEMBER}};
+    const uint8_t(&start)[sizeof(zfx2_sg_kvdb_key)] = kStarts[is_cfg ? 1 : 0];
+    return TableWalk{member_shape(is_cfg), start, sizeof start, sizeof(vsan_bitset)};
 }
 
 bool same_name(const char *a, const char *b) { return std::strncmp(a, b, ZFX2_SG_NAME_SIZE) == 0; }
 
-const zfx2_sg_entry *entry_at(uint32_t index, const zfx2_sg_list *a, const zfx2_sg_list *b) {
-    return index < list_count(a) && list_count(b) != 0 ? &a->entries[index] : nullptr;
-}
+// What the text and the differences read of a member: its group's name (ZFX2_SG_NAME_SIZE
+// characters, NUL-padded), its fabric ID, and its VSAN set as stored.
+struct Member {
+    const char *name;
+    uint16_t afid;
+    const uint8_t *vsans;
+    const uint8_t *bits() const { return vsans + offsetof(vsan_bitset, bits); }
+};
 
-// The entries of a list in the order of what the differences compare (name, fabric ID, VSANs),
-// so that each question "does the other list hold this group / member / member with these
-// VSANs" is a binary search rather than a pass over the whole list: the answers are those of
-// zfx2_sg_name_check_if_in_cfg2 and zfx2_sg_member_check_if_in_cfg2. Without memory for the
-// order (order NULL) those answer instead.
-class SgIndex {
+// A list's members.
+class ListedMembers {
 public:
-    // order: room for the list's entry count, kept by the caller for as long as the index.
-    SgIndex(const zfx2_sg_list *list, uint32_t *order) : list_(list), order_(order) {
-        if (order_ == nullptr) return;
-        const uint32_t n = list_count(list);
-        for (uint32_t i = 0; i < n; ++i) order_[i] = i;
-        std::sort(order_, order_ + n, [&](uint32_t a, uint32_t b) { return compare(entry(a), entry(b), kVsans) < 0; });
-    }
-
-    // Depth of a comparison: the name alone, the name and fabric ID, or all three.
-    enum Depth { kName, kAfid, kVsans };
-
-    // Whether the list holds an entry equal to entry index of other up to depth (other's entries
-    // against an empty list: never).
-    bool holds(uint32_t index, const zfx2_sg_list *other, Depth depth) const {
-        if (order_ == nullptr) {
-            if (depth == kName) return zfx2_sg_name_check_if_in_cfg2(index, other, list_) != 0;
-            return zfx2_sg_member_check_if_in_cfg2(index, other, list_, depth == kVsans) != 0;
-        }
-        const zfx2_sg_entry *e = entry_at(index, other, list_);
-        if (e == nullptr) return false;
-        const uint32_t *end = order_ + list_count(list_);
-        const uint32_t *first = order_;
-        const uint32_t *at = std::lower_bound(first, end, e, [&](uint32_t i, const zfx2_sg_entry *x) {
-            return compare(entry(i), *x, depth) < 0;
-        });
-        return at != end && compare(entry(*at), *e, depth) == 0;
+    explicit ListedMembers(const zfx2_sg_list *list) : list_(list) {}
+    uint32_t size() const { return list_count(list_); }
+    Member operator[](uint32_t i) const {
+        const zfx2_sg_entry &e = list_->entries[i];
+        return Member{e.name, ntoh16(e.afid), reinterpret_cast<const uint8_t *>(&e.vsans)};
     }
 
 private:
-    const zfx2_sg_entry &entry(uint32_t i) const { return list_->entries[i]; }
-    static int compare(const zfx2_sg_entry &a, const zfx2_sg_entry &b, Depth depth) {
-        if (const int c = std::strncmp(a.name, b.name, ZFX2_SG_NAME_SIZE); c != 0 || depth == kName) return c;
-        if (a.afid != b.afid) return int(a.afid) - int(b.afid);
-        return depth == kAfid ? 0 : std::memcmp(&a.vsans, &b.vsans, sizeof a.vsans);
+    const zfx2_sg_list *list_;
+};
+
+// A table's members held where the store holds them, with their group's names looked up once per
+// group, as the list looks them up: what the text reads, without the list's copy of every
+// member's VSAN set. ok() is false when there was no memory for it, as for the list.
+class StoredMembers {
+public:
+    StoredMembers(kvdb_store *store, uint8_t is_cfg) : held_(store, member_walk(is_cfg)) {
+        const uint32_t n = held_.size();
+        if (!held_.ok() || n == 0) return;
+        // A group's members lie together (its id leads their keys): a name for each run of them.
+        uint32_t groups = 0;
+        for (uint32_t i = 0; i < n; ++i) groups += i == 0 || group(i) != group(i - 1);
+        block_ = static_cast<uint8_t *>(mem_alloc(size_t(n) * sizeof(uint32_t) + size_t(groups) * ZFX2_SG_NAME_SIZE));
+        if (block_ == nullptr) return;
+        uint32_t *const name_of = names_of();
+        char *const names = reinterpret_cast<char *>(block_ + size_t(n) * sizeof(uint32_t));
+        for (uint32_t i = 0, g = 0; i < n; ++i) {
+            const bool first_of_group = i == 0 || group(i) != group(i - 1);
+            if (first_of_group && i != 0) ++g;
+            if (first_of_group) zfx2_sg_get_name_from_id(group(i), names + size_t(g) * ZFX2_SG_NAME_SIZE, store, is_cfg);
+            name_of[i] = g;
+        }
+    }
+    ~StoredMembers() { std::free(block_); }
+    StoredMembers(const StoredMembers &) = delete;
+    StoredMembers &operator=(const StoredMembers &) = delete;
+
+    bool ok() const { return held_.ok() && (held_.size() == 0 || block_ != nullptr); }
+    uint32_t size() const { return ok() ? held_.size() : 0; }
+    Member operator[](uint32_t i) const {
+        const char *names = reinterpret_cast<const char *>(block_ + size_t(held_.size()) * sizeof(uint32_t));
+        const HeldEntry &e = held_[i];
+        return Member{names + size_t(names_of()[i]) * ZFX2_SG_NAME_SIZE, StoredMember{e.key, e.value}.afid(), e.value};
     }
 
-    const zfx2_sg_list *list_;
+private:
+    uint32_t group(uint32_t i) const { return StoredMember{held_[i].key, held_[i].value}.group(); }
+    uint32_t *names_of() const { return reinterpret_cast<uint32_t *>(block_); }
+
+    HeldEntries held_;
+    uint8_t *block_ = nullptr;  // each member's name index, then the names
+};
+
+// Depth of a comparison: the name alone, the name and fabric ID, or all three.
+enum Depth { kName, kAfid, kVsans };
+
+int compare(const Member &a, const Member &b, Depth depth) {
+    if (const int c = std::strncmp(a.name, b.name, ZFX2_SG_NAME_SIZE); c != 0 || depth == kName) return c;
+    if (a.afid != b.afid) return int(a.afid) - int(b.afid);
+    return depth == kAfid ? 0 : std::memcmp(a.vsans, b.vsans, sizeof(vsan_bitset));
+}
+
+// Whether table b holds a member equal to member index of table a up to depth, by a pass over b
+// (a member against an empty table: never).
+template <typename Table>
+bool pair_holds(uint32_t index, const Table &a, const Table &b, Depth depth) {
+    if (index >= a.size() || b.size() == 0) return false;
+    const Member e = a[index];
+    for (uint32_t j = 0, n = b.size(); j < n; ++j)
+        if (compare(e, b[j], depth) == 0) return true;
+    return false;
+}
+
+// The members of a table in the order of what the differences compare (name, fabric ID, VSANs),
+// so that each question "does the other table hold this group / member / member with these
+// VSANs" is a binary search rather than a pass over the whole table. Without memory for the
+// order (order NULL) pair_holds answers instead.
+template <typename Table>
+class SgIndex {
+public:
+    // order: room for the table's member count, kept by the caller for as long as the index.
+    SgIndex(const Table &table, uint32_t *order) : table_(table), order_(order) {
+        if (order_ == nullptr) return;
+        const uint32_t n = table.size();
+        for (uint32_t i = 0; i < n; ++i) order_[i] = i;
+        std::sort(order_, order_ + n, [&](uint32_t a, uint32_t b) { return compare(table_[a], table_[b], kVsans) < 0; });
+    }
+
+    // Whether the table holds a member equal to member index of other up to depth.
+    bool holds(uint32_t index, const Table &other, Depth depth) const {
+        if (order_ == nullptr) return pair_holds(index, other, table_, depth);
+        if (index >= other.size() || table_.size() == 0) return false;
+        const Member e = other[index];
+        const uint32_t *first = order_, *end = order_ + table_.size();
+        const uint32_t *at = std::lower_bound(first, end, e, [&](uint32_t i, const Member &x) {
+            return compare(table_[i], x, depth) < 0;
+        });
+        return at != end && compare(table_[*at], e, depth) == 0;
+    }
+
+private:
+    const Table &table_;
     uint32_t *order_;
 };
 
-// A pass over one list. It keeps the name of the last group line it wrote, so that a group's
+// A pass over one table. It keeps the name of the last group line it wrote, so that a group's
 // members share one group line.
 struct Pass {
     uint32_t handle;
     char last[ZFX2_SG_NAME_SIZE] = {};
     char line[ZFX2_SG_LINE_SIZE];
 
-    // The group line for e, unless the pass wrote it last. word is "" or "no ".
-    void group(const zfx2_sg_entry &e, const char *word = "") {
-        if (same_name(e.name, last)) return;
-        std::memcpy(last, e.name, sizeof last);
-        Line(line, sizeof line).text(word).text("zfx service-group name ").text_max(e.name, sizeof e.name).end().add(
+    // The group line for m, unless the pass wrote it last. word is "" or "no ".
+    void group(const Member &m, const char *word = "") {
+        if (same_name(m.name, last)) return;
+        std::memcpy(last, m.name, sizeof last);
+        Line(line, sizeof line).text(word).text("zfx service-group name ").text_max(m.name, ZFX2_SG_NAME_SIZE).end().add(
             handle, ZFX_ELEM_SERVICE_GROUP, kBaseLevel);
     }
     // A member line at level 1, its range text cut after the last run that fits the line.
-    void member(const zfx2_sg_entry &e, const char *word = "") {
+    void member(const Member &m, const char *word = "") {
         Line l(line, sizeof line);
-        l.text(word).text("autonomous-fabric-id ").dec(ntoh16(e.afid), 2).text(" vsan-ranges ");
+        l.text(word).text("autonomous-fabric-id ").dec(m.afid, 2).text(" vsan-ranges ");
         // The words and the "\n" take their room first; the ranges get the rest.
-        l.ranges(&e.vsans, sizeof line - 2 - l.length()).end().add(handle, ZFX_ELEM_SERVICE_GROUP, 1);
+        l.ranges(m.bits(), sizeof line - 2 - l.length()).end().add(handle, ZFX_ELEM_SERVICE_GROUP, 1);
     }
 };
+
+// The active block: every active member under its group's line, then the activation line.
+template <typename Table>
+void active_show(uint32_t handle, const Table &active, uint32_t policy) {
+    const uint32_t count = active.size();
+    if (count == 0) return;
+    Pass pass{handle};
+    for (uint32_t i = 0; i < count; ++i) {
+        pass.group(active[i]);
+        pass.member(active[i]);
+    }
+    Line(pass.line, sizeof pass.line)
+        .text(policy == 0 ? "zfx service-group activate\n" : "zfx service-group activate default-sg-deny\n")
+        .add(handle, ZFX_ELEM_SERVICE_GROUP, kBaseLevel);
+}
+
+// What the configured table changes of the active one.
+template <typename Table>
+void config_show(uint32_t handle, const Table &configured, const Table &active) {
+    const uint32_t n_active = active.size(), n_cfg = configured.size();
+    // Both orders in one block.
+    uint32_t *orders = static_cast<uint32_t *>(mem_zalloc_array(size_t(n_active) + n_cfg, sizeof(uint32_t)));
+    const SgIndex<Table> in_configured(configured, orders), in_active(active, orders != nullptr ? orders + n_cfg : nullptr);
+    // Removed groups: an active group the configured table no longer names.
+    Pass removed{handle};
+    for (uint32_t i = 0; i < n_active; ++i) {
+        const Member e = active[i];
+        if (same_name(e.name, removed.last)) continue;
+        std::memcpy(removed.last, e.name, sizeof removed.last);
+        if (!in_configured.holds(i, active, kName)) {
+            Line(removed.line, sizeof removed.line).text("no zfx service-group name ").text_max(e.name, ZFX2_SG_NAME_SIZE).end().add(
+                handle, ZFX_ELEM_SERVICE_GROUP, kBaseLevel);
+        }
+    }
+    // Removed members of groups that stay.
+    Pass gone{handle};
+    for (uint32_t i = 0; i < n_active; ++i) {
+        if (!in_configured.holds(i, active, kName) || in_configured.holds(i, active, kAfid)) continue;
+        gone.group(active[i]);
+        gone.member(active[i], "no ");
+    }
+    // Added members, and members whose VSANs changed, written with their configured ranges.
+    Pass added{handle};
+    for (uint32_t i = 0; i < n_cfg; ++i) {
+        if (in_active.holds(i, configured, kVsans)) continue;
+        added.group(configured[i]);
+        added.member(configured[i]);
+    }
+    std::free(orders);
+}
 
 }  // namespace
 }  // namespace zfx
@@ -150,9 +283,7 @@ int32_t zfx2_sg_config_get(kvdb_store *store, zfx2_sg_list **list, uint32_t *siz
     const uint8_t state = is_cfg                               ? 0
                           : zfx2_get_default_sg_policy(store) ? ZFX2_SG_STATE_ACTIVE_DENY
                                                                : ZFX2_SG_STATE_ACTIVE;
-    const uint8_t start[sizeof(zfx2_sg_kvdb_key)] = {sg_table(is_cfg), ZFX2_SG_KIND_MEMBER};
-    const TableWalk walk{member_shape(is_cfg), start, sizeof start, sizeof(vsan_bitset)};
-    const int32_t status = get_list(store, walk, fill_member, &state, list, size);
+    const int32_t status = get_list(store, member_walk(is_cfg), fill_member, &state, list, size);
     if (status != 0) return status;
     // Every entry carries its group's name. A group's members lie together (its id leads their
     // keys): an entry of the same group as the one before takes its name from there, and the
@@ -169,72 +300,21 @@ int32_t zfx2_sg_config_get(kvdb_store *store, zfx2_sg_list **list, uint32_t *siz
 }
 
 int32_t zfx2_sg_name_check_if_in_cfg2(uint32_t index, const zfx2_sg_list *a, const zfx2_sg_list *b) {
-    const zfx2_sg_entry *e = entry_at(index, a, b);
-    if (e == nullptr) return 0;
-    for (uint32_t j = 0, n = list_count(b); j < n; ++j)
-        if (same_name(e->name, b->entries[j].name)) return 1;
-    return 0;
+    return pair_holds(index, ListedMembers(a), ListedMembers(b), kName) ? 1 : 0;
 }
 
 int32_t zfx2_sg_member_check_if_in_cfg2(uint32_t index, const zfx2_sg_list *a, const zfx2_sg_list *b,
                                         uint8_t compare_vsans) {
-    const zfx2_sg_entry *e = entry_at(index, a, b);
-    if (e == nullptr) return 0;
-    for (uint32_t j = 0, n = list_count(b); j < n; ++j) {
-        const zfx2_sg_entry &o = b->entries[j];
-        if (same_name(e->name, o.name) && e->afid == o.afid &&
-            (!compare_vsans || std::memcmp(&e->vsans, &o.vsans, sizeof o.vsans) == 0))
-            return 1;
-    }
-    return 0;
+    return pair_holds(index, ListedMembers(a), ListedMembers(b), compare_vsans ? kVsans : kAfid) ? 1 : 0;
 }
 
 int32_t zfx2_sg_table_active_show(uint32_t handle, const zfx2_sg_list *active, uint32_t policy) {
-    const uint32_t count = list_count(active);
-    if (count == 0) return 0;
-    Pass pass{handle};
-    for (uint32_t i = 0; i < count; ++i) {
-        pass.group(active->entries[i]);
-        pass.member(active->entries[i]);
-    }
-    Line(pass.line, sizeof pass.line)
-        .text(policy == 0 ? "zfx service-group activate\n" : "zfx service-group activate default-sg-deny\n")
-        .add(handle, ZFX_ELEM_SERVICE_GROUP, kBaseLevel);
+    active_show(handle, ListedMembers(active), policy);
     return 0;
 }
 
 int32_t zfx2_sg_table_config_show(uint32_t handle, const zfx2_sg_list *configured, const zfx2_sg_list *active) {
-    const uint32_t n_active = list_count(active), n_cfg = list_count(configured);
-    // Both orders in one block.
-    uint32_t *orders = static_cast<uint32_t *>(mem_zalloc_array(size_t(n_active) + n_cfg, sizeof(uint32_t)));
-    const SgIndex in_configured(configured, orders), in_active(active, orders != nullptr ? orders + n_cfg : nullptr);
-    // Removed groups: an active group the configured table no longer names.
-    Pass removed{handle};
-    for (uint32_t i = 0; i < n_active; ++i) {
-        const zfx2_sg_entry &e = active->entries[i];
-        if (same_name(e.name, removed.last)) continue;
-        std::memcpy(removed.last, e.name, sizeof removed.last);
-        if (!in_configured.holds(i, active, SgIndex::kName)) {
-            Line(removed.line, sizeof removed.line).text("no zfx service-group name ").text_max(e.name, sizeof e.name).end().add(
-                handle, ZFX_ELEM_SERVICE_GROUP, kBaseLevel);
-        }
-    }
-    // Removed members of groups that stay.
-    Pass gone{handle};
-    for (uint32_t i = 0; i < n_active; ++i) {
-        if (!in_configured.holds(i, active, SgIndex::kName) || in_configured.holds(i, active, SgIndex::kAfid))
-            continue;
-        gone.group(active->entries[i]);
-        gone.member(active->entries[i], "no ");
-    }
-    // Added members, and members whose VSANs changed, written with their configured ranges.
-    Pass added{handle};
-    for (uint32_t i = 0; i < n_cfg; ++i) {
-        if (in_active.holds(i, configured, SgIndex::kVsans)) continue;
-        added.group(configured->entries[i]);
-        added.member(configured->entries[i]);
-    }
-    std::free(orders);
+    config_show(handle, ListedMembers(configured), ListedMembers(active));
     return 0;
 }
 
@@ -243,18 +323,14 @@ int32_t zfx2_sg_table_generate_ascii_config(uint32_t handle, kvdb_store *store, 
         report_null_store(kSgNullStore);
         return 0;
     }
-    zfx2_sg_list *active = nullptr, *configured = nullptr;
-    uint32_t size = 0;
-    const bool have_active = zfx2_sg_config_get(store, &active, &size, 0) == 0;
-    if (have_active) zfx2_sg_table_active_show(handle, active, zfx2_get_default_sg_policy(store));
+    // The text reads the members where the store holds them, not from lists.
+    const StoredMembers active(store, 0);
+    if (active.ok()) active_show(handle, active, zfx2_get_default_sg_policy(store));
     // The differences need both tables: against an active table that could not be read they
     // would claim every configured member is new.
-    if (zfx2_sg_config_get(store, &configured, &size, 1) == 0 && have_active)
-        zfx2_sg_table_config_show(handle, configured, active);
-    for (zfx2_sg_list *list : {active, configured}) {
-        if (list != nullptr && list_count(list) != 0 && commit != nullptr) *commit = 1;
-        std::free(list);
-    }
+    const StoredMembers configured(store, 1);
+    if (configured.ok() && active.ok()) config_show(handle, configured, active);
+    if ((active.size() != 0 || configured.size() != 0) && commit != nullptr) *commit = 1;
     return 0;
 }
 

@@ -43,14 +43,14 @@ Line &Line::wwn(const uint8_t *wwn) {
     return put(fmt_wwn(t, w), FMT_WWN_SIZE - 1);
 }
 
-Line &Line::ranges(const vsan_bitset *set, size_t most) {
+Line &Line::ranges(const uint8_t *bits, size_t most) {
     if (most <= room()) {
-        len_ += put_ranges(buf_ + len_, most, set);
+        len_ += put_ranges(buf_ + len_, most, bits);
         return *this;
     }
     // The line's end may fall within a run: cut whole runs to most first, then the line.
     char t[VSAN_BITSET_TEXT_SIZE];
-    return put(t, put_ranges(t, most < VSAN_BITSET_TEXT_MAX ? most : VSAN_BITSET_TEXT_MAX, set));
+    return put(t, put_ranges(t, most < VSAN_BITSET_TEXT_MAX ? most : VSAN_BITSET_TEXT_MAX, bits));
 }
 
 int32_t Line::hand(size_t n) {

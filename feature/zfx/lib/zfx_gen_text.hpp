@@ -22,10 +22,11 @@ constexpr int32_t kBaseLevel = -1;
 // Buffer for a line that must hold a whole VSAN range text with its words around it.
 constexpr size_t kRangeLineSize = VSAN_BITSET_TEXT_SIZE + 128;
 
-// Writes the VSAN range text of set into out (no terminator), cut after its last whole run when
-// the whole text is longer than max characters, so that a cut text never names a VSAN that is
-// not in the set. Returns its length. (vsan_bitset_sprintf is this with no limit.)
-size_t put_ranges(char *out, size_t max, const vsan_bitset *set);
+// Writes the VSAN range text of a set's bit field (VSAN_BITSET_BYTES bytes, at any address) into
+// out (no terminator), cut after its last whole run when the whole text is longer than max
+// characters, so that a cut text never names a VSAN that is not in the set. Returns its length.
+// (vsan_bitset_sprintf is this with no limit.)
+size_t put_ranges(char *out, size_t max, const uint8_t *bits);
 
 // Writers of the pieces of a line at p, which has room for them; each returns where the piece
 // ends. They are what Line writes with, and what a writer of a line in place (Line::at) uses.
@@ -130,8 +131,10 @@ public:
     Line &hex2(uint8_t b);
     // The platform's fmt_wwn text of the 8 bytes of a WWN as they lie in a record.
     Line &wwn(const uint8_t *wwn);
-    // The VSAN range text of set, cut after its last whole run when longer than most characters.
-    Line &ranges(const vsan_bitset *set, size_t most = VSAN_BITSET_TEXT_MAX);
+    // The VSAN range text of a set's bit field (see put_ranges), cut after its last whole run when
+    // longer than most characters.
+    Line &ranges(const uint8_t *bits, size_t most = VSAN_BITSET_TEXT_MAX);
+    Line &ranges(const vsan_bitset *set, size_t most = VSAN_BITSET_TEXT_MAX) { return ranges(set->bits, most); }
     // The line's "\n".
     Line &end() {
         put("\n", 1);

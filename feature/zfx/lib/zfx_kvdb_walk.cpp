@@ -52,4 +52,13 @@ int32_t build_list(kvdb_store *store, const TableWalk &walk, const ListShape &sh
     return 0;
 }
 
+HeldEntries::HeldEntries(kvdb_store *store, const TableWalk &walk) {
+    const auto hold = [](uint8_t *entry, const kvdb_datum &key, const kvdb_datum &value, const void *) {
+        const HeldEntry held{static_cast<const uint8_t *>(key.data), static_cast<const uint8_t *>(value.data)};
+        std::memcpy(entry, &held, sizeof held);
+    };
+    uint32_t size;
+    build_list(store, walk, ListShape{kHeader, sizeof(HeldEntry)}, -1, list_zalloc, hold, nullptr, &block_, &size);
+}
+
 }  // namespace zfx

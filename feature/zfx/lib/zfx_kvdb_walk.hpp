@@ -145,4 +145,36 @@ int32_t get_list(kvdb_store *store, const TableWalk &walk, FillEntry fill, const
 // The entry count of a list (network order in its first word); 0 for NULL.
 inline uint32_t list_count(const void *list) { return list == nullptr ? 0 : load_be32(list); }
 
+// ---- entries held where they lie ----------------------------------------------------------------
+
+// An entry of a walk as the store holds it: its key and its value, where they lie.
+struct HeldEntry {
+    const uint8_t *key;
+    const uint8_t *value;
+};
+
+// The entries of a walk, held where they lie (valid until the store is closed), for a reader that
+// reads each of them once, as the configuration text does: a flat list would copy every value
+// (a VSAN set of 516 bytes) into memory of its own first, only for the text to read the copy.
+// Built as a list is (a counting walk, one allocation, a filling walk), so it fails as one does.
+class HeldEntries {
+public:
+    HeldEntries(kvdb_store *store, const TableWalk &walk);
+    ~HeldEntries() { std::free(block_); }
+    HeldEntries(const HeldEntries &) = delete;
+    HeldEntries &operator=(const HeldEntries &) = delete;
+
+    // False when there was no memory for the entries (the walk then holds none).
+    bool ok() const { return block_ != nullptr; }
+    uint32_t size() const { return list_count(block_); }
+    const HeldEntry &operator[](uint32_t i) const {
+        return reinterpret_cast<const HeldEntry *>(static_cast<const uint8_t *>(block_) + kHeader)[i];
+    }
+
+private:
+    // The count word, padded so that the entries after it are aligned.
+    static constexpr uint32_t kHeader = sizeof(HeldEntry);
+    void *block_ = nullptr;
+};
+
 }  // namespace zfx
