@@ -135,35 +135,81 @@ bool pair_holds(uint32_t index, const Table &a, const Table &b, Depth depth) {
     return false;
 }
 
+// Ranks the group names of the members of tables a and b into rank (a's members first), with
+// scratch room for as many: equal names get equal ranks, and ranks follow the names' order. The
+// differences then compare names as numbers, not as strings over and over. A table's members of
+// one group lie together (its id leads their keys), so only the first of each run of one name is
+// sorted.
+template <typename Table>
+void rank_names(const Table &a, const Table &b, uint32_t *rank, uint32_t *scratch) {
+    const uint32_t na = a.size(), n = na + b.size();
+    const auto name = [&](uint32_t p) { return p < na ? a[p].name : b[p - na].name; };
+    uint32_t heads = 0;
+    for (uint32_t p = 0; p < n; ++p) {
+        rank[p] = UINT32_MAX;  // a member that only continues a run takes its rank below
+        if (p == 0 || p == na || !same_name(name(p), name(p - 1))) scratch[heads++] = p;
+    }
+    std::sort(scratch, scratch + heads,
+              [&](uint32_t x, uint32_t y) { return std::strncmp(name(x), name(y), ZFX2_SG_NAME_SIZE) < 0; });
+    for (uint32_t h = 0, r = 0; h < heads; ++h) {
+        if (h != 0 && !same_name(name(scratch[h]), name(scratch[h - 1]))) ++r;
+        rank[scratch[h]] = r;
+    }
+    for (uint32_t p = 1; p < n; ++p)
+        if (rank[p] == UINT32_MAX) rank[p] = rank[p - 1];
+}
+
+// What the differences compare of a member: its name's rank (rank_names), its fabric ID, and
+// its VSAN set as stored.
+struct Ranked {
+    uint32_t rank;
+    uint16_t afid;
+    const uint8_t *vsans;
+};
+
+int compare(const Ranked &a, const Ranked &b, Depth depth) {
+    if (a.rank != b.rank) return a.rank < b.rank ? -1 : 1;
+    if (depth == kName) return 0;
+    if (a.afid != b.afid) return int(a.afid) - int(b.afid);
+    return depth == kAfid ? 0 : std::memcmp(a.vsans, b.vsans, sizeof(vsan_bitset));
+}
+
 // The members of a table in the order of what the differences compare (name, fabric ID, VSANs),
 // so that each question "does the other table hold this group / member / member with these
 // VSANs" is a binary search rather than a pass over the whole table. Without memory for the
-// order (order NULL) pair_holds answers instead.
+// ranks and the order (both NULL) pair_holds answers instead.
 template <typename Table>
 class SgIndex {
 public:
-    // order: room for the table's member count, kept by the caller for as long as the index.
-    SgIndex(const Table &table, uint32_t *order) : table_(table), order_(order) {
+    // rank: the ranks of the table's members; order: room for as many. Both are kept by the
+    // caller for as long as the index.
+    SgIndex(const Table &table, const uint32_t *rank, uint32_t *order) : table_(table), rank_(rank), order_(order) {
         if (order_ == nullptr) return;
         const uint32_t n = table.size();
         for (uint32_t i = 0; i < n; ++i) order_[i] = i;
-        std::sort(order_, order_ + n, [&](uint32_t a, uint32_t b) { return compare(table_[a], table_[b], kVsans) < 0; });
+        std::sort(order_, order_ + n, [&](uint32_t a, uint32_t b) { return compare(key(a), key(b), kVsans) < 0; });
     }
 
-    // Whether the table holds a member equal to member index of other up to depth.
-    bool holds(uint32_t index, const Table &other, Depth depth) const {
-        if (order_ == nullptr) return pair_holds(index, other, table_, depth);
-        if (index >= other.size() || table_.size() == 0) return false;
-        const Member e = other[index];
+    // Whether the table holds a member equal to member index of other's table up to depth.
+    bool holds(uint32_t index, const SgIndex &other, Depth depth) const {
+        if (order_ == nullptr) return pair_holds(index, other.table_, table_, depth);
+        if (index >= other.table_.size() || table_.size() == 0) return false;
+        const Ranked e = other.key(index);
         const uint32_t *first = order_, *end = order_ + table_.size();
-        const uint32_t *at = std::lower_bound(first, end, e, [&](uint32_t i, const Member &x) {
-            return compare(table_[i], x, depth) < 0;
+        const uint32_t *at = std::lower_bound(first, end, e, [&](uint32_t i, const Ranked &x) {
+            return compare(key(i), x, depth) < 0;
         });
-        return at != end && compare(table_[*at], e, depth) == 0;
+        return at != end && compare(key(*at), e, depth) == 0;
     }
 
 private:
+    Ranked key(uint32_t i) const {
+        const Member m = table_[i];
+        return Ranked{rank_[i], m.afid, m.vsans};
+    }
+
     const Table &table_;
+    const uint32_t *rank_;
     uint32_t *order_;
 };
 
@@ -209,16 +255,19 @@ void active_show(uint32_t handle, const Table &active, uint32_t policy) {
 template <typename Table>
 void config_show(uint32_t handle, const Table &configured, const Table &active) {
     const uint32_t n_active = active.size(), n_cfg = configured.size();
-    // Both orders in one block.
-    uint32_t *orders = static_cast<uint32_t *>(mem_zalloc_array(size_t(n_active) + n_cfg, sizeof(uint32_t)));
-    const SgIndex<Table> in_configured(configured, orders), in_active(active, orders != nullptr ? orders + n_cfg : nullptr);
+    const size_t n = size_t(n_active) + n_cfg;
+    // The ranks of both tables' names, both orders and the ranking's scratch, in one block.
+    uint32_t *block = static_cast<uint32_t *>(mem_zalloc_array(3 * n, sizeof(uint32_t)));
+    if (block != nullptr) rank_names(configured, active, block, block + 2 * n);
+    const SgIndex<Table> in_configured(configured, block, block != nullptr ? block + n : nullptr),
+        in_active(active, block != nullptr ? block + n_cfg : nullptr, block != nullptr ? block + n + n_cfg : nullptr);
     // Removed groups: an active group the configured table no longer names.
     Pass removed{handle};
     for (uint32_t i = 0; i < n_active; ++i) {
         const Member e = active[i];
         if (same_name(e.name, removed.last)) continue;
         std::memcpy(removed.last, e.name, sizeof removed.last);
-        if (!in_configured.holds(i, active, kName)) {
+        if (!in_configured.holds(i, in_active, kName)) {
             Line(removed.line, sizeof removed.line).text("no zfx service-group name ").text_max(e.name, ZFX2_SG_NAME_SIZE).end().add(
                 handle, ZFX_ELEM_SERVICE_GROUP, kBaseLevel);
         }
@@ -226,18 +275,18 @@ void config_show(uint32_t handle, const Table &configured, const Table &active) 
     // Removed members of groups that stay.
     Pass gone{handle};
     for (uint32_t i = 0; i < n_active; ++i) {
-        if (!in_configured.holds(i, active, kName) || in_configured.holds(i, active, kAfid)) continue;
+        if (!in_configured.holds(i, in_active, kName) || in_configured.holds(i, in_active, kAfid)) continue;
         gone.group(active[i]);
         gone.member(active[i], "no ");
     }
     // Added members, and members whose VSANs changed, written with their configured ranges.
     Pass added{handle};
     for (uint32_t i = 0; i < n_cfg; ++i) {
-        if (in_active.holds(i, configured, kVsans)) continue;
+        if (in_active.holds(i, in_configured, kVsans)) continue;
         added.group(configured[i]);
         added.member(configured[i]);
     }
-    std::free(orders);
+    std::free(block);
 }
 
 }  // namespace
