@@ -123,30 +123,58 @@ TEST(AsciiCfg, AFailingSectionNeverStopsTheNext) {
     EXPECT_EQ(zfx2_get_aam_flag_from_kvdb(&flag, nullptr), ZFX_ERR_INVALID_ARG);
 }
 
-// Without memory for their index the service-group differences are found by the pairwise checks:
-// the same text (a removed group of two members is removed once).
-TEST(AsciiCfg, ServiceGroupDifferencesWithoutTheirIndex) {
-    Stored r({sg_name_rec(false, 1, "g1"), sg_member_rec(false, 1, 1, vsans({1})), sg_member_rec(false, 1, 2, vsans({2})),
-              sg_name_rec(false, 2, "gone"), sg_member_rec(false, 2, 1, vsans({3})), sg_member_rec(false, 2, 2, vsans({3})),
-              sg_name_rec(true, 1, "g1"), sg_member_rec(true, 1, 1, vsans({1, 4})), sg_name_rec(true, 3, "new"),
-              sg_member_rec(true, 1, 3, vsans({2})), sg_member_rec(true, 3, 1, vsans({5}))});
-    zfx2_sg_list *cfg = nullptr, *act = nullptr;
-    uint32_t size = 0;
-    ASSERT_EQ(zfx2_sg_config_get(r.get(), &cfg, &size, 1), 0);
-    ASSERT_EQ(zfx2_sg_config_get(r.get(), &act, &size, 0), 0);
-    for (uint32_t fail : {0u, 1u}) {
-        EXPECT_EQ(generation_text([&](uint32_t handle) {
-                      zfx_testing_fail_allocation(fail);  // the first: the index
-                      zfx2_sg_table_config_show(handle, cfg, act);
-                      zfx_testing_fail_allocation(0);
-                  }),
-                  "no zfx service-group name gone\nzfx service-group name g1\n  no autonomous-fabric-id  2 vsan-ranges 2\n"
-                  "zfx service-group name g1\n  autonomous-fabric-id  1 vsan-ranges 1,4\n  autonomous-fabric-id  3 vsan-ranges 2\n"
-                  "zfx service-group name new\n  autonomous-fabric-id  1 vsan-ranges 5\n")
-            << fail;
+// The service-group text three ways: the section reading the members where the store holds
+// them, the show functions on the lists, and those again without memory for their index (the
+// differences then found by the pairwise checks). A fixed case pins the text; seeded tables
+// bring names shared by several groups, names that are prefixes of others, groups whose name
+// record is missing, and sets that differ or not.
+TEST(AsciiCfg, ServiceGroupTextFromStoreListsAndPairwiseChecks) {
+    const auto three_ways = [](const std::vector<Record> &records) {
+        Stored r(records);
+        zfx2_sg_list *cfg = nullptr, *act = nullptr;
+        uint32_t size = 0;
+        EXPECT_EQ(zfx2_sg_config_get(r.get(), &cfg, &size, 1), 0);
+        EXPECT_EQ(zfx2_sg_config_get(r.get(), &act, &size, 0), 0);
+        std::string texts[3];
+        texts[0] = generation_text([&](uint32_t h) { zfx2_sg_table_generate_ascii_config(h, r.get(), nullptr); });
+        for (uint32_t fail : {0u, 1u}) {
+            texts[1 + fail] = generation_text([&](uint32_t h) {
+                zfx2_sg_table_active_show(h, act, zfx2_get_default_sg_policy(r.get()));
+                zfx_testing_fail_allocation(fail);  // the first: the index
+                zfx2_sg_table_config_show(h, cfg, act);
+                zfx_testing_fail_allocation(0);
+            });
+        }
+        std::free(cfg);
+        std::free(act);
+        EXPECT_EQ(texts[1], texts[0]);
+        EXPECT_EQ(texts[2], texts[0]);
+        return texts[0];
+    };
+    EXPECT_EQ(three_ways({sg_name_rec(false, 1, "g1"), sg_member_rec(false, 1, 1, vsans({1})),
+                          sg_member_rec(false, 1, 2, vsans({2})), sg_name_rec(false, 2, "gone"),
+                          sg_member_rec(false, 2, 1, vsans({3})), sg_member_rec(false, 2, 2, vsans({3})),
+                          sg_name_rec(true, 1, "g1"), sg_member_rec(true, 1, 1, vsans({1, 4})), sg_name_rec(true, 3, "new"),
+                          sg_member_rec(true, 1, 3, vsans({2})), sg_member_rec(true, 3, 1, vsans({5}))}),
+              "zfx service-group name g1\n  autonomous-fabric-id  1 vsan-ranges 1\n  autonomous-fabric-id  2 vsan-ranges 2\n"
+              "zfx service-group name gone\n  autonomous-fabric-id  1 vsan-ranges 3\n  autonomous-fabric-id  2 vsan-ranges 3\n"
+              "zfx service-group activate\n"
+              "no zfx service-group name gone\nzfx service-group name g1\n  no autonomous-fabric-id  2 vsan-ranges 2\n"
+              "zfx service-group name g1\n  autonomous-fabric-id  1 vsan-ranges 1,4\n  autonomous-fabric-id  3 vsan-ranges 2\n"
+              "zfx service-group name new\n  autonomous-fabric-id  1 vsan-ranges 5\n");
+    static const char *const kNames[] = {"a", "ab", "b", "a\xff", ""};
+    for (uint32_t seed = 1; seed <= 30; ++seed) {
+        std::vector<Record> records;
+        uint32_t x = seed;
+        const auto next = [&x](uint32_t n) { return ((x = x * 1103515245u + 12345u) >> 16 & 0x7FFF) % n; };
+        for (bool cfg : {false, true})
+            for (uint32_t group = 1 + next(3), groups = next(6); groups-- > 0; group += 1 + next(300)) {
+                if (next(6) != 0) records.push_back(sg_name_rec(cfg, group, kNames[next(std::size(kNames))]));
+                for (uint16_t afid = 1; afid <= 3; ++afid)
+                    if (next(3) != 0) records.push_back(sg_member_rec(cfg, group, afid, vsans({int(1 + next(2))})));
+            }
+        three_ways(records);
     }
-    std::free(cfg);
-    std::free(act);
 }
 
 // A request that selects nothing, shows of no list and sections handed no store: they return 0,

@@ -138,8 +138,8 @@ bool pair_holds(uint32_t index, const Table &a, const Table &b, Depth depth) {
 // Ranks the group names of the members of tables a and b into rank (a's members first), with
 // scratch room for as many: equal names get equal ranks, and ranks follow the names' order. The
 // differences then compare names as numbers, not as strings over and over. A table's members of
-// one group lie together (its id leads their keys), so only the first of each run of one name is
-// sorted.
+// one group lie together (its id leads their keys), so only the first member of each run of one
+// name is sorted; the others take its rank.
 template <typename Table>
 void rank_names(const Table &a, const Table &b, uint32_t *rank, uint32_t *scratch) {
     const uint32_t na = a.size(), n = na + b.size();
@@ -147,7 +147,7 @@ void rank_names(const Table &a, const Table &b, uint32_t *rank, uint32_t *scratc
     uint32_t heads = 0;
     for (uint32_t p = 0; p < n; ++p) {
         rank[p] = UINT32_MAX;  // a member that only continues a run takes its rank below
-        if (p == 0 || p == na || !same_name(name(p), name(p - 1))) scratch[heads++] = p;
+        if (p == 0 || !same_name(name(p), name(p - 1))) scratch[heads++] = p;
     }
     std::sort(scratch, scratch + heads,
               [&](uint32_t x, uint32_t y) { return std::strncmp(name(x), name(y), ZFX2_SG_NAME_SIZE) < 0; });
