@@ -230,8 +230,9 @@ typedef struct zfx2_sg_list {
 } zfx2_sg_list;
 
 /* Writes the active block and the differences to element 7, and sets *commit (when commit is not
- * NULL) for each table with entries. The differences are written only when both lists were
- * built. Returns 0. */
+ * NULL) for each table with entries. The differences are written only when both tables could be
+ * read (without memory for one, there is no text of it). The text is what the show functions
+ * below write of the two lists. Returns 0. */
 ZFX_API int32_t zfx2_sg_table_generate_ascii_config(uint32_t handle, kvdb_store *store, int32_t *commit);
 /* Lists the members of the configured (is_cfg non-zero) or active table, with their names.
  * Returns 0, ZFX_ERR_NO_MEMORY, or ZFX_ERR_INVALID_ARG for a NULL argument. */
