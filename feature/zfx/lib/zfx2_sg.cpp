@@ -84,6 +84,8 @@ public:
         // A group's members lie together (its id leads their keys): a name for each run of them.
         uint32_t groups = 0;
         for (uint32_t i = 0; i < n; ++i) groups += i == 0 || group(i) != group(i - 1);
+        // (On the switch's 32 bits a table too large for the block counts as one without memory.)
+        if (groups > (SIZE_MAX - size_t(n) * sizeof(uint32_t)) / ZFX2_SG_NAME_SIZE) return;
         block_ = static_cast<uint8_t *>(mem_alloc(size_t(n) * sizeof(uint32_t) + size_t(groups) * ZFX2_SG_NAME_SIZE));
         if (block_ == nullptr) return;
         uint32_t *const name_of = names_of();
