@@ -41,7 +41,11 @@ void fill_afid(uint8_t *out, const kvdb_datum &key, const kvdb_datum &value, con
                std::memcmp(a.wwn(), local_switch_wwn, ZFX_WWN_SIZE) == 0 ? 1 : 0);
 }
 
-TableWalk afid_walk(const uint8_t (&start)[sizeof(zfx2_afid_table_kvdb_key)], uint8_t is_default) {
+// The walk over the default (is_default non-zero) or the ordinary half.
+TableWalk afid_walk(uint8_t is_default) {
+    static constexpr uint8_t kStarts[2][sizeof(zfx2_afid_table_kvdb_key)] = {{ZFX2_AFID_TABLE, ZFX2_AFID_KIND},
+                                                                             {ZFX2_AFID_DEFAULT_TABLE, ZFX2_AFID_KIND}};
+    const uint8_t(&start)[sizeof(zfx2_afid_table_kvdb_key)] = kStarts[is_default ? 1 : 0];
     return TableWalk{afid_shape(is_default), start, sizeof start, sizeof(vsan_bitset)};
 }
 
@@ -74,8 +78,7 @@ int32_t zfx2_afid_table_kvdb_key_check(const kvdb_datum *key, uint8_t is_default
 
 int32_t zfx2_afid_table_config_get(kvdb_store *store, zfx2_afid_table_list **list, uint32_t *size,
                                    uint8_t is_default) {
-    const uint8_t start[sizeof(zfx2_afid_table_kvdb_key)] = {afid_shape(is_default).table, ZFX2_AFID_KIND};
-    return get_list(store, afid_walk(start, is_default), fill_afid, nullptr, list, size);
+    return get_list(store, afid_walk(is_default), fill_afid, nullptr, list, size);
 }
 
 int32_t zfx2_afid_table_config_show(uint32_t handle, const zfx2_afid_table_list *list, uint8_t is_default) {
@@ -90,8 +93,7 @@ int32_t zfx2_afid_table_generate_ascii_config(uint32_t handle, kvdb_store *store
     }
     // The text reads each entry once: it reads them where the store holds them, not from a list.
     for (const uint8_t is_default : {1, 0}) {
-        const uint8_t start[sizeof(zfx2_afid_table_kvdb_key)] = {afid_shape(is_default).table, ZFX2_AFID_KIND};
-        const HeldEntries held(store, afid_walk(start, is_default));
+        const HeldEntries held(store, afid_walk(is_default));
         afid_show(handle, held.size(), [&held](uint32_t i) { return StoredAfid{held[i].key, held[i].value}; }, is_default);
         if (held.size() != 0 && commit != nullptr) *commit = 1;
     }

@@ -120,10 +120,16 @@ private:
 // Depth of a comparison: the name alone, the name and fabric ID, or all three.
 enum Depth { kName, kAfid, kVsans };
 
-int compare(const Member &a, const Member &b, Depth depth) {
-    if (const int c = std::strncmp(a.name, b.name, ZFX2_SG_NAME_SIZE); c != 0 || depth == kName) return c;
+// The order of two members (a Member or a Ranked each) up to depth, their names' order given.
+template <typename T>
+int compare_after_names(int names, const T &a, const T &b, Depth depth) {
+    if (names != 0 || depth == kName) return names;
     if (a.afid != b.afid) return int(a.afid) - int(b.afid);
     return depth == kAfid ? 0 : std::memcmp(a.vsans, b.vsans, sizeof(vsan_bitset));
+}
+
+int compare(const Member &a, const Member &b, Depth depth) {
+    return compare_after_names(std::strncmp(a.name, b.name, ZFX2_SG_NAME_SIZE), a, b, depth);
 }
 
 // Whether table b holds a member equal to member index of table a up to depth, by a pass over b
@@ -170,10 +176,7 @@ struct Ranked {
 };
 
 int compare(const Ranked &a, const Ranked &b, Depth depth) {
-    if (a.rank != b.rank) return a.rank < b.rank ? -1 : 1;
-    if (depth == kName) return 0;
-    if (a.afid != b.afid) return int(a.afid) - int(b.afid);
-    return depth == kAfid ? 0 : std::memcmp(a.vsans, b.vsans, sizeof(vsan_bitset));
+    return compare_after_names(a.rank < b.rank ? -1 : a.rank > b.rank ? 1 : 0, a, b, depth);
 }
 
 // The members of a table in the order of what the differences compare (name, fabric ID, VSANs),
