@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <algorithm>
+#include <bit>
 #include <deque>
 #include <filesystem>
 #include <memory>
@@ -193,7 +194,20 @@ private:
         if (e.kind == Kind::held) return {reinterpret_cast<const char *>(held_[e.index].first.data()), e.key_len};
         return {reinterpret_cast<const char *>(e.head), e.key_len};
     }
-    bool key_before(const Entry &a, const Entry &b) const;
+    // Bytewise key order (a shorter key before its extensions), then the order of the list. The
+    // heads decide nearly every comparison of a sort, so that comparison is inline: the heads as
+    // numbers whose order is the bytes' order.
+    bool key_before(const Entry &a, const Entry &b) const {
+        const uint64_t x = head_order(a), y = head_order(b);
+        return x != y ? x < y : tie_before(a, b);
+    }
+    static uint64_t head_order(const Entry &e) {
+        uint64_t v;
+        std::memcpy(&v, e.head, sizeof v);
+        return std::endian::native == std::endian::little ? __builtin_bswap64(v) : v;
+    }
+    // key_before of two entries with the same head.
+    bool tie_before(const Entry &a, const Entry &b) const;
     void plan_zone_db();
     void plan_service_groups(const std::vector<ServiceGroup> &groups, uint8_t table);
 
@@ -336,16 +350,7 @@ std::string_view ConfigPlan::value(size_t i, Bytes &scratch) const {
     return view(scratch);
 }
 
-// Bytewise key order (a shorter key before its extensions), then the order of the list.
-bool ConfigPlan::key_before(const Entry &a, const Entry &b) const {
-    // The heads as numbers whose order is the bytes' order (one load and a byte swap, compiled).
-    const auto number = [](const uint8_t *head) {
-        uint64_t v = 0;
-        for (int i = 0; i < 8; ++i) v = v << 8 | head[i];
-        return v;
-    };
-    const uint64_t x = number(a.head), y = number(b.head);
-    if (x != y) return x < y;
+bool ConfigPlan::tie_before(const Entry &a, const Entry &b) const {
     if (a.key_len > 8 && b.key_len > 8) {
         if (const int c = key(a).compare(key(b)); c != 0) return c < 0;
     } else if (a.key_len != b.key_len) {
