@@ -55,21 +55,20 @@ Line &Line::ranges(const uint8_t *bits, size_t most) {
 
 int32_t Line::hand(size_t n) {
     // The line being built after them, if any, keeps its first character.
-    const char kept = n < len_ ? buf_[n] : '\0';
+    const char first = n < len_ ? buf_[n] : '\0';
     buf_[n] = '\0';
-    const int32_t status = level_ < 0 ? ptxt_elem_str_add(handle_, element_, buf_)
-                                      : ptxt_elem_str_add_indent(handle_, element_, buf_, uint32_t(level_));
-    buf_[n] = kept;
-    // What is left (the line being built) moves to the buffer's start.
-    std::memmove(buf_, buf_ + n, len_ - n);
-    len_ -= n;
-    start_ = 0;
+    const char *text = buf_ + kept_;
+    const int32_t status = level_ < 0 ? ptxt_elem_str_add(handle_, element_, text)
+                                      : ptxt_elem_str_add_indent(handle_, element_, text, uint32_t(level_));
+    buf_[n] = first;
+    if (n == len_) len_ = 0;  // nothing left: the buffer starts again
+    kept_ = start_ = len_ != 0 ? n : 0;
     return status;
 }
 
 int32_t Line::add_any(uint32_t handle, uint32_t element, int32_t level) {
     // Kept lines for another element or level go first, on their own.
-    int32_t status = start_ != 0 && (handle != handle_ || element != element_ || level != level_) ? flush() : 0;
+    int32_t status = start_ != kept_ && (handle != handle_ || element != element_ || level != level_) ? flush() : 0;
     handle_ = handle;
     element_ = element;
     level_ = level;
@@ -82,7 +81,7 @@ int32_t Line::add_any(uint32_t handle, uint32_t element, int32_t level) {
     return status;
 }
 
-int32_t Line::flush() { return start_ != 0 ? hand(start_) : 0; }
+int32_t Line::flush() { return start_ != kept_ ? hand(start_) : 0; }
 
 void report_null_store(const char *message) { std::perror(message); }
 

@@ -147,7 +147,7 @@ public:
     // handed over in this call (0 when they are all kept for later).
     int32_t add(uint32_t handle, uint32_t element, int32_t level) {
         // The common case, inline: a line for where the kept lines go, with room left for another.
-        if (start_ == 0 || handle != handle_ || element != element_ || level != level_ || !gather_ ||
+        if (start_ == kept_ || handle != handle_ || element != element_ || level != level_ || !gather_ ||
             capacity_ - len_ < line_size_)
             return add_any(handle, element, level);
         start_ = len_;
@@ -188,14 +188,18 @@ private:
         cut_ = true;
         return *this;
     }
-    // Hands the first n characters of the buffer to the kept lines' element.
+    // Hands the kept lines up to n (the line being built, or the buffer's end) to their element.
     int32_t hand(size_t n);
 
     char *buf_;
     size_t capacity_;
     size_t line_size_;
     bool gather_;
-    size_t start_ = 0;  // where the line being built begins; the kept lines lie before it
+    // The kept lines lie from kept_ to start_, where the line being built begins. A line left
+    // after the kept lines went over stays where it is (kept_ moves up to it) rather than moving
+    // to the buffer's start: it began with the room of a whole line, which it keeps.
+    size_t kept_ = 0;
+    size_t start_ = 0;
     size_t len_ = 0;
     bool cut_ = false;
     // Where the kept lines go.
