@@ -7,6 +7,7 @@
 #include "cli.hpp"
 #include "dump.hpp"
 #include "fabric.hpp"
+#include "heap.hpp"
 #include "load.hpp"
 #include "store_guard.hpp"
 
@@ -140,6 +141,7 @@ int main(int argc, char **argv) {
         return usage_error("unknown command: " + command);
 
     guard_store_reads("zfx-store");
+    if (command != "dump") reserve_heap_in_huge_pages();
     Args args(argc, argv, 2);
     std::string file;
     if (command == "load") {
