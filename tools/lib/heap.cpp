@@ -1,6 +1,7 @@
 #include "heap.hpp"
 
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -12,10 +13,22 @@
 
 namespace zfxtool {
 
+namespace {
+
+// Whether the process may map as much as it asks for: under a limit, the reserve would take the
+// room that the store's own map needs.
+bool unlimited(int resource) {
+    rlimit limit{};
+    return getrlimit(resource, &limit) == 0 && limit.rlim_cur == RLIM_INFINITY;
+}
+
+}  // namespace
+
 void reserve_heap_in_huge_pages() {
 #if defined(__GLIBC__)
     constexpr int kReserve = 256 << 20;  // the most the largest configurations take, and more
     constexpr uintptr_t kHugePage = uintptr_t(2) << 20;
+    if (!unlimited(RLIMIT_AS) || !unlimited(RLIMIT_DATA)) return;
     mallopt(M_TRIM_THRESHOLD, 2 * kReserve);
     mallopt(M_TOP_PAD, kReserve);
     // The largest threshold the allocator takes: 32 MB (16 MB on 32 bits).
@@ -25,9 +38,17 @@ void reserve_heap_in_huge_pages() {
     void *volatile block = std::malloc(1 << 20);
     std::free(block);
     const uintptr_t after = reinterpret_cast<uintptr_t>(sbrk(0));
-    if (before == uintptr_t(-1) || after == uintptr_t(-1)) return;
     const uintptr_t start = (before + kHugePage - 1) & ~(kHugePage - 1), end = after & ~(kHugePage - 1);
-    if (end > start) madvise(reinterpret_cast<void *>(start), end - start, MADV_HUGEPAGE);
+    if (before != uintptr_t(-1) && after != uintptr_t(-1) && end > start) {
+        madvise(reinterpret_cast<void *>(start), end - start, MADV_HUGEPAGE);
+        return;
+    }
+    // The heap did not grow (the allocator takes its memory elsewhere, or the system refused the
+    // reserve): the allocator's own settings come back, so that no later growth asks for it.
+    constexpr int kDefault = 128 << 10;
+    mallopt(M_TOP_PAD, kDefault);
+    mallopt(M_TRIM_THRESHOLD, kDefault);
+    mallopt(M_MMAP_THRESHOLD, kDefault);
 #endif
 }
 

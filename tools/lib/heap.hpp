@@ -9,7 +9,8 @@ namespace zfxtool {
 // parsing does. Called once at the start of main, this grows the heap in one step and asks for
 // huge pages for it: a fault then brings 2 MB. Blocks that are freed stay in the heap, and large
 // ones are taken from it too, so that they land where the huge pages are. Where the system has
-// no huge pages, or the allocator is not the C library's, it changes nothing that matters.
+// no huge pages, or the allocator is not the C library's, it changes nothing that matters; under
+// a limit on the address space or the data segment it changes nothing at all.
 void reserve_heap_in_huge_pages();
 
 }  // namespace zfxtool
