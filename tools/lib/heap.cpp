@@ -1,18 +1,18 @@
 #include "heap.hpp"
 
-#include <sys/mman.h>
-#include <sys/resource.h>
-#include <unistd.h>
-
 #include <cstdint>
-#include <cstdlib>
+#include <cstdlib>  // and with it the C library's name, __GLIBC__
 
 #if defined(__GLIBC__)
 #include <malloc.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <unistd.h>
 #endif
 
 namespace zfxtool {
 
+#if defined(__GLIBC__)
 namespace {
 
 // Whether the process may map as much as it asks for: under a limit, the reserve would take the
@@ -23,10 +23,13 @@ bool unlimited(int resource) {
 }
 
 }  // namespace
+#endif
 
 void reserve_heap_in_huge_pages() {
 #if defined(__GLIBC__)
-    constexpr int kReserve = 256 << 20;  // the most the largest configurations take, and more
+    // What a configuration of tens of megabytes takes, and more; a larger one grows the heap past
+    // it as the allocator always does.
+    constexpr int kReserve = 256 << 20;
     constexpr uintptr_t kHugePage = uintptr_t(2) << 20;
     if (!unlimited(RLIMIT_AS) || !unlimited(RLIMIT_DATA)) return;
     mallopt(M_TRIM_THRESHOLD, 2 * kReserve);
