@@ -61,8 +61,8 @@ int32_t Line::hand(size_t n) {
     const int32_t status = level_ < 0 ? ptxt_elem_str_add(handle_, element_, text)
                                       : ptxt_elem_str_add_indent(handle_, element_, text, uint32_t(level_));
     buf_[n] = first;
-    if (n == len_) len_ = 0;  // nothing left: the buffer starts again
-    kept_ = start_ = len_ != 0 ? n : 0;
+    if (n == len_) kept_ = start_ = len_ = 0;  // nothing left: the buffer starts again
+    else kept_ = n;                           // the line being built, which begins at n, stays
     return status;
 }
 
