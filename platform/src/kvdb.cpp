@@ -245,6 +245,7 @@ struct Env {
     ino_t ino = 0;
     int refs = 0;
     bool txn_open = false;  // a write transaction of this process is under way
+    uintptr_t page_size = 0;  // of the store's pages (a power of two)
 };
 
 std::map<std::pair<dev_t, ino_t>, Env *> g_envs;
@@ -281,6 +282,9 @@ int32_t env_acquire(const char *path, Env *&out) {
     MDB_txn *txn = nullptr;
     if (rc == 0) rc = mdb_txn_begin(e->env, nullptr, MDB_RDONLY, &txn);
     if (rc == 0) rc = mdb_dbi_open(txn, nullptr, 0, &e->dbi);
+    MDB_stat stat{};
+    if (rc == 0) rc = mdb_env_stat(e->env, &stat);
+    e->page_size = stat.ms_psize;
     if (txn != nullptr) mdb_txn_abort(txn);
     if (rc != 0) {
         if (e->env != nullptr) mdb_env_close(e->env);
@@ -330,9 +334,27 @@ struct LmdbReader final : kvdb_store {
         return move(mval(key), ops[int(how)], found);
     }
     // A move never fails here before it is made.
-    bool step_next(kvdb_datum &found) override { return move(MDB_val{}, MDB_NEXT, found); }
+    bool step_next(kvdb_datum &found) override {
+        if (!move(MDB_val{}, MDB_NEXT, found)) return false;
+        ask_ahead(found.data);
+        return true;
+    }
 
 private:
+    // Asks for the stored entry about kAhead bytes of entries on from the one whose key is at key,
+    // so that a walk finds it in the cache. A leaf page holds its entries from its end down, in
+    // key order, and a store written in key order has the next leaf in the next page: a walk
+    // reads each page downward, then goes on from the next page's end. The processor's own
+    // prefetching stops at every page's edge, and a walk that works between its steps (the
+    // configuration text) would otherwise wait on every line of every page. An address asked
+    // for in vain costs nothing: asking never faults.
+    void ask_ahead(const void *key) const {
+        constexpr uintptr_t kAhead = 1024;
+        const uintptr_t here = reinterpret_cast<uintptr_t>(key), into = here & (env->page_size - 1);
+        const uintptr_t ahead = into >= kAhead ? here - kAhead : here + 2 * env->page_size - kAhead;
+        __builtin_prefetch(reinterpret_cast<const void *>(ahead));
+    }
+
     bool move(MDB_val k, MDB_cursor_op op, kvdb_datum &found) {
         MDB_val v;
         if (const int rc = mdb_cursor_get(cur, &k, &v, op); rc != 0) {
