@@ -341,19 +341,27 @@ struct LmdbReader final : kvdb_store {
     }
 
 private:
-    // Asks for the stored entry about kAhead bytes of entries on from the one whose key is at key,
-    // so that a walk finds it in the cache. A leaf page holds its entries from its end down, in
-    // key order, and a store written in key order has the next leaf in the next page: a walk
-    // reads each page downward, then goes on from the next page's end. The processor's own
-    // prefetching stops at every page's edge, and a walk that works between its steps (the
-    // configuration text) would otherwise wait on every line of every page. An address asked
-    // for in vain costs nothing: asking never faults.
-    void ask_ahead(const void *key) const {
-        constexpr uintptr_t kAhead = 1024;
-        const uintptr_t here = reinterpret_cast<uintptr_t>(key), into = here & (env->page_size - 1);
-        const uintptr_t ahead = into >= kAhead ? here - kAhead : here + 2 * env->page_size - kAhead;
+    // Asks for the stored entries up to kAhead bytes on from the one whose key is at key, so that
+    // a walk finds them in the cache. A leaf page holds its entries from its end down, in key
+    // order, and a store written in key order has the next leaf in the next page: a walk reads
+    // each page downward, then goes on from the next page's end. The processor's own prefetching
+    // stops at every page's edge, and a walk that works between its steps (the configuration
+    // text) would otherwise wait on every line of every page. A step asks for the line kAhead
+    // bytes on, and, past entries longer than a line, for the lines between it and the one asked
+    // for last. An address asked for in vain costs nothing: asking never faults.
+    void ask_ahead(const void *key) {
+        constexpr uintptr_t kAhead = 1024, kLine = 64;
+        const uintptr_t page = env->page_size, here = reinterpret_cast<uintptr_t>(key), into = here & (page - 1);
+        const uintptr_t ahead = (into >= kAhead ? here - kAhead : here + 2 * page - kAhead) & ~(kLine - 1);
         __builtin_prefetch(reinterpret_cast<const void *>(ahead));
+        // The unsigned difference is large when the line asked for last lies below this one (a new
+        // page, or the first step).
+        if (asked_ - ahead > kLine && asked_ - ahead < kAhead)
+            for (uintptr_t line = asked_ - kLine; line > ahead; line -= kLine)
+                __builtin_prefetch(reinterpret_cast<const void *>(line));
+        asked_ = ahead;
     }
+    uintptr_t asked_ = 0;  // the line a step asked for last
 
     bool move(MDB_val k, MDB_cursor_op op, kvdb_datum &found) {
         MDB_val v;
