@@ -262,8 +262,8 @@ int32_t for_each_member(const Tlv &bits, Visit &&visit, uint32_t most = UINT32_M
 // grouped by zone, so that a zone's members come from its group rather than from a store lookup
 // each. A zone's group has a place for each member its record's bitmap names, filled in the
 // table's key order, so no sort is needed. The table is ordered by member id first, so a zone's
-// records lie all over it: the zone pass reads the records of a group and of the groups after it
-// together (touch) before decoding them one by one. Whatever the index does not hold (no memory
+// records lie all over it: each record find() hands over asks for the one a few dozen places on,
+// which the zone pass reads as many member lines later. Whatever the index does not hold (no memory
 // for it, a value the walk could not read, a group that is full, a key past the first one that
 // does not look like a member key) is looked up in the store as before: the text and its failures
 // are the same either way.
@@ -342,23 +342,13 @@ public:
         }
         if (e == last || e->member != member) return nullptr;
         next_ = e + 1;
+        // The places follow the zone pass's order: one record asked for per record found, so the
+        // reads wait on memory together and at an even pace, not in a burst at each zone.
+        constexpr uint32_t kAhead = 32;
+        const Entry *ahead = e + kAhead;
+        if (ahead < entries_ + starts_[groups_] && ahead->data != nullptr) prefetch_value(ahead->data, ahead->len);
         found_ = kvdb_datum{const_cast<uint8_t *>(e->data), e->len};
         return &found_;
-    }
-
-    // Asks for the lines of the records of zone's group and of the groups after it, at least
-    // kAhead records, all at once and each record once, before the zone pass decodes them one by
-    // one: the reads wait on memory together instead of one after another.
-    void touch(uint32_t zone) {
-        constexpr uint32_t kAhead = 64;
-        if (entries_ == nullptr || zone >= groups_) return;
-        const uint32_t total = starts_[groups_];
-        const uint32_t until = std::min(total, std::max(ends_[zone], starts_[zone] + kAhead));
-        for (uint32_t i = std::max(touched_, starts_[zone]); i < until; ++i) {
-            const Entry &e = entries_[i];  // places a walk left empty have no record
-            if (e.data != nullptr) prefetch_value(e.data, e.len);
-        }
-        touched_ = std::max(touched_, until);
     }
 
 private:
@@ -382,7 +372,6 @@ private:
     uint32_t *ends_ = nullptr;
     Entry *entries_ = nullptr;
     const Entry *next_ = nullptr;
-    uint32_t touched_ = 0;
     kvdb_datum found_{};
 };
 
@@ -581,7 +570,6 @@ int32_t zfx_zone_generate_ascii_config(kvdb_store *store) {
                 zones.prefetch(ahead, kRecordAhead);
                 ahead = bit_next(header.zones, kZoneBits, ahead + 1);
             }
-            members.touch(id);
             return zone_text(s, id);
         }))
         return r;
