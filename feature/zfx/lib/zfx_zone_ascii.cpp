@@ -187,7 +187,8 @@ public:
         copies_ = static_cast<uint8_t *>(mem_alloc(limit_ * kCopyMax));  // without it, no copies
         constexpr uint8_t start[2] = {ZFX_KVDB_ZONE_KEY, 0};
         constexpr KeyShape shape{ZFX_KVDB_ZONE_KEY, kind_bit(0), ZFX_ZONE_DB_KEY_SIZE, 1, 1};
-        // A record is checked kAhead records after the walk met it.
+        // A record is checked kAhead records after the walk met it. Its lines need no asking for:
+        // the store's walk asks for the entries ahead of its steps.
         struct Met {
             uint32_t id;
             kvdb_datum value;
@@ -206,7 +207,6 @@ public:
             const uint32_t id = load_le16(k + 2);
             // Only the key a lookup of the id would ask for, and only a value the walk could read.
             if (load_le16(k + 4) != 0 || id >= limit_ || value.data == nullptr) return;
-            prefetch_value(value.data, value.len);
             met.push(Met{id, value}, check);
         });
         met.drain(check);
