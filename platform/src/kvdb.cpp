@@ -61,9 +61,11 @@ struct kvdb_store {
     uint32_t serials = 0;
     uint32_t cached = 0;  // serial of the cursor the backend position belongs to; 0: none
     int32_t failure = 0;  // the first backend failure of a read (kvdb_read_failure)
-    // A backend whose every move brings the value under its position along (into at) sets this:
-    // the value of the cursor it moved last is then at, and kvdb_getvalue asks it nothing.
-    bool steps_bring_values = false;
+    // Set by the LMDB reader alone. Its every move brings the value under its position along
+    // (into at): the value of the cursor it moved last is then at, and kvdb_getvalue asks it
+    // nothing. A walk's step calls its step_next directly, inline, rather than through the table
+    // of virtual functions: a walk steps once for every record it reads.
+    bool lmdb_reader = false;
     kvdb_datum at{};
 
     // Remembers st when it is the first failure: anything but success and a missing key.
@@ -311,7 +313,7 @@ kvdb_datum datum(const MDB_val &v) { return kvdb_datum{v.mv_data, uint32_t(v.mv_
 // A read handle keeps one read transaction for its whole life: that is what keeps every value it
 // handed out valid until it is closed.
 struct LmdbReader final : kvdb_store {
-    LmdbReader() : kvdb_store(false) { steps_bring_values = true; }
+    LmdbReader() : kvdb_store(false) { lmdb_reader = true; }
     ~LmdbReader() override {
         if (cur != nullptr) mdb_cursor_close(cur);
         if (txn != nullptr) mdb_txn_abort(txn);
@@ -334,7 +336,7 @@ struct LmdbReader final : kvdb_store {
         return move(mval(key), ops[int(how)], found);
     }
     // A move never fails here before it is made.
-    bool step_next(kvdb_datum &found) override {
+    bool step_next(kvdb_datum &found) final {
         if (!move(MDB_val{}, MDB_NEXT, found)) return false;
         ask_ahead(found.data);
         return true;
@@ -544,6 +546,11 @@ bool owns_position(const kvdb_store *store, const kvdb_cursor *cursor) {
     return cursor->store == store && cursor->serial != 0 && cursor->serial == store->cached;
 }
 
+// A walk's step from the backend's position (see lmdb_reader).
+bool step_next(kvdb_store *store, kvdb_datum &found) {
+    return store->lmdb_reader ? static_cast<LmdbReader *>(store)->step_next(found) : store->step_next(found);
+}
+
 // kvdb_move2location's every other move (store is a reader, cursor not NULL), kept out of the
 // step's way.
 __attribute__((noinline)) kvdb_datum *move_any(kvdb_store *store, uint32_t location, kvdb_cursor *cursor) {
@@ -571,6 +578,17 @@ __attribute__((noinline)) kvdb_datum *move_any(kvdb_store *store, uint32_t locat
         }
     }
     return land(store, cursor, ok, found, 0);
+}
+
+// kvdb_getvalue for every cursor but one the LMDB reader's walk has just placed, kept out of the
+// walk's way.
+__attribute__((noinline)) kvdb_datum *value_any(kvdb_store *store, kvdb_cursor *cursor) {
+    if (reader(store) == nullptr || cursor == nullptr || cursor->key.data == nullptr) return nullptr;
+    kvdb_datum v{};
+    const int32_t st = owns_position(store, cursor) ? store->current(v) : store->get(view(cursor->key), v);
+    if (store->note(st) != 0) return nullptr;
+    copy_datum(cursor->value, v);
+    return &cursor->value;
 }
 
 }  // namespace
@@ -608,23 +626,19 @@ kvdb_datum *kvdb_move2location(kvdb_store *store, uint32_t location, kvdb_cursor
     // A walk's step, nearly every move: the cursor the backend moved last, one key on.
     if (location == KVDB_LOC_NEXT && cursor->key.data != nullptr && owns_position(store, cursor)) {
         kvdb_datum found{};
-        return land(store, cursor, store->step_next(found), found, 0);
+        return land(store, cursor, step_next(store, found), found, 0);
     }
     return move_any(store, location, cursor);
 }
 
 kvdb_datum *kvdb_getvalue(kvdb_store *store, kvdb_cursor *cursor) {
-    if (reader(store) == nullptr || cursor == nullptr || cursor->key.data == nullptr) return nullptr;
-    const bool owns = owns_position(store, cursor);
-    if (owns && store->steps_bring_values) {
+    // A walk's value, nearly every call: the one the step that placed the cursor brought along.
+    if (store != nullptr && store->lmdb_reader && cursor != nullptr && cursor->key.data != nullptr &&
+        owns_position(store, cursor)) {
         copy_datum(cursor->value, store->at);
         return &cursor->value;
     }
-    kvdb_datum v{};
-    int32_t st = owns ? store->current(v) : store->get(view(cursor->key), v);
-    if (store->note(st) != 0) return nullptr;
-    copy_datum(cursor->value, v);
-    return &cursor->value;
+    return value_any(store, cursor);
 }
 
 int32_t kvdb_read_failure(const kvdb_store *store) {
