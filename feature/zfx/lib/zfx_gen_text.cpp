@@ -54,9 +54,10 @@ Line &Line::ranges(const uint8_t *bits, size_t most) {
 }
 
 int32_t Line::hand(size_t n) {
-    // The line being built after them, if any, keeps its first character.
+    // The line being built after them, if any, keeps its first character; with none, the
+    // terminator is in place already.
     const char first = n < len_ ? buf_[n] : '\0';
-    buf_[n] = '\0';
+    if (n < len_) buf_[n] = '\0';
     const char *text = buf_ + kept_;
     const int32_t status = level_ < 0 ? ptxt_elem_str_add(handle_, element_, text)
                                       : ptxt_elem_str_add_indent(handle_, element_, text, uint32_t(level_));
@@ -73,6 +74,11 @@ int32_t Line::add_any(uint32_t handle, uint32_t element, int32_t level) {
     element_ = element;
     level_ = level;
     start_ = len_;
+    // The terminator the text service reads the kept lines up to goes after each line as it is
+    // added: the next line overwrites it, but when the lines go over before one follows them,
+    // it has long reached the cache. One stored just before the service reads it would make the
+    // service's first wide reads wait for it.
+    buf_[len_] = '\0';
     cut_ = false;
     if (!gather_ || capacity_ - len_ < line_size_) {
         const int32_t handed = hand(len_);

@@ -151,10 +151,13 @@ public:
             capacity_ - len_ < line_size_)
             return add_any(handle, element, level);
         start_ = len_;
+        buf_[len_] = '\0';  // see add_any
         cut_ = false;
         return 0;
     }
-    // Hands the lines kept over; returns the service's status (0 when there were none).
+    // Hands the lines kept over; returns the service's status (0 when there were none). Called
+    // before a line for another element or level is written (rather than by its add()), it hands
+    // them over with their terminator long in place: see add_any.
     int32_t flush();
 
     // The characters of the line being built.

@@ -454,7 +454,11 @@ int32_t zone_text(Section &s, uint32_t id) {
     const Found found = s.zones->get(id, zone);
     if (found != Found::yes) return found == Found::empty ? 0 : ZFX_ERR_KVDB;
     Line &line = s.out;
+    // The zone's lines change level twice: the lines kept go over before the next level's line
+    // is written (see Line::flush).
+    line.flush();
     name_line(line, "zfx zone name ", zone).add(s.handle, ZFX_ELEM_ZONE, 0);
+    line.flush();
     commit_reqd = 1;
     Tlv members{};  // the last member bitmap element counts
     TlvWalk walk(zone.array, TlvChecked{});
