@@ -230,8 +230,10 @@ public:
     // One past the highest id the table holds.
     uint32_t limit() const { return limit_; }
 
-    // Asks for the first bytes (at most max) of the zone record of id, when the walk read it: a
-    // pass reading the records in id order, or a zoneset's zone names, asks ahead of its reads.
+    // Asks for the first bytes (at most max) of the zone record of id, when the walk read it: the
+    // zone pass, which reads the records in id order, asks ahead of its reads. (The zoneset pass
+    // does not: asking for a zoneset's zones at once, each after reading its slot, cost it more
+    // than it saved.)
     void prefetch(uint32_t id, size_t max) const {
         if (slots_ == nullptr || id >= limit_ || slots_[id].found != Found::yes) return;
         const NamedRecord &r = slots_[id].rec;
@@ -509,9 +511,6 @@ int32_t zoneset_text(Section &s, uint32_t id) {
         }
     }
     if (!full) std::memcpy(zones, short_zones, sizeof short_zones);
-    // The names lie in the zone table's copies (or records) read long before: ask for all of
-    // them first.
-    for_each_id(zones, kZoneBits, [&](uint32_t zone_id) { s.zones->prefetch(zone_id, ZFX_NAME_SIZE); });
     return for_each_id(zones, kZoneBits, [&](uint32_t zone_id) {
         NamedRecord zone;
         const Found found = s.zones->get(zone_id, zone);
