@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "fabric.hpp"
+#include "platform/fmt.h"
 #include "platform/ptxt.h"
 #include "store.hpp"
 #include "zfx_ascii_cfg.h"
@@ -198,9 +199,10 @@ TEST(GenText, BitmapHelpersMatchABitByBitReading) {
     }
 }
 
-// The line's writers of numbers and characters against "%d" and memcpy: every count of digits and
-// its neighbours, both signs, the ends of the range and random values; every length a piece can
-// have, leaving the bytes after it alone.
+// The line's writers of numbers and characters against "%d", the platform's formatters and
+// memcpy: every count of digits and its neighbours, both signs, the ends of the range and random
+// values (their bytes, as WWNs and as LUNs with every level zero or not); every length a piece
+// can have, leaving the bytes after it alone.
 TEST(GenText, LineWritersMatchPrintf) {
     std::vector<int32_t> values = {INT32_MIN, INT32_MAX};
     for (int64_t p = 1; p <= INT32_MAX; p *= 10)
@@ -210,6 +212,13 @@ TEST(GenText, LineWritersMatchPrintf) {
         char want[16], got[16];
         std::snprintf(want, sizeof want, "%d", v);
         ASSERT_EQ(std::string(got, zfx::put_dec(got, v)), want);
+        uint8_t bytes[8];
+        for (int i = 0; i < 8; ++i) bytes[i] = (v >> (i * 3) & 1) != 0 ? 0 : uint8_t(uint32_t(v) >> (i * 5 % 32));
+        plat_wwn wwn;
+        std::memcpy(wwn.bytes, bytes, sizeof bytes);
+        char text[FMT_WWN_SIZE], fmt[FMT_WWN_SIZE];
+        ASSERT_EQ(std::string(text, zfx::put_wwn(text, bytes)), fmt_wwn(fmt, wwn));
+        ASSERT_EQ(std::string(text, zfx::put_lun(text, bytes)), fmt_lun(fmt, bytes));
     }
     const std::string from(40, 'x');
     for (size_t n = 0; n <= 40; ++n) {

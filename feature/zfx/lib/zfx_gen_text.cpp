@@ -7,12 +7,6 @@ namespace zfx {
 
 uint32_t gen_handle;
 
-namespace {
-
-constexpr char kHex[] = "0123456789abcdef";
-
-}  // namespace
-
 Line &Line::spaces(size_t k) {
     static constexpr char kSpaces[] = "                ";
     for (size_t pad = k; pad != 0;) {
@@ -32,15 +26,14 @@ Line &Line::dec_any(int32_t v, uint32_t width) {
 }
 
 Line &Line::hex2(uint8_t b) {
-    const char t[2] = {kHex[b >> 4], kHex[b & 0xF]};
+    char t[2];
+    store<uint16_t>(t, kHexPairs[b]);
     return put(t, 2);
 }
 
 Line &Line::wwn(const uint8_t *wwn) {
-    plat_wwn w;
-    std::memcpy(w.bytes, wwn, sizeof w.bytes);
     char t[FMT_WWN_SIZE];
-    return put(fmt_wwn(t, w), FMT_WWN_SIZE - 1);
+    return put(t, size_t(put_wwn(t, wwn) - t));
 }
 
 Line &Line::ranges(const uint8_t *bits, size_t most) {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <array>
+#include <bit>
 
 #include "platform/ptxt.h"
 #include "vsan_bitset.h"
@@ -63,6 +64,41 @@ inline constexpr std::array<char, 200> kDigitPairs = [] {
     for (int i = 0; i < 100; ++i) t[size_t(2 * i)] = char('0' + i / 10), t[size_t(2 * i + 1)] = char('0' + i % 10);
     return t;
 }();
+
+// Every byte's two lower-case hexadecimal digits, as the 16-bit word that stores them in order.
+inline constexpr std::array<uint16_t, 256> kHexPairs = [] {
+    constexpr char kHex[] = "0123456789abcdef";
+    std::array<uint16_t, 256> t{};
+    for (int b = 0; b < 256; ++b) t[size_t(b)] = uint16_t(uint8_t(kHex[b >> 4]) | uint8_t(kHex[b & 0xF]) << 8);
+    return t;
+}();
+
+// The WWN and LUN texts below are the platform's fmt_wwn and fmt_lun texts, built in a few words
+// and stored whole: the text service reads the line right after it is written, and its wide
+// reads would wait for a string of narrow writes (or for a copy of one) to reach the cache. Each
+// writes a few bytes past its text (lines have room for them), which the next piece overwrites.
+
+// The text of a WWN's 8 bytes, "20:00:00:11:22:33:44:55" (23 characters; writes 24).
+inline char *put_wwn(char *p, const uint8_t *wwn) {
+    const auto hex = [wwn](int i) { return uint64_t(kHexPairs[wwn[i]]); };
+    constexpr uint64_t c = ':';
+    store<uint64_t>(p, hex(0) | c << 16 | hex(1) << 24 | c << 40 | hex(2) << 48);
+    store<uint64_t>(p + 8, c | hex(3) << 8 | c << 24 | hex(4) << 32 | c << 48 | (hex(5) & 0xFF) << 56);
+    store<uint64_t>(p + 16, hex(5) >> 8 | c << 8 | hex(6) << 16 | c << 32 | hex(7) << 40);
+    return p + 23;
+}
+
+// The text of an 8-byte LUN: "0x" and its first level's four digits, then "-" and four digits
+// for each further level up to the last non-zero one (6 to 21 characters; writes 24). Every
+// level is written; the text ends after the last one it keeps.
+inline char *put_lun(char *p, const uint8_t *lun) {
+    const uint64_t levels_word = bswap(load<uint64_t>(lun));  // level 0 in the high bits
+    const size_t levels = levels_word == 0 ? 1 : 4 - size_t(std::countr_zero(levels_word)) / 16;
+    for (size_t i = 0; i < 4; ++i)
+        store<uint64_t>(p + 1 + 5 * i, '-' | uint64_t(kHexPairs[lun[2 * i]]) << 8 | uint64_t(kHexPairs[lun[2 * i + 1]]) << 24);
+    store<uint16_t>(p, uint16_t('0' | 'x' << 8));  // over the first level's "-"
+    return p + 1 + 5 * levels;
+}
 
 // The most characters of "%d".
 constexpr size_t kDecMax = 11;
@@ -129,7 +165,7 @@ public:
     }
     // "%02x".
     Line &hex2(uint8_t b);
-    // The platform's fmt_wwn text of the 8 bytes of a WWN as they lie in a record.
+    // The text of the 8 bytes of a WWN as they lie in a record (put_wwn).
     Line &wwn(const uint8_t *wwn);
     // The VSAN range text of a set's bit field (see put_ranges), cut after its last whole run when
     // longer than most characters.

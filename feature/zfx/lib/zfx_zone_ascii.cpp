@@ -384,10 +384,24 @@ constexpr size_t kGatherSize = 4 * kLineSize;
 struct Section {
     Section(kvdb_store *st, uint32_t h, ZoneTable *z, MemberIndex *m)
         : store(st), handle(h), zones(z), members(m), out(text, sizeof text, kLineSize) {}
+    // The process-wide scratch strings are left holding the texts of the last WWN and LUN the
+    // section wrote, as they always have been: formatted there once, when it ends.
+    ~Section() {
+        if (last_wwn != nullptr) {
+            plat_wwn wwn;
+            std::memcpy(wwn.bytes, last_wwn, sizeof wwn.bytes);
+            fmt_wwn(zfx_sp_wwn_str, wwn);
+        }
+        if (last_lun != nullptr) fmt_lun(lun_str, last_lun);
+    }
+    Section(const Section &) = delete;
+    Section &operator=(const Section &) = delete;
     kvdb_store *store;
     uint32_t handle;
     ZoneTable *zones;
     MemberIndex *members;
+    const uint8_t *last_wwn = nullptr;  // 8 bytes, in a record (valid while the store is open)
+    const uint8_t *last_lun = nullptr;
     char text[kGatherSize];
     Line out;  // every line of the section; what it keeps goes over when the section ends
 };
@@ -405,9 +419,9 @@ constexpr size_t kMemberLineMax = sizeof "member device-alias " + ZFX_NAME_SIZE 
 static_assert(kMemberLineMax < kLineSize);
 
 // One member line: the member, the LUN column, the VSAN and fabric ID, from the record where it
-// lies; what the record lacks reads as zero (an empty alias). The WWN and LUN texts are left in
-// the process-wide scratch strings, as the section has always left them. The line is written in
-// place: it begins with the room of a whole line, which holds the longest member line.
+// lies; what the record lacks reads as zero (an empty alias). The line is written in place: it
+// begins with the room of a whole line, which holds the longest member line and what the WWN and
+// LUN writers write past their texts.
 void member_line(Section &s, const MemberView &m) {
     static constexpr uint8_t kZero[8] = {};
     static constexpr char kPad[] = "               ";  // an alias's column: 15 characters
@@ -416,10 +430,8 @@ void member_line(Section &s, const MemberView &m) {
     assert(s.out.room() >= kMemberLineMax);
     char *p = s.out.at();
     if (shape.pwwn) {
-        plat_wwn wwn;
-        std::memcpy(wwn.bytes, m.pwwn != nullptr ? m.pwwn : kZero, sizeof wwn.bytes);
-        p = put_chars(p, "member pwwn ");
-        p = put_chars(p, fmt_wwn(zfx_sp_wwn_str, wwn), FMT_WWN_SIZE - 1);
+        s.last_wwn = m.pwwn != nullptr ? m.pwwn : kZero;
+        p = put_wwn(put_chars(p, "member pwwn "), s.last_wwn);
         *p++ = ' ';
     } else if (shape.alias) {
         p = put_chars(p, "member device-alias ");
@@ -428,8 +440,8 @@ void member_line(Section &s, const MemberView &m) {
         *p++ = ' ';
     }
     if (shape.lun) {
-        p = put_chars(p, "lun ");
-        p = put_chars(p, lun_str, std::strlen(fmt_lun(lun_str, m.lun != nullptr ? m.lun : kZero)));
+        s.last_lun = m.lun != nullptr ? m.lun : kZero;
+        p = put_lun(put_chars(p, "lun "), s.last_lun);
         *p++ = ' ';
     } else {
         p = put_chars(p, kNoLun);
