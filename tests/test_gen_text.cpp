@@ -102,6 +102,10 @@ TEST(GenText, EdgeFabricsKeepTheirText) {
         ASSERT_EQ(write_fabric(f, p.path(), p.path(), false), "");
         const std::string text = zfxtest::gen_func_text(p.path());
         EXPECT_EQ(fnv1a(text), kReference[seed - 1]) << "seed " << seed << "\n" << text;
+        // The scratch strings hold the last WWN and LUN texts of the zone section.
+        EXPECT_EQ(text.substr(text.rfind("member pwwn ") + 12, FMT_WWN_SIZE - 1), zfx_sp_wwn_str) << seed;
+        const size_t lun = text.rfind(" lun ") + 5;
+        EXPECT_EQ(text.substr(lun, text.find(' ', lun) - lun), lun_str) << seed;
         // Outside a generation the text service refuses every line; the commit line's refusal
         // is the result.
         f.distribute = true;
