@@ -125,14 +125,24 @@ inline void bytewise(vsan_bitset *dst, Fn fn) {
 // Calls fn(first, last) for every run of set positions that starts at or after from, in ascending
 // order, until fn returns false. One pass over the words: within a word the next boundary is a
 // count of leading zeros of the word (looking for a set position) or of its complement (looking
-// for the end of a run), so a run costs two bit counts whatever its length.
+// for the end of a run), so a run costs two bit counts whatever its length. Whole words with no
+// boundary (all clear between runs, all set within one) are passed over four at a time as they
+// lie, untouched by the byte order: most of a set's text is a few runs in a field of 64 words.
 template <typename Fn>
 void walk_runs(const uint8_t *bits, int64_t from, Fn fn) {
     if (from < 0) from = 0;
     if (from >= kBits) return;
+    const auto raw = [bits](int32_t w) { return zfx::load<uint64_t>(bits + 8 * w); };
     int32_t start = -1;
     int pos = int(from & 63);
     for (int32_t w = int32_t(from >> 6); w < kWords; ++w, pos = 0) {
+        if (pos == 0) {
+            const uint64_t none = start < 0 ? 0 : ~uint64_t(0);  // a word without a boundary
+            while (w + 4 <= kWords && ((raw(w) ^ none) | (raw(w + 1) ^ none) | (raw(w + 2) ^ none) | (raw(w + 3) ^ none)) == 0)
+                w += 4;
+            while (w < kWords && raw(w) == none) ++w;
+            if (w == kWords) break;
+        }
         const uint64_t word = word_at(bits, w);
         for (;;) {  // pos stays below 64: it only ever moves onto a set bit of the shifted word
             const uint64_t rest = (start < 0 ? word : ~word) << pos;
