@@ -316,13 +316,16 @@ public:
             // A member the zone's bitmap does not name would only take the place of one it names,
             // which is then looked up: the text is the same, and the walk need not read the
             // bitmaps (they lie all over the zone table). A value the walk could not read, or one
-            // too long for an entry, is left to the lookup.
+            // too long for an entry or too far from the first one, is left to the lookup.
             if (zone >= groups_ || ends_[zone] == starts_[zone + 1] || value.data == nullptr || value.len == 0 ||
                 value.len > UINT16_MAX)
                 return;
+            if (base_ == nullptr) base_ = static_cast<const uint8_t *>(value.data);
+            const intptr_t at = intptr_t(reinterpret_cast<uintptr_t>(value.data) - reinterpret_cast<uintptr_t>(base_));
+            if (at < INT32_MIN || at > INT32_MAX) return;
             Entry *place = &entries_[ends_[zone]++];
             __builtin_prefetch(place, 1);
-            held.push(Held{place, Entry{static_cast<const uint8_t *>(value.data), uint16_t(value.len), load_le16(k + 2)}}, write);
+            held.push(Held{place, Entry{int32_t(at), uint16_t(value.len), load_le16(k + 2)}}, write);
         });
         held.drain(write);
     }
@@ -348,17 +351,26 @@ public:
         // reads wait on memory together and at an even pace, not in a burst at each zone.
         constexpr uint32_t kAhead = 32;
         const Entry *ahead = e + kAhead;
-        if (ahead < entries_ + starts_[groups_] && ahead->data != nullptr) prefetch_value(ahead->data, ahead->len);
-        found_ = kvdb_datum{const_cast<uint8_t *>(e->data), e->len};
+        if (ahead < entries_ + starts_[groups_] && ahead->len != 0) prefetch_value(record(*ahead), ahead->len);
+        found_ = kvdb_datum{record(*e), e->len};
         return &found_;
     }
 
 private:
+    // Where a record lies, as an offset from the first record the walk took (the store's
+    // records lie in one mapping): 8 bytes on either architecture, where a pointer would make it
+    // 16 on the 64-bit one. The index is written all over and read once; at the largest sizes
+    // it is larger than the cache, and its size is memory traffic. An unfilled place has len 0.
     struct Entry {
-        const uint8_t *data;
+        int32_t at;
         uint16_t len;
         uint16_t member;
     };
+    static_assert(sizeof(Entry) == 8);
+
+    void *record(const Entry &e) const {
+        return reinterpret_cast<void *>(reinterpret_cast<uintptr_t>(base_) + uintptr_t(intptr_t(e.at)));
+    }
 
     void release() {
         std::free(entries_);
@@ -374,6 +386,7 @@ private:
     uint32_t *ends_ = nullptr;
     Entry *entries_ = nullptr;
     const Entry *next_ = nullptr;
+    const uint8_t *base_ = nullptr;  // the first record the walk took: the entries' origin
     kvdb_datum found_{};
 };
 
