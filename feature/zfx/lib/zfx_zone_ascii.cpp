@@ -270,6 +270,8 @@ int32_t for_each_member(const Tlv &bits, Visit &&visit, uint32_t most = UINT32_M
 // does not look like a member key) is looked up in the store as before: the text and its failures
 // are the same either way.
 class MemberIndex {
+    struct Entry;
+
 public:
     MemberIndex(kvdb_store *store, ZoneTable &zones, const uint8_t *zone_ids) : groups_(zones.limit()) {
         // The groups, by the zone id the records hold (member keys carry that one), for the ids
@@ -333,27 +335,47 @@ public:
     MemberIndex(const MemberIndex &) = delete;
     MemberIndex &operator=(const MemberIndex &) = delete;
 
-    // The value of the member's record, or NULL when the index does not hold one.
-    const kvdb_datum *find(uint16_t zone, uint16_t member) {
-        if (entries_ == nullptr || zone >= groups_) return nullptr;
-        const Entry *first = entries_ + starts_[zone], *last = entries_ + ends_[zone];
-        // The zone pass asks for a zone's members in ascending id, which is the group's order
-        // below id 256: the entry after the last one found is tried first.
-        const Entry *e = next_ != nullptr && next_ >= first && next_ < last && next_->member == member ? next_ : nullptr;
-        if (e == nullptr) {
-            // A group is in the table's key order: the member id's low byte first.
-            const auto rank = [](uint16_t id) { return uint16_t(id << 8 | id >> 8); };
-            e = std::lower_bound(first, last, rank(member), [&](const Entry &a, uint16_t r) { return rank(a.member) < r; });
+    // Where the zone pass finds the members of one zone: the zone's group, found once for the
+    // zone, not once for each member.
+    class Group {
+    public:
+        // The value of the member's record, or NULL when the index does not hold one.
+        const kvdb_datum *find(uint16_t member) {
+            // The zone pass asks for a zone's members in ascending id, which is the group's order
+            // below id 256: the entry after the last one found is tried first.
+            const Entry *e = next_;
+            if (e == last_ || e->member != member) {
+                // A group is in the table's key order: the member id's low byte first.
+                const auto rank = [](uint16_t id) { return uint16_t(id << 8 | id >> 8); };
+                e = std::lower_bound(first_, last_, rank(member), [&](const Entry &a, uint16_t r) { return rank(a.member) < r; });
+                if (e == last_ || e->member != member) return nullptr;
+            }
+            next_ = e + 1;
+            // The places follow the zone pass's order: one record asked for per record found, so
+            // the reads wait on memory together and at an even pace, not in a burst at each zone.
+            constexpr uint32_t kAhead = 32;
+            if (end_ - e > kAhead && e[kAhead].len != 0) prefetch_value(index_->record(e[kAhead]), e[kAhead].len);
+            found_ = kvdb_datum{index_->record(*e), e->len};
+            return &found_;
         }
-        if (e == last || e->member != member) return nullptr;
-        next_ = e + 1;
-        // The places follow the zone pass's order: one record asked for per record found, so the
-        // reads wait on memory together and at an even pace, not in a burst at each zone.
-        constexpr uint32_t kAhead = 32;
-        const Entry *ahead = e + kAhead;
-        if (ahead < entries_ + starts_[groups_] && ahead->len != 0) prefetch_value(record(*ahead), ahead->len);
-        found_ = kvdb_datum{record(*e), e->len};
-        return &found_;
+
+    private:
+        friend class MemberIndex;
+        const MemberIndex *index_ = nullptr;
+        const Entry *first_ = nullptr, *last_ = nullptr, *next_ = nullptr;
+        const Entry *end_ = nullptr;  // the index's end: what is asked for ahead lies before it
+        kvdb_datum found_{};
+    };
+
+    // The group of zone; an empty one (its members are looked up) when the index holds none.
+    Group group(uint16_t zone) const {
+        Group g;
+        if (entries_ == nullptr || zone >= groups_) return g;
+        g.index_ = this;
+        g.first_ = g.next_ = entries_ + starts_[zone];
+        g.last_ = entries_ + ends_[zone];
+        g.end_ = entries_ + starts_[groups_];
+        return g;
     }
 
 private:
@@ -385,9 +407,7 @@ private:
     uint32_t *starts_ = nullptr;
     uint32_t *ends_ = nullptr;
     Entry *entries_ = nullptr;
-    const Entry *next_ = nullptr;
     const uint8_t *base_ = nullptr;  // the first record the walk took: the entries' origin
-    kvdb_datum found_{};
 };
 
 // The section's lines are gathered: a zone's member lines (and its attribute lines) go to the
@@ -501,8 +521,9 @@ int32_t zone_text(Section &s, uint32_t id) {
         }
     }
     // Member keys carry the zone id the record itself holds.
+    MemberIndex::Group group = s.members->group(zone.id);
     return for_each_member(members, [&](uint32_t member_id) {
-        const kvdb_datum *value = s.members->find(zone.id, uint16_t(member_id));
+        const kvdb_datum *value = group.find(uint16_t(member_id));
         if (value == nullptr) {
             uint8_t key[ZFX_ZONE_DB_KEY_SIZE];
             zfx_zone_db_key(key, ZFX_KVDB_ZONE_MEMBER_KEY, uint16_t(member_id), zone.id);
