@@ -73,7 +73,7 @@ int32_t Line::add_any(uint32_t handle, uint32_t element, int32_t level) {
     // service's first wide reads wait for it.
     buf_[len_] = '\0';
     cut_ = false;
-    if (!gather_ || capacity_ - len_ < line_size_) {
+    if (len_ >= keep_below_) {
         const int32_t handed = hand(len_);
         if (status == 0) status = handed;
     }

@@ -147,7 +147,7 @@ public:
     // Lines of at most line_size - 1 characters (line_size at least 2) gathered in capacity bytes
     // (at least line_size).
     Line(char *buf, size_t capacity, size_t line_size)
-        : buf_(buf), capacity_(capacity), line_size_(line_size), gather_(capacity > line_size) {}
+        : buf_(buf), line_size_(line_size), keep_below_(capacity > line_size ? capacity - line_size + 1 : 0) {}
     ~Line() { flush(); }
     Line(const Line &) = delete;
     Line &operator=(const Line &) = delete;
@@ -182,9 +182,9 @@ public:
     // goes on with the next line. Returns the configuration-text service's status for the lines
     // handed over in this call (0 when they are all kept for later).
     int32_t add(uint32_t handle, uint32_t element, int32_t level) {
-        // The common case, inline: a line for where the kept lines go, with room left for another.
-        if (start_ == kept_ || handle != handle_ || element != element_ || level != level_ || !gather_ ||
-            capacity_ - len_ < line_size_)
+        // The common case, inline: a line for where the last line went, with room left for
+        // another (whether lines are kept or not: it is then the first one kept).
+        if (len_ >= keep_below_ || handle != handle_ || element != element_ || level != level_)
             return add_any(handle, element, level);
         start_ = len_;
         buf_[len_] = '\0';  // see add_any
@@ -231,9 +231,10 @@ private:
     int32_t hand(size_t n);
 
     char *buf_;
-    size_t capacity_;
     size_t line_size_;
-    bool gather_;
+    // A line that ends below this leaves room for another whole one in the buffer, and is kept;
+    // 0 for a builder that gathers nothing.
+    size_t keep_below_;
     // The kept lines lie from kept_ to start_, where the line being built begins. A line left
     // after the kept lines went over stays where it is (kept_ moves up to it) rather than moving
     // to the buffer's start: it began with the room of a whole line, which it keeps.
