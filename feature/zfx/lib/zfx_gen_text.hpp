@@ -89,12 +89,11 @@ inline char *put_wwn(char *p, const uint8_t *wwn) {
 }
 
 // The text of an 8-byte LUN: "0x" and its first level's four digits, then "-" and four digits
-// for each further level up to the last non-zero one (6 to 21 characters; writes 24). Every
-// level is written; the text ends after the last one it keeps.
+// for each further level up to the last non-zero one (6 to 21 characters; writes up to 24).
 inline char *put_lun(char *p, const uint8_t *lun) {
     const uint64_t levels_word = bswap(load<uint64_t>(lun));  // level 0 in the high bits
     const size_t levels = levels_word == 0 ? 1 : 4 - size_t(std::countr_zero(levels_word)) / 16;
-    for (size_t i = 0; i < 4; ++i)
+    for (size_t i = 0; i < levels; ++i)
         store<uint64_t>(p + 1 + 5 * i, '-' | uint64_t(kHexPairs[lun[2 * i]]) << 8 | uint64_t(kHexPairs[lun[2 * i + 1]]) << 24);
     store<uint16_t>(p, uint16_t('0' | 'x' << 8));  // over the first level's "-"
     return p + 1 + 5 * levels;
