@@ -353,7 +353,7 @@ public:
             next_ = e + 1;
             // The places follow the zone pass's order: one record asked for per record found, so
             // the reads wait on memory together and at an even pace, not in a burst at each zone.
-            constexpr uint32_t kAhead = 32;
+            constexpr ptrdiff_t kAhead = 32;
             if (end_ - e > kAhead && e[kAhead].len != 0) prefetch_value(index_->record(e[kAhead]), e[kAhead].len);
             found_ = kvdb_datum{index_->record(*e), e->len};
             return &found_;
