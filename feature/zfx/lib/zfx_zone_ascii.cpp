@@ -318,16 +318,13 @@ public:
             // A member the zone's bitmap does not name would only take the place of one it names,
             // which is then looked up: the text is the same, and the walk need not read the
             // bitmaps (they lie all over the zone table). A value the walk could not read, or one
-            // too long for an entry or too far from the first one, is left to the lookup.
+            // too long for an entry, is left to the lookup.
             if (zone >= groups_ || ends_[zone] == starts_[zone + 1] || value.data == nullptr || value.len == 0 ||
                 value.len > UINT16_MAX)
                 return;
-            if (base_ == nullptr) base_ = static_cast<const uint8_t *>(value.data);
-            const intptr_t at = intptr_t(reinterpret_cast<uintptr_t>(value.data) - reinterpret_cast<uintptr_t>(base_));
-            if (at < INT32_MIN || at > INT32_MAX) return;
             Entry *place = &entries_[ends_[zone]++];
             __builtin_prefetch(place, 1);
-            held.push(Held{place, Entry{int32_t(at), uint16_t(value.len), load_le16(k + 2)}}, write);
+            held.push(Held{place, Entry{static_cast<const uint8_t *>(value.data), uint16_t(value.len), load_le16(k + 2)}}, write);
         });
         held.drain(write);
     }
@@ -354,14 +351,13 @@ public:
             // The places follow the zone pass's order: one record asked for per record found, so
             // the reads wait on memory together and at an even pace, not in a burst at each zone.
             constexpr ptrdiff_t kAhead = 32;
-            if (end_ - e > kAhead && e[kAhead].len != 0) prefetch_value(index_->record(e[kAhead]), e[kAhead].len);
-            found_ = kvdb_datum{index_->record(*e), e->len};
+            if (end_ - e > kAhead && e[kAhead].data != nullptr) prefetch_value(e[kAhead].data, e[kAhead].len);
+            found_ = kvdb_datum{const_cast<uint8_t *>(e->data), e->len};
             return &found_;
         }
 
     private:
         friend class MemberIndex;
-        const MemberIndex *index_ = nullptr;
         const Entry *first_ = nullptr, *last_ = nullptr, *next_ = nullptr;
         const Entry *end_ = nullptr;  // the index's end: what is asked for ahead lies before it
         kvdb_datum found_{};
@@ -371,7 +367,6 @@ public:
     Group group(uint16_t zone) const {
         Group g;
         if (entries_ == nullptr || zone >= groups_) return g;
-        g.index_ = this;
         g.first_ = g.next_ = entries_ + starts_[zone];
         g.last_ = entries_ + ends_[zone];
         g.end_ = entries_ + starts_[groups_];
@@ -379,20 +374,11 @@ public:
     }
 
 private:
-    // Where a record lies, as an offset from the first record the walk took (the store's
-    // records lie in one mapping): 8 bytes on either architecture, where a pointer would make it
-    // 16 on the 64-bit one. The index is written all over and read once; at the largest sizes
-    // it is larger than the cache, and its size is memory traffic. An unfilled place has len 0.
     struct Entry {
-        int32_t at;
+        const uint8_t *data;  // NULL for a place not filled
         uint16_t len;
         uint16_t member;
     };
-    static_assert(sizeof(Entry) == 8);
-
-    void *record(const Entry &e) const {
-        return reinterpret_cast<void *>(reinterpret_cast<uintptr_t>(base_) + uintptr_t(intptr_t(e.at)));
-    }
 
     void release() {
         std::free(entries_);
@@ -407,7 +393,6 @@ private:
     uint32_t *starts_ = nullptr;
     uint32_t *ends_ = nullptr;
     Entry *entries_ = nullptr;
-    const uint8_t *base_ = nullptr;  // the first record the walk took: the entries' origin
 };
 
 // The section's lines are gathered: a zone's member lines (and its attribute lines) go to the
