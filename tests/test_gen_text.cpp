@@ -296,8 +296,8 @@ TEST(GenText, ZoneSectionWalkedEqualsLookedUp) {
         // Damage the walks and the lookups must meet alike: a member record cut short, a zone
         // record whose array overruns it, a missing member, an empty zone record, a zone left out
         // of the header that a zoneset still names, a zone record holding another zone's id (both
-        // then ask for the same member records), and a member record longer than 64 KiB. The
-        // status: 0, failed, or either.
+        // then ask for the same member records) or an id past every table, and a member record
+        // longer than 64 KiB. The status: 0, failed, or either.
         enum Status { kSound, kFailed, kEither };
         const struct {
             const char *what;
@@ -319,6 +319,10 @@ TEST(GenText, ZoneSectionWalkedEqualsLookedUp) {
             {"shared id", kFailed, [](auto &r, auto, auto) {  // zone 8191 now holds zone 1's id
                  Bytes &v = find(r, ZFX_KVDB_ZONE_KEY, 8191, 0)->second;
                  v[0] = 1, v[1] = 0;
+             }},
+            {"id past the tables", kFailed, [](auto &r, auto z, auto) {
+                 Bytes &v = find(r, ZFX_KVDB_ZONE_KEY, z, 0)->second;
+                 v[0] = v[1] = 0xFF;
              }},
             {"more attributes and bitmaps", kSound, [](auto &r, auto z, auto m) {
                  // A short priority (no line), read-only, a priority, then a second member bitmap
