@@ -455,12 +455,8 @@ void vsan_bitset_hex_printf(const vsan_bitset *set) {
 }
 
 void vsan_bitset_printf_hex(const vsan_bitset *set) {
-    static const char digits[] = "0123456789abcdef";
     char out[2 * kBytes + 1];
-    for (int32_t i = 0; i < kBytes; ++i) {
-        out[2 * i] = digits[set->bits[i] >> 4];
-        out[2 * i + 1] = digits[set->bits[i] & 15];
-    }
+    for (int32_t i = 0; i < kBytes; ++i) zfx::store<uint16_t>(out + 2 * i, zfx::kHexPairs[set->bits[i]]);
     out[2 * kBytes] = '\0';
     std::fputs(out, stdout);
 }
